@@ -1,0 +1,71 @@
+# The few functions with which every folder of this tree becomes a target.
+
+option(TORVA_WERROR "warnings are errors" OFF)
+
+add_library(torva_warnings INTERFACE)
+add_library(torva::warnings ALIAS torva_warnings)
+target_compile_options(torva_warnings INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wold-style-cast -Wnon-virtual-dtor
+  $<$<BOOL:${TORVA_WERROR}>:-Werror>)
+
+# torva_library(FOLDER [DEPS target...] [PRIVATE_DEPS target...] [EXCLUDE file...])
+#
+# Makes the static library torva_<folder> (slashes become underscores), alias
+# torva::<folder>, from every *.cpp of FOLDER. DEPS are what its headers or
+# sources include; PRIVATE_DEPS stay out of its headers.
+function(torva_library folder)
+  cmake_parse_arguments(arg "" "" "DEPS;PRIVATE_DEPS;EXCLUDE" ${ARGN})
+  string(REPLACE "/" "_" name ${folder})
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/${folder}/*.cpp)
+  foreach(file IN LISTS arg_EXCLUDE)
+    list(REMOVE_ITEM sources ${CMAKE_SOURCE_DIR}/${folder}/${file})
+  endforeach()
+  if(NOT sources)
+    add_library(torva_${name} INTERFACE)
+    add_library(torva::${name} ALIAS torva_${name})
+    target_include_directories(torva_${name} INTERFACE ${CMAKE_SOURCE_DIR})
+    target_link_libraries(torva_${name} INTERFACE ${arg_DEPS})
+    return()
+  endif()
+  add_library(torva_${name} STATIC ${sources})
+  add_library(torva::${name} ALIAS torva_${name})
+  target_include_directories(torva_${name} PUBLIC ${CMAKE_SOURCE_DIR})
+  target_link_libraries(torva_${name}
+    PUBLIC ${arg_DEPS}
+    PRIVATE torva::warnings ${arg_PRIVATE_DEPS})
+endfunction()
+
+# torva_tests(FOLDER [DEPS target...])
+#
+# From tests/FOLDER: every *Test.cpp goes into test_<folder>, each of its tests
+# a CTest test of its own; every *SandboxTest.cpp goes into
+# sandbox_test_<folder>, which is run whole by scripts/sandbox in its private
+# copy of the host, as the one CTest test sandbox.<folder>, and is skipped with
+# its reason where the machine does not allow that.
+function(torva_tests folder)
+  cmake_parse_arguments(arg "" "" "DEPS" ${ARGN})
+  string(REPLACE "/" "_" name ${folder})
+  set(dir ${CMAKE_SOURCE_DIR}/tests/${folder})
+  file(GLOB sandboxed CONFIGURE_DEPENDS ${dir}/*SandboxTest.cpp)
+  file(GLOB plain CONFIGURE_DEPENDS ${dir}/*Test.cpp)
+  file(GLOB helpers CONFIGURE_DEPENDS ${dir}/*.cpp)
+  list(REMOVE_ITEM helpers ${plain})
+  if(sandboxed)
+    list(REMOVE_ITEM plain ${sandboxed})
+    add_executable(sandbox_test_${name} ${sandboxed} ${helpers})
+    target_link_libraries(sandbox_test_${name}
+      PRIVATE ${arg_DEPS} torva::warnings GTest::gmock_main)
+    target_include_directories(sandbox_test_${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
+    add_test(NAME sandbox.${name}
+      COMMAND ${CMAKE_SOURCE_DIR}/scripts/sandbox -- $<TARGET_FILE:sandbox_test_${name}>)
+    set_tests_properties(sandbox.${name} PROPERTIES SKIP_RETURN_CODE 77 LABELS sandbox TIMEOUT 600)
+  endif()
+  if(plain)
+    add_executable(test_${name} ${plain} ${helpers})
+    target_link_libraries(test_${name}
+      PRIVATE ${arg_DEPS} torva::warnings GTest::gmock_main)
+    target_include_directories(test_${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
+    gtest_discover_tests(test_${name} DISCOVERY_MODE PRE_TEST
+      TEST_PREFIX ${name}. PROPERTIES LABELS unit TIMEOUT 120)
+  endif()
+endfunction()

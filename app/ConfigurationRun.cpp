@@ -1,0 +1,7 @@
+#include "app/ConfigurationRun.h"
+
+namespace torva::app {
+
+void configurationRun() {}
+
+} // namespace torva::app

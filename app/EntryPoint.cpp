@@ -1,0 +1,38 @@
+#include "app/EntryPoint.h"
+
+#include "util/FatalError.h"
+#include "util/UtilityErrorStream.h"
+
+#include <cerrno>
+#include <csignal>
+#include <exception>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace torva::app {
+
+void makeWorldSane() {
+    std::signal(SIGCHLD, SIG_DFL);
+    // open() takes the lowest free number, so going upwards fills exactly the gaps.
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (::fcntl(fd, F_GETFD) == -1 && errno == EBADF) {
+            // Meant for the children as well, hence not close-on-exec.
+            static_cast<void>(::open("/dev/null", fd == STDIN_FILENO ? O_RDONLY : O_WRONLY));
+        }
+    }
+}
+
+int entryPoint(const boost::function<void()>& run) {
+    try {
+        run();
+        return 0;
+    } catch (const std::exception& error) {
+        printFatalError(error);
+        return 1;
+    } catch (...) {
+        utilityErrorStream << "UNSPECIFIED ERROR OCCURED" << std::endl;
+        return 2;
+    }
+}
+
+} // namespace torva::app

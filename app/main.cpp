@@ -1,0 +1,9 @@
+// torva-postfix-setup: fits an installed Postfix to the panel. No arguments, no
+// input.
+#include "app/ConfigurationRun.h"
+#include "app/EntryPoint.h"
+
+int main() {
+    torva::app::makeWorldSane();
+    return torva::app::entryPoint(torva::app::configurationRun);
+}

@@ -54,8 +54,10 @@ function(torva_tests folder)
     list(REMOVE_ITEM plain ${sandboxed})
     add_executable(sandbox_test_${name} ${sandboxed} ${helpers})
     target_link_libraries(sandbox_test_${name}
-      PRIVATE ${arg_DEPS} torva::warnings GTest::gmock_main)
+      PRIVATE ${arg_DEPS} torva_test_support torva::warnings GTest::gmock_main)
     target_include_directories(sandbox_test_${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
+    target_compile_definitions(sandbox_test_${name}
+      PRIVATE TORVA_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
     add_test(NAME sandbox.${name}
       COMMAND ${CMAKE_SOURCE_DIR}/scripts/sandbox -- $<TARGET_FILE:sandbox_test_${name}>)
     set_tests_properties(sandbox.${name} PROPERTIES SKIP_RETURN_CODE 77 LABELS sandbox TIMEOUT 600)

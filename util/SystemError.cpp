@@ -16,7 +16,12 @@ template class ExSystemError<11>;
 SystemError::SystemError(const std::string& message, int code)
     : SystemError(errno, message, code) {}
 
+SystemError::SystemError(const char* message, int code) : SystemError(errno, message, code) {}
+
 SystemError::SystemError(int saved_errno, const std::string& message, int code)
+    : std::runtime_error(message), code_(code != 0 ? code : saved_errno) {}
+
+SystemError::SystemError(int saved_errno, const char* message, int code)
     : std::runtime_error(message), code_(code != 0 ? code : saved_errno) {}
 
 SystemError::~SystemError() = default;

@@ -15,6 +15,8 @@ public:
     /// \param message  name of the operation that failed, such as "select"
     /// \param code     errno value; 0 takes errno as it is now
     explicit SystemError(const std::string& message, int code = 0);
+    /// The same, for a literal: errno is taken before any memory is.
+    explicit SystemError(const char* message, int code = 0);
     ~SystemError() override;
 
     /// The message, ": " and the text of strerror(3) for the code; the latter
@@ -27,6 +29,7 @@ public:
 
 private:
     SystemError(int saved_errno, const std::string& message, int code);
+    SystemError(int saved_errno, const char* message, int code);
 
     std::int32_t code_;
     mutable std::string cachedWhat;

@@ -1,0 +1,31 @@
+// Values of the panel's configuration file "/etc/kra/kra.conf", read once on
+// first use, with compile-time defaults for whatever it does not set. Read only.
+#pragma once
+
+extern "C" {
+
+/// Indices of the variables that this code base reads; the table has 34 entries,
+/// of which the first and the last are sentinels.
+enum { TORVA_MAILNAMES_D = 1, PRODUCT_ROOT_D = 30 };
+
+/// Number of entries of the variable table, sentinels included.
+enum { PANEL_CONF_VARIABLES = 34 };
+
+/// Value of a variable: from the file, else its compile-time default.
+///
+/// \param index  0 to PANEL_CONF_VARIABLES - 1
+/// \return text owned by this unit, valid until the process ends; never null for
+///         a valid index, null for any other
+/// A file that cannot be read is reported and tried again by the next look-up.
+const char* panel_conf_get(int index);
+
+/// The same by name; null, with a report, for a name that is not in the table.
+const char* panel_conf_get_by_name(const char* name);
+
+/// Reads the file unless that has been done.
+///
+/// \return 0; -1 when it cannot be read (reported through torva_log with priority
+///         12, errno tells why, nothing is kept and the next call tries again)
+int panel_conf_load(void);
+
+} // extern "C"

@@ -1,0 +1,421 @@
+// The streams of running children: feeding, collecting, closing, and the state of
+// the parent's own descriptors and signals while that goes on.
+#include "process/Pipe.h"
+
+#include "ProcessFixture.h"
+#include "process/Descriptor.h"
+
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace torva::process {
+namespace {
+
+using namespace testing;
+
+class PipeInputTest : public ProcessTest {};
+class PipeOutputTest : public ProcessTest {};
+class PipeSurroundingsTest : public ProcessTest {};
+
+std::vector<std::string> shell(const std::string& script) {
+    return {"sh", "-c", script};
+}
+
+TEST_F(PipeInputTest, ProducerWithNothingToGiveClosesTheInputAtOnce) {
+    std::size_t calls = 0;
+    std::string output;
+    Pipe pipe;
+    pipe.input = [&calls](std::vector<char>& buffer) {
+        EXPECT_TRUE(buffer.empty());
+        ++calls;
+        return false;
+    };
+    pipe.output = into(output);
+    pipe.addProcess("/bin/sh", shell("cat; echo end of file"));
+    pipe.launch();
+    EXPECT_EQ("end of file\n", output);
+    EXPECT_EQ(1u, calls);
+}
+
+TEST_F(PipeInputTest, DataOfTheLastCallIsWrittenBeforeTheClose) {
+    EXPECT_EQ("one\ntwo\nthree", runScript("cat", {"one\n", "two\n", "three"}).output);
+}
+
+TEST_F(PipeInputTest, PieceLargerThanThePipeArrivesWhole) {
+    std::string large(1000000, 'x');
+    large += "end";
+    EXPECT_EQ(large, runScript("cat", {large}).output);
+}
+
+TEST_F(PipeInputTest, SlowReaderGetsEverything) {
+    const std::string large(200000, 'x');
+    const Outcome outcome =
+        runScript("sleep 0.1; head -c 1000 >/dev/null; sleep 0.1; wc -c", {large, large});
+    EXPECT_EQ("399000\n", outcome.output);
+}
+
+TEST_F(PipeInputTest, ProducerMayWaitForWhatTheChildSays) {
+    std::string output;
+    std::size_t calls = 0;
+    Pipe pipe;
+    pipe.input = [&](std::vector<char>& buffer) {
+        ++calls;
+        if (output.find("ready") == std::string::npos) {
+            return true;
+        }
+        buffer.assign({'g', 'o', '\n'});
+        return false;
+    };
+    pipe.output = into(output);
+    pipe.addProcess("/bin/sh", shell("sleep 0.1; echo ready; cat"));
+    pipe.launch();
+    EXPECT_EQ("ready\ngo\n", output);
+    EXPECT_LT(calls, 10u) << "the waiting was busy";
+}
+
+TEST_F(PipeInputTest, ManyLinesAreFedOneRecordAtATime) {
+    const std::size_t lines = 100000;
+    std::size_t given = 0;
+    std::size_t largest = 0;
+    std::string output;
+    Pipe pipe;
+    pipe.input = [&](std::vector<char>& buffer) {
+        EXPECT_TRUE(buffer.empty());
+        const std::string line = "key" + std::to_string(given++) + " value\n";
+        buffer.insert(buffer.end(), line.begin(), line.end());
+        largest = std::max(largest, buffer.capacity());
+        return given < lines;
+    };
+    pipe.output = into(output);
+    pipe.addProcess("/bin/sh", shell("wc -l; echo done"));
+    pipe.launch();
+    EXPECT_EQ("100000\ndone\n", output);
+    EXPECT_EQ(lines, given);
+    EXPECT_LE(largest, 64u) << "the buffer grew beyond one record";
+}
+
+TEST_F(PipeInputTest, ChildThatFailsWithoutReadingReportsForItself) {
+    const std::string large(1000000, 'x');
+    const Outcome outcome = runScript("echo 'fatal: no table' >&2; exit 1", {large, large});
+    EXPECT_EQ(1, outcome.exited());
+    EXPECT_EQ("fatal: no table\n", outcome.error);
+}
+
+TEST_F(PipeInputTest, ChildKilledWithoutReadingReportsForItself) {
+    const std::string large(1000000, 'x');
+    EXPECT_EQ(SIGTERM, runScript("kill -TERM $$", {large}).signal());
+}
+
+TEST_F(PipeInputTest, ChildThatSucceedsWithoutReadingItsInputIsAWriteError) {
+    const std::string large(1000000, 'x');
+    std::string output;
+    Pipe pipe;
+    pipe.input = pieces({large});
+    pipe.output = into(output);
+    pipe.addProcess("/bin/sh", shell("exec <&-; sleep 0.1; echo all the same; exit 0"));
+    EXPECT_EQ(systemError("write", EPIPE), thrownBy([&] { pipe.launch(); }));
+    EXPECT_EQ("all the same\n", output) << "it is served to its end first";
+    EXPECT_EQ(0, pipe.status(0));
+    EXPECT_GT(pipe.pid(0), 0);
+}
+
+TEST_F(PipeInputTest, ProducerIsStoppedWhenTheChildStopsReading) {
+    std::size_t calls = 0;
+    Pipe pipe;
+    pipe.input = [&calls](std::vector<char>& buffer) {
+        ++calls;
+        buffer.assign(65536, 'x');
+        return true; // without end
+    };
+    pipe.addProcess("/bin/sh", shell("head -c 200000 >/dev/null; exit 3"));
+    pipe.launch();
+    EXPECT_EQ(3, WEXITSTATUS(pipe.status(0)));
+    EXPECT_LT(calls, 20u);
+}
+
+TEST_F(PipeInputTest, GrandchildThatHoldsTheInputDoesNotHoldThePipe) {
+    for (const int status : {0, 5}) {
+        std::string output;
+        Pipe pipe;
+        pipe.input = pieces({std::string(1000000, 'x')});
+        pipe.output = into(output);
+        pipe.addProcess("/bin/sh", shell("exec 3<&0; sleep 1000 <&3 >/dev/null 2>&1 & echo $!; "
+                                         "exit " +
+                                         std::to_string(status)));
+        const std::string thrown = thrownBy([&] { pipe.launch(); });
+        EXPECT_EQ(status == 0 ? systemError("write", EPIPE) : "nothing", thrown);
+        EXPECT_EQ(status, WEXITSTATUS(pipe.status(0)));
+        const int grandchild = std::stoi(output);
+        ASSERT_GT(grandchild, 1);
+        EXPECT_EQ(0, ::kill(grandchild, SIGKILL)) << "it had ended: nothing was shown";
+    }
+}
+
+TEST_F(PipeOutputTest, FloodOnBothStreamsWhileInputIsFedDoesNotDeadLock) {
+    std::string input;
+    while (input.size() < 1000000) {
+        input += "line " + std::to_string(input.size()) + "\n";
+    }
+    const Outcome outcome = runScript("tee /dev/stderr", {input});
+    EXPECT_EQ(0, outcome.exited());
+    EXPECT_EQ(input, outcome.output);
+    EXPECT_EQ(input, outcome.error);
+}
+
+TEST_F(PipeOutputTest, ChildThatFloodsBeforeItReadsDoesNotDeadLock) {
+    const std::string input(500000, 'i');
+    const Outcome outcome = runScript("head -c 300000 /dev/zero; head -c 300000 /dev/zero >&2; "
+                                      "cat",
+                                      {input});
+    EXPECT_EQ(std::string(300000, '\0') + input, outcome.output);
+    EXPECT_EQ(std::string(300000, '\0'), outcome.error);
+}
+
+TEST_F(PipeOutputTest, ChunksAreNeverEmpty) {
+    std::size_t chunks = 0;
+    Pipe pipe;
+    pipe.output = [&chunks](const std::vector<char>& chunk) {
+        EXPECT_FALSE(chunk.empty());
+        ++chunks;
+    };
+    pipe.error = pipe.output;
+    pipe.addProcess("/bin/sh", shell("echo one; sleep 0.05; echo two >&2"));
+    pipe.launch();
+    EXPECT_EQ(2u, chunks);
+}
+
+TEST_F(PipeOutputTest, ChildThatClosesItsOutputEarlyIsWaitedFor) {
+    const Outcome outcome = runScript("echo first; exec >&- 2>&-; sleep 0.1; exit 8");
+    EXPECT_EQ("first\n", outcome.output);
+    EXPECT_EQ(8, outcome.exited());
+}
+
+TEST_F(PipeOutputTest, OutputOfAGrandchildIsServedAfterTheChildHasEnded) {
+    const Outcome outcome = runScript("(sleep 0.2; echo late; echo later >&2) & exit 3");
+    EXPECT_EQ(3, outcome.exited());
+    EXPECT_EQ("late\n", outcome.output);
+    EXPECT_EQ("later\n", outcome.error);
+}
+
+TEST_F(PipeOutputTest, StoppedAndContinuedChildHasNotEnded) {
+    // The grandchild wakes it until it is gone, so that no wake-up comes too early.
+    const Outcome outcome =
+        runScript("(while kill -CONT $$; do sleep 0.05; done) >/dev/null 2>&1 & "
+                  "kill -STOP $$; echo on; exit 4");
+    EXPECT_EQ("on\n", outcome.output);
+    EXPECT_EQ(4, outcome.exited());
+}
+
+TEST_F(PipeOutputTest, BytesOfAnyValueArriveAsTheyAre) {
+    std::string all;
+    for (int value = 0; value < 256; ++value) {
+        all += static_cast<char>(value);
+    }
+    EXPECT_EQ(all, runScript("cat", {all}).output);
+}
+
+TEST_F(PipeSurroundingsTest, EveryCombinationOfClosedStandardStreamsWorks) {
+    for (int closed = 0; closed < 8; ++closed) {
+        std::string left = " ";
+        for (const int fd : {0, 1, 2}) {
+            left += (closed & (1 << fd)) != 0 ? "c" : "o";
+        }
+        EXPECT_EQ("in|err\n|9" + left, inSubprocess([&](std::ostream& out) {
+                      for (const int fd : {0, 1, 2}) {
+                          if ((closed & (1 << fd)) != 0) {
+                              ::close(fd);
+                          }
+                      }
+                      const Outcome outcome = runScript("cat; echo err >&2; exit 9", {"in"});
+                      out << outcome.output << "|" << outcome.error << "|" << outcome.exited()
+                          << " ";
+                      for (const int fd : {0, 1, 2}) {
+                          out << (::fcntl(fd, F_GETFD) == -1 ? "c" : "o");
+                      }
+                  }))
+            << "closed " << closed;
+        // With one stream of ours the others are inherited, open or closed.
+        EXPECT_EQ(std::to_string((7 - closed) | 2), inSubprocess([&](std::ostream& out) {
+                      for (const int fd : {0, 1, 2}) {
+                          if ((closed & (1 << fd)) != 0) {
+                              ::close(fd);
+                          }
+                      }
+                      std::string output;
+                      Pipe pipe;
+                      pipe.output = into(output);
+                      pipe.addProcess("/bin/sh",
+                                      shell("s=0; n=1; for f in 0 1 2; do "
+                                            "[ -e /proc/$$/fd/$f ] && s=$((s+n)); n=$((n*2)); "
+                                            "done; exit $s"));
+                      pipe.launch();
+                      out << WEXITSTATUS(pipe.status(0));
+                  }))
+            << "closed " << closed;
+    }
+}
+
+// Allows that many descriptors and takes all below the given one.
+bool takeDescriptorsBelow(int first, std::vector<Descriptor>& held) {
+    const rlimit limit = {20000, 20000};
+    rlimit old = {};
+    ::getrlimit(RLIMIT_NOFILE, &old);
+    if (old.rlim_cur < limit.rlim_cur && ::setrlimit(RLIMIT_NOFILE, &limit) == -1) {
+        return false;
+    }
+    while (nextDescriptors(1)[0] < first) {
+        held.push_back(openNullDevice(O_RDONLY, "open"));
+    }
+    return true;
+}
+
+TEST_F(PipeSurroundingsTest, WorksWithDescriptorsBeyondTheUsualSetSize) {
+    const std::string shown = inSubprocess([](std::ostream& out) {
+        std::vector<Descriptor> held;
+        if (!takeDescriptorsBelow(1100, held)) {
+            out << "limit";
+            return;
+        }
+        out << runScript("cat", {"in"}).output;
+    });
+    if (shown == "limit") {
+        GTEST_SKIP() << "not so many descriptors are allowed here";
+    }
+    EXPECT_EQ("in", shown);
+}
+
+TEST_F(PipeSurroundingsTest, DescriptorBeyondTheSetIsASelectError) {
+    const auto runWithNext = [](int first) {
+        return inSubprocess([first](std::ostream& out) {
+            std::vector<Descriptor> held;
+            if (!takeDescriptorsBelow(first, held)) {
+                out << "limit";
+                return;
+            }
+            const std::string before = census();
+            out << thrownBy([&] { out << runScript("cat", {"in"}).output << " "; });
+            out << (census() == before ? ", left as it was" : ", changed");
+        });
+    };
+    const std::string highest = runWithNext(16384 - 10);
+    if (highest == "limit") {
+        GTEST_SKIP() << "not so many descriptors are allowed here";
+    }
+    EXPECT_EQ("in nothing, left as it was", highest);
+    EXPECT_EQ(systemError("select", EBADF) + ", left as it was", runWithNext(16384));
+    // The catcher's are still within, the streams are not.
+    EXPECT_EQ(systemError("select", EBADF) + ", left as it was", runWithNext(16384 - 4));
+}
+
+// The mask of blocked signals as /proc shows it.
+std::string maskIn(const std::string& text) {
+    const std::size_t start = text.find("SigBlk:");
+    return text.substr(start, text.find('\n', start) - start);
+}
+
+TEST_F(PipeSurroundingsTest, ChildGetsTheExactOldMaskAndSoDoesTheParent) {
+    for (const std::vector<int>& signals :
+         {std::vector<int>{}, {SIGCHLD}, {SIGUSR1, SIGTERM}, {SIGCHLD, SIGUSR2, SIGPIPE}}) {
+        EXPECT_EQ("same, left as it was", inSubprocess([&](std::ostream& out) {
+                      sigset_t mask;
+                      ::sigemptyset(&mask);
+                      for (const int signal : signals) {
+                          ::sigaddset(&mask, signal);
+                      }
+                      ::sigprocmask(SIG_SETMASK, &mask, nullptr);
+                      const std::string before = census();
+                      const Descriptor status(::open("/proc/self/status", O_RDONLY | O_CLOEXEC));
+                      const std::string wanted = maskIn(readAll(status.get()));
+                      std::string output;
+                      {
+                          Pipe pipe;
+                          pipe.output = into(output);
+                          pipe.addProcess("/bin/grep", {"grep", "SigBlk", "/proc/self/status"});
+                          pipe.launch();
+                      }
+                      out << (maskIn(output) == wanted ? "same" : output + " not " + wanted);
+                      ::close(status.get());
+                      out << (census() == before ? ", left as it was" : ", changed");
+                      ::dup2(0, status.get()); // for the holder to close
+                  }));
+    }
+}
+
+TEST_F(PipeSurroundingsTest, ServingLetsSigchldThroughAndKeepsTheRestOfTheMask) {
+    EXPECT_EQ("01", inSubprocess([](std::ostream& out) {
+                  sigset_t mask;
+                  ::sigemptyset(&mask);
+                  ::sigaddset(&mask, SIGCHLD);
+                  ::sigaddset(&mask, SIGUSR1);
+                  ::sigprocmask(SIG_SETMASK, &mask, nullptr);
+                  Pipe pipe;
+                  pipe.output = [&out](const std::vector<char>&) {
+                      sigset_t now;
+                      ::sigprocmask(SIG_SETMASK, nullptr, &now);
+                      out << ::sigismember(&now, SIGCHLD) << ::sigismember(&now, SIGUSR1);
+                  };
+                  pipe.addProcess("/bin/sh", shell("echo"));
+                  pipe.launch();
+              }));
+}
+
+TEST_F(PipeSurroundingsTest, ActionsOfTheCallerComeBackWhateverTheyAre) {
+    using Handler = void (*)(int);
+    for (const Handler chld : {Handler(SIG_DFL), Handler(SIG_IGN), Handler([](int) {})}) {
+        for (const Handler pipeHandler :
+             {Handler(SIG_DFL), Handler(SIG_IGN), Handler([](int) {})}) {
+            EXPECT_EQ("7, left as it was", inSubprocess([&](std::ostream& out) {
+                          ::signal(SIGCHLD, chld);
+                          ::signal(SIGPIPE, pipeHandler);
+                          const std::string before = census();
+                          out << runScript("exit 7").exited();
+                          out << (census() == before ? ", left as it was" : ", changed");
+                      }));
+        }
+    }
+}
+
+TEST_F(PipeSurroundingsTest, ChildKeepsTheDispositionOfSigpipeThatItWouldHaveHad) {
+    EXPECT_EQ(SIGPIPE, runScript("kill -PIPE $$; exit 9").signal());
+    EXPECT_EQ("9", inSubprocess([](std::ostream& out) {
+                  ::signal(SIGPIPE, SIG_IGN);
+                  out << runScript("kill -PIPE $$; exit 9").exited();
+              }));
+}
+
+TEST_F(PipeSurroundingsTest, SignalsOfOthersInterruptNothing) {
+    EXPECT_EQ("whole, interrupted", inSubprocess([](std::ostream& out) {
+                  static volatile std::sig_atomic_t alarms = 0;
+                  struct sigaction action = {};
+                  action.sa_handler = [](int) { alarms = alarms + 1; };
+                  ::sigaction(SIGALRM, &action, nullptr); // without SA_RESTART
+                  const std::string large(300000, 'x');
+                  const itimerval often = {{0, 20000}, {0, 20000}};
+                  ::setitimer(ITIMER_REAL, &often, nullptr);
+                  const Outcome outcome = runScript("sleep 0.2; cat", {large, large});
+                  const itimerval never = {};
+                  ::setitimer(ITIMER_REAL, &never, nullptr);
+                  out << (outcome.output == large + large ? "whole" : "damaged");
+                  out << (alarms > 0 ? ", interrupted" : ", undisturbed");
+              }));
+}
+
+TEST_F(PipeSurroundingsTest, ForeignChildOfTheCallerDoesNotEndThePipe) {
+    EXPECT_EQ("on 2", inSubprocess([](std::ostream& out) {
+                  const pid_t foreign = ::fork();
+                  if (foreign == 0) {
+                      ::_exit(9);
+                  }
+                  const Outcome outcome = runScript("sleep 0.1; printf 'on '; exit 2");
+                  out << outcome.output << outcome.exited();
+              }));
+}
+
+} // namespace
+} // namespace torva::process

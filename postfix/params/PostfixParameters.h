@@ -1,0 +1,61 @@
+// The only road to main.cf: every read and every change is one run of Postfix's
+// own postconf(1). Holds no values: what was written a moment ago is read back as
+// Postfix sees it. The pure text work behind it is ListValue.h, LocalNetworks.h
+// and MessageScan.h; fixed policies on top of it are RelayPolicy.h.
+#pragma once
+
+#include <string>
+
+namespace torva::mail::postfix {
+
+/// Every operation throws PostfixConfigurationError with postconf's own text, or
+/// "unknown error", when postconf fails, and passes on the SystemError of a
+/// postconf that could not be started.
+class PostfixParameters {
+public:
+    /// The instance that the whole process shares. It is made, and asks Postfix for
+    /// the path of main.cf, on the first call; a failing first call is tried again
+    /// by the next.
+    static PostfixParameters& instance();
+
+    /// \throws as mainCfPath()
+    PostfixParameters();
+
+    /// Path of main.cf, as it was when the object was made.
+    const std::string& path() const { return path_; }
+
+    /// Value of a parameter (postconf -h), without trailing white space; empty when
+    /// it is set to nothing.
+    ///
+    /// \param name      parameter
+    /// \param defaults  true: Postfix's built-in default instead (postconf -h -d)
+    /// For "mynetworks", unless defaults are asked for, Postfix's built-in default
+    /// within the value is replaced by a narrow host list, see LocalNetworks.h.
+    std::string getParameter(const std::string& name, bool defaults = false);
+
+    /// Sets a parameter in main.cf (postconf -e), under the lock of main.cf.
+    void setParameter(const std::string& name, const std::string& value);
+
+    /// Asks Postfix for the path of main.cf: config_directory as configured, or as
+    /// built in when that cannot be read, and "/main.cf".
+    ///
+    /// \throws PostfixConfigurationError "unable to determine Postfix
+    ///         config_directory parameter" when the directory is empty
+    std::string mainCfPath();
+
+    /// Appends a value to a list unless an element equals it, byte for byte; writes
+    /// only when the list changes ("mynetworks" is always written).
+    void addToListParameter(const std::string& name, const std::string& value);
+
+    /// Drops every element that equals the value; writes only when there was one.
+    void removeFromListParameter(const std::string& name, const std::string& value);
+
+    /// Appends "KEY TABLE" to a list of restrictions separated by commas, unless an
+    /// element equals it; writes only when the list changes.
+    void addRestriction(const std::string& name, const std::string& key, const std::string& table);
+
+private:
+    std::string path_;
+};
+
+} // namespace torva::mail::postfix

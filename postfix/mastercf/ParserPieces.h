@@ -1,0 +1,112 @@
+// Pieces for line-oriented grammars over bytes, for Boost's Spirit classic: blanks,
+// comments, the white space between the fields of a logical line, and two actions.
+// No skipper is meant to be used with them: white space is matched where it may
+// stand. The grammar that they were made for is MasterCfParser.cpp.
+#pragma once
+
+#include <boost/spirit/include/classic_chset.hpp>
+#include <boost/spirit/include/classic_core.hpp>
+
+namespace torva::parser {
+
+/// The end of a line is LF alone; a CR before it is a blank, or part of a comment.
+inline const boost::spirit::classic::chlit<char> newline_p('\n');
+
+/// TAB, SPACE and CR.
+inline boost::spirit::classic::chset<char> blanks() {
+    return boost::spirit::classic::chset<char>("\t \r");
+}
+
+/// What may stand on an empty line: any number of blanks, none included.
+struct empty_line_parser : boost::spirit::classic::grammar<empty_line_parser> {
+    template <class Scanner>
+    struct definition {
+        explicit definition(const empty_line_parser&) {
+            line = boost::spirit::classic::lexeme_d[*blanks()];
+        }
+        const boost::spirit::classic::rule<Scanner>& start() const { return line; }
+
+        boost::spirit::classic::rule<Scanner> line;
+    };
+};
+
+/// A comment: from '#' to the end of the line, any bytes.
+struct comments_parser : boost::spirit::classic::grammar<comments_parser> {
+    template <class Scanner>
+    struct definition {
+        explicit definition(const comments_parser&) { comment = '#' >> *~newline_p; }
+        const boost::spirit::classic::rule<Scanner>& start() const { return comment; }
+
+        boost::spirit::classic::rule<Scanner> comment;
+    };
+};
+
+/// A line that holds nothing but a comment, which may be indented.
+struct comments_line_parser : boost::spirit::classic::grammar<comments_line_parser> {
+    template <class Scanner>
+    struct definition {
+        explicit definition(const comments_line_parser&) { line = empty_line >> comments; }
+        const boost::spirit::classic::rule<Scanner>& start() const { return line; }
+
+        empty_line_parser empty_line;
+        comments_parser comments;
+        boost::spirit::classic::rule<Scanner> line;
+    };
+};
+
+/// What may stand between two fields of one logical line: blanks and a comment to
+/// the end of the line; then, if the logical line goes on, the line break, lines
+/// that are empty or hold only a comment, and the blanks that every continuation
+/// line begins with. It matches nothing at all, too.
+///
+/// It looks ahead over all lines that might belong to it, once: a grammar should
+/// try it once in a place, not once in each of several alternatives.
+struct continuous_spaces_parser : boost::spirit::classic::grammar<continuous_spaces_parser> {
+    template <class Scanner>
+    struct definition {
+        explicit definition(const continuous_spaces_parser&) {
+            continuation = newline_p >> *(empty_line >> !comments >> newline_p) >> +blanks();
+            spaces = empty_line >> !comments >> !continuation;
+        }
+        const boost::spirit::classic::rule<Scanner>& start() const { return spaces; }
+
+        empty_line_parser empty_line;
+        comments_parser comments;
+        boost::spirit::classic::rule<Scanner> continuation;
+        boost::spirit::classic::rule<Scanner> spaces;
+    };
+};
+
+/// Action: appends the matched text to a list of strings.
+template <class Words>
+class WordAppender {
+public:
+    explicit WordAppender(Words& words) : words_(words) {}
+
+    template <class Iterator>
+    void operator()(Iterator first, Iterator last) const {
+        words_.emplace_back(first, last);
+    }
+
+private:
+    Words& words_;
+};
+
+/// Action: whatever was matched, assigns a fixed value.
+template <class Target>
+class ConstAssigner {
+public:
+    ConstAssigner(Target& target, Target value) : target_(target), value_(value) {}
+
+    template <class Iterator>
+    void operator()(Iterator, Iterator) const {
+        target_ = value_;
+    }
+    void operator()(char) const { target_ = value_; }
+
+private:
+    Target& target_;
+    Target value_;
+};
+
+} // namespace torva::parser

@@ -1,0 +1,32 @@
+// For tests that write where the system itself does: refuses to run them anywhere
+// but in the sandbox, where those places are private copies.
+#pragma once
+
+#include "Support.h"
+
+#include "postfix/mastercf/MasterCf.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+namespace torva::mail::postfix::testing {
+
+/// Each test begins without lock files and without a store of disabled services,
+/// but with the directory that the store belongs into.
+class SandboxedTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_NE(std::getenv("TORVA_SANDBOX"), nullptr) << "run this by scripts/sandbox";
+        std::filesystem::remove_all("/var/lock/files");
+        const std::filesystem::path store(MasterCf::disabledPath);
+        std::filesystem::create_directories(store.parent_path());
+        std::filesystem::remove_all(store);
+    }
+
+    const TempDir directory_;
+    const std::string path_ = directory_ / "master.cf";
+};
+
+} // namespace torva::mail::postfix::testing

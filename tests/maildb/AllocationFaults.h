@@ -1,0 +1,41 @@
+// Memory that runs out at a chosen moment: this executable's own malloc, calloc and
+// realloc, which hand on to the C library's. Under AddressSanitizer, which brings an
+// allocator of its own, there are no faults: see allocation_faults_work.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace torva::test {
+
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool allocation_faults_work = false;
+#else
+constexpr bool allocation_faults_work = true;
+#endif
+
+constexpr const char* no_allocation_faults =
+    "memory cannot be made to run out under AddressSanitizer's allocator";
+
+/// While it exists, allocations of `smallest` to `largest` bytes fail.
+class AllocationFaults {
+public:
+    explicit AllocationFaults(std::size_t smallest, std::size_t largest = SIZE_MAX);
+    ~AllocationFaults();
+    AllocationFaults(const AllocationFaults&) = delete;
+    AllocationFaults& operator=(const AllocationFaults&) = delete;
+
+    /// While it exists, nothing fails: for what is no part of the code under test.
+    class Pause {
+    public:
+        Pause();
+        ~Pause();
+        Pause(const Pause&) = delete;
+        Pause& operator=(const Pause&) = delete;
+
+    private:
+        std::size_t largest_;
+    };
+};
+
+} // namespace torva::test

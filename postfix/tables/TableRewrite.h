@@ -1,0 +1,40 @@
+// Taking records out of a lookup table by rule: the table is listed through a
+// filter, and what stays becomes its new source. Adding and deleting single records
+// is Postmap.h; the filters are ListingFilter.h.
+#pragma once
+
+#include <boost/function.hpp>
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace torva::mail::postfix {
+
+/// Consumer of the listing's bytes, which writes what stays to a stream.
+using ListingConsumer = boost::function<void(const std::vector<char>& chunk)>;
+
+/// Makes the consumer for the stream of the new source.
+using ListingFilterFor = boost::function<ListingConsumer(std::ostream& stream)>;
+
+/// Lists a table (postmap -s), replaces its source file by what the filter writes,
+/// and builds the indexed table from it (postmap), under the table's lock, for
+/// which it waits. The source keeps its mode and owner.
+///
+/// \param table       "type:path"
+/// \param filterFor   called once
+/// \throws PostfixConfigurationError with postmap's own text, or "unknown error"
+/// \throws SystemError  a file cannot be written or renamed, or postmap not started
+/// On an exception the source file and the indexed table are as before, and no
+/// other file is left.
+void rewriteTable(const std::string& table, const ListingFilterFor& filterFor);
+
+/// Takes everything that belongs to a mail domain out of a table: the records whose
+/// key is the domain or an address of it, and its addresses in the values of the
+/// others; a record that loses its last value goes.
+///
+/// \param subdomains  true: subdomains belong to the domain, too
+/// \throws as rewriteTable()
+void removeDomainFromTable(const std::string& table, const std::string& domain, bool subdomains);
+
+} // namespace torva::mail::postfix

@@ -7,12 +7,14 @@
 #include <csignal>
 #include <exception>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace torva::app {
 
 void makeWorldSane() {
     std::signal(SIGCHLD, SIG_DFL);
+    ::umask(022);
     // open() takes the lowest free number, so going upwards fills exactly the gaps.
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
         if (::fcntl(fd, F_GETFD) == -1 && errno == EBADF) {

@@ -7,9 +7,11 @@
 namespace torva::app {
 
 /// Makes what a careless parent may have left behind harmless: SIGCHLD gets its
-/// default action (ignored, it would hide the exit status of every child), and
-/// each closed descriptor of 0 to 2 becomes "/dev/null" (or the next file opened
-/// would take its number, and messages would be written into it). Best effort.
+/// default action (ignored, it would hide the exit status of every child), each
+/// closed descriptor of 0 to 2 becomes "/dev/null" (or the next file opened would
+/// take its number, and messages would be written into it), and the umask becomes
+/// 022 (Postfix's accounts must be able to read the panel's tables, and nobody else
+/// may write them). Best effort.
 void makeWorldSane();
 
 /// Calls the run and turns its outcome into the exit status of the process.

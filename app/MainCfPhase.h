@@ -1,0 +1,13 @@
+// The run's second phase: main.cf, parameter by parameter, through Postfix's own
+// postconf.
+#pragma once
+
+namespace torva::app {
+
+class Progress;
+
+/// Carries out the phase; every error ends it and passes through, and the steps
+/// before it stay applied.
+void mainCfPhase(const Progress& progress);
+
+} // namespace torva::app

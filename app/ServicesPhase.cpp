@@ -1,0 +1,107 @@
+#include "app/ServicesPhase.h"
+
+#include "app/PanelServices.h"
+#include "app/Progress.h"
+#include "libc/panel_conf.h"
+#include "postfix/mastercf/MasterCf.h"
+#include "postfix/params/PostfixParameters.h"
+
+namespace torva::app {
+
+using mail::postfix::MasterCf;
+using mail::postfix::MasterCfModule;
+using mail::postfix::PostfixParameters;
+
+namespace {
+
+/// What the steps share.
+struct Context {
+    MasterCf& services;
+    MasterCfModule virtualDelivery;
+};
+
+struct Step {
+    const char* text;
+    void (*action)(Context&);
+};
+
+/// The service has this text from now on, whatever it was.
+void replace(Context& run, const MasterCfModule& service) {
+    run.services.putModule(service, true);
+}
+
+/// The service runs; one that the host has, even disabled, keeps its text.
+void installIfMissing(Context& run, const MasterCfModule& service) {
+    if (run.services.hasModule(service.name, service.type, boost::logic::indeterminate)) {
+        run.services.enableModule(service.name, service.type);
+    } else {
+        run.services.putModule(service, true);
+    }
+}
+
+void replaceVirtualDelivery(Context& run) {
+    replace(run, run.virtualDelivery);
+}
+
+void setVirtualTransport(Context& run) {
+    PostfixParameters::instance().setParameter("virtual_transport", run.virtualDelivery.name);
+}
+
+void setRecipientLimit(Context& run) {
+    PostfixParameters::instance().setParameter(
+        run.virtualDelivery.name + "_destination_recipient_limit", "1");
+}
+
+void replaceMailman(Context& run) {
+    replace(run, mailmanTransport());
+}
+
+void configureBeforeQueue(Context& run) {
+    replace(run, smtpServer());
+    installIfMissing(run, beforeQueueFilter());
+    installIfMissing(run, cleanReinjection());
+}
+
+void configureBeforeRemote(Context& run) {
+    installIfMissing(run, beforeRemoteFilter());
+    replace(run, pickupService());
+}
+
+void installSaslDaemon(Context& run) {
+    installIfMissing(run, saslDaemon());
+}
+
+void installTlsManager(Context& run) {
+    installIfMissing(run, tlsManager());
+}
+
+void saveServices(Context& run) {
+    run.services.save(false);
+}
+
+const Step steps[] = {
+    {" configuring Torva-specific virtual delivery transport", replaceVirtualDelivery},
+    {" adjusting Postfix configuration for Torva-specific virtual delivery transport",
+     setVirtualTransport},
+    {" adjusting Torva-specific virtual delivery transport recipient limit", setRecipientLimit},
+    {" configuring Mailman Transport", replaceMailman},
+    {" configuring Torva Before-Queue module", configureBeforeQueue},
+    {" configuring Torva Before-Remote module", configureBeforeRemote},
+    {" configure Torva-specific SASL auth daemon (for encrypted passwords)", installSaslDaemon},
+    {" make sure that Postfix TLS Manager is configured", installTlsManager},
+    {" storing Postfix modules configuration", saveServices},
+};
+
+} // namespace
+
+void servicesPhase(const Progress& progress) {
+    progress.header("Configuring Postfix services/modules for Torva:");
+    MasterCf& services = MasterCf::instance();
+    services.load(false);
+    Context run{services, virtualDelivery(panel_conf_get(TORVA_MAILNAMES_D))};
+    for (const Step& step : steps) {
+        progress.step(step.text, [&] { step.action(run); });
+    }
+}
+
+} // namespace torva::app

@@ -1,0 +1,79 @@
+#include "app/Progress.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <iostream>
+#include <sstream>
+#include <stdexcept>
+
+using torva::app::Progress;
+
+namespace {
+
+class ProgressTest : public testing::Test {
+protected:
+    void SetUp() override { before_ = std::clog.rdbuf(log_.rdbuf()); }
+    void TearDown() override { std::clog.rdbuf(before_); }
+
+    std::ostringstream log_;
+
+private:
+    std::streambuf* before_ = nullptr;
+};
+
+TEST_F(ProgressTest, FinishedStepReadsDone) {
+    const Progress progress(true);
+    progress.header("Header:");
+    progress.step(" enabling", [&] { EXPECT_EQ(log_.str(), "Header:\n enabling..."); });
+    EXPECT_EQ(log_.str(), "Header:\n enabling...done\n");
+}
+
+TEST_F(ProgressTest, FailingStepLeavesItsLineUnfinished) {
+    EXPECT_THROW(Progress(true).step(" failing", [] { throw std::runtime_error("x"); }),
+                 std::runtime_error);
+    EXPECT_EQ(log_.str(), " failing...");
+}
+
+TEST_F(ProgressTest, StepWithoutTextIsSilent) {
+    bool ran = false;
+    Progress(true).step(nullptr, [&] { ran = true; });
+    EXPECT_TRUE(ran);
+    EXPECT_EQ(log_.str(), "");
+}
+
+TEST_F(ProgressTest, SwitchedOffItIsSilentAndTheStepsRun) {
+    const Progress progress(false);
+    bool ran = false;
+    progress.header("Header:");
+    progress.step(" step", [&] { ran = true; });
+    EXPECT_TRUE(ran);
+    EXPECT_EQ(log_.str(), "");
+}
+
+struct Case {
+    const char* name;
+    const char* value; ///< null: not set
+    bool wanted;
+};
+
+class ProgressSwitchTest : public testing::TestWithParam<Case> {};
+
+TEST_P(ProgressSwitchTest, FollowsTheEnvironment) {
+    if (GetParam().value == nullptr) {
+        ::unsetenv("TORVA_INSTALLER_DEBUG");
+    } else {
+        ::setenv("TORVA_INSTALLER_DEBUG", GetParam().value, 1);
+    }
+    EXPECT_EQ(Progress::wanted(), GetParam().wanted);
+    ::unsetenv("TORVA_INSTALLER_DEBUG");
+}
+
+INSTANTIATE_TEST_SUITE_P(Values, ProgressSwitchTest,
+                         testing::Values(Case{"Unset", nullptr, false}, Case{"Zero", "0", false},
+                                         Case{"One", "1", true}, Case{"Empty", "", true},
+                                         Case{"TwoZeros", "00", true},
+                                         Case{"ZeroAndBlank", "0 ", true}),
+                         [](const auto& tested) { return std::string(tested.param.name); });
+
+} // namespace

@@ -1,0 +1,132 @@
+# shellcheck shell=bash
+# The private world where root may make no namespaces (a plain container): a copy
+# of what Postfix, the tool and a shell need, entered with chroot(8). It has no
+# network and no /proc of its own. Sourced, never run. Needs world.sh and
+# messages.sh.
+
+# copy_empty DIR ROOT: DIR without its contents, mode and owner kept.
+copy_empty() {
+    mkdir -p "$2$1"
+    chmod --reference="$1" "$2$1"
+    chown --reference="$1" "$2$1"
+}
+
+# copy_listed ROOT: copies what it reads, absolute paths that each end in a null
+# byte, to the same paths below ROOT. cp gives the parent directories the right
+# modes only where it can look them up from its working directory.
+copy_listed() { sed -z 's|^/||' | (cd / && xargs -0 -r cp -a --reflink=auto --parents -t "$1"); }
+
+# copy_whole ROOT PATH...: each PATH that exists, to its own path below ROOT.
+copy_whole() {
+    local root=$1 path
+    shift
+    for path in "$@"; do
+        [[ -e $path || -L $path ]] || continue
+        printf '%s\0' "$path"
+    done | copy_listed "$root"
+}
+
+# copy_programs ROOT: commands and shared libraries, /bin and /lib as links or as
+# directories. What is bigger than 64 MB is a compiler or an interpreter.
+copy_programs() {
+    local root=$1 libraries
+    copy_whole "$root" /bin /sbin /lib /lib32 /lib64 /libx32
+    for libraries in /usr/lib /usr/lib/*-linux-gnu*; do
+        find "$libraries" -maxdepth 1 \( -name '*.so*' -o -name 'os-release' \) -size -65536k -print0
+    done | copy_listed "$root"
+    find /usr/bin /usr/sbin /usr/lib/postfix /usr/lib/locale /usr/lib64 /usr/share/postfix \
+        -xdev ! -type d -size -65536k -print0 2>/dev/null | copy_listed "$root" || true
+    mkdir -p "$root/usr/local/bin" "$root/usr/local/sbin"
+}
+
+# copy_var ROOT: /var as a skeleton, Postfix's parts with it, but never its mail.
+copy_var() {
+    local root=$1 path
+    for path in /var /var/*; do
+        if [[ -L $path ]]; then cp -a "$path" "$root$path"; else copy_empty "$path" "$root"; fi
+    done
+    copy_whole "$root" /var/lib/postfix
+    [[ -d /var/spool/postfix ]] || return 0
+    copy_empty /var/spool "$root"
+    copy_empty /var/spool/postfix "$root"
+    for path in /var/spool/postfix/*; do
+        case ${path##*/} in
+            etc | lib | usr | dev | torva | restart) copy_whole "$root" "$path" ;;
+            *) [[ ! -d $path ]] || copy_empty "$path" "$root" ;;
+        esac
+    done
+}
+
+# copy_checkout ROOT TREE: the checkout without its history and build folders.
+copy_checkout() {
+    local path
+    mkdir -p "$1$2"
+    for path in "$2"/*; do
+        [[ ${path##*/} == build ]] || cp -a "$path" "$1$path"
+    done
+}
+
+# make_chroot: makes the empty root of the copy, with devices that open, and sets
+# `root` to it.
+make_chroot() {
+    local base
+    for base in "${TMPDIR:-/tmp}" /var/tmp /tmp /root; do
+        root=$(mktemp -d "$base/torva-sandbox.XXXXXX" 2>/dev/null) || continue
+        root=$(cd -P "$root" && pwd)
+        chmod 755 "$root"
+        mkdir "$root"/{dev,proc,sys,run,mnt,media,srv,opt,home} "$root/etc"
+        mkdir -m 1777 "$root/tmp"
+        mkdir -m 700 "$root/root"
+        if make_devices "$root" mknod 2>/dev/null; then return; fi
+        remove_chroot
+    done
+    root=
+    skip "nor may root make device nodes for a chroot"
+}
+
+# fill_chroot ROOT TREE DIR...: copies what the world needs: programs, Postfix, the
+# checkout TREE, and each DIR whole.
+fill_chroot() {
+    local root=$1
+    copy_programs "$root"
+    copy_var "$root"
+    cp -a /etc/. "$root/etc/"
+    copy_checkout "$root" "$2"
+    copy_whole "$root" "${@:3}"
+    make_run "$root"
+}
+
+# processes_in_chroot: prints the ids of the processes whose root is `root`.
+processes_in_chroot() {
+    local link
+    for link in /proc/[0-9]*/root; do
+        if [[ $(readlink "$link" 2>/dev/null) == "$root" ]]; then
+            link=${link%/root}
+            printf '%s\n' "${link##*/}"
+        fi
+    done
+}
+
+# remove_chroot: ends what still runs in the copy, and removes the copy.
+remove_chroot() {
+    local pids round
+    [[ -n ${root:-} ]] || return 0
+    for round in 1 2 3 4 5; do
+        mapfile -t pids < <(processes_in_chroot)
+        ((${#pids[@]})) || break
+        kill -KILL "${pids[@]}" 2>/dev/null || true
+        sleep "0.$round"
+    done
+    wait 2>/dev/null || true
+    rm -rf --one-file-system "$root"
+    root=
+}
+
+# enter_chroot DIR COMMAND...: runs COMMAND in `root`, from DIR where that exists.
+# In the background, for a trap runs only while the shell waits; env gives back the
+# two signals that the shell ignores in what it runs there.
+enter_chroot() {
+    chroot "$root" /usr/bin/env --default-signal=INT,QUIT /bin/bash -c \
+        'cd "$0" 2>/dev/null || cd /; exec -- "$@"' "$@" <&0 &
+    wait $!
+}

@@ -1,0 +1,65 @@
+# shellcheck shell=bash
+# Debian packages: which ones are needed for what, and their installation without
+# starting any server. Sourced, never run. Needs messages.sh.
+
+# shellcheck disable=SC2034 # for the scripts that source this
+{
+    packages_to_build=(g++ cmake ninja-build pkg-config libboost-dev libboost-filesystem-dev
+        libmariadb-dev libsqlite3-dev)
+    packages_to_run=(postfix postfix-pcre iproute2 util-linux hostname diffutils)
+    packages_to_test=(libgtest-dev libgmock-dev libbenchmark-dev mariadb-server python3 procps
+        clang-format clang-tidy shellcheck)
+}
+
+policy=/usr/sbin/policy-rc.d
+policy_mark="# put here by torva-postfix while it installs packages"
+
+# is_installed PACKAGE
+is_installed() {
+    [[ $(dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null) == installed ]]
+}
+
+# ensure_packages PACKAGE...: installs those that are missing. Without any it does
+# nothing, and asks no package host.
+ensure_packages() {
+    local package missing=()
+    for package in "$@"; do is_installed "$package" || missing+=("$package"); done
+    ((${#missing[@]})) || return 0
+    [[ -x $(command -v apt-get) ]] ||
+        die "not installed: ${missing[*]}; and apt-get is missing: this is no Debian system"
+    warn "installing: ${missing[*]}"
+    install_packages "${missing[@]}" || die "could not install: ${missing[*]}"
+}
+
+# install_packages PACKAGE...: in a shell of its own, whose end takes the policy
+# away whatever happens.
+install_packages() (
+    trap 'exit 129' HUP
+    trap 'exit 130' INT
+    trap 'exit 143' TERM
+    forbid_server_start || exit
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get -q -o DPkg::Lock::Timeout=300 update >&2 ||
+        warn "the package lists are not up to date; trying what is there"
+    # Rather an error than the end of another mail server on this machine.
+    apt-get -q -y -o DPkg::Lock::Timeout=300 install --no-install-recommends --no-remove "$@" >&2
+)
+
+# forbid_server_start: makes invoke-rc.d and its like start nothing (exit status
+# 101 means "forbidden") until this shell ends. A policy of the machine's own is
+# left as it is; one that a killed run of ours left behind is taken over.
+forbid_server_start() {
+    if [[ -e $policy || -L $policy ]]; then
+        grep -qxF "$policy_mark" "$policy" 2>/dev/null || return 0
+    fi
+    trap 'rm -f "$policy"' EXIT
+    printf '#!/bin/sh\n%s\nexit 101\n' "$policy_mark" >"$policy" && chmod 755 "$policy"
+}
+
+# ensure_postfix: says so first when the machine has none.
+ensure_postfix() {
+    is_installed postfix && return
+    warn "Postfix is not installed; installing Debian's package, without starting a mail server"
+    ensure_packages postfix
+    warn "Postfix stays installed; to keep it from starting with the next boot: systemctl disable postfix"
+}

@@ -1,0 +1,409 @@
+"""The world in which mail flows: the real Postfix, the real MariaDB, the real tool.
+
+A test file is started inside scripts/sandbox --panel-accounts, as
+    python3 TEST.py PROGRAM STANDIN-DIRECTORY [TEST-NAME...]
+lays its server out as Debian does, lets the tool run, plays the panel (records in
+the tables that the tool made, certificate, restriction lists), and sends mail. Of
+the panel's own programs it has the small ones in standins/.
+"""
+
+import concurrent.futures
+import ctypes
+import email
+import glob
+import itertools
+import os
+import pwd
+import re
+import shutil
+import smtplib
+import subprocess
+import sys
+import time
+import unittest
+from pathlib import Path
+
+HOST = "sandbox.example.net"
+ADDRESS = "192.0.2.10"
+OUTSIDE_ADDRESS = "192.0.2.20"
+
+POSTFIX = Path("/etc/postfix")
+MAIN_CF = POSTFIX / "main.cf"
+MASTER_CF = POSTFIX / "master.cf"
+CERTIFICATE = POSTFIX / "postfix_default.pem"
+SPOOL = Path("/var/spool/postfix")
+TORVA = SPOOL / "torva"
+PANEL_PROGRAMS = Path("/usr/lib/torva-9.0")
+MAILNAMES = Path("/var/qmail/mailnames")
+MAILLOG = Path("/var/log/mailflow.log")
+# What the stand-ins write down; fixed in their sources.
+RECORDS = Path("/run/mailflow")
+SHELTER = Path("/run/mailflow-shelter")
+
+TESTS = Path(__file__).resolve().parents[1]
+PRIVATE_MARIADB = TESTS / "tools/private-mariadb"
+SCRIPTS = TESTS.parent / "scripts/lib"
+
+# The longest that anything here takes is a few seconds; this is for a busy machine.
+PATIENCE = 60
+
+
+def main():
+    if os.environ.get("TORVA_SANDBOX") != "namespaces":
+        sys.exit("only to be run inside scripts/sandbox: it replaces files below /etc, /usr and /var")
+    for needed, package in {
+        "/usr/sbin/postfix": "postfix",
+        "/usr/lib/postfix/postfix-pcre.so": "postfix-pcre",
+        "/usr/sbin/mariadbd": "mariadb-server",
+        "/usr/bin/openssl": "openssl",
+        # Without a mechanism smtpd(8) ends as soon as SASL is switched on.
+        "/usr/lib/*/sasl2/libplain.so": "libsasl2-modules",
+    }.items():
+        if not glob.glob(needed):
+            sys.exit(f"{needed} is missing (Debian package {package})")
+    World.program, World.standins = (Path(word).resolve() for word in sys.argv[1:3])
+    unittest.main(argv=[sys.argv[0], *sys.argv[3:]], verbosity=2)
+
+
+def run(*argv, **how):
+    """A program that has to succeed; its standard output."""
+    how = {"check": True, "text": True, "timeout": PATIENCE, "stdout": subprocess.PIPE, **how}
+    return subprocess.run([str(word) for word in argv], **how).stdout
+
+
+def remove(path):
+    if path.is_dir() and not path.is_symlink():
+        shutil.rmtree(path)
+    else:
+        path.unlink(missing_ok=True)
+
+
+def wait_for(what, condition):
+    """The first true result of condition(), which is asked again and again."""
+    deadline = time.monotonic() + PATIENCE
+    while True:
+        result = condition()
+        if result:
+            return result
+        if time.monotonic() > deadline:
+            raise AssertionError("never happened: " + what)
+        time.sleep(0.01)
+
+
+def enter_outside():
+    """Moves this thread into the network of the foreign clients, see setns(2)."""
+    libc = ctypes.CDLL(None, use_errno=True)
+    with open("/run/netns/outside") as namespace:
+        if libc.setns(namespace.fileno(), 0x40000000) != 0:  # CLONE_NEWNET
+            raise OSError(ctypes.get_errno(), "setns")
+
+
+class Message:
+    """A message that is told from every other by its token, and easily damaged."""
+
+    _number = itertools.count(1)
+
+    def __init__(self, sender="sender@client.example.com"):
+        self.sender = sender
+        self.token = f"token-{next(self._number)}-{time.time_ns()}".encode()
+        # Fully qualified addresses and all the headers that Postfix would add.
+        self.text = (
+            b"From: Sender <%s>\n"
+            b"To: Somebody Else <somebody@client.example.com>\n"
+            b"Date: Thu, 01 Jan 2015 00:00:00 +0000\n"
+            b"Message-ID: <%s@client.example.com>\n"
+            b"MIME-Version: 1.0\n"
+            b"Content-Type: text/plain; charset=utf-8\n"
+            b"Content-Transfer-Encoding: 8bit\n"
+            b"Subject: folded\n"
+            b"\there\n"
+            b"\n"
+            b".\n"
+            b"..a line that begins with dots\n"
+            b"From a line that looks like the head of a mailbox\n"
+            b"eight bits: gr\xc3\xbc\xc3\x9fe, \xff\n"
+            b"a tab\tand blanks at the end   \n"
+            b"%s\n"
+            b"\n"
+            b"the last line, and one more that is empty\n"
+            b"\n" % (sender.encode(), self.token, b"x" * 900)
+        )
+
+
+class Client:
+    """Somebody who speaks SMTP with the server from one place of the network."""
+
+    def __init__(self, address, initializer=None):
+        self._address = address
+        self._thread = concurrent.futures.ThreadPoolExecutor(1, initializer=initializer)
+
+    def _session(self, talk):
+        def session():
+            with smtplib.SMTP(self._address, 25, "client.example.com", timeout=PATIENCE) as smtp:
+                return talk(smtp)
+
+        return self._thread.submit(session).result()
+
+    def send(self, message, *recipients, tls=None):
+        """Sends; with tls, an ssl.SSLContext, over STARTTLS."""
+
+        def talk(smtp):
+            if tls is not None:
+                smtp.starttls(context=tls)
+            refused = smtp.sendmail(message.sender, recipients, message.text.replace(b"\n", b"\r\n"))
+            if refused:
+                raise smtplib.SMTPRecipientsRefused(refused)
+
+        self._session(talk)
+
+    def answer(self, sender, recipient):
+        """What the server says to the recipient, as one line."""
+
+        def talk(smtp):
+            smtp.ehlo_or_helo_if_needed()
+            smtp.mail(sender)
+            code, text = smtp.rcpt(recipient)
+            return f"{code} {text.decode()}"
+
+        return self._session(talk)
+
+
+# The server's own machine, which it trusts, and one that it does not know.
+inside = Client("127.0.0.1")
+outside = Client(ADDRESS, enter_outside)
+
+
+class Delivery:
+    """A message as the delivery program put it into a maildir."""
+
+    def __init__(self, path):
+        self.path = path
+        self.raw = path.read_bytes()
+        self.maildir = path.parent.parent
+        self.owner = pwd.getpwuid(path.stat().st_uid).pw_name
+
+    def added_to(self, message):
+        """The header lines before a message that arrived with every byte it had."""
+        if not self.raw.endswith(message.text):
+            raise AssertionError(f"damaged: {self.raw!r}\nsent: {message.text!r}")
+        return email.message_from_bytes(self.raw[: -len(message.text)]).items()
+
+
+class Relayed:
+    """A connection that a mail handler carried."""
+
+    def __init__(self, path):
+        head, self.said = path.read_bytes().split(b"\n", 1)
+        self.phase, self.address, self.port = head.decode().split()
+
+
+class World:
+    """One server. Each test file has a sandbox, and so a server, of its own."""
+
+    program = standins = None
+
+    def __init__(self, **parameters):
+        self._started = False
+        self._log_seen = 0
+        # Mail that waits on the machine itself is none of our business.
+        for queue in "maildrop incoming active deferred defer bounce hold trace flush corrupt saved".split():
+            for path in (SPOOL / queue).glob("*"):
+                remove(path)
+        for path in (TORVA, MAILNAMES / "localhost.localdomain", Path("/var/mail/root"), MAILLOG):
+            remove(path)
+        self._install_postfix(parameters)
+        for program in self.standins.iterdir():
+            shutil.copy(program, PANEL_PROGRAMS)
+        for name, owner in (("queue", "mhandlers-user"), ("mailman", "mailman")):
+            (RECORDS / name).mkdir(parents=True)
+            shutil.chown(RECORDS / name, owner)
+
+    def _install_postfix(self, parameters):
+        """The two files as Debian's package writes them for an "Internet Site"."""
+        shutil.copy("/usr/share/postfix/master.cf.dist", MASTER_CF)
+        parameters = {
+            "smtpd_relay_restrictions": "permit_mynetworks permit_sasl_authenticated defer_unauth_destination",
+            "myhostname": HOST,
+            "alias_maps": "hash:/etc/aliases",
+            "alias_database": "hash:/etc/aliases",
+            "relayhost": "",
+            "mynetworks": "127.0.0.0/8 [::ffff:127.0.0.0]/104 [::1]/128",
+            "mailbox_size_limit": "0",
+            "recipient_delimiter": "+",
+            "inet_interfaces": "all",
+            "inet_protocols": "all",
+            # There is no syslog daemon here.
+            "maillog_file": str(MAILLOG),
+            **parameters,
+        }
+        text = Path("/usr/share/postfix/main.cf.debian").read_text()
+        MAIN_CF.write_text(text + "".join(f"{name} = {value}\n" for name, value in parameters.items()))
+        # Postfix's programs sleep until it is older than about two seconds.
+        past = time.time() - 10
+        os.utime(MAIN_CF, (past, past))
+        Path("/etc/aliases").write_text("postmaster: root\n")
+        run("newaliases")
+
+    def start_database(self, statements):
+        """MariaDB with the panel's database; statements: SQL that fills it."""
+        run(PRIVATE_MARIADB, "start")
+        run("mariadb", "--no-defaults", "--socket=/run/mysqld/mysqld.sock", "--user=root", "kra", input=statements)
+
+    def run_tool(self):
+        """Runs the tool; "postlog", whose type it cannot read, is sheltered meanwhile."""
+        script = """
+            set -euo pipefail
+            program=mailflow
+            source "$1/messages.sh"
+            source "$1/shelter.sh"
+            shelter_services "$2"
+            status=0
+            "$3" || status=$?
+            restore_services "$2"
+            exit "$status"
+        """
+        environment = {name: value for name, value in os.environ.items() if name != "TORVA_INSTALLER_DEBUG"}
+        remove(SHELTER)
+        said = run("bash", "-c", script, "mailflow", SCRIPTS, SHELTER, self.program,
+                   stderr=subprocess.STDOUT, env=environment)
+        # A run that reaches the database and finds nothing wrong says nothing.
+        if said:
+            raise AssertionError("the tool said: " + said)
+
+    def put(self, table, **records):
+        """Records for one of the tool's tables, written as the panel writes them."""
+        lines = "".join(f"{key} {value}\n" for key, value in records.items())
+        run("postmap", "-r", "-i", f"hash:{TORVA / table}", input=lines)
+
+    def write_restriction_lists(self):
+        """The panel's lists of clients. With a list missing, smtpd(8) refuses everybody
+        whom it has to look up in it for the time being (451)."""
+        for name in ("no_relay.re", "non_auth.re"):
+            (TORVA / name).write_text("# nobody\n")
+
+    def write_certificate(self):
+        """The panel's default certificate, key and all, where main.cf wants it."""
+        request = ["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-noenc",
+                   "-days", "30", "-subj", "/CN=" + HOST, "-addext", f"subjectAltName=DNS:{HOST},IP:{ADDRESS}"]
+        CERTIFICATE.touch(mode=0o600)
+        CERTIFICATE.write_text(run(*request, "-keyout", "-", stderr=subprocess.DEVNULL))
+
+    def start_postfix(self):
+        """Starts Postfix the way Debian's service does."""
+        self._started = True
+        run("/usr/lib/postfix/configure-instance.sh", "-")
+        run("postfix", "start")
+
+    def close(self):
+        if self._started:
+            run("postfix", "stop")
+        run(PRIVATE_MARIADB, "stop")
+
+    def log(self):
+        return MAILLOG.read_text(errors="replace") if MAILLOG.exists() else ""
+
+    def log_line(self, pattern):
+        """The match of a regular expression in the mail log, once it is there."""
+        return wait_for("in the mail log: " + pattern, lambda: re.search(pattern, self.log()))
+
+    def new_complaints(self, expected):
+        """What Postfix has warned about since the last call, but for what is expected."""
+        lines = self.log()[self._log_seen:].splitlines(True)
+        self._log_seen += sum(map(len, lines))
+        bad = re.compile(r": (warning|error|fatal|panic): ")
+        return [line for line in lines if bad.search(line) and not any(known in line for known in expected)]
+
+    def wait_until_idle(self):
+        queues = [SPOOL / name for name in ("maildrop", "incoming", "active", "deferred")]
+        wait_for("an empty mail queue", lambda: not any(
+            path.is_file() for queue in queues for path in queue.rglob("*")))
+
+    def deliveries(self, message, wanted=1):
+        """Where the message was put, once it was put to so many places and Postfix has
+        nothing left to do."""
+
+        def found():
+            every = [Delivery(path) for path in sorted(MAILNAMES.glob("*/*/Maildir/new/*"))]
+            return [delivery for delivery in every if message.token in delivery.raw]
+
+        # First this: between two hops a message may slip past a look at the queues.
+        wait_for(f"{wanted} deliveries", lambda: len(found()) >= wanted)
+        self.wait_until_idle()
+        return found()
+
+    def relayed(self):
+        """All connections that the mail handlers have carried, by file name."""
+        return {path.name: Relayed(path) for path in (RECORDS / "queue").iterdir()}
+
+
+class MailTest(unittest.TestCase):
+    """One server for the tests of a class; set_up() makes it."""
+
+    longMessage = True
+    maxDiff = None
+    # Warnings that this server gives without a fault of its own.
+    expected_warnings = (
+        # Debian's "pickup" of type unix stands beside the tool's of type fifo, and
+        # both mean the path public/pickup, which the later one, the fifo, takes over.
+        "master_wakeup_timer_event: service pickup(public/pickup): Connection refused",
+    )
+
+    @classmethod
+    def setUpClass(cls):
+        cls.world = None
+        cls.addClassCleanup(lambda: cls.world and cls.world.close())
+        try:
+            cls.set_up()
+        except BaseException:
+            cls.show_log()
+            raise
+
+    def run(self, result=None):
+        def bad():
+            return len(result.failures) + len(result.errors)
+
+        before = bad()
+        super().run(result)
+        if bad() > before:
+            self.show_log()
+        return result
+
+    @classmethod
+    def show_log(cls):
+        if cls.world is not None:
+            print(f"\n--- mail log of {cls.__name__}:\n{cls.world.log()}---", file=sys.stderr)
+
+    def setUp(self):
+        self.forget_relayed()
+
+    def tearDown(self):
+        self.assertEqual(self.world.new_complaints(self.expected_warnings), [])
+
+    def forget_relayed(self):
+        self._before = set(self.world.relayed())
+
+    def relayed(self, phase):
+        """The connections that the handler of one phase has carried since then."""
+        return [relay for name, relay in sorted(self.world.relayed().items())
+                if name not in self._before and relay.phase == phase]
+
+    def assertDelivered(self, message, mailbox):
+        """Arrived once, in the maildir of one mail name, undamaged; the headers added."""
+        name, domain = mailbox.split("@")
+        [delivery] = self.world.deliveries(message)
+        self.assertEqual(delivery.maildir, MAILNAMES / domain / name / "Maildir")
+        self.assertEqual(delivery.owner, "popuser")
+        self.assertEqual(list((delivery.maildir / "tmp").iterdir()), [])
+        added = delivery.added_to(message)
+        self.assertEqual([name for name, _ in added],
+                         ["Return-Path", "X-Original-To", "Delivered-To", "Received", "Received"])
+        self.assertEqual(dict(added)["Return-Path"], f"<{message.sender}>")
+        self.assertEqual(dict(added)["Delivered-To"], mailbox)
+        return added
+
+    def assertPassedBothHandlers(self, message):
+        """Through 10025 to 10027 and from there to 10026, one connection each."""
+        for phase, port in (("before-queue", "10027"), ("before-remote", "10026")):
+            [relay] = self.relayed(phase)
+            self.assertEqual((relay.address, relay.port), ("127.0.0.1", port))
+            self.assertIn(message.token, relay.said)

@@ -1,0 +1,26 @@
+"""The networks of a host that has no address but the loopback one."""
+
+import sys
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
+from lists_test import MyNetworksTest as OnAnyHost
+from runworld import main, transcript
+
+
+class LoopbackOnlyTest(OnAnyHost):
+    """Every row, with the list that such a host is given: odd, and wanted so."""
+
+    host = "127.0.0.0/8, /32"
+
+    def test_the_run_completes(self):
+        run = self.world.run()
+        self.assertEqual(run.set("mynetworks"), ["127.0.0.0/8, /32"])
+        self.assertEqual(run.err, transcript())
+        self.assertCompleted(run)
+
+
+del OnAnyHost  # its own rows are for another host
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,37 @@
+#!/usr/bin/env python3
+"""Fails on an include that does not point down the layers, or not from the root."""
+
+import re
+import sys
+from pathlib import Path
+
+ALLOWED = {
+    "libc": (),
+    "util": ("libc",),
+    "process": ("util",),
+    "maildb": ("libc",),
+    "postfix/params": ("process", "util", "libc"),
+    "postfix/mastercf": ("postfix/params", "util"),
+    "postfix/tables": ("maildb", "postfix/params", "process", "util"),
+    "app": ("postfix/tables", "postfix/mastercf", "postfix/params", "maildb", "process", "util", "libc"),
+}
+INCLUDE = re.compile(r'^\s*#\s*include\s*(["<])([^">]+)[">]', re.MULTILINE)
+
+
+def violations(root, folder):
+    for path in sorted((root / folder).glob("*.*")):
+        for quote, name in INCLUDE.findall(path.read_text()):
+            target = name.rpartition("/")[0]
+            wrong = target in ALLOWED if quote == "<" else target not in (folder, *ALLOWED[folder])
+            if wrong:
+                yield f"{path.relative_to(root)}: {folder}/ may not include {quote}{name}{'"' if quote == '"' else '>'}"
+
+
+def main(root):
+    found = [text for folder in ALLOWED for text in violations(root, folder)]
+    print("\n".join(found) or f"{len(ALLOWED)} layers, every include points down")
+    return 1 if found else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(Path(sys.argv[1])))

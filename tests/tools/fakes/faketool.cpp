@@ -1,0 +1,382 @@
+// Stands in for postconf, postmap, postalias and hostname inside the sandbox: a
+// copy of it under each of these names writes down how it was called and answers
+// like the real program, or as a rule tells it to. Everything it needs lies below
+// /run/fake; tests/run/runworld.py sets that up and reads the log.
+//
+//   params/NAME, defaults/NAME  what "postconf -h" and "postconf -h -d" answer;
+//                               "postconf -e" writes the first
+//   hostname                    what "hostname -f" prints
+//   rules                       one rule a line, see Rule
+//   log                         one JSON object a call, see record()
+//   progress                    where the tool under test writes its messages
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <dirent.h>
+#include <fcntl.h>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+const std::string home = "/run/fake/";
+const std::string lockDirectory = "/var/lock/files/";
+
+using Fields = std::map<std::string, std::string>;
+
+bool readFile(const std::string& path, std::string& text) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        return false;
+    }
+    std::ostringstream all;
+    all << file.rdbuf();
+    text = all.str();
+    return true;
+}
+
+[[noreturn]] void broken(const std::string& what) {
+    // Loud, and never mistaken for an answer: a test that meets this has a hole.
+    std::fprintf(stderr, "faketool: fatal: %s\n", what.c_str());
+    std::exit(99);
+}
+
+std::string decoded(const std::string& text) {
+    std::string result;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '%' && i + 2 < text.size()) {
+            result += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
+            i += 2;
+        } else {
+            result += text[i];
+        }
+    }
+    return result;
+}
+
+std::string quoted(const std::string& bytes) {
+    std::string result = "\"";
+    for (const char c : bytes) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte > 0x7e || c == '"' || c == '\\') {
+            char escape[8];
+            std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(byte));
+            result += escape;
+        } else {
+            result += c;
+        }
+    }
+    return result + "\"";
+}
+
+// The number of this call, over all tools and for this one, both from 1.
+void countCall(const std::string& tool, long& number, long& nth) {
+    const int fd = ::open((home + "count").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0 || ::flock(fd, LOCK_EX) != 0) {
+        broken("no /run/fake");
+    }
+    std::string names;
+    readFile(home + "count", names);
+    names += tool + "\n";
+    if (::pwrite(fd, names.data(), names.size(), 0) != static_cast<ssize_t>(names.size())) {
+        broken("cannot count");
+    }
+    ::close(fd);
+    number = nth = 0;
+    std::istringstream lines(names);
+    for (std::string line; std::getline(lines, line);) {
+        ++number;
+        nth += line == tool ? 1 : 0;
+    }
+}
+
+// A rule is a line of NAME=VALUE fields with a TAB between them; "%xx" in a value
+// is a byte. The first rule that fits is used.
+//   when:  n (number of the call), tool, nth (call of that tool),
+//          args (all arguments but the program, each followed by byte 1f)
+//   input: stdin=ignore (never read), stdin=close (closed at once)
+//   wait:  sleep_ms; pause (until this file exists)
+//   then:  stdout, stderr (texts), exit (status), signal (to die of)
+//          default=1: answer as if there were no rule, after stderr and the waits
+//          exec (program to become, with the arguments and the input)
+Fields ruleFor(const std::string& tool, long number, long nth, const std::string& args) {
+    std::string text;
+    readFile(home + "rules", text);
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        Fields rule;
+        std::istringstream parts(line);
+        for (std::string part; std::getline(parts, part, '\t');) {
+            const std::size_t at = part.find('=');
+            rule[part.substr(0, at)] = decoded(part.substr(at + 1));
+        }
+        const auto fits = [&](const char* name, const std::string& value) {
+            return rule.count(name) == 0 || rule[name] == value;
+        };
+        if (fits("tool", tool) && fits("n", std::to_string(number)) &&
+            fits("nth", std::to_string(nth)) && fits("args", args)) {
+            return rule;
+        }
+    }
+    return {{"default", "1"}};
+}
+
+std::string drain(int fd) {
+    std::string all;
+    char chunk[65536];
+    for (;;) {
+        const ssize_t count = ::read(fd, chunk, sizeof chunk);
+        if (count > 0) {
+            all.append(chunk, static_cast<std::size_t>(count));
+        } else if (count == 0 || errno != EINTR) {
+            return all;
+        }
+    }
+}
+
+std::vector<std::string> entries(const std::string& directory) {
+    std::vector<std::string> names;
+    if (DIR* stream = ::opendir(directory.c_str())) {
+        const std::string own = std::to_string(::dirfd(stream));
+        while (const dirent* entry = ::readdir(stream)) {
+            const std::string name = entry->d_name;
+            if (name != "." && name != ".." && !(directory == "/proc/self/fd" && name == own)) {
+                names.push_back(name);
+            }
+        }
+        ::closedir(stream);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::string quotedList(const std::vector<std::string>& texts) {
+    std::string result = "[";
+    for (const std::string& text : texts) {
+        result += (result.size() > 1 ? "," : "") + quoted(text);
+    }
+    return result + "]";
+}
+
+// Lock files that somebody holds at this moment.
+std::vector<std::string> lockedFiles() {
+    std::vector<std::string> held;
+    for (const std::string& name : entries(lockDirectory)) {
+        const int fd = ::open((lockDirectory + name).c_str(), O_RDWR | O_CLOEXEC);
+        if (fd >= 0 && ::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+            held.push_back(name);
+        }
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+    return held;
+}
+
+std::string statusLine(const std::string& name) {
+    std::string text;
+    readFile("/proc/self/status", text);
+    const std::size_t at = text.find(name + ":\t");
+    return at == std::string::npos ? "" : text.substr(at + name.size() + 2, 16);
+}
+
+std::string configDirectory() {
+    std::string directory;
+    if (!readFile(home + "params/config_directory", directory)) {
+        readFile(home + "defaults/config_directory", directory);
+    }
+    return directory;
+}
+
+// A file as the call found it: "null", or its size, mode and age.
+std::string fileState(const std::string& path) {
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0) {
+        return "null";
+    }
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    const long age =
+        (now.tv_sec - info.st_mtim.tv_sec) * 1000 + (now.tv_nsec - info.st_mtim.tv_nsec) / 1000000;
+    std::ostringstream text;
+    text << "{\"size\":" << info.st_size << ",\"mode\":" << (info.st_mode & 07777U)
+         << ",\"age_ms\":" << age << "}";
+    return text.str();
+}
+
+// The table or file that a postmap or postalias call is about.
+std::string sourceOf(const std::vector<std::string>& argv) {
+    const std::string& table = argv.back();
+    const std::size_t colon = table.find(':');
+    return colon == std::string::npos ? table : table.substr(colon + 1);
+}
+
+void record(const std::string& tool, long number, const std::vector<std::string>& argv,
+            const std::string& input, const std::vector<std::string>& descriptors) {
+    struct stat progress {};
+    const long printed = ::stat((home + "progress").c_str(), &progress) == 0
+                             ? static_cast<long>(progress.st_size)
+                             : -1;
+    std::ostringstream line;
+    line << "{\"n\":" << number << ",\"tool\":" << quoted(tool) << ",\"argv\":" << quotedList(argv)
+         << ",\"stdin\":" << quoted(input) << ",\"progress\":" << printed
+         << ",\"blocked\":" << quoted(statusLine("SigBlk"))
+         << ",\"ignored\":" << quoted(statusLine("SigIgn"))
+         << ",\"fds\":" << quotedList(descriptors) << ",\"locked\":" << quotedList(lockedFiles())
+         << ",\"main_cf\":" << fileState(configDirectory() + "/main.cf")
+         << ",\"source\":" << fileState(sourceOf(argv)) << "}\n";
+    const std::string text = line.str();
+    const int fd = ::open((home + "log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (fd < 0 || ::write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+        broken("cannot log");
+    }
+    ::close(fd);
+}
+
+void say(int fd, const std::string& text) {
+    std::size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t count = ::write(fd, text.data() + done, text.size() - done);
+        if (count < 0) {
+            return;
+        }
+        done += static_cast<std::size_t>(count);
+    }
+}
+
+int answerPostconf(const std::vector<std::string>& argv) {
+    const std::vector<std::string> args(argv.begin() + 1, argv.end());
+    std::string value;
+    if (args.size() == 2 && args[0] == "-e") {
+        const std::size_t at = args[1].find('=');
+        if (at == std::string::npos) {
+            broken("no value");
+        }
+        std::ofstream(home + "params/" + args[1].substr(0, at), std::ios::binary)
+            << args[1].substr(at + 1);
+        // The real one writes main.cf anew.
+        ::utimensat(AT_FDCWD, (configDirectory() + "/main.cf").c_str(), nullptr, 0);
+        return 0;
+    }
+    if (args.size() == 2 && args[0] == "-h") {
+        if (!readFile(home + "params/" + args[1], value) &&
+            !readFile(home + "defaults/" + args[1], value)) {
+            broken("no value of " + args[1]);
+        }
+    } else if (args.size() == 3 && args[0] == "-h" && args[1] == "-d") {
+        if (!readFile(home + "defaults/" + args[2], value)) {
+            broken("no default of " + args[2]);
+        }
+    } else {
+        broken("unknown way to call postconf");
+    }
+    say(STDOUT_FILENO, value + "\n");
+    return 0;
+}
+
+int answer(const std::string& tool, const std::vector<std::string>& argv) {
+    if (tool == "postconf") {
+        return answerPostconf(argv);
+    }
+    if (tool == "hostname") {
+        std::string name;
+        if (argv.size() != 2 || argv[1] != "-f" || !readFile(home + "hostname", name)) {
+            say(STDERR_FILENO, "hostname: Name or service not known\n");
+            return 1;
+        }
+        say(STDOUT_FILENO, name);
+        return 0;
+    }
+    struct stat info {};
+    if (::stat(sourceOf(argv).c_str(), &info) != 0) {
+        say(STDERR_FILENO,
+            tool + ": fatal: open " + sourceOf(argv) + ": No such file or directory\n");
+        return 1;
+    }
+    return 0;
+}
+
+[[noreturn]] void become(const std::string& program, const std::vector<std::string>& argv,
+                         const std::string& input) {
+    int ends[2];
+    if (input.size() > 65536 || ::pipe(ends) != 0) {
+        broken("cannot hand on the input");
+    }
+    say(ends[1], input);
+    ::close(ends[1]);
+    ::dup2(ends[0], STDIN_FILENO);
+    ::close(ends[0]);
+    std::vector<char*> pointers;
+    for (const std::string& argument : argv) {
+        pointers.push_back(const_cast<char*>(argument.c_str()));
+    }
+    pointers.push_back(nullptr);
+    ::execv(program.c_str(), pointers.data());
+    broken("cannot become " + program);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const std::vector<std::string> descriptors = entries("/proc/self/fd");
+    const std::vector<std::string> words(argv, argv + argc);
+    // argv[0] is the caller's to choose, and is under test.
+    char self[4096];
+    const ssize_t length = ::readlink("/proc/self/exe", self, sizeof self);
+    if (length <= 0 || words.empty()) {
+        broken("who am I");
+    }
+    std::string tool(self, static_cast<std::size_t>(length));
+    tool.erase(0, tool.rfind('/') + 1);
+
+    long number = 0;
+    long nth = 0;
+    countCall(tool, number, nth);
+    std::string args;
+    for (std::size_t i = 1; i < words.size(); ++i) {
+        args += words[i] + '\x1f';
+    }
+    Fields rule = ruleFor(tool, number, nth, args);
+
+    std::string input;
+    if (rule["stdin"] == "close") {
+        ::close(STDIN_FILENO);
+    } else if (rule["stdin"] != "ignore") {
+        input = drain(STDIN_FILENO);
+    }
+    record(tool, number, words, input, descriptors);
+
+    while (!rule["pause"].empty() && ::access(rule["pause"].c_str(), F_OK) != 0) {
+        ::usleep(2000);
+    }
+    if (!rule["sleep_ms"].empty()) {
+        ::usleep(static_cast<useconds_t>(std::stoul(rule["sleep_ms"]) * 1000));
+    }
+    if (!rule["exec"].empty()) {
+        become(rule["exec"], words, input);
+    }
+    say(STDERR_FILENO, rule["stderr"]);
+    say(STDOUT_FILENO, rule["stdout"]);
+    if (rule["default"] == "1") {
+        return answer(tool, words);
+    }
+    if (!rule["signal"].empty()) {
+        const int signalNumber = std::stoi(rule["signal"]);
+        std::signal(signalNumber, SIG_DFL);
+        sigset_t all;
+        ::sigemptyset(&all);
+        ::sigprocmask(SIG_SETMASK, &all, nullptr);
+        ::raise(signalNumber);
+    }
+    return rule["exit"].empty() ? 0 : std::stoi(rule["exit"]);
+}

@@ -1,0 +1,33 @@
+#!/bin/bash
+# One linter over everything that it concerns:
+#     lint.sh shellcheck|clang-format CHECKOUT
+#     lint.sh clang-tidy CHECKOUT BUILD_DIR
+# Exit status 77: the linter is not installed.
+set -euo pipefail
+
+linter=$1
+cd "$2"
+command -v "$linter" >/dev/null || {
+    echo "SKIP: $linter is not installed"
+    exit 77
+}
+
+# files FIND-EXPRESSION...: the files of the checkout, each ended by a null byte.
+files() { find . \( -name .git -o -path ./build \) -prune -o -type f "$@" -print0; }
+
+case $linter in
+    shellcheck)
+        # Scripts without a suffix are known by their first line.
+        { files -name '*.sh' && files ! -name '*.*' -exec grep -qE '^#! ?/bin/(ba)?sh' {} \;; } |
+            xargs -0 shellcheck
+        ;;
+    clang-format)
+        files \( -name '*.h' -o -name '*.cpp' \) | xargs -0 clang-format --dry-run -Werror
+        ;;
+    clang-tidy)
+        sed -n 's/^ *"file": "\(.*\)".*/\1/p' "$3/compile_commands.json" | sort -u |
+            grep -E "^$PWD/(app|postfix|maildb|process|util|libc)/" | tr '\n' '\0' |
+            xargs -0 -n 1 -P "$(nproc)" clang-tidy --quiet -p "$3" 2>&1 |
+            sed '/warnings generated\.$/d'
+        ;;
+esac

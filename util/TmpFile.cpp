@@ -29,7 +29,8 @@ int syncToDisk(int fd) {
 TmpFileBase::TmpFileBase(const std::string& prefix) : path(prefix + "XXXXXX"), fd(-1) {
     const int created = ::mkostemp(path.data(), O_CLOEXEC);
     if (created == -1) {
-        throwSystemError(creationFailed, errno);
+        const int saved_errno = errno;
+        throwSystemError(creationFailed, saved_errno);
     }
     fd = fd_above_standard(created);
     if (fd == -1) {
@@ -59,7 +60,7 @@ int TmpFile::Buffer::sync() {
 
 void TmpFile::Buffer::note(bool written) {
     if (!written && error_ == 0) {
-        error_ = errno;
+        error_ = errno != 0 ? errno : EIO;
     }
 }
 
@@ -69,7 +70,8 @@ TmpFile::TmpFile(const std::string& prefix, bool autoclean)
     try {
         buffer_ = Buffer(fd);
         if (!buffer_.is_open()) {
-            throwSystemError(creationFailed, errno);
+            const int saved_errno = errno;
+            throwSystemError(creationFailed, saved_errno);
         }
     } catch (...) {
         // Closed already where the buffer had taken it.
@@ -96,7 +98,8 @@ void TmpFile::commit() {
     if (!buffer_.is_open()) {
         throw SystemError("write", EBADF);
     }
-    if (buffer_.pubsync() != 0 || !good()) {
+    // The buffer knows of a failure that the stream's state was cleared of.
+    if (buffer_.pubsync() != 0 || !good() || buffer_.error() != 0) {
         throw SystemError("write", buffer_.error() != 0 ? buffer_.error() : EIO);
     }
     if (syncToDisk(fd) == -1) {

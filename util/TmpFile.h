@@ -1,7 +1,7 @@
 // A temporary file beside the file that it will replace. The sequence: create,
-// write as to any stream, commit(), rename path() over the target, then
-// setAutoclean(false) or nothing (after commit() the clean-up is off). Files that
-// are only scratch are util/AutocleanOFStream.h.
+// write as to any stream, commit(), setAutoclean(true) for as long as the rename
+// may fail, rename path() over the target, setAutoclean(false). Files that are
+// only scratch are util/AutocleanOFStream.h.
 #pragma once
 
 #include <ext/stdio_filebuf.h>
@@ -51,7 +51,9 @@ public:
     /// clean-up off: from here on the file is the caller's.
     ///
     /// \throws SystemError "write" when anything written to the stream did not
-    ///         reach the file, "fsync" or "close"; the clean-up is still on then
+    ///         reach the file, with the errno of the first failing write; "fsync"
+    ///         or "close"; the clean-up is still on then. "write" with EBADF when
+    ///         the file is closed by an earlier call
     void commit();
 
 private:

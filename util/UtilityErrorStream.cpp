@@ -1,6 +1,7 @@
 #include "util/UtilityErrorStream.h"
 
 #include <iostream>
+#include <new>
 
 namespace torva {
 
@@ -13,7 +14,11 @@ UtilityErrorStreamBuf::int_type UtilityErrorStreamBuf::overflow(int_type c) {
     }
     const char ch = traits_type::to_char_type(c);
     std::cerr.put(ch);
-    pending += ch;
+    try {
+        pending += ch;
+    } catch (const std::bad_alloc&) { // NOLINT(bugprone-empty-catch)
+        // The copy is lost; a failure here would cost standard error the rest too.
+    }
     return c;
 }
 

@@ -51,7 +51,7 @@ torva::test::Outcome listedAfter(
         int count = -1;
         ifaceinfo* list = list_interfaces(&count);
         if (list == nullptr) {
-            return 1;
+            return count == 0 ? 1 : 4;
         }
         for (int i = 0; i < count; ++i) {
             std::printf("%s %s %s %s\n", list[i].name, list[i].address_text, list[i].netmask_text,
@@ -67,6 +67,16 @@ torva::test::Outcome listedAfter(
         free_interfaces(list);
         return terminated ? 0 : 3;
     });
+}
+
+/// Commands of ip(8) for an interface with so many addresses.
+std::vector<std::string> manyAddresses(int count) {
+    std::string batch;
+    for (int i = 1; i <= count; ++i) {
+        batch += "addr add 10.0.0." + std::to_string(i) + "/32 dev eth0\n";
+    }
+    return {"link add eth0 type veth peer name peer0", "link set eth0 address 02:00:00:00:0a:0b",
+            "-batch /dev/stdin <<END\n" + batch + "END\n"};
 }
 
 const std::vector<std::string> oneInterface = {"link add eth0 type veth peer name peer0",
@@ -135,21 +145,11 @@ TEST(InterfacesSandboxTest, MoreInterfacesThanFitInTheFirstBufferAreAllListed) {
     // every count about those borders, and many.
     for (const int count : {1, 2, 3, 4, 5, 6, 7, 12, 13, 25, 26, 250}) {
         SCOPED_TRACE(count);
-        std::vector<std::string> commands = {"link add eth0 type veth peer name peer0",
-                                             "link set eth0 address 02:00:00:00:0a:0b"};
         std::string wanted;
         for (int i = 1; i <= count; ++i) {
-            const std::string address = "10.0.0." + std::to_string(i);
-            wanted += "eth0 " + address + " 255.255.255.255 02:00:00:00:0a:0b\n";
+            wanted += "eth0 10.0.0." + std::to_string(i) + " 255.255.255.255 02:00:00:00:0a:0b\n";
         }
-        commands.push_back("-batch /dev/stdin <<END\n" + [&] {
-            std::string batch;
-            for (int i = 1; i <= count; ++i) {
-                batch += "addr add 10.0.0." + std::to_string(i) + "/32 dev eth0\n";
-            }
-            return batch + "END\n";
-        }());
-        const auto outcome = listedAfter(commands);
+        const auto outcome = listedAfter(manyAddresses(count));
         EXPECT_EQ(outcome.exited, 0) << outcome.err;
         EXPECT_EQ(outcome.out, wanted);
     }
@@ -175,4 +175,20 @@ TEST(InterfacesSandboxTest, AnUnreadableNetmaskIsThatOfOneHost) {
     EXPECT_EQ(outcome.exited, 0);
     EXPECT_EQ(outcome.out, "eth0 10.1.2.3 255.255.255.255 02:00:00:00:0a:0b\n");
     EXPECT_EQ(outcome.err, "");
+}
+
+TEST(InterfacesSandboxTest, LackOfMemoryForTheRecordsIsReportedWithTheirNumber) {
+    if (TORVA_TEST_ASAN != 0) {
+        GTEST_SKIP() << "the sanitizer's allocator does not keep to RLIMIT_AS";
+    }
+    const auto outcome = listedAfter(manyAddresses(250), [] {
+        // What is left is enough for the kernel's 250 entries of 40 bytes, and not
+        // for as many records.
+        void* left = std::malloc(32768);
+        torva::test::exhaustMemory();
+        std::free(left);
+        return true;
+    });
+    EXPECT_EQ(outcome.exited, 1);
+    EXPECT_EQ(outcome.err, "3: Can't allocate ifaceinfo buffer from 250 elements\n");
 }

@@ -103,6 +103,20 @@ TEST(InterfacesTest, WithoutASocketThereIsAReportAndNoList) {
     EXPECT_EQ(outcome.err, "3: Can't create socket: Too many open files\n");
 }
 
+TEST(InterfacesTest, LackOfMemoryForTheQueryIsReported) {
+    if (TORVA_TEST_ASAN != 0) {
+        GTEST_SKIP() << "the sanitizer's allocator does not keep to RLIMIT_AS";
+    }
+    const auto outcome = inChild([] {
+        torva_log = reportOut;
+        torva::test::exhaustMemory();
+        int count = 7;
+        return list_interfaces(&count) == nullptr && count == 0 ? 0 : 1;
+    });
+    EXPECT_EQ(outcome.exited, 0);
+    EXPECT_EQ(outcome.err, "3: unable to query SIOCGIFCONF: Cannot allocate memory\n");
+}
+
 TEST(InterfacesTest, AFailedQueryIsReportedAndLeavesNoDescriptor) {
     const auto outcome = inChild([] {
         if (!failSyscall(SYS_ioctl, ENOBUFS, 1, SIOCGIFCONF)) {

@@ -270,6 +270,20 @@ TEST(FileLockTest, AnyOtherFailureToLockIsAnErrorWithItsErrno) {
     EXPECT_EQ(outcome.err, "") << "only a failed opening is reported";
 }
 
+TEST(FileLockTest, LackOfMemoryGivesNoHandleAndOpensNothing) {
+    if (TORVA_TEST_ASAN != 0) {
+        GTEST_SKIP() << "the sanitizer's allocator does not keep to RLIMIT_AS";
+    }
+    const TempDirectory directory;
+    const std::string name = directory / "table";
+    const Outcome outcome = inChild([&] {
+        torva::test::exhaustMemory();
+        return file_lock_try(name.c_str(), 0) == nullptr && errno == ENOMEM ? 0 : 1;
+    });
+    EXPECT_EQ(outcome.exited, 0);
+    EXPECT_TRUE(directory.names().empty());
+}
+
 TEST(FileLockTest, TheReasonOfARefusedLockIsNotThatOfTheClosing) {
     const TempDirectory directory;
     const Handle held = tried(directory / "table");

@@ -1,6 +1,7 @@
 #include "util/UtilityErrorStream.h"
 
 #include "libc/Child.h"
+#include "util/LibraryFaults.h"
 
 #include <gtest/gtest.h>
 
@@ -100,6 +101,19 @@ TEST(UtilityErrorStreamTest, AClosedStandardStreamDoesNotCostTheOtherItsCopy) {
         EXPECT_EQ(outcome.exited, 0);
         EXPECT_EQ(closed == STDOUT_FILENO ? outcome.err : outcome.out, "abc\ndef\n");
     }
+}
+
+TEST(UtilityErrorStreamTest, LackOfMemoryCostsStandardErrorNothing) {
+    const std::string text(200, 'x');
+    const Outcome outcome = inChild([&] {
+        torva::test::libraryFaults.newFails = true;
+        utilityErrorStream << text << "end" << std::endl;
+        utilityErrorStream << "next" << std::endl;
+        torva::test::libraryFaults.newFails = false;
+        return utilityErrorStream.good() ? 0 : 1;
+    });
+    EXPECT_EQ(outcome.exited, 0);
+    EXPECT_EQ(outcome.err, text + "end\nnext\n");
 }
 
 TEST(UtilityErrorStreamTest, EndOfFileIsGivenBackAndWritesNothing) {

@@ -34,7 +34,10 @@ class FreshServerTest(MailTest):
 
     @classmethod
     def set_up(cls):
-        cls.world = World(myhostname="sandbox", mydestination="$myhostname, sandbox, localhost.localdomain, , localhost")
+        cls.world = World(
+            myhostname="sandbox",
+            mydestination="$myhostname, sandbox, localhost.localdomain, , localhost",
+        )
         cls.world.start_postfix()
         cls.before = Message()
         sendmail(cls.before, "root")
@@ -45,7 +48,7 @@ class FreshServerTest(MailTest):
         cls.world.put("vmailbox", **{MAILBOX: "x"})
         cls.world.put("aliases", **{name: "root" for name in RESERVED[1:] if name != "root"})
         cls.world.write_restriction_lists()
-        run("postfix", "reload")
+        cls.world.reload_postfix()
 
     @staticmethod
     def in_root_mail(message):
@@ -67,11 +70,13 @@ class FreshServerTest(MailTest):
         sendmail(message, MAILBOX)
         self.assertDelivered(message, MAILBOX)
         self.assertEqual(self.relayed("before-queue"), [])
-        [relay] = self.relayed("before-remote")
+        relay = self.assertOne(self.relayed("before-remote"))
         self.assertEqual((relay.address, relay.port), ("127.0.0.1", "10026"))
         self.assertIn(message.token, relay.said)
+        self.assertIn(b"\nXFORWARD SOURCE=LOCAL\r\n", relay.said)
         # The message before the run had no handler on its way.
-        self.assertFalse([old for old in self.world.relayed().values() if self.before.token in old.said])
+        every = self.world.relayed(self.world.relayed_names())
+        self.assertFalse([old for old in every if self.before.token in old.said])
 
     def test_outside_client_reaches_a_recipient_of_the_panel(self):
         message = Message()

@@ -61,6 +61,7 @@ def main():
     }.items():
         if not glob.glob(needed):
             sys.exit(f"{needed} is missing (Debian package {package})")
+    os.umask(0o022)
     World.program, World.standins = (Path(word).resolve() for word in sys.argv[1:3])
     unittest.main(argv=[sys.argv[0], *sys.argv[3:]], verbosity=2)
 
@@ -76,6 +77,12 @@ def remove(path):
         shutil.rmtree(path)
     else:
         path.unlink(missing_ok=True)
+
+
+def children(parent):
+    """The directories of a process's children, see proc(5)."""
+    text = Path(f"/proc/{parent}/task/{parent}/children").read_text()
+    return [Path("/proc") / child for child in text.split()]
 
 
 def wait_for(what, condition):
@@ -137,7 +144,9 @@ class Client:
         self._address = address
         self._thread = concurrent.futures.ThreadPoolExecutor(1, initializer=initializer)
 
-    def _session(self, talk):
+    def session(self, talk):
+        """The result of talk(smtp) in a session of its own."""
+
         def session():
             with smtplib.SMTP(self._address, 25, "client.example.com", timeout=PATIENCE) as smtp:
                 return talk(smtp)
@@ -154,7 +163,7 @@ class Client:
             if refused:
                 raise smtplib.SMTPRecipientsRefused(refused)
 
-        self._session(talk)
+        self.session(talk)
 
     def answer(self, sender, recipient):
         """What the server says to the recipient, as one line."""
@@ -165,7 +174,7 @@ class Client:
             code, text = smtp.rcpt(recipient)
             return f"{code} {text.decode()}"
 
-        return self._session(talk)
+        return self.session(talk)
 
 
 # The server's own machine, which it trusts, and one that it does not know.
@@ -204,16 +213,18 @@ class World:
 
     def __init__(self, **parameters):
         self._started = False
-        self._log_seen = 0
+        self._judged = 0  # so much of the log has been searched for warnings
         # Mail that waits on the machine itself is none of our business.
         for queue in "maildrop incoming active deferred defer bounce hold trace flush corrupt saved".split():
             for path in (SPOOL / queue).glob("*"):
                 remove(path)
-        for path in (TORVA, MAILNAMES / "localhost.localdomain", Path("/var/mail/root"), MAILLOG):
+        for path in (TORVA, Path("/var/mail/root"), MAILLOG, *MAILNAMES.iterdir()):
             remove(path)
         self._install_postfix(parameters)
         for program in self.standins.iterdir():
             shutil.copy(program, PANEL_PROGRAMS)
+            # Others than root run them, whatever umask they were built under.
+            (PANEL_PROGRAMS / program.name).chmod(0o755)
         for name, owner in (("queue", "mhandlers-user"), ("mailman", "mailman")):
             (RECORDS / name).mkdir(parents=True)
             shutil.chown(RECORDS / name, owner)
@@ -276,8 +287,8 @@ class World:
         run("postmap", "-r", "-i", f"hash:{TORVA / table}", input=lines)
 
     def write_restriction_lists(self):
-        """The panel's lists of clients. With a list missing, smtpd(8) refuses everybody
-        whom it has to look up in it for the time being (451)."""
+        """The panel's lists of clients, without which smtpd(8) tells everybody to come
+        back later (451)."""
         for name in ("no_relay.re", "non_auth.re"):
             (TORVA / name).write_text("# nobody\n")
 
@@ -293,11 +304,35 @@ class World:
         self._started = True
         run("/usr/lib/postfix/configure-instance.sh", "-")
         run("postfix", "start")
+        self._wait_for_unix_pickup()
+
+    def reload_postfix(self):
+        """Makes a running Postfix take over master.cf and every table as they now are.
+        It is not done when "postfix reload" ends: a process of before may still answer."""
+        before = children(int((SPOOL / "pid/master.pid").read_text()))
+        run("postfix", "reload")
+        wait_for("the end of every process of before", lambda: not any(map(Path.exists, before)))
+        self._wait_for_unix_pickup()
+
+    def _wait_for_unix_pickup(self):
+        """Waits out the one time that master(8) wakes Debian's "pickup" of type unix,
+        before the tool's fifo takes over its path. A message that lies in the drop then
+        is picked up by both services: it arrives twice, once without the filter."""
+
+        def served():
+            # Num RefCount Protocol Flags Type St Inode Path; a listening socket has a
+            # flag, a connection goes when it was served. See proc(5).
+            sockets = [line.split() for line in Path("/proc/net/unix").read_text().splitlines()]
+            return not any(words[-1].endswith("public/pickup") and words[3] == "00000000" for words in sockets)
+
+        wait_for("the end of the first pickup", served)
 
     def close(self):
-        if self._started:
-            run("postfix", "stop")
-        run(PRIVATE_MARIADB, "stop")
+        try:
+            if self._started:
+                run("postfix", "stop")
+        finally:
+            run(PRIVATE_MARIADB, "stop")
 
     def log(self):
         return MAILLOG.read_text(errors="replace") if MAILLOG.exists() else ""
@@ -308,8 +343,9 @@ class World:
 
     def new_complaints(self, expected):
         """What Postfix has warned about since the last call, but for what is expected."""
-        lines = self.log()[self._log_seen:].splitlines(True)
-        self._log_seen += sum(map(len, lines))
+        text = self.log()[self._judged:]
+        lines = text[: text.rfind("\n") + 1].splitlines(keepends=True)
+        self._judged += sum(map(len, lines))
         bad = re.compile(r": (warning|error|fatal|panic): ")
         return [line for line in lines if bad.search(line) and not any(known in line for known in expected)]
 
@@ -331,9 +367,12 @@ class World:
         self.wait_until_idle()
         return found()
 
-    def relayed(self):
-        """All connections that the mail handlers have carried, by file name."""
-        return {path.name: Relayed(path) for path in (RECORDS / "queue").iterdir()}
+    def relayed_names(self):
+        """The names of the records of all connections that the mail handlers have carried."""
+        return {path.name for path in (RECORDS / "queue").iterdir()}
+
+    def relayed(self, names):
+        return [Relayed(RECORDS / "queue" / name) for name in sorted(names)]
 
 
 class MailTest(unittest.TestCase):
@@ -355,23 +394,23 @@ class MailTest(unittest.TestCase):
         try:
             cls.set_up()
         except BaseException:
-            cls.show_log()
+            cls.show_log(0)
             raise
 
     def run(self, result=None):
         def bad():
             return len(result.failures) + len(result.errors)
 
-        before = bad()
+        before, start = bad(), len(self.world.log())
         super().run(result)
         if bad() > before:
-            self.show_log()
+            self.show_log(start)
         return result
 
     @classmethod
-    def show_log(cls):
+    def show_log(cls, start):
         if cls.world is not None:
-            print(f"\n--- mail log of {cls.__name__}:\n{cls.world.log()}---", file=sys.stderr)
+            print(f"\n--- mail log:\n{cls.world.log()[start:]}---", file=sys.stderr)
 
     def setUp(self):
         self.forget_relayed()
@@ -380,17 +419,22 @@ class MailTest(unittest.TestCase):
         self.assertEqual(self.world.new_complaints(self.expected_warnings), [])
 
     def forget_relayed(self):
-        self._before = set(self.world.relayed())
+        self._before = self.world.relayed_names()
 
     def relayed(self, phase):
         """The connections that the handler of one phase has carried since then."""
-        return [relay for name, relay in sorted(self.world.relayed().items())
-                if name not in self._before and relay.phase == phase]
+        new = self.world.relayed(self.world.relayed_names() - self._before)
+        return [relay for relay in new if relay.phase == phase]
+
+    def assertOne(self, things):
+        """That there is one, which is the result."""
+        self.assertEqual(len(things), 1, things)
+        return things[0]
 
     def assertDelivered(self, message, mailbox):
         """Arrived once, in the maildir of one mail name, undamaged; the headers added."""
         name, domain = mailbox.split("@")
-        [delivery] = self.world.deliveries(message)
+        delivery = self.assertOne(self.world.deliveries(message))
         self.assertEqual(delivery.maildir, MAILNAMES / domain / name / "Maildir")
         self.assertEqual(delivery.owner, "popuser")
         self.assertEqual(list((delivery.maildir / "tmp").iterdir()), [])
@@ -404,6 +448,6 @@ class MailTest(unittest.TestCase):
     def assertPassedBothHandlers(self, message):
         """Through 10025 to 10027 and from there to 10026, one connection each."""
         for phase, port in (("before-queue", "10027"), ("before-remote", "10026")):
-            [relay] = self.relayed(phase)
+            relay = self.assertOne(self.relayed(phase))
             self.assertEqual((relay.address, relay.port), ("127.0.0.1", port))
             self.assertIn(message.token, relay.said)

@@ -184,10 +184,10 @@ void Pipe::launch() {
         takeStatuses(processes, children);
         throw;
     }
+    takeStatuses(processes, children);
     catcher.remove();
     sigchld.restore();
     sigpipe.restore();
-    takeStatuses(processes, children);
     refuseLostInput(processes, served);
 }
 

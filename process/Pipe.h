@@ -67,15 +67,24 @@ public:
 
     /// Starts every process and serves the streams until all have ended and all
     /// stream pipes are closed. A stream with a callback is a pipe, one with a
-    /// descriptor gets that descriptor, one with neither is inherited.
+    /// descriptor gets that descriptor, one with neither is inherited; a callback
+    /// wins over a descriptor. While this runs SIGCHLD is ours: callbacks must not
+    /// wait for children of their own.
     ///
     /// \throws std::logic_error  "the pipe has been launched already", "No processes
-    ///         to launch were assigned so far", or the catcher is in use
+    ///         to launch were assigned so far", or the catcher is in use: another
+    ///         pipe is running
+    /// \throws std::invalid_argument  "invalid FD for stdin" (or "stdout", "stderr"):
+    ///         a negative descriptor other than -1
     /// \throws SystemError  a system call failed, here or in a child before exec;
     ///         "write" also when a child exited 0 without reading all its input
-    /// A failed launch leaves no descriptor and no running child of a process that
-    /// could not be executed; signal mask and dispositions are as before. How a
-    /// child ended is no error: see status().
+    /// \throws whatever a callback throws
+    /// How a child ended is no error: see status(). After an error no descriptor and
+    /// no child is left: those that run lose their pipes and are given three seconds
+    /// to end, then terminated, then killed. Signal mask and actions are as before.
+    ///
+    /// The children are connected to callbacks and descriptors only, never to each
+    /// other.
     void launch();
 
     /// Whether launch() has been called with at least one process.
@@ -86,7 +95,7 @@ public:
 
     /// \param index  position of the process in the order of adding
     /// \throws std::out_of_range  no such process
-    pid_t pid(std::size_t index) const;  ///< -1 before launch()
+    pid_t pid(std::size_t index) const;  ///< -1: not started
     int status(std::size_t index) const; ///< raw wait status, see waitpid(2); 0 before launch()
 
 private:

@@ -52,7 +52,7 @@ void SigchldBlock::restore() {
 
 SigpipeGuard::SigpipeGuard() {
     systemCall("sigaction", [this] { return ::sigaction(SIGPIPE, nullptr, &previous_); });
-    if ((previous_.sa_flags & SA_SIGINFO) != 0 || previous_.sa_handler != SIG_DFL) {
+    if (previous_.sa_handler != SIG_DFL) {
         return;
     }
     struct sigaction action = {};

@@ -10,9 +10,6 @@
 namespace torva::process {
 namespace {
 
-// What a pipe holds at most by default: one read empties it.
-constexpr std::size_t chunkSize = 65536;
-
 bool hasPending(const ServedChild& child) {
     return child.written < child.pending.size();
 }
@@ -27,7 +24,7 @@ void makeNonBlocking(const Descriptor& stream) {
 
 StreamServer::StreamServer(std::vector<ServedChild>& served, const ProcessSet& children,
                            ProcessSetCatcher& catcher)
-    : served_(served), children_(children), catcher_(catcher), buffer_(new char[chunkSize]) {}
+    : served_(served), children_(children), catcher_(catcher) {}
 
 void StreamServer::run() {
     // One child that does not read must not keep us from serving the others.
@@ -138,7 +135,8 @@ void StreamServer::feed(ServedChild& child) {
 }
 
 void StreamServer::collect(Descriptor& stream, const OutputConsumer& consumer) {
-    const ssize_t count = retried([&] { return ::read(stream.get(), buffer_.get(), chunkSize); });
+    const ssize_t count =
+        retried([&] { return ::read(stream.get(), buffer_.data(), buffer_.size()); });
     if (count == -1) {
         if (errno == EAGAIN) {
             return;
@@ -149,7 +147,7 @@ void StreamServer::collect(Descriptor& stream, const OutputConsumer& consumer) {
         stream.release("pipe read-end close");
         return;
     }
-    chunk_.assign(buffer_.get(), buffer_.get() + count);
+    chunk_.assign(buffer_.data(), buffer_.data() + count);
     consumer(chunk_);
 }
 

@@ -8,8 +8,8 @@
 #include "process/Pipe.h"
 #include "process/ProcessSetCatcher.h"
 
+#include <array>
 #include <cstddef>
-#include <memory>
 #include <vector>
 
 namespace torva::process {
@@ -60,7 +60,7 @@ private:
     bool childrenLeft_ = true;
     DescriptorSet readable_;
     DescriptorSet writable_;
-    std::unique_ptr<char[]> buffer_;
+    std::array<char, 65536> buffer_; // what a pipe holds by default: one read empties it
     std::vector<char> chunk_;
 };
 

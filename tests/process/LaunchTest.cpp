@@ -1,15 +1,18 @@
 #include "process/Launch.h"
 
 #include "ProcessFixture.h"
+#include "process/ProcessSetCatcher.h"
+#include "process/SignalGuards.h"
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <iostream>
-#include <set>
 #include <sstream>
+#include <stdexcept>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -190,6 +193,31 @@ TEST_F(LaunchTest, PreExecHookRunsInTheChildAfterEverythingElse) {
     EXPECT_EQ(nullptr, ::getenv("HOOK"));
 }
 
+TEST_F(LaunchTest, HookCanWaitForChildrenOfItsOwnWhileACatcherIsInstalled) {
+    ProcessSet children(1);
+    SigchldBlock sigchld;
+    ProcessSetCatcher catcher(children);
+    catcher.install();
+    LaunchRequest request = script("exit 0");
+    request.signalMask = &sigchld.previous();
+    request.preExecHook = [] {
+        const pid_t own = ::fork();
+        if (own == 0) {
+            ::_exit(3);
+        }
+        siginfo_t info = {};
+        ::waitid(P_PID, static_cast<id_t>(own), &info, WEXITED | WNOWAIT);
+        ::raise(SIGCHLD); // at the latest: the handler has had its turn
+        if (WEXITSTATUS(waitForExit(own)) != 3) {
+            throw std::runtime_error("other status");
+        }
+    };
+    pid_t pid = -1;
+    EXPECT_EQ("nothing", thrownBy([&] { launch(request, &pid); }));
+    EXPECT_EQ(0, waitForExit(pid));
+    catcher.remove();
+}
+
 TEST_F(LaunchTest, GivenMaskIsTheProgramsAndTheHooks) {
     sigset_t mask;
     ::sigemptyset(&mask);
@@ -211,150 +239,6 @@ TEST_F(LaunchTest, GivenMaskIsTheProgramsAndTheHooks) {
     EXPECT_EQ(1, WEXITSTATUS(status));
 }
 
-// The numbers that "ls /proc/self/fd" shows: what is inherited, and its own.
-std::set<int> listedDescriptors(const std::string& text) {
-    std::set<int> numbers;
-    std::istringstream in(text);
-    for (int number = 0; in >> number;) {
-        numbers.insert(number);
-    }
-    return numbers;
-}
-
-TEST_F(LaunchTest, ChildInheritsNothingOfWhatWasOpenedForIt) {
-    std::set<int> wanted;
-    for (int fd = 0; fd < 1024; ++fd) {
-        if (fd < 3 || ::fcntl(fd, F_GETFD) == 0) {
-            wanted.insert(fd);
-        }
-    }
-    for (int own = 0;; ++own) {
-        if (wanted.insert(own).second) {
-            break; // the directory that the lister has open
-        }
-    }
-    LaunchRequest request = script("exec ls /proc/self/fd");
-    request.input = {Kind::newPipe, -1};
-    request.error = {Kind::nullDevice, -1};
-    EXPECT_EQ(wanted, listedDescriptors(outputOf(request)));
-}
-
-TEST_F(LaunchTest, CloseOtherDescriptorsClosesEverythingFromThreeUp) {
-    LaunchRequest request = script("exec ls /proc/self/fd");
-    std::vector<Descriptor> inherited; // on both sides of the control pipe
-    for (const int lowest : {3, 50, 900}) {
-        inherited.emplace_back(::fcntl(0, F_DUPFD, lowest));
-    }
-    EXPECT_GT(listedDescriptors(outputOf(request)).size(), 6u);
-    request.closeOtherDescriptors = true;
-    EXPECT_EQ((std::set<int>{0, 1, 2, 3}), listedDescriptors(outputOf(request)));
-}
-
-TEST_F(LaunchTest, CloseOtherDescriptorsKeepsTheControlPipe) {
-    LaunchRequest request;
-    request.program = "/does/not/exist";
-    request.arguments = {"x"};
-    request.closeOtherDescriptors = true;
-    pid_t pid = -1;
-    EXPECT_EQ(relayedSystemError("execv", ENOENT), thrownBy([&] { launch(request, &pid); }));
-    waitForExit(pid);
-}
-
-// Where the child's streams lead when this process has its own streams on two
-// pipes and gives them away; each line is "which pipe: text".
-std::string givenAway(int outputFd, int errorFd) {
-    return inSubprocess([&](std::ostream& out) {
-        PipeEnds first = openPipe("pipe");
-        PipeEnds second = openPipe("pipe");
-        ::dup3(first.write.get(), 1, O_CLOEXEC);
-        ::dup3(second.write.get(), 2, O_CLOEXEC);
-        LaunchRequest request = script("echo output; echo error >&2");
-        if (outputFd != -1) {
-            request.output = {Kind::descriptor, outputFd};
-        }
-        if (errorFd != -1) {
-            request.error = {Kind::descriptor, errorFd};
-        }
-        const LaunchResult child = launch(request);
-        out << WEXITSTATUS(waitForExit(child.pid)) << " ";
-        ::close(1);
-        ::close(2);
-        first.write.release();
-        second.write.release();
-        out << "first: " << readAll(first.read.get()) << "second: " << readAll(second.read.get());
-    });
-}
-
-TEST_F(LaunchTest, StandardDescriptorsOfTheParentCanBeGivenInAnyOrder) {
-    EXPECT_EQ("0 first: error\nsecond: output\n", givenAway(2, 1)) << "exchanged";
-    EXPECT_EQ("0 first: output\nsecond: error\n", givenAway(1, 2)) << "in place, close-on-exec";
-    EXPECT_EQ("0 first: output\nerror\nsecond: ", givenAway(1, 1)) << "one for both";
-    EXPECT_EQ("0 first: second: output\nerror\n", givenAway(2, 2)) << "the other for both";
-}
-
-TEST_F(LaunchTest, StreamThatIsGivenAwayStaysWhereItIsInheritedToo) {
-    EXPECT_EQ("out error", inSubprocess([](std::ostream& out) {
-                  PipeEnds ends = openPipe("pipe");
-                  ::dup2(ends.write.get(), 2);
-                  LaunchRequest request = script("printf 'out '; printf error >&2");
-                  request.output = {Kind::descriptor, 2};
-                  const LaunchResult child = launch(request);
-                  waitForExit(child.pid);
-                  ::close(2);
-                  ends.write.release();
-                  out << readAll(ends.read.get());
-              }));
-}
-
-TEST_F(LaunchTest, OneDescriptorServesSeveralStreamsAndIsClosedOnceInTheChild) {
-    PipeEnds ends = openPipe("pipe");
-    // Without close-on-exec: only the child's own closing takes it away.
-    const Descriptor shared(::fcntl(ends.write.get(), F_DUPFD, 40));
-    LaunchRequest request = script("echo output; echo error >&2; [ -e /proc/$$/fd/" +
-                                   std::to_string(shared.get()) + " ] && echo open");
-    request.output = {Kind::descriptor, shared.get()};
-    request.error = {Kind::descriptor, shared.get()};
-    const LaunchResult child = launch(request);
-    waitForExit(child.pid);
-    EXPECT_NE(-1, ::fcntl(shared.get(), F_GETFD)) << "it is the caller's";
-    ends.write.release();
-    ::close(shared.get());
-    EXPECT_EQ("output\nerror\n", readAll(ends.read.get()));
-    ::dup2(0, shared.get()); // for the holder to close
-}
-
-TEST_F(LaunchTest, EveryCombinationOfClosedStandardStreamsWorks) {
-    for (int closed = 0; closed < 8; ++closed) {
-        for (const Kind kind : {Kind::inherited, Kind::nullDevice, Kind::newPipe}) {
-            const std::string shown = inSubprocess([&](std::ostream& out) {
-                for (const int fd : {0, 1, 2}) {
-                    if ((closed & (1 << fd)) != 0) {
-                        ::close(fd);
-                    }
-                }
-                // The status tells which of the three are open in the child.
-                LaunchRequest request = script("s=0; n=1; for f in 0 1 2; do "
-                                               "[ -e /proc/$$/fd/$f ] && s=$((s+n)); n=$((n*2)); "
-                                               "done; exit $s");
-                request.input = {kind, -1};
-                request.output = {kind, -1};
-                request.error = {kind, -1};
-                const LaunchResult child = launch(request);
-                out << WEXITSTATUS(waitForExit(child.pid));
-                for (const int fd : {0, 1, 2}) {
-                    out << (::fcntl(fd, F_GETFD) == -1 ? "c" : "o");
-                }
-            });
-            const int open = kind == Kind::inherited ? 7 - closed : 7;
-            std::string wanted = std::to_string(open);
-            for (const int fd : {0, 1, 2}) {
-                wanted += (closed & (1 << fd)) != 0 ? "c" : "o";
-            }
-            EXPECT_EQ(wanted, shown) << "closed " << closed;
-        }
-    }
-}
-
 TEST_F(LaunchTest, BufferedOutputIsNotPrintedTwiceByAFailingChild) {
     char name[] = "/tmp/launch-test-XXXXXX";
     const Descriptor file(::mkstemp(name));
@@ -362,7 +246,9 @@ TEST_F(LaunchTest, BufferedOutputIsNotPrintedTwiceByAFailingChild) {
     EXPECT_EQ("", inSubprocess([&](std::ostream&) {
                   ::dup2(file.get(), 1);
                   ::dup2(file.get(), 2);
-                  std::fputs("stdio ", stdout);
+                  std::fputs("stdout ", stdout);
+                  std::FILE* const other = ::fdopen(::dup(file.get()), "w");
+                  std::fputs("other ", other);
                   std::cout << "cout ";
                   std::clog << "clog ";
                   LaunchRequest request;
@@ -375,7 +261,7 @@ TEST_F(LaunchTest, BufferedOutputIsNotPrintedTwiceByAFailingChild) {
               }));
     ::lseek(file.get(), 0, SEEK_SET);
     const std::string text = readAll(file.get());
-    for (const std::string word : {"stdio ", "cout ", "clog "}) {
+    for (const std::string word : {"stdout ", "other ", "cout ", "clog "}) {
         EXPECT_NE(std::string::npos, text.find(word)) << text;
         EXPECT_EQ(text.find(word), text.rfind(word)) << text;
     }

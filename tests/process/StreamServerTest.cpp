@@ -50,6 +50,14 @@ TEST_F(WriteSomeTest, NearlyFullPipeTakesTheFirstHalvesThatFitAndErrnoIsKept) {
     EXPECT_EQ(EXDEV, errno);
 }
 
+TEST_F(WriteSomeTest, LastFreeByteIsStillTaken) {
+    for (const std::size_t size : {1, 2, 3, 100}) {
+        const PipeEnds ends = nearlyFullPipe(1);
+        const std::string data(size, 'd');
+        EXPECT_EQ(1u, writeSome(ends.write.get(), data.data(), size)) << size;
+    }
+}
+
 TEST_F(WriteSomeTest, FullPipeIsAnErrorWhenNotEvenOneByteIsTaken) {
     const PipeEnds ends = nearlyFullPipe(0);
     const std::string data(3200, 'd');

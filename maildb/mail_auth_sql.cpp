@@ -179,10 +179,7 @@ Statement::Step Statement::step(const char* purpose) noexcept {
     RetryPause pause;
     int code = SQLITE_BUSY;
     while (is_locked(code) && pause.wait()) {
-        code = sqlite3_step(handle_);
-        if (is_locked(code)) {
-            sqlite3_reset(handle_);
-        }
+        code = sqlite3_step(handle_); // which resets the statement after a failure
     }
     if (code == SQLITE_ROW || code == SQLITE_DONE) {
         return code == SQLITE_ROW ? Step::row : Step::done;

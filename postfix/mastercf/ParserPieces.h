@@ -4,8 +4,17 @@
 // stand. The grammar that they were made for is MasterCfParser.cpp.
 #pragma once
 
+// Under sanitizers GCC takes the empty boost::optional of every match that failed
+// for a value that may be read.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 #include <boost/spirit/include/classic_chset.hpp>
 #include <boost/spirit/include/classic_core.hpp>
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
 
 namespace torva::parser {
 

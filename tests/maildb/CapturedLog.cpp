@@ -5,6 +5,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 
 namespace torva::test {
 
@@ -13,19 +14,20 @@ namespace {
 std::vector<LogLine> lines;
 void (*previous)(int, const char*, ...) = nullptr;
 
+std::string formatted(const char* format, va_list arguments) {
+    char* text = nullptr;
+    const int length = vasprintf(&text, format, arguments);
+    std::string result(length < 0 ? "" : text);
+    std::free(text);
+    return result;
+}
+
 void capture(int priority, const char* format, ...) {
     const AllocationFaults::Pause pause;
     va_list arguments;
     va_start(arguments, format);
-    va_list again;
-    va_copy(again, arguments);
-    const int length = std::vsnprintf(nullptr, 0, format, arguments);
-    std::string text(static_cast<std::size_t>(length) + 1, '\0');
-    std::vsnprintf(text.data(), text.size(), format, again);
-    va_end(again);
+    lines.emplace_back(priority, formatted(format, arguments));
     va_end(arguments);
-    text.pop_back();
-    lines.emplace_back(priority, std::move(text));
 }
 
 } // namespace

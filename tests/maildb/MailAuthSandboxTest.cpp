@@ -28,9 +28,9 @@ std::string text(const char* value) {
 
 /// A record as "name|password|encrypted|status|domain status", freed.
 std::string taken(mail_auth_user& user) {
-    const std::string result = text(user.name) + "|" + text(user.password) + "|" +
-                               text(user.encrypted_password) + "|" + std::to_string(user.status) +
-                               "|" + std::to_string(user.domain_status);
+    std::string result = text(user.name) + "|" + text(user.password) + "|" +
+                         text(user.encrypted_password) + "|" + std::to_string(user.status) + "|" +
+                         std::to_string(user.domain_status);
     mail_auth_free_user(&user);
     return result;
 }

@@ -16,7 +16,6 @@
 
 using namespace torva::test;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 
 namespace {

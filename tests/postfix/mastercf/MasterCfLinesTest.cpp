@@ -9,7 +9,6 @@ namespace torva::mail::postfix::testing {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 static_assert(!std::is_copy_constructible_v<MasterCfLines>);
 static_assert(!std::is_copy_assignable_v<MasterCfLines>);

@@ -5,6 +5,8 @@
 
 #include <gmock/gmock.h>
 
+#include <typeinfo>
+
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -14,7 +16,6 @@ namespace torva::mail::postfix::testing {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 class MasterCfReaderTest : public ::testing::Test {
 protected:

@@ -1,6 +1,7 @@
 // The model with its files, the store of disabled services at its fixed place.
 #include "postfix/mastercf/MasterCf.h"
 
+#include "AllocationLimit.h"
 #include "SampleMasterCf.h"
 #include "Sandboxed.h"
 #include "SystemCallLog.h"
@@ -278,6 +279,19 @@ TEST_F(MasterCfSandboxTest, FailedSaveOfTheStoreLeavesOnlyItsFlagUp) {
     std::filesystem::create_directory(std::filesystem::path(storePath).parent_path());
     EXPECT_FALSE(model_.save(false));
     EXPECT_EQ(contentOfFile(storePath), "a unix - - - - - one\n");
+}
+
+TEST_F(MasterCfSandboxTest, MemoryThatRunsOutWithTheFirstDisabledServiceLeavesNoStoreBehind) {
+    load("a unix - - - - - one\n");
+    const auto noStore = [&] {
+        EXPECT_FALSE(model_.activeChanged());
+        EXPECT_FALSE(model_.disabledChanged());
+        EXPECT_TRUE(model_.hasModule("a", ModuleType::unix, true));
+        model_.save(true);
+        EXPECT_FALSE(std::filesystem::exists(storePath));
+    };
+    EXPECT_GT(failEachAllocation([&] { model_.disableModule("a", ModuleType::unix); }, noStore), 0);
+    EXPECT_TRUE(model_.hasModule("a", ModuleType::unix, false));
 }
 
 TEST_F(MasterCfSandboxTest, HundredThousandServicesComeBackByteForByte) {

@@ -5,6 +5,7 @@
 #include "Support.h"
 
 #include "postfix/mastercf/MasterCf.h"
+#include "postfix/mastercf/MasterCfWriter.h"
 
 #include <gtest/gtest.h>
 
@@ -12,6 +13,15 @@
 #include <filesystem>
 
 namespace torva::mail::postfix::testing {
+
+/// Writes the elements, none of them a service.
+inline void writeTo(const std::string& path, const std::vector<std::string>& texts) {
+    MasterCfLines lines;
+    for (const std::string& text : texts) {
+        lines.append(text);
+    }
+    MasterCfWriter::write(lines, path);
+}
 
 /// Each test begins without lock files and without a store of disabled services,
 /// but with the directory that the store belongs into.

@@ -8,7 +8,6 @@ source "${BASH_SOURCE[0]%/*}/shell_test.sh"
 # /run/installed. apt-get writes its arguments, its front end and whether servers
 # may start to /run/calls, installs, and ends with the status in /run/status.
 in_sandbox() {
-    need_namespaces
     "$sandbox" --loopback-only -- bash -euo pipefail -c '
         cat >/usr/local/bin/dpkg-query <<"END"
 #!/bin/bash
@@ -38,21 +37,25 @@ END
 update="apt-get update; noninteractive; policy 101"
 
 test_nothing_missing_runs_no_apt() {
+    need_namespaces
     expect_equal "output and calls" "" "$(in_sandbox 'ensure_packages one two; cat /run/calls')"
 }
 
 test_only_what_is_missing_is_installed_without_questions_or_servers() {
+    need_namespaces
     expect_equal "calls" "$update
 apt-get install --no-install-recommends --no-remove three four; noninteractive; policy 101" \
         "$(in_sandbox 'ensure_packages one three two four 2>/dev/null; cat /run/calls')"
 }
 
 test_policy_is_gone_afterwards() {
+    need_namespaces
     expect_equal "policy" "" \
         "$(in_sandbox 'ensure_packages three 2>/dev/null; ls /usr/sbin | grep policy-rc || true')"
 }
 
 test_failed_installation_is_told_and_leaves_no_policy() {
+    need_namespaces
     expect_equal "output" "scripts: installing: three
 scripts: could not install: three
 status 1" "$(in_sandbox '
@@ -62,6 +65,7 @@ status 1" "$(in_sandbox '
 }
 
 test_terminated_installation_leaves_no_policy() {
+    need_namespaces
     expect_equal "policy" "was there" "$(in_sandbox '
         echo "[[ ! -e /usr/sbin/policy-rc.d ]] || echo was there >/run/seen; kill -TERM \$PPID" \
             >/run/on_install
@@ -71,6 +75,7 @@ test_terminated_installation_leaves_no_policy() {
 }
 
 test_policy_of_the_machine_stays() {
+    need_namespaces
     expect_equal "policy" "#!/bin/sh
 exit 104" "$(in_sandbox '
         printf "#!/bin/sh\nexit 104\n" >/usr/sbin/policy-rc.d; chmod 755 /usr/sbin/policy-rc.d
@@ -79,6 +84,7 @@ exit 104" "$(in_sandbox '
 }
 
 test_policy_left_by_a_killed_run_is_taken_over() {
+    need_namespaces
     expect_equal "policy" "left" "$(in_sandbox '
         echo "kill -KILL \$PPID" >/run/on_install
         (ensure_packages three) >/dev/null 2>&1 || true
@@ -89,6 +95,7 @@ test_policy_left_by_a_killed_run_is_taken_over() {
 }
 
 test_system_without_apt_is_told() {
+    need_namespaces
     expect_equal "output" \
         "scripts: not installed: three; and apt-get is missing: this is no Debian system" \
         "$(in_sandbox 'rm -f /usr/bin/apt-get /usr/local/bin/apt-get; hash -r
@@ -96,6 +103,7 @@ test_system_without_apt_is_told() {
 }
 
 test_missing_postfix_is_told_first() {
+    need_namespaces
     expect_equal "output" \
         "scripts: Postfix is not installed; installing Debian's package, without starting a mail server
 scripts: installing: postfix
@@ -104,6 +112,7 @@ scripts: Postfix stays installed; to keep it from starting with the next boot: s
 }
 
 test_installed_postfix_is_not_mentioned() {
+    need_namespaces
     expect_equal "output and calls" "" \
         "$(in_sandbox 'echo postfix >>/run/installed; ensure_postfix; cat /run/calls')"
 }

@@ -146,7 +146,7 @@ class Running:
         waiting = re.compile(rf"-> FLOCK\s+ADVISORY\s+WRITE\s+{self.process.pid}\s")
         return waiting.search(Path("/proc/locks").read_text()) is not None
 
-    def finish(self, timeout=120):
+    def finish(self, timeout=60):
         try:
             status = self.process.wait(timeout)
         except subprocess.TimeoutExpired:
@@ -214,7 +214,7 @@ class World:
                 stderr=err if stderr is None else stderr, **popen)
         return Running(self, process)
 
-    def run(self, timeout=120, **how):
+    def run(self, timeout=60, **how):
         return self.start(**how).finish(timeout)
 
     def outcome(self, status):

@@ -160,7 +160,7 @@ test_terminated_chroot_removes_its_copy() {
         "$sandbox" --or-chroot -- bash -c ': >/run/tmp/started; sleep 600' &
     pid=$!
     for ((i = 0; i < 600; i++)); do
-        [[ -e $(echo "$scratch"/torva-sandbox.*/run/tmp/started) ]] && break
+        [[ -e $(echo "$scratch"/torva-sandbox.*/root/run/tmp/started) ]] && break
         sleep 0.1
     done
     kill -TERM "$pid"
@@ -334,6 +334,14 @@ test_with_keeps_a_directory_the_machines_own() {
         cat /var/kept/f && ls /var/private' "$sandbox")"
 }
 
+test_with_keeps_a_file_the_machines_own() {
+    need_namespaces
+    expect_equal "kept, also where nothing was" "kept kept" "$(in_namespaces -- sh -c '
+        mkdir /run/deep && echo x >/var/f && echo x >/run/deep/f &&
+        "$0" --with /var/f --with /run/deep/f -- sh -c "echo kept | tee /var/f >/run/deep/f" &&
+        cat /var/f /run/deep/f' "$sandbox" | xargs)"
+}
+
 test_chroot_gets_a_copy_of_a_with_directory() {
     need_chroot
     make_scratch
@@ -373,10 +381,13 @@ test_not_root_one_line_and_status_1() {
 }
 
 test_misuse_is_told() {
+    need_root_here
     expect_equal "no command" "1 sandbox: no command (see --help)" "$(misuse)"
     expect_equal "unknown option" "1 sandbox: unknown option --no (see --help)" \
         "$(misuse --no -- true)"
     expect_equal "missing argument" "1 sandbox: --with: an argument is missing" "$(misuse --with)"
+    expect_equal "missing path" "1 sandbox: --with /no/such: no such path" \
+        "$(misuse --with /no/such -- true)"
     expect_equal "host name" "1 sandbox: --hostname a b: not a host name" \
         "$(misuse --hostname 'a b' -- true)"
 }

@@ -27,11 +27,14 @@ END
     printf 'last unix-dgram n - n - 1 postlogd\n  -o syslog_name=three'
 }
 
+need_postfix() {
+    need_namespaces
+    [[ -x /usr/sbin/postconf ]] || skip_test "no Postfix on this machine"
+}
+
 # in_sandbox TEXT: runs TEXT there, with the functions under test at hand, the hard
 # file in place and a copy of it in /run/original.
 in_sandbox() {
-    need_namespaces
-    [[ -x /usr/sbin/postconf ]] || skip_test "no Postfix on this machine"
     local file
     file=$(hard_master_cf && echo .)
     "$sandbox" --loopback-only -- bash -euo pipefail -c '
@@ -43,17 +46,20 @@ in_sandbox() {
 }
 
 test_types_that_the_tool_does_not_know_are_found() {
+    need_postfix
     expect_equal "services" "postlog/unix-dgram second/unix-dgram last/unix-dgram" \
         "$(in_sandbox 'foreign_services 2>/dev/null' | xargs)"
 }
 
 test_sheltered_file_has_no_active_line_of_another_type() {
+    need_postfix
     expect_equal "what is left" "smtp/inet pickup/unix tlsmgr/unix" "$(in_sandbox '
         shelter_services /run/store 2>/dev/null
         postconf -M | awk "{ print \$1 \"/\" \$2 }"' | xargs)"
 }
 
 test_untouched_file_comes_back_byte_for_byte() {
+    need_postfix
     expect_equal "difference" "" "$(in_sandbox '
         shelter_services /run/store 2>/dev/null
         ! cmp -s $file /run/original
@@ -62,6 +68,7 @@ test_untouched_file_comes_back_byte_for_byte() {
 }
 
 test_lines_come_back_among_lines_that_changed() {
+    need_postfix
     # What a run does: a service replaced, lines added above and below.
     expect_equal "difference" "" "$(in_sandbox '
         edit="s/^smtp .*/smtp inet n - - - - smtpd\n  -o smtpd_proxy_filter=x/; 1i# new first line"
@@ -73,6 +80,7 @@ test_lines_come_back_among_lines_that_changed() {
 }
 
 test_mode_and_owner_survive() {
+    need_postfix
     expect_equal "mode and owner" "640 postfix:root" "$(in_sandbox '
         chown postfix $file; chmod 640 $file
         shelter_services /run/store 2>/dev/null
@@ -81,6 +89,7 @@ test_mode_and_owner_survive() {
 }
 
 test_file_without_such_services_is_left_alone() {
+    need_postfix
     expect_equal "inode and difference" "" "$(in_sandbox '
         sed -i "/unix-dgram/d; /^[ \t].*syslog_name/d" $file
         cp $file /run/original
@@ -92,6 +101,7 @@ test_file_without_such_services_is_left_alone() {
 }
 
 test_lost_line_is_an_error_and_the_file_stays() {
+    need_postfix
     local text
     text=$(in_sandbox '
         shelter_services /run/store 2>/dev/null

@@ -90,7 +90,7 @@ class TableLockTest(RunTest):
     def test_a_second_run_that_has_nothing_to_save_waits_for_nobody(self):
         self.world.run()
         with HeldLock(MASTER_CF):
-            self.assertEqual(self.world.run(timeout=60).status, 0)
+            self.assertEqual(self.world.run().status, 0)
 
     def waits(self, running, target, check, while_waiting=lambda: None):
         with HeldLock(target) as lock:

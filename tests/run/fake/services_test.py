@@ -166,7 +166,7 @@ class DisabledServicesTest(MasterTest):
 
 class UnusableMasterCfTest(RunTest):
     def check(self, word):
-        run = self.world.run(timeout=60)
+        run = self.world.run()
         text = transcript()
         self.assertFatal(run, fatal(CONFIGURATION_ERROR, f"unable to {word} {MASTER_CF}"),
                          said=text[: text.index(HEADER) + len(HEADER)])
@@ -221,7 +221,7 @@ class UnusableMasterCfTest(RunTest):
     def test_a_fifo_in_place_of_the_store_is_not_waited_for(self):
         TORVA.mkdir(parents=True)
         os.mkfifo(DISABLED)
-        self.assertFatal(self.world.run(timeout=60), fatal(CONFIGURATION_ERROR, f"unable to open {DISABLED}"))
+        self.assertFatal(self.world.run(), fatal(CONFIGURATION_ERROR, f"unable to open {DISABLED}"))
 
     def test_a_directory_a_device_and_a_dangling_link_cannot_be_opened(self):
         for make in (lambda: MASTER_CF.mkdir(), lambda: MASTER_CF.symlink_to("/dev/zero"),

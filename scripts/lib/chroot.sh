@@ -43,7 +43,11 @@ copy_programs() {
 copy_var() {
     local root=$1 path
     for path in /var /var/*; do
-        if [[ -L $path ]]; then cp -a "$path" "$root$path"; else copy_empty "$path" "$root"; fi
+        if [[ -L $path ]]; then
+            cp -a "$path" "$root$path"
+        elif [[ -d $path ]]; then
+            copy_empty "$path" "$root"
+        fi
     done
     copy_whole "$root" /var/lib/postfix
     [[ -d /var/spool/postfix ]] || return 0
@@ -67,14 +71,15 @@ copy_checkout() {
 }
 
 # make_chroot: makes the empty root of the copy, with devices that open, and sets
-# `root` to it.
+# `root` to it. It stands in a directory that only root may enter: the copies of
+# password files and set-user-ID programs are for nobody outside.
 make_chroot() {
-    local base
+    local base holder
     for base in "${TMPDIR:-/tmp}" /var/tmp /tmp /root; do
-        root=$(mktemp -d "$base/torva-sandbox.XXXXXX" 2>/dev/null) || continue
-        root=$(cd -P "$root" && pwd)
-        chmod 755 "$root"
-        mkdir "$root"/{dev,proc,sys,run,mnt,media,srv,opt,home} "$root/etc"
+        holder=$(mktemp -d "$base/torva-sandbox.XXXXXX" 2>/dev/null) || continue
+        root=$(cd -P "$holder" && pwd)/root
+        mkdir -m 755 "$root"
+        mkdir "$root"/{dev,proc,sys,run,mnt,media,srv,opt,home,etc}
         mkdir -m 1777 "$root/tmp"
         mkdir -m 700 "$root/root"
         if make_devices "$root" mknod 2>/dev/null; then return; fi
@@ -84,8 +89,8 @@ make_chroot() {
     skip "nor may root make device nodes for a chroot"
 }
 
-# fill_chroot ROOT TREE DIR...: copies what the world needs: programs, Postfix, the
-# checkout TREE, and each DIR whole.
+# fill_chroot ROOT TREE PATH...: copies what the world needs: programs, Postfix, the
+# checkout TREE, and each PATH whole.
 fill_chroot() {
     local root=$1
     copy_programs "$root"
@@ -107,18 +112,24 @@ processes_in_chroot() {
     done
 }
 
-# remove_chroot: ends what still runs in the copy, and removes the copy.
-remove_chroot() {
+# end_processes: ends what still runs in the copy, however often it forks.
+end_processes() {
     local pids round
-    [[ -n ${root:-} ]] || return 0
     for round in 1 2 3 4 5; do
         mapfile -t pids < <(processes_in_chroot)
         ((${#pids[@]})) || break
-        kill -KILL "${pids[@]}" 2>/dev/null || true
+        kill -KILL "${pids[@]}" || true
         sleep "0.$round"
     done
-    wait 2>/dev/null || true
-    rm -rf --one-file-system "$root"
+    wait || true
+}
+
+# remove_chroot: the end of the world, and of its copy.
+remove_chroot() {
+    [[ -n ${root:-} ]] || return 0
+    # Not of interest: processes that ended by themselves, how the others were ended.
+    end_processes 2>/dev/null
+    rm -rf --one-file-system "${root%/root}"
     root=
 }
 

@@ -57,6 +57,17 @@ is_private() {
     return 1
 }
 
+# make_mount_point FROM POINT: POINT exists and is of the kind that FROM is.
+make_mount_point() {
+    [[ -e $2 ]] && return
+    if [[ -d $1 ]]; then
+        mkdir -p "$2"
+    else
+        mkdir -p "${2%/*}"
+        : >"$2"
+    fi
+}
+
 # hold_aside SCRATCH PATH...: keeps each PATH that is about to be covered in reach
 # as SCRATCH/keep/N, and remembers it for give_back.
 hold_aside() {
@@ -65,7 +76,7 @@ hold_aside() {
     kept=()
     for path in "$@"; do
         is_private "$path" || continue
-        mkdir -p "$scratch/keep/${#kept[@]}"
+        make_mount_point "$path" "$scratch/keep/${#kept[@]}"
         mount --rbind "$path" "$scratch/keep/${#kept[@]}"
         kept+=("$path")
     done
@@ -75,7 +86,7 @@ hold_aside() {
 give_back() {
     local i
     for i in "${!kept[@]}"; do
-        mkdir -p "${kept[i]}"
+        make_mount_point "$1/keep/$i" "${kept[i]}"
         mount --rbind "$1/keep/$i" "${kept[i]}"
     done
 }
@@ -136,7 +147,7 @@ cover_all() {
     done
     for i in "${!points[@]}"; do
         point=${points[i]}
-        if [[ -d $point ]]; then mkdir -p "$scratch/low/$i"; else : >"$scratch/low/$i"; fi
+        make_mount_point "$point" "$scratch/low/$i"
         mount --bind "$point" "$scratch/low/$i"
     done
     for i in "${!points[@]}"; do

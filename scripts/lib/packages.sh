@@ -8,7 +8,7 @@
         libmariadb-dev libsqlite3-dev)
     packages_to_run=(postfix postfix-pcre iproute2 util-linux hostname diffutils)
     packages_to_test=(libgtest-dev libgmock-dev libbenchmark-dev mariadb-server python3 procps
-        clang-format clang-tidy shellcheck)
+        clang-format clang-tidy shellcheck libsasl2-modules openssl)
 }
 
 policy=/usr/sbin/policy-rc.d
@@ -16,7 +16,7 @@ policy_mark="# put here by torva-postfix while it installs packages"
 
 # is_installed PACKAGE
 is_installed() {
-    [[ $(dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null) == installed ]]
+    dpkg-query -W -f '${db:Status-Status}\n' "$1" 2>/dev/null | grep -qx installed
 }
 
 # ensure_packages PACKAGE...: installs those that are missing. Without any it does

@@ -39,7 +39,8 @@ endfunction()
 # takes the buffer for small objects in Boost's function for uninitialized.
 add_library(torva_test_warnings INTERFACE)
 target_link_libraries(torva_test_warnings INTERFACE torva::warnings)
-target_compile_options(torva_test_warnings INTERFACE -Wno-uninitialized -Wno-maybe-uninitialized)
+target_compile_options(torva_test_warnings INTERFACE
+  $<$<CXX_COMPILER_ID:GNU>:-Wno-uninitialized -Wno-maybe-uninitialized>)
 
 # torva_tests(FOLDER [DEPS target...])
 #

@@ -90,9 +90,12 @@ inline Outcome inChild(const std::function<int()>& body, Streams streams = Strea
 inline void exhaustMemory() {
     const rlimit none = {0, 0};
     ::setrlimit(RLIMIT_AS, &none);
+    // Volatile: the compiler may leave out an allocation that nobody looks at.
+    void* volatile taken = nullptr;
     for (std::size_t size = 65536; size >= 8; size /= 2) {
-        while (std::malloc(size) != nullptr) { // NOLINT(clang-analyzer-unix.Malloc)
-        }
+        do {
+            taken = std::malloc(size); // NOLINT(clang-analyzer-unix.Malloc)
+        } while (taken != nullptr);
     }
 }
 

@@ -24,7 +24,8 @@ def violations(root, folder):
             target = name.rpartition("/")[0]
             wrong = target in ALLOWED if quote == "<" else target not in (folder, *ALLOWED[folder])
             if wrong:
-                yield f"{path.relative_to(root)}: {folder}/ may not include {quote}{name}{'"' if quote == '"' else '>'}"
+                end = '"' if quote == '"' else ">"
+                yield f"{path.relative_to(root)}: {folder}/ may not include {quote}{name}{end}"
 
 
 def main(root):

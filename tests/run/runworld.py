@@ -8,19 +8,19 @@ place of Postfix's tools, RealWorld leaves Postfix as it is.
 """
 
 import ctypes
-import fcntl
-import json
 import os
 import re
-import shlex
 import shutil
-import signal
 import subprocess
 import sys
 import time
 import unittest
 import urllib.parse
 from pathlib import Path
+
+from calls import Call, Outcome
+from goldens import golden
+from lockfiles import LOCKS, held_locks
 
 PROGRAM = ""
 FAKETOOL = ""
@@ -30,7 +30,6 @@ MAIN_CF = POSTFIX / "main.cf"
 MASTER_CF = POSTFIX / "master.cf"
 TORVA = Path("/var/spool/postfix/torva")
 DISABLED = TORVA / "master.cf.disabled"
-LOCKS = Path("/var/lock/files")
 FAKE = Path("/run/fake")
 CAPTURE = Path("/run/capture")
 TABLES = ["virtual_domains", "virtual", "vmailbox", "aliases", "poplock", "blacklists", "transport"]
@@ -53,6 +52,11 @@ def fatal(error, text):
     return f"Fatal error: {error}({text})\n"
 
 
+def sanitized():
+    """Whether the program is a build with the address sanitizer."""
+    return b"__asan_init" in Path(PROGRAM).read_bytes()
+
+
 def refuse_outside_sandbox():
     """These tests remove and replace files below /etc and /usr."""
     mounts = Path("/proc/self/mountinfo").read_text().splitlines()
@@ -73,56 +77,10 @@ def main():
     unittest.main(argv=[sys.argv[0], *words], verbosity=2)
 
 
-class Call:
-    """One start of a fake tool, as the fake wrote it down."""
-
-    def __init__(self, line):
-        fields = json.loads(line)
-        self.__dict__.update(fields)
-        self.argv = [_text(word) for word in fields["argv"]]
-        self.stdin = _text(fields["stdin"])
-
-    def __str__(self):
-        return spelled(self.argv, self.stdin)
-
-
-def _text(escaped):
-    return escaped.encode("latin-1").decode("utf-8", "surrogateescape")
-
-
-def spelled(argv, stdin=""):
-    """A command line and its input the way the golden files write them."""
-    lines = [shlex.join(argv)] + ["    < " + line for line in stdin.split("\n")]
-    if lines[-1] == "    < ":
-        lines.pop()
-    else:
-        lines[-1] += "   (no line end)"
-    return "\n".join(lines)
-
-
-class Outcome:
-    def __init__(self, status, out, err, calls):
-        self.status, self.out, self.err, self.calls = status, out, err, calls
-
-    @property
-    def commands(self):
-        return [str(call) for call in self.calls]
-
-    def said_before(self, call):
-        return self.err.encode("utf-8", "surrogateescape")[: call.progress].decode("utf-8", "surrogateescape")
-
-    def in_step(self, step):
-        """Commands started while the line of this step was unfinished."""
-        return [str(call) for call in self.calls if self.said_before(call).endswith("\n" + step + "...")]
-
-    def after_step(self, step):
-        """Commands started after this line and before the next."""
-        return [str(call) for call in self.calls if self.said_before(call).endswith("\n" + step + "...done\n")]
-
-    def set(self, name):
-        """Values that were written to a parameter, in order."""
-        start = name + "="
-        return [c.argv[2][len(start):] for c in self.calls if c.argv[1:2] == ["-e"] and c.argv[2].startswith(start)]
+def as_mortal():
+    """For preexec_fn: from here on file modes hold for root too, see capabilities(7)."""
+    for capability in (1, 2):  # CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH
+        _libc.prctl(24, capability, 0, 0, 0)  # PR_CAPBSET_DROP
 
 
 class Running:
@@ -335,6 +293,7 @@ class RealWorld(World):
 
     def reset(self):
         super().reset()
+        POSTFIX.chmod(0o755)
         for path in POSTFIX.iterdir():
             remove(path)
         shutil.copytree(self.KEPT, POSTFIX, symlinks=True, dirs_exist_ok=True)
@@ -344,8 +303,8 @@ class RealWorld(World):
     def expected_in_etc(self):
         return {path.name for path in self.KEPT.iterdir()}
 
-    def tool(self, *argv, check=True):
-        return subprocess.run(argv, check=check, text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    def tool(self, *argv, check=True, **how):
+        return subprocess.run(argv, check=check, text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE, **how)
 
     def write_main_cf(self, text):
         MAIN_CF.write_text(text)
@@ -406,44 +365,6 @@ class RunTest(unittest.TestCase):
         self.assertEqual(self.world.leftovers(), [])
 
 
-class Expected:
-    """A command of a golden file: its spelling, and what is said before it."""
-
-    def __init__(self, argv, stdin, said):
-        self.argv, self.stdin, self.said = argv, stdin, said
-
-    def __str__(self):
-        return spelled(self.argv, self.stdin)
-
-
-def golden(name):
-    text = (Path(__file__).resolve().parent / "fake" / "golden" / name).read_bytes()
-    # The first line of ours tells what the file proves.
-    return text if name.startswith("master.cf") else text.split(b"\n", 1)[1]
-
-
-def transcript():
-    return golden("transcript.txt").decode()
-
-
-def commands(name):
-    """The commands of a golden file, each placed in the transcript."""
-    text, at, found = transcript(), 0, []
-    for line in golden(name).decode().splitlines():
-        if line.startswith("    < "):
-            found[-1].stdin += line[len("    < "):] + "\n"
-        elif line.startswith("  "):
-            found.append(Expected(shlex.split(line), "", text[:at]))
-        elif line != "before anything":
-            where, step = re.fullmatch(r'(in|after) "(.*)"', line).groups()
-            if where == "in":
-                wanted = step + "..."
-            else:
-                wanted = step + ("\n" if step.endswith(":") else "...done\n")
-            at = text.index("\n" + wanted, max(at - 1, 0) if where == "in" else 0) + 1 + len(wanted)
-    return found
-
-
 def read(path):
     return Path(path).read_bytes().decode("utf-8", "surrogateescape")
 
@@ -454,32 +375,3 @@ def remove(path):
         shutil.rmtree(path)
     elif path.is_symlink() or path.exists():
         path.unlink()
-
-
-def held_locks():
-    held = []
-    for path in sorted(LOCKS.iterdir()) if LOCKS.is_dir() else []:
-        with open(path, "r+b") as file:
-            try:
-                fcntl.flock(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
-            except BlockingIOError:
-                held.append(path.name)
-    return held
-
-
-class HeldLock:
-    """A lock of the lock directory, held by somebody else than the program."""
-
-    def __init__(self, target):
-        LOCKS.mkdir(parents=True, exist_ok=True)
-        self._file = open(LOCKS / str(target).replace("/", "_"), "w")
-        fcntl.flock(self._file, fcntl.LOCK_EX)
-
-    def release(self):
-        self._file.close()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.release()

@@ -6,7 +6,8 @@ import sys
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
-from runworld import MASTER_CF, RunTest, golden, main, remove
+from goldens import golden
+from runworld import MASTER_CF, RunTest, main, remove
 
 STEP = " verifying that system aliases configured properly"
 HEAD = ["/usr/sbin/postconf -h default_database_type", "/usr/sbin/postconf -h alias_maps"]

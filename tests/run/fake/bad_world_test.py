@@ -6,8 +6,10 @@ import sys
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
-from runworld import (CAPTURE, LOCKS, MASTER_CF, POSTFIX, TABLES, TORVA, RunTest, commands, fatal, golden, main, remove,
-                      transcript)
+from goldens import commands, golden, transcript
+from lockfiles import LOCKS
+from runworld import (CAPTURE, CONFIGURATION_ERROR, MASTER_CF, POSTFIX, TABLES, TORVA, RunTest, as_mortal,
+                      fatal, main, remove)
 
 SYSTEM_ERROR = "torva::SystemError"
 FILESYSTEM_ERROR = "boost::filesystem::filesystem_error"
@@ -94,6 +96,20 @@ class DirectoryTest(RunTest):
             self.assertFatal(run, re.compile(pattern), said=until("Creating Torva Postfix databases directory"))
             self.assertEqual(run.commands, ["/usr/sbin/postconf -h config_directory"])
             remove(TORVA)
+
+    def test_a_configuration_directory_that_may_not_be_entered_ends_the_run_at_master_cf(self):
+        POSTFIX.chmod(0)
+        run = self.world.run(preexec_fn=as_mortal)
+        header = "Configuring Postfix services/modules for Torva:\n"
+        text = transcript()
+        self.assertFatal(run, fatal(CONFIGURATION_ERROR, f"unable to open {MASTER_CF}"),
+                         said=text[: text.index(header) + len(header)])
+
+    def test_a_directory_of_tables_that_may_not_be_entered_ends_the_run_at_the_first(self):
+        TORVA.mkdir(mode=0, parents=True)
+        run = self.world.run(preexec_fn=as_mortal)
+        self.assertFatal(run, re.compile(r"\AFatal error: [^\n]+\n\Z"), said=until(" Virtual Domains DB"))
+        self.assertEqual(os.listdir(TORVA), [])
 
     def test_a_link_to_a_directory_is_a_directory(self):
         elsewhere = CAPTURE / "tables"

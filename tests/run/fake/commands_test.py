@@ -6,7 +6,8 @@ import time
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
-from runworld import (CAPTURE, MAIN_CF, MASTER_CF, TABLES, TORVA, RunTest, commands, golden, main)
+from goldens import commands, golden
+from runworld import CAPTURE, MAIN_CF, MASTER_CF, TABLES, TORVA, RunTest, main
 
 
 def tables_lock(name):

@@ -6,8 +6,9 @@ import sys
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
-from runworld import (CONFIGURATION_ERROR, DATABASE_ERROR, MAIN_CF, MASTER_CF, NO_DATABASE, RunTest, commands, fatal,
-                      golden, main, spelled, transcript)
+from calls import spelled
+from goldens import commands, golden, transcript
+from runworld import CONFIGURATION_ERROR, DATABASE_ERROR, MAIN_CF, MASTER_CF, NO_DATABASE, RunTest, fatal, main
 
 TEXT = "postconf: warning: bad\npostconf: fatal: no good: really\n"
 DEFAULTS_ASKED = "/usr/sbin/postconf -h -d config_directory"

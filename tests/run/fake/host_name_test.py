@@ -4,7 +4,8 @@ import sys
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
-from runworld import NO_DATABASE, RunTest, main, remove, transcript
+from goldens import transcript
+from runworld import NO_DATABASE, RunTest, main, remove
 
 STEP = " make sure $myhostname and $mydomain are configured properly (FQDN)"
 HOST_STEP = " creating virtual alias domain for this host hostname"

@@ -6,8 +6,9 @@ import time
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
-from runworld import (DISABLED, LOCKS, MASTER_CF, TABLES, TORVA, HeldLock, RunTest, commands, fatal, golden, main,
-                      transcript)
+from goldens import commands, golden, transcript
+from lockfiles import HeldLock, LOCKS
+from runworld import DISABLED, MASTER_CF, TABLES, TORVA, RunTest, fatal, main
 
 GO = Path("/run/fake/go")
 

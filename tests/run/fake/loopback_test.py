@@ -5,7 +5,8 @@ from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 from lists_test import MyNetworksTest as OnAnyHost
-from runworld import main, transcript
+from goldens import transcript
+from runworld import main
 
 
 class LoopbackOnlyTest(OnAnyHost):

@@ -5,7 +5,8 @@ import sys
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
-from runworld import MASTER_CF, NO_DATABASE, RunTest, golden, main, transcript
+from goldens import golden, transcript
+from runworld import MASTER_CF, NO_DATABASE, RunTest, main
 
 UID_STEP = " configuring Virtual delivery agent user ID"
 PANEL_CONF = Path("/etc/kra/kra.conf")

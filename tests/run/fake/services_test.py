@@ -5,7 +5,8 @@ import sys
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
-from runworld import (CONFIGURATION_ERROR, DISABLED, MASTER_CF, TORVA, RunTest, fatal, golden, main, remove, transcript)
+from goldens import golden, transcript
+from runworld import CONFIGURATION_ERROR, DISABLED, MASTER_CF, TORVA, RunTest, fatal, main, remove
 
 VIRTUAL = ("torva_virtual unix - n n - - pipe flags=DORhu user=popuser:popuser "
            "argv=/usr/lib/torva-9.0/postfix-local -f ${sender} -d ${recipient} -p /var/qmail/mailnames")

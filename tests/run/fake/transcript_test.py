@@ -4,8 +4,8 @@ import sys
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
-from runworld import (CONFIGURATION_ERROR, MAIN_CF, MASTER_CF, NO_DATABASE, POSTFIX, RunTest, fatal, golden, main,
-                      remove, transcript)
+from goldens import golden, transcript
+from runworld import CONFIGURATION_ERROR, MAIN_CF, MASTER_CF, NO_DATABASE, RunTest, fatal, main, remove
 
 
 class TranscriptTest(RunTest):

@@ -9,8 +9,9 @@ import time
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
+from goldens import golden, transcript
 from runworld import (BLACKLISTS, CONFIGURATION_ERROR, DATABASE_ERROR, LOCAL_NETWORKS, MAIN_CF, MASTER_CF, NO_RELAY,
-                      NON_AUTH, POSTFIX, TABLES, TORVA, RealWorld, RunTest, fatal, golden, main, remove, transcript)
+                      NON_AUTH, POSTFIX, TABLES, TORVA, RealWorld, RunTest, as_mortal, fatal, main, remove)
 
 STOCK_MASTER_CF = Path("/usr/share/postfix/master.cf.dist")
 STOCK_MAIN_CF = """\
@@ -288,17 +289,18 @@ class OtherMainCfTest(RealTest):
         def directory():
             MAIN_CF.unlink()
             MAIN_CF.mkdir()
-        spoilt = [("a directory", directory), ("no parameter", lambda: self.world.write_main_cf("no equals sign\n"))]
+        spoilt = [("a directory", directory), ("no parameter", lambda: self.world.write_main_cf("no equals sign\n")),
+                  ("not ours to read", lambda: MAIN_CF.chmod(0)), ("not ours to enter", lambda: POSTFIX.chmod(0))]
         for what, spoil in spoilt:
             with self.subTest(what):
                 self.world.reset()
                 spoil()
                 source = Path("/run/capture/probe")
                 source.write_text("")
-                words = self.world.tool("/usr/sbin/postmap", "-r", f"hash:{source}", check=False)
+                words = self.world.tool("/usr/sbin/postmap", "-r", f"hash:{source}", check=False, preexec_fn=as_mortal)
                 self.assertNotEqual(words.returncode, 0)
                 self.assertIn("fatal: ", words.stderr)
-                run = self.world.run()
+                run = self.world.run(preexec_fn=as_mortal)
                 self.assertFatal(run, fatal(DATABASE_ERROR, words.stderr))
                 self.assertEqual(MASTER_CF.read_bytes(), (RealWorld.KEPT / "master.cf").read_bytes())
 

@@ -317,6 +317,7 @@ int answer(const std::string& tool, const std::vector<std::string>& argv) {
     ::dup2(ends[0], STDIN_FILENO);
     ::close(ends[0]);
     std::vector<char*> pointers;
+    pointers.reserve(argv.size() + 1);
     for (const std::string& argument : argv) {
         pointers.push_back(const_cast<char*>(argument.c_str()));
     }

@@ -10,6 +10,7 @@
 #include <boost/algorithm/string/trim.hpp>
 
 #include <ctime>
+#include <exception>
 #include <fcntl.h>
 #include <optional>
 #include <sys/stat.h>
@@ -83,7 +84,7 @@ std::string PostfixParameters::mainCfPath() {
     std::string directory;
     try {
         directory = getParameter("config_directory");
-    } catch (const PostfixConfigurationError&) {
+    } catch (const std::exception&) {
         // The built-in default is answered even when main.cf itself is unreadable.
         directory = getParameter("config_directory", true);
     }

@@ -148,4 +148,16 @@ TEST_F(DataStreamFilterTest, FinishedLinesAreThereWhenTheCallReturns) {
     EXPECT_EQ(out.str(), "a b\nc d\n");
 }
 
+TEST_F(DataStreamFilterTest, MillionChunksOfOneByteGiveTheLinesOfOneChunk) {
+    std::string text;
+    std::string wanted;
+    for (int i = 0; text.size() < 1000000; ++i) {
+        const std::string number = std::to_string(i);
+        text += "k" + number + "@e.net a" + number + "@d.net, b" + number + "@e.net\n";
+        wanted += "k" + number + "@e.net b" + number + "@e.net\n";
+    }
+    EXPECT_TRUE(filtered(text, text.size()) == wanted);
+    EXPECT_TRUE(filtered(text, 1) == wanted);
+}
+
 } // namespace

@@ -16,13 +16,6 @@ in_plain_container() {
 }
 in_chroot() { in_plain_container --or-chroot "$@"; }
 
-# need_chroot: skips where not even the chroot can be had.
-need_chroot() {
-    need_root_here
-    local reason
-    reason=$(in_chroot -- true 2>&1) || skip_test "${reason##*SKIP: }"
-}
-
 # status_of COMMAND...: prints its exit status, and nothing else on this stream.
 status_of() {
     local status=0
@@ -65,15 +58,6 @@ check_vandal() { # IN_WORLD...
     [[ $before == "$after" ]] || fail "$(diff <(echo "$before") <(echo "$after"))"
 }
 
-check_status() { # IN_WORLD...
-    expect_equal "success" 0 "$(status_of "$@" -- true)"
-    expect_equal "failure" 9 "$(status_of "$@" -- sh -c 'exit 9')"
-    expect_equal "killed by a signal" 137 "$(status_of "$@" -- bash -c 'kill -KILL $$')"
-    expect_equal "missing command" 127 "$(status_of "$@" -- /no/such/command 2>/dev/null)"
-    expect_equal "a command named as a function of the script" 127 \
-        "$(status_of "$@" -- usage 2>/dev/null)"
-}
-
 # lock_is_free FILE: whether nobody holds a lock on FILE any more; an ended process
 # may need a moment to be gone.
 lock_is_free() { flock --timeout 20 "$1" true; }
@@ -106,12 +90,19 @@ check_ended_by() { # SIGNAL SHARED_DIR IN_WORLD...
 
 test_namespaces_exit_status_is_that_of_the_command() {
     need_namespaces
-    check_status in_namespaces
+    expect_equal "success" 0 "$(status_of in_namespaces -- true)"
+    expect_equal "failure" 9 "$(status_of in_namespaces -- sh -c 'exit 9')"
+    expect_equal "killed by a signal" 137 "$(status_of in_namespaces -- bash -c 'kill -KILL $$')"
+    expect_equal "missing command" 127 "$(status_of in_namespaces -- /no/such/command 2>/dev/null)"
+    expect_equal "a command named as a function of the script" 127 \
+        "$(status_of in_namespaces -- usage 2>/dev/null)"
 }
 
 test_chroot_exit_status_is_that_of_the_command() {
     need_chroot
-    check_status in_chroot 2>/dev/null
+    expect_equal "failure" 9 "$(status_of in_chroot -- sh -c 'exit 9' 2>/dev/null)"
+    expect_equal "killed by a signal" 137 \
+        "$(status_of in_chroot -- bash -c 'kill -KILL $$' 2>/dev/null)"
 }
 
 test_namespaces_change_nothing_on_the_machine() {

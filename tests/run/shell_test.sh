@@ -42,6 +42,15 @@ need_namespaces() {
     reason=$("$sandbox" --loopback-only -- true 2>&1) || skip_test "${reason#SKIP: }"
 }
 
+# need_chroot: skips where root may not make the devices of a chroot.
+need_chroot() {
+    need_root_here
+    local node
+    node=$(mktemp -u)
+    mknod "$node" c 1 3 2>/dev/null || skip_test "root may not make device nodes here"
+    rm -f "$node"
+}
+
 # make_scratch: sets `scratch` to a new directory that goes with the test.
 make_scratch() {
     scratch=$(mktemp -d "${TMPDIR:-/tmp}/torva-test.XXXXXX")

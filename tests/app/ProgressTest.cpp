@@ -1,10 +1,9 @@
 #include "app/Progress.h"
+#include "support/CapturedClog.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <iostream>
-#include <sstream>
 #include <stdexcept>
 
 using torva::app::Progress;
@@ -13,13 +12,7 @@ namespace {
 
 class ProgressTest : public testing::Test {
 protected:
-    void SetUp() override { before_ = std::clog.rdbuf(log_.rdbuf()); }
-    void TearDown() override { std::clog.rdbuf(before_); }
-
-    std::ostringstream log_;
-
-private:
-    std::streambuf* before_ = nullptr;
+    torva::test::CapturedClog log_;
 };
 
 TEST_F(ProgressTest, FinishedStepReadsDone) {

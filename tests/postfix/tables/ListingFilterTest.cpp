@@ -1,9 +1,9 @@
 #include "postfix/tables/ListingFilter.h"
 #include "postfix/tables/NotInDomainFilter.h"
+#include "support/CapturedClog.h"
 
 #include <gtest/gtest.h>
 
-#include <iostream>
 #include <sstream>
 
 using namespace torva::mail::postfix::database;
@@ -118,13 +118,7 @@ const char survivors[] = "user@e.net\tuser@f.net\n"
 
 class DataStreamFilterTest : public testing::Test {
 protected:
-    void SetUp() override { before_ = std::clog.rdbuf(log_.rdbuf()); }
-    void TearDown() override { std::clog.rdbuf(before_); }
-
-    std::ostringstream log_;
-
-private:
-    std::streambuf* before_ = nullptr;
+    torva::test::CapturedClog log_;
 };
 
 TEST_F(DataStreamFilterTest, EveryChunkSizeGivesTheSameLines) {

@@ -1,28 +1,13 @@
 #include "postfix/tables/Listing.h"
+#include "support/CapturedClog.h"
 
 #include <gmock/gmock.h>
 
-#include <iostream>
-#include <sstream>
-
 using namespace torva::mail::postfix;
 using testing::ElementsAre;
+using torva::test::CapturedClog;
 
 namespace {
-
-/// Collects what is written to std::clog.
-class CapturedLog {
-public:
-    CapturedLog() : before_(std::clog.rdbuf(text_.rdbuf())) {}
-    ~CapturedLog() { std::clog.rdbuf(before_); }
-    CapturedLog(const CapturedLog&) = delete;
-    CapturedLog& operator=(const CapturedLog&) = delete;
-    std::string text() const { return text_.str(); }
-
-private:
-    std::ostringstream text_;
-    std::streambuf* before_;
-};
 
 std::vector<char> bytes(const std::string& text) {
     return {text.begin(), text.end()};
@@ -81,15 +66,15 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& tested) { return std::string(tested.param.name); });
 
 TEST(ListingLineReportTest, LineWithoutASeparatorIsLoggedAndSkipped) {
-    const CapturedLog log;
+    const CapturedClog log;
     EXPECT_FALSE(parseListingLine("lonelykey"));
-    EXPECT_EQ(log.text(), "invalid key/value 'lonelykey'\n");
+    EXPECT_EQ(log.str(), "invalid key/value 'lonelykey'\n");
 }
 
 TEST(ListingLineReportTest, EmptyLineIsLoggedAndSkipped) {
-    const CapturedLog log;
+    const CapturedClog log;
     EXPECT_FALSE(parseListingLine(""));
-    EXPECT_EQ(log.text(), "invalid key/value ''\n");
+    EXPECT_EQ(log.str(), "invalid key/value ''\n");
 }
 
 } // namespace

@@ -50,6 +50,10 @@ struct Case {
     bool wanted;
 };
 
+void PrintTo(const Case& tested, std::ostream* out) {
+    *out << tested.name;
+}
+
 class ProgressSwitchTest : public testing::TestWithParam<Case> {};
 
 TEST_P(ProgressSwitchTest, FollowsTheEnvironment) {

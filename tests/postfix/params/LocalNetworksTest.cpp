@@ -36,6 +36,10 @@ struct Case {
     const char* wanted;
 };
 
+void PrintTo(const Case& tested, std::ostream* out) {
+    *out << tested.name;
+}
+
 class DefaultNetworksTest : public testing::TestWithParam<Case> {};
 
 TEST_P(DefaultNetworksTest, AreReplaced) {

@@ -14,6 +14,10 @@ struct Case {
     bool strict;  ///< wanted in strict mode
 };
 
+void PrintTo(const Case& tested, std::ostream* out) {
+    *out << tested.name;
+}
+
 const Case cases[] = {
     {"EmptyText", "", false, false},
     {"OnlyLineEnds", "\n\n\n", false, false},

@@ -19,6 +19,10 @@ struct DomainCase {
     bool outsideWithSubdomains; ///< with them
 };
 
+void PrintTo(const DomainCase& tested, std::ostream* out) {
+    *out << tested.name;
+}
+
 class NotInDomainFilterTest : public testing::TestWithParam<DomainCase> {};
 
 TEST_P(NotInDomainFilterTest, ExampleCom) {
@@ -53,6 +57,10 @@ struct ValueCase {
     bool kept;
     const char* wanted;
 };
+
+void PrintTo(const ValueCase& tested, std::ostream* out) {
+    *out << tested.name;
+}
 
 class ValueListFilterTest : public testing::TestWithParam<ValueCase> {};
 

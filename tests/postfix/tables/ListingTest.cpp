@@ -44,6 +44,10 @@ struct Case {
     const char* value;
 };
 
+void PrintTo(const Case& tested, std::ostream* out) {
+    *out << tested.name;
+}
+
 class ListingLineTest : public testing::TestWithParam<Case> {};
 
 TEST_P(ListingLineTest, IsTakenApart) {

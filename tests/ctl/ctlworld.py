@@ -1,0 +1,224 @@
+"""The world in which the tests of torva-postfixctl run.
+
+Every test file is started inside scripts/sandbox, as
+    python3 TEST.py PROGRAM [TEST-NAME...]
+installs the companion and PROGRAM the way the package does, and lays out Postfix's
+files anew for each test. Postfix is the machine's own.
+"""
+
+import hashlib
+import json
+import os
+import shutil
+import signal
+import stat
+import subprocess
+import sys
+import time
+import unittest
+from pathlib import Path
+
+CHECKOUT = Path(__file__).resolve().parents[2]
+INSTALLED = Path("/usr/lib/torva-postfix")
+CTL = "/usr/sbin/torva-postfixctl"
+TOOL = Path("/usr/sbin/torva-postfix-setup")
+POSTFIX = Path("/etc/postfix")
+MAIN_CF = POSTFIX / "main.cf"
+MASTER_CF = POSTFIX / "master.cf"
+TABLES = Path("/var/spool/postfix/torva")
+PANEL = Path("/usr/lib/torva-9.0")
+BACKUPS = Path("/var/backups/torva-postfix")
+MARKER = BACKUPS / "unfinished"
+KEPT = Path("/run/kept")
+ACCOUNTS_AND_NAMES = ("passwd", "group", "aliases", "hosts")
+PROGRAM = None
+
+
+def main():
+    global PROGRAM
+    mounts = {line.split()[4] for line in Path("/proc/self/mountinfo").read_text().splitlines()}
+    if os.environ.get("TORVA_SANDBOX") != "namespaces" or not {"/etc", "/var", "/usr", "/run"} <= mounts:
+        sys.exit("only to be run inside scripts/sandbox")
+    if not os.access("/usr/sbin/postconf", os.X_OK):
+        print("SKIP: no Postfix on this machine")
+        sys.exit(77)
+    words = sys.argv[1:]
+    PROGRAM = words.pop(0)
+    install()
+    unittest.main(argv=[sys.argv[0], *words], verbosity=2)
+
+
+def install():
+    for name in ("ctl", "scripts"):
+        shutil.copytree(CHECKOUT / name, INSTALLED / name, symlinks=True)
+    os.symlink("../lib/torva-postfix/ctl/torva-postfixctl", CTL)
+    shutil.copy(PROGRAM, TOOL)
+    if os.access("/usr/bin/mawk", os.X_OK):  # Debian's own; gawk knows more
+        remove("/usr/bin/awk")
+        os.symlink("mawk", "/usr/bin/awk")
+    KEPT.mkdir()
+    shutil.copytree(POSTFIX, KEPT / "postfix", symlinks=True)
+    shutil.copytree("/var/spool/postfix", KEPT / "queue", symlinks=True,
+                    ignore=lambda path, names: names if path != "/var/spool/postfix" else [])
+    for name in ACCOUNTS_AND_NAMES:
+        shutil.copy2(f"/etc/{name}", KEPT / name)
+
+
+def remove(path):
+    path = Path(path)
+    if path.is_dir() and not path.is_symlink():
+        shutil.rmtree(path)
+    elif path.is_symlink() or path.exists():
+        path.unlink()
+
+
+def write(path, text, mode=0o644, owner=(0, 0)):
+    """Writes a file as it may have stood there for long: Postfix's programs wait when
+    main.cf is younger than two seconds."""
+    path = Path(path)
+    path.parent.mkdir(parents=True, exist_ok=True)
+    path.write_bytes(text if isinstance(text, bytes) else text.encode())
+    path.chmod(mode)
+    os.chown(path, *owner)
+    past = time.time() - 1000
+    os.utime(path, (past, past))
+
+
+def program(path, text):
+    write(path, text, 0o755)
+
+
+def run(*argv, check=True, **how):
+    result = subprocess.run(argv, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                            stdin=subprocess.DEVNULL, errors="replace", **how)
+    if check and result.returncode != 0:
+        raise AssertionError(f"{argv}: {result.returncode}: {result.stdout}")
+    return result.stdout
+
+
+def postconf(*argv):
+    """What postconf prints, without its warnings; nothing when it fails."""
+    return subprocess.run(["postconf", *argv], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True,
+                          stdin=subprocess.DEVNULL).stdout
+
+
+class Outcome:
+    def __init__(self, status, out, err):
+        self.status, self.out, self.err = status, out, err
+
+    def __str__(self):
+        return f"status {self.status}\n{self.out}\n{self.err}"
+
+    def objects(self):
+        return [json.loads(line) for line in self.out.splitlines()]
+
+    def findings(self, *levels):
+        return [o for o in self.objects() if o.get("level") in levels]
+
+
+def ctl(*words, argv=(), **how):
+    process = subprocess.run([*argv, CTL, *words], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                             stderr=subprocess.PIPE, **how)
+    return Outcome(process.returncode, process.stdout.decode(), process.stderr.decode(errors="replace"))
+
+
+def start(*words, **how):
+    """Starts the companion as the leader of a process group of its own."""
+    return subprocess.Popen([CTL, *words], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                            stderr=subprocess.DEVNULL, start_new_session=True, **how)
+
+
+def kill_group(process):
+    try:
+        os.killpg(process.pid, signal.SIGKILL)
+    except ProcessLookupError:
+        pass
+    process.wait()
+
+
+def wait_until(condition, what):
+    deadline = time.monotonic() + 60
+    while not condition():
+        if time.monotonic() > deadline:
+            raise AssertionError(f"never happened: {what}")
+        time.sleep(0.002)
+
+
+def described(path):
+    """What a path is: type, mode, owner, and contents or target."""
+    status = path.lstat()
+    kind = stat.S_IFMT(status.st_mode)
+    if kind == stat.S_IFLNK:
+        return ("link", os.readlink(path), status.st_uid, status.st_gid)
+    common = (oct(status.st_mode), status.st_uid, status.st_gid)
+    if kind != stat.S_IFREG:
+        return common
+    if str(path).startswith(("/etc/", "/var/spool/", "/srv/")):
+        return (*common, int(status.st_mtime), hashlib.sha256(path.read_bytes()).hexdigest())
+    return (*common, status.st_size, status.st_mtime_ns)
+
+
+def tree():
+    """All that a run, or this companion, could have changed on the host."""
+    found = {}
+    for root in ("/etc", "/var", "/srv", "/usr/sbin", "/usr/lib/torva-postfix"):
+        for directory, names, files in os.walk(root):
+            if Path(directory) == BACKUPS.parent:
+                names[:] = [name for name in names if name != BACKUPS.name]
+            for name in names + files:
+                path = Path(directory, name)
+                found[str(path)] = described(path)
+    return found
+
+
+def difference(before, after):
+    return {path: (before.get(path), after.get(path))
+            for path in sorted(before.keys() | after.keys()) if before.get(path) != after.get(path)}
+
+
+def scratch_files():
+    return list(Path(os.environ["TMPDIR"]).glob("torva-postfixctl.*"))
+
+
+class CtlTest(unittest.TestCase):
+    maxDiff = None
+
+    def setUp(self):
+        if POSTFIX.is_symlink():
+            POSTFIX.unlink()
+            remove("/etc/postfix-real")
+            POSTFIX.mkdir()
+        for path in POSTFIX.iterdir():
+            remove(path)
+        shutil.copytree(KEPT / "postfix", POSTFIX, symlinks=True, dirs_exist_ok=True)
+        for name in ACCOUNTS_AND_NAMES:
+            shutil.copy2(KEPT / name, f"/etc/{name}")
+        run("hostname", "sandbox.example.net")
+        for path in (TABLES, BACKUPS, PANEL, "/etc/kra", "/etc/aliases.db", "/run/lock/torva-postfix",
+                     "/var/lock/files"):
+            remove(path)
+        for path in Path("/var/spool/postfix").iterdir():
+            if path.is_dir() and not (KEPT / "queue" / path.name).exists():
+                remove(path)
+        PANEL.mkdir()
+        for path in scratch_files(): # of a test that killed the companion
+            remove(path)
+        shutil.copy2(PROGRAM, TOOL)
+
+    def assertSame(self, before, what):
+        self.assertEqual(difference(before, tree()), {}, what)
+
+    def assertStatus(self, status, outcome):
+        self.assertEqual(outcome.status, status, outcome)
+        return outcome
+
+
+def make_good_host():
+    """The panel's part of a host on which everything is in order, but its database."""
+    for name in ("postfix-local", "postfix-queue", "postfix-mailman"):
+        program(PANEL / name, "#!/bin/sh\n")
+    for name in ("no_relay.re", "non_auth.re"):
+        write(TABLES / name, "")
+    write(POSTFIX / "postfix_default.pem", "certificate and key\n", 0o600)
+    daemons = run("postconf", "-h", "daemon_directory").strip()
+    program(f"{daemons}/torva_saslauthd", "#!/bin/sh\n")

@@ -1,0 +1,402 @@
+"""torva-postfixctl when something goes wrong, and the rest of what its verbs promise."""
+
+import fcntl
+import os
+import re
+import shutil
+import signal
+import subprocess
+import time
+from pathlib import Path
+
+import ctlworld
+import pairs
+from ctlworld import (BACKUPS, CTL, INSTALLED, MAIN_CF, MARKER, MASTER_CF, POSTFIX, TABLES, TOOL, CtlTest, ctl,
+                      kill_group, postconf, program, remove, run, start, tree, wait_until, write)
+
+LOCK = Path("/run/lock/torva-postfix/lock")
+STAMP = r"\d{8}T\d{6}Z"
+
+
+class ApplyFailsTest(CtlTest):
+    def setUp(self):
+        super().setUp()
+        pairs.no_final_newline()
+        pairs.lay_out_tables()
+        write(POSTFIX / "master.cf.before", "the administrator's own\n")  # looks like a scratch file of the tool
+        self.before = tree()
+
+    def assertTakenBack(self, outcome, reason):
+        self.assertStatus(1, outcome)
+        texts = [f"{finding['subject']}: {finding['text']}" for finding in outcome.findings("failed")]
+        self.assertEqual(len(texts), 2, outcome)
+        self.assertRegex(texts[0], reason)
+        self.assertEqual(texts[1], "apply: everything is as it was before")
+        self.assertSame(self.before, reason)
+        self.assertFalse(MARKER.exists())
+        self.assertEqual(ctl("backups").out, "")
+
+    def wrap_tool(self, text):
+        """A script in place of the tool, which finds the real one at $real."""
+        real = TOOL.with_suffix(".real")
+        os.rename(TOOL, real)
+        self.addCleanup(remove, real)
+        program(TOOL, f"#!/bin/bash\nreal={real}\n{text}\n")
+        self.before = tree()
+
+    def test_run_that_fails_half_way(self):
+        self.wrap_tool("mv /usr/sbin/postalias /usr/sbin/kept\n$real; s=$?\nmv /usr/sbin/kept /usr/sbin/postalias; exit $s")
+        self.assertTakenBack(ctl("apply", "--json"), "run: torva-postfix-setup ended with status 1")
+
+    def test_run_that_is_killed_and_leaves_its_scratch_file(self):
+        self.wrap_tool("$real; echo half >/etc/postfix/master.cf.aB3dE6; kill -KILL $$")
+        self.assertTakenBack(ctl("apply", "--json"), "run: torva-postfix-setup ended with status 137")
+
+    def test_run_that_dies_before_a_program_that_it_started(self):
+        # What it left behind would write into the files that are restored.
+        self.wrap_tool("(sleep 1; echo late >>/etc/postfix/main.cf) & exit 3")
+        self.assertTakenBack(ctl("apply", "--json"), "run: torva-postfix-setup ended with status 3")
+
+    def test_run_that_loses_a_sheltered_line(self):
+        self.wrap_tool("$real; sed -i /postlog/d /etc/postfix/master.cf")
+        outcome = ctl("apply", "--json")
+        self.assertStatus(1, outcome)
+        self.assertIn("a sheltered line is gone", outcome.err)
+        self.assertSame(self.before, "restored")
+
+    def test_postfix_check_that_fails(self):
+        run("chown", "daemon", "/var/spool/postfix/active")
+        self.addCleanup(run, "chown", "postfix", "/var/spool/postfix/active")
+        self.before = tree()
+        self.assertTakenBack(ctl("apply", "--json"), "postfix-check: failed: .*active: Permission denied")
+
+    def test_full_disk_before_the_backup(self):
+        BACKUPS.mkdir(parents=True)
+        run("mount", "-t", "tmpfs", "-o", "size=24k", "none", BACKUPS)
+        self.addCleanup(run, "umount", BACKUPS)
+        outcome = ctl("apply", "--json")
+        self.assertStatus(1, outcome)
+        self.assertEqual(outcome.findings("failed")[0]["subject"], "backup")
+        self.assertSame(self.before, "nothing was changed")
+        self.assertEqual(os.listdir(BACKUPS), [])
+
+    def test_term_signal_takes_it_back(self):
+        self.wrap_tool("$real; touch /run/changed; sleep 0.5")
+        remove("/run/changed")
+        process = subprocess.Popen([CTL, "--json", "apply"], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        wait_until(lambda: os.path.exists("/run/changed"), "the run")
+        process.terminate()
+        out, _ = process.communicate()
+        self.assertEqual(process.returncode, 1, out)
+        self.assertSame(self.before, "after SIGTERM")
+        self.assertFalse(MARKER.exists())
+
+    def test_nobody_reading_is_no_reason_to_end_half_way(self):
+        read, written = os.pipe()
+        os.close(read)
+        process = subprocess.run([CTL, "apply"], stdout=written, stderr=subprocess.DEVNULL)
+        os.close(written)
+        self.assertEqual(process.returncode, 0)
+        self.assertIn("torva_virtual", postconf("-h", "virtual_transport"))
+        self.assertFalse(MARKER.exists())
+
+    def test_closed_standard_streams(self):
+        run("bash", "-c", f"exec <&- >&- 2>&-; exec {CTL} apply")
+        self.assertStatus(0, ctl("rollback"))
+        self.assertSame(self.before, "after rollback")
+
+    def test_stop_changes_nothing(self):
+        write(MASTER_CF, MASTER_CF.read_bytes() + b"\nSMTP inet n - - - - smtpd\n")
+        self.before = tree()
+        outcome = self.assertStatus(1, ctl("apply", "--json"))
+        self.assertEqual([f["subject"] for f in outcome.findings("stop", "failed")], ["master.cf", "apply"])
+        self.assertSame(self.before, "stopped")
+        self.assertFalse(BACKUPS.exists())
+
+    def test_failed_restoration_is_told_and_rollback_finishes_it(self):
+        self.wrap_tool("$real; mount --bind /etc/postfix /etc/postfix; mount -o remount,bind,ro /etc/postfix; exit 1")
+        outcome = ctl("apply", "--json")
+        run("umount", "/etc/postfix")
+        self.assertStatus(2, outcome)
+        self.assertIn("could not be restored whole", outcome.findings("failed")[-1]["text"])
+        self.assertTrue(MARKER.exists())
+        for verb, status in (("check", 1), ("backups", 0), ("preview", 0), ("apply", 2)):
+            later = ctl(verb, "--json")
+            self.assertEqual(later.status if verb != "preview" else 0, status, later)
+            self.assertIn("apply was killed half-way", later.findings("stop")[0]["text"], verb)
+        self.assertStatus(0, ctl("rollback"))
+        self.assertSame(self.before, "after rollback")
+
+
+class LockTest(CtlTest):
+    def test_second_apply_says_who_is_at_work(self):
+        first = start("apply")
+        wait_until(MARKER.exists, "the first apply")
+        for verb in ("apply", "check"):
+            found = [f for f in ctl(verb, "--json").objects() if f["subject"] == "lock"]
+            self.assertRegex(found[-1]["text"], rf"process {first.pid}, since \d{{4}}-\d\d-\d\d \d\d:\d\d:\d\d, is at work")
+        self.assertEqual(first.wait(), 0)
+        self.assertIn("torva_virtual", postconf("-h", "virtual_transport"))
+
+    def test_only_one_of_several_applies_works_at_a_time(self):
+        processes = [start("apply") for _ in range(3)]
+        self.assertEqual(sorted(p.wait() for p in processes), [0, 1, 1])
+
+    def test_refused_apply_ends_with_status_1_and_changes_nothing(self):
+        LOCK.parent.mkdir(parents=True)
+        with open(LOCK, "w") as held:
+            held.write("process 4711, since yesterday,\n")
+            held.flush()
+            fcntl.flock(held, fcntl.LOCK_EX)
+            before = tree()
+            outcome = self.assertStatus(1, ctl("apply", "--json"))
+            self.assertIn("process 4711, since yesterday, is at work", outcome.findings("failed")[0]["text"])
+            self.assertSame(before, "refused")
+            self.assertFalse(BACKUPS.exists())
+
+    def test_lock_directory_of_somebody_else_is_refused(self):
+        LOCK.parent.mkdir(parents=True)
+        shutil.chown(LOCK.parent, "nobody")
+        outcome = self.assertStatus(1, ctl("apply"))
+        self.assertIn("is not root's", outcome.err)
+
+
+class RollbackTest(CtlTest):
+    def setUp(self):
+        super().setUp()
+        run("postfix", "check") # it makes directories of the queue that a fresh package lacks
+
+    def stamps(self):
+        return sorted(path.name for path in BACKUPS.glob("[0-9]*"))
+
+    def test_without_any_backup(self):
+        before = tree()
+        outcome = self.assertStatus(1, ctl("rollback", "--json"))
+        self.assertIn("no backup of an apply", outcome.findings("failed")[0]["text"])
+        self.assertSame(before, "nothing to do")
+
+    def test_named_backup_and_newest(self):
+        first = tree()
+        self.assertStatus(0, ctl("apply"))
+        write(MAIN_CF, MAIN_CF.read_text() + "relayhost = [relay.example.net]\n")
+        second = tree()
+        self.assertStatus(0, ctl("apply"))
+        oldest, newest = self.stamps()
+        self.assertStatus(0, ctl("rollback"))
+        self.assertSame(second, "newest")
+        self.assertStatus(0, ctl("rollback", oldest))
+        self.assertSame(first, "named")
+        self.assertStatus(0, ctl("rollback", newest))
+        self.assertSame(second, "named")
+
+    def test_rollback_can_itself_be_taken_back(self):
+        self.assertStatus(0, ctl("apply"))
+        write(TABLES / "virtual", "a@example.com b@example.com\n")
+        write("/etc/aliases", "root: me\n")
+        applied = tree()
+        self.assertStatus(0, ctl("rollback"))
+        objects = ctl("backups", "--json").objects()
+        self.assertEqual([o["reason"] for o in objects], ["before apply", f"before rollback to {objects[0]['stamp']}"])
+        self.assertStatus(0, ctl("rollback", objects[1]["stamp"]))
+        self.assertSame(applied, "taken back")
+
+    def test_backup_that_does_not_match_its_manifest_is_refused(self):
+        self.assertStatus(0, ctl("apply"))
+        backup = BACKUPS / self.stamps()[0]
+        applied = tree()
+        kept = Path("/run/backup")
+        shutil.copytree(backup, kept, symlinks=True)
+        self.addCleanup(remove, kept)
+        changes = {
+            "contents": lambda: (backup / "tree/etc/postfix/main.cf").write_text("x\n"),
+            "mode": lambda: (backup / "tree/etc/postfix/main.cf").chmod(0o666),
+            "owner": lambda: os.chown(backup / "tree/etc/postfix/main.cf", 1, 0),
+            "missing file": lambda: remove(backup / "tree/etc/postfix/master.cf"),
+            "another file": lambda: (backup / "tree/etc/postfix/main.cf.tmp").write_text(""),
+            "manifest": lambda: (backup / "manifest").write_text("absent /etc/postfix/main.cf\n"),
+            "no manifest": lambda: remove(backup / "manifest"),
+            "list of paths": lambda: (backup / "paths").write_text("/etc/passwd\n"),
+            "no sums": lambda: remove(backup / "sums"),
+            "no tree": lambda: remove(backup / "tree"),
+        }
+        for name, change in changes.items():
+            with self.subTest(name):
+                change()
+                outcome = self.assertStatus(1, ctl("rollback", "--json"))
+                self.assertIn("not what its manifest says; nothing was done", outcome.findings("failed")[0]["text"])
+                self.assertSame(applied, name)
+                remove(backup)
+                run("cp", "-a", kept, backup)
+        self.assertStatus(0, ctl("rollback"))
+
+    def test_backup_is_for_root_alone(self):
+        self.assertStatus(0, ctl("apply"))
+        for path in (BACKUPS, BACKUPS / self.stamps()[0]):
+            self.assertEqual((path.stat().st_mode & 0o7777, path.stat().st_uid), (0o700, 0))
+
+    def test_works_when_the_configuration_has_been_broken_since(self):
+        before = tree()
+        self.assertStatus(0, ctl("apply"))
+        write(MASTER_CF, "no service\n")
+        write(MAIN_CF, "no parameter\n")
+        self.assertStatus(0, ctl("rollback"))
+        self.assertSame(before, "repaired")
+
+    def test_unknown_stamp(self):
+        self.assertStatus(0, ctl("apply"))
+        before = tree()
+        self.assertStatus(1, ctl("rollback", "20000101T000000Z"))
+        self.assertStatus(1, ctl("rollback", "../../etc"))
+        self.assertSame(before, "nothing was done")
+
+    def test_apply_killed_before_it_changed_anything(self):
+        before = tree()
+        BACKUPS.mkdir(parents=True)
+        (BACKUPS / ".partial").mkdir()
+        MARKER.write_text("apply -\n")
+        outcome = ctl("check", "--json")
+        self.assertEqual([f["subject"] for f in outcome.findings("warning")][0], "unfinished")
+        self.assertStatus(0, ctl("rollback"))
+        self.assertEqual(os.listdir(BACKUPS), [])
+        self.assertSame(before, "nothing was done")
+
+
+class RunningPostfixTest(CtlTest):
+    LOG = Path("/var/log/postfix-test.log")
+
+    def setUp(self):
+        super().setUp()
+        remove(self.LOG)
+        write(MAIN_CF, MAIN_CF.read_text() + f"maillog_file = {self.LOG}\n")
+        run("postfix", "start")
+        self.addCleanup(run, "postfix", "stop", check=False)
+
+    def reloads(self):
+        return len(re.findall("reload -- version", self.LOG.read_text()))
+
+    def test_reload_is_done_only_when_it_is_asked_for(self):
+        self.assertIn("postfix reload", self.assertStatus(0, ctl("apply")).out)
+        self.assertEqual(self.reloads(), 0)
+        self.assertStatus(0, ctl("rollback"))
+        self.assertStatus(0, ctl("apply", "--reload"))
+        wait_until(lambda: self.reloads() == 1, "the reload")
+        self.assertStatus(1, ctl("rollback", "20000101T000000Z"))
+
+    def test_lock_is_free_while_postfix_runs_on(self):
+        self.assertStatus(0, ctl("apply", "--reload"))
+        self.assertStatus(0, ctl("rollback"))
+
+    def test_failing_reload_takes_it_back(self):
+        script = Path("/usr/lib/postfix/sbin/postfix-script")
+        text = script.read_text()
+        self.addCleanup(write, script, text, 0o755)
+        self.assertIn("\nreload)", text)
+        write(script, text.replace("\nreload)", "\nreload) echo no reload today >&2; exit 1 ;;\nother)"), 0o755)
+        before = tree()
+        outcome = self.assertStatus(1, ctl("apply", "--reload", "--json"))
+        self.assertIn("no reload today", outcome.findings("failed")[0]["text"])
+        changed = {path for path in ctlworld.difference(before, tree()) if path.startswith("/etc")}
+        self.assertEqual(changed, set())
+
+
+class PreviewTest(CtlTest):
+    def test_exit_status_and_message_of_the_tool(self):
+        without = "".join(line for line in Path("/etc/passwd").read_text().splitlines(True) if not line.startswith("popuser:"))
+        Path("/etc/passwd").write_text(without)
+        before = tree()
+        outcome = self.assertStatus(1, ctl("preview"))
+        self.assertIn("user popusernot found", outcome.out)
+        self.assertIn("=== exit status of torva-postfix-setup: 1", outcome.out)
+        self.assertSame(before, "after preview")
+        outcome = self.assertStatus(0, ctl("preview", "--panel-accounts"))
+        self.assertSame(before, "after preview")
+
+    def test_shows_everything_for_people(self):
+        out = self.assertStatus(0, ctl("preview")).out
+        self.assertRegex(out, r"(?m)^\+ virtual_transport = torva_virtual$")
+        self.assertRegex(out, r"(?m)^- alias_maps = hash:/etc/aliases\n\+ alias_maps = hash:/etc/aliases, hash:")
+        self.assertRegex(out, r"(?m)^\+torva_virtual unix ")
+        self.assertNotRegex(out, r"(?m)^[-+]#?postlog")
+        self.assertRegex(out, r"(?m)^created  -rw-r--r-- root:root +\d+ /var/spool/postfix/torva/virtual.db$")
+        self.assertRegex(out, r"(?m)^exit status 0$")
+        self.assertRegex(out, r"(?m)^warning  service .*torva_saslauthd")
+
+    def test_shows_everything_for_programs(self):
+        outcome = self.assertStatus(0, ctl("preview", "--json"))
+        changes = [o for o in outcome.objects() if "change" in o]
+        self.assertEqual({o["change"] for o in changes},
+                         {"setting", "master.cf", "created", "changed", "postfix-check", "exit"})
+        self.assertIn({"verb": "preview", "change": "setting", "name": "virtual_transport", "before": "",
+                       "after": "torva_virtual"}, changes)
+        self.assertEqual(changes[-1], {"verb": "preview", "change": "exit", "status": 0})
+        self.assertIn("Torva-specific configuration of Postfix completed", outcome.err)
+
+    def test_keeps_only_in_an_empty_directory(self):
+        kept = Path("/run/kept-by-test")
+        kept.mkdir()
+        self.addCleanup(remove, kept)
+        (kept / "mine").write_text("x")
+        outcome = self.assertStatus(1, ctl("preview", "--keep", str(kept)))
+        self.assertIn("is not empty", outcome.err)
+        self.assertEqual(os.listdir(kept), ["mine"])
+
+    def test_inside_is_refused_outside(self):
+        outcome = ctl("preview", "--inside", "a", "b", "c", argv=["env", "-u", "TORVA_SANDBOX"])
+        self.assertStatus(1, outcome)
+
+    def test_leaves_no_process_and_no_mount(self):
+        mounts = Path("/proc/self/mountinfo").read_text()
+        processes = sorted(run("ps", "-eo", "comm=").split())
+        self.assertStatus(0, ctl("preview"))
+        self.assertEqual(mounts, Path("/proc/self/mountinfo").read_text())
+        self.assertEqual(processes, sorted(run("ps", "-eo", "comm=").split()))
+
+    def test_in_a_plain_container_it_is_a_copied_tree(self):
+        before = tree()
+        outcome = ctl("preview", argv=["setpriv", "--bounding-set", "-sys_admin", "--inh-caps", "-sys_admin", "--"])
+        self.assertStatus(0, outcome)
+        self.assertIn("world: a chroot on a copied tree", outcome.err)
+        self.assertRegex(outcome.out, r"(?m)^\+ virtual_transport = torva_virtual$")
+        self.assertSame(before, "after preview")
+
+
+class CommandLineTest(CtlTest):
+    def test_help(self):
+        self.assertIn("usage: torva-postfixctl", self.assertStatus(0, ctl("--help")).out)
+
+    def test_what_is_not_understood_ends_with_status_1(self):
+        for words in ([], ["nonsense"], ["check", "--reload"], ["apply", "now"], ["rollback", "yesterday"], ["preview", "--keep"]):
+            outcome = self.assertStatus(1, ctl(*words))
+            self.assertEqual(outcome.out, "")
+            self.assertNotEqual(outcome.err, "")
+        self.assertFalse(BACKUPS.exists())
+
+    def test_verbs_that_change_need_root(self):
+        for verb in ("apply", "rollback", "preview", "backups"):
+            outcome = self.assertStatus(1, ctl(verb, argv=["setpriv", "--reuid=nobody", "--clear-groups"]))
+            self.assertIn("must run as root", outcome.err)
+
+    def test_lists_backups_for_people(self):
+        self.assertEqual(ctl("backups").out, "")
+        self.assertStatus(0, ctl("apply"))
+        self.assertRegex(ctl("backups").out, rf"\A{STAMP}  \d{{4}}-\d\d-\d\d \d\d:\d\d:\d\d  +\d+ bytes  before apply\n\Z")
+
+    def test_runs_from_a_checkout(self):
+        checkout = Path("/run/checkout")
+        self.addCleanup(remove, checkout)
+        for name in ("ctl", "scripts"):
+            shutil.copytree(INSTALLED / name, checkout / name)
+        built = checkout / "build/release/bin/torva-postfix-setup"
+        built.parent.mkdir(parents=True)
+        shutil.move(TOOL, built)
+        outcome = run(str(checkout / "ctl/torva-postfixctl"), "check")
+        self.assertIn(str(built), outcome)
+        run(str(checkout / "ctl/torva-postfixctl"), "preview")
+
+    def test_is_small(self):
+        paths = [INSTALLED / "ctl/torva-postfixctl", *(INSTALLED / "ctl/lib").glob("*.sh")]
+        self.assertLess(sum(len(path.read_text().splitlines()) for path in paths), 500)
+
+
+if __name__ == "__main__":
+    ctlworld.main()

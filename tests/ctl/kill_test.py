@@ -1,0 +1,99 @@
+"""apply, killed at any moment: the next call says so, and rollback repairs it.
+
+    kill_test.py PROGRAM GroupTest|CompanionTest|RollbackTest
+"""
+
+import signal
+import time
+
+import ctlworld
+import pairs
+from ctlworld import BACKUPS, MARKER, CtlTest, ctl, kill_group, start, tree
+
+MOMENTS = 20
+
+
+class Killed(CtlTest):
+    """A host on which nearly everything that a run changes is there before."""
+
+    def setUp(self):
+        super().setUp()
+        pairs.links()
+        self.addCleanup(ctlworld.remove, "/etc/postfix-site")
+        self.addCleanup(ctlworld.remove, "/etc/mail")
+        self.addCleanup(ctlworld.remove, "/etc/mail-aliases")
+        pairs.lay_out_tables()
+        self.before = tree()
+
+    def duration(self, *words):
+        begin = time.monotonic()
+        self.assertStatus(0, ctl(*words))
+        return time.monotonic() - begin
+
+    def assertRepaired(self, what):
+        """What the next calls say and do; answers whether files had been changed."""
+        marked = MARKER.exists()
+        changed = marked and not MARKER.read_text().endswith(" -\n")
+        stopped = ctl("backups", "--json").findings("warning", "stop")
+        at_work = any(finding["subject"] == "lock" for finding in stopped)
+        if marked and not at_work:
+            self.assertIn("unfinished", {finding["subject"] for finding in stopped}, what)
+        repairable = marked or any(BACKUPS.glob("[0-9]*"))
+        outcome = ctl("rollback", "--json")
+        self.assertEqual(outcome.status, 0 if repairable else 1, f"{what}: {outcome}")
+        self.assertSame(self.before, what)
+        self.assertFalse(MARKER.exists(), what)
+        self.assertFalse((BACKUPS / ".partial").exists(), what)
+        return changed
+
+    def kill_at_all_moments(self, verb, end):
+        duration = self.duration("apply")
+        self.assertStatus(0, ctl("rollback"))
+        self.assertSame(self.before, "after a whole apply")
+        amid = 0
+        for moment in range(MOMENTS):
+            ctlworld.remove(BACKUPS)
+            process = start(verb)
+            time.sleep(duration * (moment + 0.5) / MOMENTS)
+            ended = process.poll() is not None
+            end(process)
+            amid += self.assertRepaired(f"moment {moment}") and not ended
+        self.assertGreaterEqual(amid, MOMENTS // 3, "too few were killed amid their changes")
+
+
+class GroupTest(Killed):
+    def test_apply_killed_with_all_that_it_started(self):
+        self.kill_at_all_moments("apply", kill_group)
+
+
+class CompanionTest(Killed):
+    def test_apply_killed_alone_while_its_run_goes_on(self):
+        def end(process):
+            process.send_signal(signal.SIGKILL)
+            process.wait()
+        self.kill_at_all_moments("apply", end)
+
+
+class RollbackTest(Killed):
+    def test_rollback_killed_is_finished_by_the_next(self):
+        self.assertStatus(0, ctl("apply"))
+        applied = tree()
+        duration = self.duration("rollback")
+        self.assertSame(self.before, "after a whole rollback")
+        amid = 0
+        for moment in range(5):
+            ctlworld.remove(BACKUPS)
+            self.assertStatus(0, ctl("apply"))
+            process = start("rollback")
+            time.sleep(duration * (moment + 0.5) / 5)
+            kill_group(process)
+            amid += MARKER.exists()
+            self.assertStatus(0, ctl("rollback"))
+            self.assertSame(self.before, f"moment {moment}")
+            self.assertFalse(MARKER.exists())
+        self.assertGreaterEqual(amid, 1, "none was killed amid its changes")
+        self.assertNotEqual(applied, self.before)
+
+
+if __name__ == "__main__":
+    ctlworld.main()

@@ -96,7 +96,7 @@ rollback() {
         "no backup ${stamp:-of an apply}, or not what its manifest says; nothing was done" "torva-postfixctl backups"
     [[ -n $marked_stamp ]] || make_backup "before rollback to $stamp" "$state/$stamp/paths" ||
         give_up rollback "what there is now cannot be backed up; nothing was done" "is there room in $state?"
-    { mark rollback "$stamp" && restore_backup "$stamp" "$marked_verb"; } || give_up rollback \
+    { mark "${marked_verb:-rollback}" "$stamp" && restore_backup "$stamp" "$marked_verb"; } || give_up rollback \
         "the backup $stamp could not be restored whole" "make room, then torva-postfixctl rollback"
     report "done" rollback "everything is as it was at $stamp${made:+; what was there is backup $made}" "$(next_step)"
 }

@@ -10,6 +10,7 @@
 #include "util/SystemError.h"
 #include "util/TmpFile.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <fstream>
 #include <memory>
@@ -53,6 +54,12 @@ public:
         takeModeAndOwner(copy_->path(), status);
         copy_->commit();
         copy_->setAutoclean(true);
+        // A read error ends the copying like the end of the file does, and a short copy
+        // must never take the place of the whole.
+        struct stat copied = {};
+        if (::stat(copy_->path().c_str(), &copied) != 0 || copied.st_size != status.st_size) {
+            throw SystemError("read", EIO);
+        }
     }
     KeptFile(const KeptFile&) = delete;
     KeptFile& operator=(const KeptFile&) = delete;

@@ -5,6 +5,7 @@
 # Tests of host.table.
 is_map_type() { postconf -m | grep -x -- "$1"; }
 has_address() { ip -o -4 address show | grep -v ' inet 127[.]'; }
+is_no_mount() { ! mountpoint -q "$1"; } # one cannot be put in the place of another
 ends_its_line() { [[ -z $(tail -c 1 -- "$1") ]]; }
 is_empty() { # but for the run's own, those of the host's name; postmap sleeps when it fails
     [[ ! -e $1.db ]] || ! postmap -s "hash:$1" | grep -v "@$(postconf -h myhostname)[[:blank:]]"
@@ -62,7 +63,7 @@ check_master_cf() {
     cp -pL "$config/master.cf" "$copy/"
     touch -d '1 minute ago' "$copy/main.cf" # Postfix waits for a younger one to age
     foreign=$(foreign_services 2>/dev/null | paste -sd ' ')
-    text=$(MAIL_CONFIG=$copy TORVA_SANDBOX=copy shelter_services "$scratch/sheltered" 2>&1)
+    text=$(MAIL_CONFIG=$copy shelter_services "$scratch/sheltered" 2>&1)
     if [[ -n $(MAIL_CONFIG=$copy foreign_services 2>/dev/null) ]]; then
         report stop master.cf "$foreign: cannot be commented out for the run: $text" "comment it out"
     elif text=$(lint "$copy/master.cf") && [[ -n $text ]]; then

@@ -10,7 +10,7 @@ preview() {
     { # Descriptor 3 brings the resulting files out; 4 is our own output.
         "$base/scripts/sandbox" --or-chroot --loopback-only --with "$tool" "${options[@]}" "${panel[@]}" -- "$self" \
             "${flags[@]}" preview --inside "$(uname -n)" "$(hostname -f 2>/dev/null | head -n 1)" \
-            "$(ip -o address show | awk '{ print $2, $4 }')" \
+            "$(ip -o address show | awk '{ print $2, $4 ($3 == "inet6" ? " nodad" : "") }')" \
             3>&1 >&4 4>&- | if [[ -n $keep ]]; then tar -xp -C "$keep"; else cat >/dev/null; fi || statuses=("${PIPESTATUS[@]}")
     } 4>&1
     ((statuses[1] == 0)) || die "the files could not be kept in $keep"
@@ -37,15 +37,15 @@ preview_inside() {
 
 # imitate_host NODE FQDN ADDRESSES: the names and addresses that the run and Postfix ask for.
 imitate_host() {
-    local name address peer=0
+    local name address nodad peer=0
     printf '127.0.0.1 localhost\n%s\n' "${2:+127.0.1.1 $2 $1}" >/etc/hosts
     [[ $TORVA_SANDBOX == namespaces ]] || return 0
     hostname "$1" && ip address flush dev lo
-    while read -r name address; do
+    while read -r name address nodad; do
         ip link show "$name" >/dev/null 2>&1 || ip link add "$name" type dummy 2>/dev/null ||
             ip link add "$name" type veth peer name "peer$((peer += 1))"
         ip link set "$name" addrgenmode none 2>/dev/null || true # no address of its own making
-        { ip link set "$name" up && ip address add "$address" dev "$name" nodad; } ||
+        { ip link set "$name" up && ip address add "$address" dev "$name" ${nodad:+nodad}; } ||
             warn "the private copy has no $name with $address: mynetworks may differ"
     done <<<"$3"
 }

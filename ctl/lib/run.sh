@@ -4,7 +4,7 @@
 # perform_run: needs make_backup first; sets `status` to the exit status of the tool, which
 # runs with what it cannot take out of its way.
 perform_run() {
-    local -x file TORVA_SANDBOX=${TORVA_SANDBOX:-backup} # sheltering is for who can take it back
+    local file
     : >>"$config/main.cf" # the tool, too, begins with that
     ends_its_line "$config/main.cf" || echo >>"$config/main.cf"
     touch -d '10 seconds ago' "$config/main.cf" # Postfix waits for a younger one to age

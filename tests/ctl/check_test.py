@@ -72,6 +72,11 @@ def read_only():
     return lambda: run("umount", POSTFIX)
 
 
+def mounted_tables():
+    run("mount", "--bind", str(TABLES), str(TABLES))
+    return lambda: run("umount", str(TABLES))
+
+
 def without_addresses():
     run("ip", "address", "flush", "dev", "eth0")
     return lambda: run("ip", "address", "add", "192.0.2.10/24", "dev", "eth0")
@@ -103,6 +108,7 @@ DEFECTS = [
     ("no_certificate", without(POSTFIX / "postfix_default.pem"), "warning", "certificate", "is missing"),
     ("only_loopback", without_addresses, "warning", "network", "only loopback"),
     ("read_only_directory", read_only, "stop", "directory", "/etc/postfix cannot be written"),
+    ("mounted_tables", mounted_tables, "stop", "directory", "torva is a mount point"),
     ("no_main_cf", without(MAIN_CF), "warning", "main.cf", "is missing"),
     ("main_cf_without_newline", append(MAIN_CF, "relayhost ="), "warning", "main.cf", "no newline"),
     ("main_cf_link", lambda: pairs.links() or link_clean_up, "warning", "main.cf", "symbolic link"),

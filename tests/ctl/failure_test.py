@@ -311,6 +311,17 @@ class PreviewTest(CtlTest):
         outcome = self.assertStatus(0, ctl("preview", "--panel-accounts"))
         self.assertSame(before, "after preview")
 
+    def test_verdict_of_a_postfix_check_that_fails(self):
+        program(TOOL, "#!/bin/sh\npostconf -e queue_directory=/no/such/directory\n")
+        out = self.assertStatus(0, ctl("preview")).out
+        self.assertRegex(out, r"(?m)^exit status 1: .*/no/such/directory")
+
+    def test_tool_gets_progress_no_input_and_no_foreign_service(self):
+        program(TOOL, """#!/bin/sh
+            echo "debug $TORVA_INSTALLER_DEBUG, input $(wc -c)" >&2
+            postconf -M | awk '{ print "type " $2 }' | sort -u >&2\n""")
+        self.assertIn("debug 1, input 0\ntype inet\ntype unix\n\n", self.assertStatus(0, ctl("preview")).out)
+
     def test_shows_everything_for_people(self):
         out = self.assertStatus(0, ctl("preview")).out
         self.assertRegex(out, r"(?m)^\+ virtual_transport = torva_virtual$")

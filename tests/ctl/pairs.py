@@ -110,6 +110,12 @@ def numeric_ports():
          "  -o smtpd_sasl_auth_enable=yes\n" + SERVICES + POSTLOG + "465 inet n - y - - smtpd -o smtpd_tls_wrappermode=yes\n")
 
 
+def address_in_brackets():
+    """Addresses in brackets, which the tool does not parse until they are commented out."""
+    both(MAIN, SMTP + "[::1]:587 inet n - y - - smtpd\n  -o syslog_name=six\n" + SERVICES + POSTLOG +
+         "[127.0.0.1]:465 inet n - y - - smtpd\n")
+
+
 def duplicates():
     """Entries and parameters more than once, sheltered ones too."""
     both(MAIN + "biff = yes\nrelayhost =\nbiff = no\n",

@@ -68,6 +68,28 @@ def promise(lay_out):
     return test
 
 
+class RefusedTest(CtlTest):
+    def test_address_in_brackets(self):
+        pairs.address_in_brackets()
+        before = tree()
+        reason = 'line 2: "[::1]:587" in a service name'
+        self.assertIn(reason, self.assertStatus(1, ctl("check")).out)
+        self.assertIn("unable to parse /etc/postfix/master.cf", self.assertStatus(1, ctl("preview")).out)
+        self.assertIn(reason, self.assertStatus(1, ctl("apply")).out)
+        self.assertStatus(1, ctl("rollback"))
+        self.assertEqual(ctl("backups").out, "")
+        self.assertSame(before, "after refusals")
+
+    def test_address_in_brackets_commented_out_as_told(self):
+        pairs.address_in_brackets()
+        ctlworld.run("postconf", "-M#", "[::1]:587/inet", "[127.0.0.1]:465/inet")
+        before = tree()
+        self.assertStatus(0, ctl("preview"))
+        self.assertStatus(0, ctl("apply"))
+        self.assertStatus(0, ctl("rollback"))
+        self.assertSame(before, "after rollback")
+
+
 for lay_out in pairs.ALL:
     setattr(PairTest, f"test_{lay_out.__name__}", promise(lay_out))
 

@@ -113,11 +113,4 @@ test_lost_line_is_an_error_and_the_file_stays() {
     expect_contains "status" "status 1" "$text"
 }
 
-test_refuses_outside_the_sandbox() {
-    local text
-    text=$(bash -c 'source "$0/lib/messages.sh"; source "$0/lib/shelter.sh"
-        shelter_services /nonexistent' "$checkout/scripts" 2>&1) && fail "it went on"
-    expect_contains "message" "inside scripts/sandbox only" "$text"
-}
-
 run_tests "$@"

@@ -4,13 +4,31 @@
 set -euo pipefail
 source "${BASH_SOURCE[0]%/*}/shell_test.sh"
 
-demo=$checkout/scripts/demo
-
-# need_postfix: skips without what the demo would install, and where neither world
-# can be had.
-need_postfix() {
+# make_checkout PROGRAM: a copy of the scripts in $scratch/checkout, and in front of
+# PATH a cmake that tells its arguments to $scratch/asked and "builds" PROGRAM.
+make_checkout() {
     need_chroot
     [[ -x /usr/sbin/postconf ]] || skip_test "no Postfix on this machine"
+    [[ -n ${scratch:-} ]] || make_scratch
+    mkdir "$scratch/checkout" "$scratch/bin"
+    cp -a "$checkout/scripts" "$checkout/ctl" "$scratch/checkout/"
+    cat >"$scratch/bin/cmake" <<END
+#!/bin/bash
+printf '%s\n' "\$*" >>"$scratch/asked"
+[[ \$1 == --build ]] || exit 0
+mkdir -p build/release/bin && cp "$1" build/release/bin/torva-postfix-setup
+END
+    chmod 755 "$scratch/bin/cmake"
+    PATH=$scratch/bin:$PATH
+    demo=$scratch/checkout/scripts/demo
+}
+
+# stand_in TEXT: makes $scratch/tool, a shell script in place of the program.
+stand_in() {
+    make_scratch
+    tool=$scratch/tool
+    printf '#!/bin/bash\n%s\n' "$1" >"$tool"
+    chmod 755 "$tool"
 }
 
 # shown HEADING TEXT: the part of the demo's output below that heading.
@@ -18,96 +36,54 @@ shown() {
     awk -v heading="=== $1" '/^===/ { inside = index($0, heading) == 1; next } inside' <<<"$2"
 }
 
-# stand_in TEXT: makes $scratch/bin/tool, a shell script in place of the program.
-stand_in() {
-    make_scratch
-    mkdir "$scratch/bin"
-    printf '#!/bin/bash\n%s\n' "$1" >"$scratch/bin/tool"
-    chmod 755 "$scratch/bin/tool"
-}
-
-# check_shown OUTPUT: everything that a whole run shows.
-check_shown() {
-    local run difference settings tables
-    run=$(shown torva-postfix-setup "$1")
-    expect_contains "run" "Torva-specific configuration of Postfix completed successfully" "$run"
-    difference=$(shown master.cf "$1")
-    expect_contains "difference" $'--- before\n+++ after\n@@ ' "$difference"
-    expect_contains "difference" $'\n+127.0.0.1:10026 inet ' "$difference"
-    [[ $difference != *postlog* ]] || fail "the sheltered line shows as changed: $difference"
-    settings=$(shown main.cf "$1")
-    expect_contains "settings" "+virtual_transport = torva_virtual" "$settings"
-    [[ $settings != *$'\n '* ]] || fail "settings that are the same: $settings"
-    tables=$(shown tables "$1")
-    expect_contains "tables" "-rw-r--r-- 1 root root" "$tables"
-    expect_contains "tables" " virtual_domains.db" "$tables"
-    expect_contains "verdict" "passed, exit status 0" "$(shown "postfix check" "$1")"
-    expect_contains "status" "=== exit status of torva-postfix-setup: 0" "$1"
-}
-
-test_shows_a_whole_run() {
-    need_postfix
-    check_shown "$("$demo" --binary "$1" 2>&1)"
-}
-
-test_shows_a_whole_run_in_a_plain_container() {
-    need_postfix
+test_builds_the_program_alone_and_shows_a_whole_run() {
+    make_checkout "$1"
     local text
-    text=$(setpriv --bounding-set -sys_admin --inh-caps -sys_admin -- \
-        "$demo" --binary "$1" 2>&1)
-    expect_contains "world" "world: a chroot on a copied tree" "$text"
-    check_shown "$text"
+    text=$("$demo" 2>&1)
+    expect_equal "asked for" "--preset release -DTORVA_TESTS=OFF -DTORVA_BENCH=OFF
+--build --preset release --target torva-postfix-setup" "$(<"$scratch/asked")"
+    expect_contains "run" "Torva-specific configuration of Postfix completed successfully" \
+        "$(shown torva-postfix-setup "$text")"
+    expect_contains "difference" $'\n+127.0.0.1:10026 inet ' "$(shown master.cf "$text")"
+    expect_contains "settings" "+ virtual_transport = torva_virtual" "$(shown main.cf "$text")"
+    expect_contains "tables" "created  -rw-r--r-- root:root" "$(shown "files created" "$text")"
+    expect_contains "verdict" "exit status 0" "$(shown "postfix check" "$text")"
+    expect_contains "status" "=== exit status of torva-postfix-setup: 0" "$text"
+}
+
+test_takes_a_build_folder_that_is_there_as_it_is() {
+    make_checkout "$1"
+    mkdir -p "$scratch/checkout/build/release"
+    : >"$scratch/checkout/build/release/build.ninja"
+    "$demo" >/dev/null 2>&1
+    expect_equal "asked for" "--build --preset release --target torva-postfix-setup" "$(<"$scratch/asked")"
 }
 
 test_exit_status_and_text_are_those_of_the_program() {
-    need_postfix
-    stand_in 'echo "Fatal error: X(y)" >&2; exit 2'
+    stand_in 'echo "Fatal error: X(y), input $(wc -c)" >&2; exit 2'
+    make_checkout "$tool"
     local text status=0
-    text=$("$demo" --binary "$scratch/bin/tool" 2>&1) || status=$?
+    text=$(echo input | "$demo" 2>&1) || status=$?
     expect_equal "exit status" 2 "$status"
-    expect_contains "text" "Fatal error: X(y)" "$text"
-    expect_equal "master.cf" "(no difference)" "$(shown master.cf "$text")"
-    expect_equal "settings" "(no difference)" "$(shown main.cf "$text")"
-    expect_equal "tables" "(none)" "$(shown tables "$text")"
+    expect_contains "text" "Fatal error: X(y), input 0" "$text"
+    expect_equal "master.cf" "(no difference)" "$(shown master.cf "$text" | sed '/^$/d')"
     expect_contains "status" "=== exit status of torva-postfix-setup: 2" "$text"
 }
 
-test_program_gets_progress_no_input_and_no_foreign_services() {
-    need_postfix
-    need_namespaces
-    stand_in 'echo "debug $TORVA_INSTALLER_DEBUG, input $(wc -c)" >&2
-        postconf -M | awk "{ print \"type \" \$2 }" | sort -u >&2; exit 0'
-    expect_equal "seen" $'debug 1, input 0\ntype fifo\ntype inet\ntype unix' \
-        "$(echo input | "$sandbox" -- bash -c '
-            postconf -Me "f/fifo = f fifo n - - - - pickup"
-            "$0" --binary "$1" 2>&1' "$demo" "$scratch/bin/tool" | grep -e ^debug -e ^type)"
-}
-
-test_main_cf_without_a_last_line_end() {
-    need_postfix
-    need_namespaces
-    stand_in 'postconf -e virtual_transport=x'
-    expect_contains "settings" "+virtual_transport = x" "$("$sandbox" -- bash -c '
-        printf "biff = no" >>/etc/postfix/main.cf
-        "$0" --binary "$1" 2>&1' "$demo" "$scratch/bin/tool")"
-}
-
-test_failed_postfix_check_is_shown() {
-    need_postfix
-    stand_in 'postconf -e "queue_directory = /no/such/directory"'
-    local verdict
-    verdict=$(shown "postfix check" "$("$demo" --binary "$scratch/bin/tool" 2>&1)")
-    expect_contains "verdict" "failed, exit status 1" "$verdict"
-    expect_contains "text" "/no/such/directory" "$verdict"
-}
-
 test_changes_nothing_on_the_machine() {
-    need_postfix
+    make_checkout "$1"
     local before after
     before=$(find /etc /var/spool/postfix -xdev -printf '%p %y %m %U %G %s %T@ %i\n' | sort)
-    "$demo" --binary "$1" >/dev/null 2>&1
+    "$demo" >/dev/null 2>&1
     after=$(find /etc /var/spool/postfix -xdev -printf '%p %y %m %U %G %s %T@ %i\n' | sort)
     [[ $before == "$after" ]] || fail "$(diff <(echo "$before") <(echo "$after"))"
+}
+
+test_argument_is_refused_in_one_line() {
+    local text status=0
+    text=$("$checkout/scripts/demo" --now 2>&1) || status=$?
+    expect_equal "exit status" 1 "$status"
+    expect_equal "text" "demo: unknown argument --now (see --help)" "$text"
 }
 
 test_not_root_is_told_in_one_line() {

@@ -23,15 +23,16 @@ target_link_libraries(torva_mail PUBLIC
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/TorvaMail)
 install(TARGETS torva_mail EXPORT TorvaMailTargets
-  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(EXPORT TorvaMailTargets NAMESPACE torva:: DESTINATION ${package_dir})
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
+install(EXPORT TorvaMailTargets NAMESPACE torva:: DESTINATION ${package_dir} COMPONENT dev)
 foreach(layer IN LISTS layers)
   install(DIRECTORY ${layer}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/torva-mail/${layer}
-    FILES_MATCHING PATTERN "*.h")
+    COMPONENT dev FILES_MATCHING PATTERN "*.h")
 endforeach()
 
 configure_package_config_file(cmake/TorvaMailConfig.cmake.in TorvaMailConfig.cmake
   INSTALL_DESTINATION ${package_dir})
 write_basic_package_version_file(TorvaMailConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/TorvaMailConfig.cmake
-  ${CMAKE_CURRENT_BINARY_DIR}/TorvaMailConfigVersion.cmake DESTINATION ${package_dir})
+  ${CMAKE_CURRENT_BINARY_DIR}/TorvaMailConfigVersion.cmake
+  DESTINATION ${package_dir} COMPONENT dev)

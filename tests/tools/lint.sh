@@ -1,6 +1,6 @@
 #!/bin/bash
 # One linter over everything that it concerns:
-#     lint.sh shellcheck|clang-format CHECKOUT
+#     lint.sh shellcheck|clang-format|man CHECKOUT
 #     lint.sh clang-tidy CHECKOUT BUILD_DIR
 # Exit status 77: the linter is not installed.
 set -euo pipefail
@@ -23,6 +23,14 @@ case $linter in
         ;;
     clang-format)
         files \( -name '*.h' -o -name '*.cpp' \) | xargs -0 clang-format --dry-run -Werror
+        ;;
+    man)
+        # Its exit status does not tell of warnings.
+        complaints=$(for page in man/*; do LC_ALL=C.UTF-8 MANWIDTH=80 man --warnings -l "$page" 2>&1 >/dev/null; done)
+        [[ -z $complaints ]] || {
+            printf '%s\n' "$complaints"
+            exit 1
+        }
         ;;
     clang-tidy)
         sources=$(sed -n 's/^ *"file": "\(.*\)".*/\1/p' "$3/compile_commands.json" | sort -u |

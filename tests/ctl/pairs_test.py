@@ -44,6 +44,8 @@ def promise(lay_out):
         entries = (foreign_lines(), order()) if MAIN_CF.exists() else None
         settings = postconf("-n", "recipient_delimiter", "smtpd_banner", "relayhost")
 
+        self.assertStatus(0, ctl("check"))
+        self.assertSame(before, "after check")
         self.assertStatus(0, ctl("preview", "--keep", str(kept)))
         self.assertSame(before, "after preview")
 
@@ -61,6 +63,7 @@ def promise(lay_out):
                 self.assertEqual(path.read_bytes(), Path(f"{kept}{path}").read_bytes(), f"previewed {path}")
                 self.assertEqual(path.stat().st_mode, Path(f"{kept}{path}").stat().st_mode, f"previewed {path}")
 
+        self.assertRegex(ctl("backups").out, r"\A\d{8}T\d{6}Z .* before apply\n\Z")
         self.assertStatus(0, ctl("rollback"))
         self.assertSame(before, "after rollback")
 

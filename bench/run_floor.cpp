@@ -1,6 +1,6 @@
 // What a run of torva-postfix-setup costs at least: starts the commands that a run
 // started, one after another, with the same input, and does nothing else but what
-// keeps Postfix from sleeping. bench/whole_run compares the two.
+// keeps Postfix from sleeping. scripts/bench compares the two.
 //
 //     run_floor COMMANDS MAIN_CF
 //

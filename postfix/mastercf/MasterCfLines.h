@@ -31,6 +31,7 @@ public:
     // The index points into the list: a copy would point into its original.
     MasterCfLines(const MasterCfLines&) = delete;
     MasterCfLines& operator=(const MasterCfLines&) = delete;
+    ~MasterCfLines();
 
     /// The logical lines, none with its line terminator. A comment line, an empty
     /// line and a service are one element each; a service that was spread over

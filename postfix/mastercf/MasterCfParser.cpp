@@ -18,16 +18,24 @@ using parser::blanks;
 using parser::comments_line_parser;
 using parser::ConstAssigner;
 using parser::continuous_spaces_parser;
+using parser::definition_of;
 using parser::empty_line_parser;
 using parser::newline_p;
 using parser::WordAppender;
 
-/// Action: returns the working record to its defaults.
+/// Action: returns the working record to its defaults, but for the memory that the
+/// list of words has: each service would grow it anew.
 class RecordResetter {
 public:
     explicit RecordResetter(MasterCfModule& record) : record_(record) {}
 
-    void operator()(const char*, const char*) const { record_ = MasterCfModule(); }
+    void operator()(const char*, const char*) const {
+        std::vector<std::string> words;
+        words.swap(record_.words);
+        words.clear();
+        record_ = MasterCfModule();
+        record_.words.swap(words);
+    }
 
 private:
     MasterCfModule& record_;
@@ -56,15 +64,14 @@ private:
     std::int32_t& number_;
 };
 
-/// Action: stores the working record and the text of the service. The next service
-/// begins with a fresh record, so this one may go.
+/// Action: stores the working record and the text of the service.
 class MasterCfModuleAppender {
 public:
     MasterCfModuleAppender(MasterCfModule& record, MasterCfLines& target)
         : record_(record), target_(target) {}
 
     void operator()(const char* first, const char* last) const {
-        target_.set(std::move(record_), std::string(first, last));
+        target_.set(record_, std::string(first, last));
     }
 
 private:
@@ -115,9 +122,9 @@ public:
         void defineFields(MasterCfModule& record);
         void defineLines(MasterCfModule& record, MasterCfLines& target);
 
-        empty_line_parser empty_line;
-        comments_line_parser comment_line;
-        continuous_spaces_parser separator;
+        definition_of<empty_line_parser, Scanner> emptyLine;
+        definition_of<comments_line_parser, Scanner> commentLine;
+        definition_of<continuous_spaces_parser, Scanner> spaces;
         spirit::rule<Scanner> file, line, service;
         spirit::rule<Scanner> name, type, private_, unpriv, chroot, wakeup, maxproc, words;
     };
@@ -167,12 +174,13 @@ void MasterCfParser::definition<Scanner>::defineFields(MasterCfModule& record) {
     maxproc = ch_p('-') | number[NumberAssigner(record.maxproc)];
     // one or more words, which are one or more word characters each
     const auto word = (+word_character)[WordAppender<std::vector<std::string>>(record.words)];
-    words = word >> *(separator >> word);
+    words = word >> *(spaces.start() >> word);
 }
 
 template <class Scanner>
 void MasterCfParser::definition<Scanner>::defineLines(MasterCfModule& record,
                                                       MasterCfLines& target) {
+    const spirit::rule<Scanner>& separator = spaces.start();
     // the columns of master(5), each two of them with white space between, which
     // may be none; blanks at the end belong to the service. A "-" must not find
     // what the line before has left in the record.
@@ -181,7 +189,8 @@ void MasterCfParser::definition<Scanner>::defineLines(MasterCfModule& record,
               separator >> maxproc >> separator >> words >> *blanks();
     // a service, a line with only a comment, or a line with only blanks, or nothing
     line = service[MasterCfModuleAppender(record, target)] |
-           comment_line[MasterCfRawAppender(target)] | empty_line[MasterCfRawAppender(target)];
+           commentLine.start()[MasterCfRawAppender(target)] |
+           emptyLine.start()[MasterCfRawAppender(target)];
     // lines with a line feed between each two; the last one may be empty
     file = line >> *(newline_p >> line) >> !newline_p;
 }

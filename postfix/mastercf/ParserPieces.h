@@ -26,6 +26,14 @@ inline boost::spirit::classic::chset<char> blanks() {
     return boost::spirit::classic::chset<char>("\t \r");
 }
 
+/// A piece inside the definition of another grammar, where start() is its rule. Used
+/// as a parser itself, a grammar looks its definition up at every place of the text,
+/// which takes longer than most pieces do.
+template <class Piece, class Scanner>
+struct definition_of : Piece::template definition<Scanner> {
+    definition_of() : Piece::template definition<Scanner>(Piece()) {}
+};
+
 /// What may stand on an empty line: any number of blanks, none included.
 struct empty_line_parser : boost::spirit::classic::grammar<empty_line_parser> {
     template <class Scanner>
@@ -54,11 +62,13 @@ struct comments_parser : boost::spirit::classic::grammar<comments_parser> {
 struct comments_line_parser : boost::spirit::classic::grammar<comments_line_parser> {
     template <class Scanner>
     struct definition {
-        explicit definition(const comments_line_parser&) { line = empty_line >> comments; }
+        explicit definition(const comments_line_parser&) {
+            line = empty_line.start() >> comments.start();
+        }
         const boost::spirit::classic::rule<Scanner>& start() const { return line; }
 
-        empty_line_parser empty_line;
-        comments_parser comments;
+        definition_of<empty_line_parser, Scanner> empty_line;
+        definition_of<comments_parser, Scanner> comments;
         boost::spirit::classic::rule<Scanner> line;
     };
 };
@@ -74,13 +84,14 @@ struct continuous_spaces_parser : boost::spirit::classic::grammar<continuous_spa
     template <class Scanner>
     struct definition {
         explicit definition(const continuous_spaces_parser&) {
-            continuation = newline_p >> *(empty_line >> !comments >> newline_p) >> +blanks();
-            spaces = empty_line >> !comments >> !continuation;
+            continuation =
+                newline_p >> *(empty_line.start() >> !comments.start() >> newline_p) >> +blanks();
+            spaces = empty_line.start() >> !comments.start() >> !continuation;
         }
         const boost::spirit::classic::rule<Scanner>& start() const { return spaces; }
 
-        empty_line_parser empty_line;
-        comments_parser comments;
+        definition_of<empty_line_parser, Scanner> empty_line;
+        definition_of<comments_parser, Scanner> comments;
         boost::spirit::classic::rule<Scanner> continuation;
         boost::spirit::classic::rule<Scanner> spaces;
     };

@@ -8,7 +8,7 @@
         libmariadb-dev libsqlite3-dev)
     packages_to_run=(postfix postfix-pcre iproute2 util-linux hostname diffutils)
     packages_to_test=(libgtest-dev libgmock-dev libbenchmark-dev mariadb-server python3 procps
-        clang-format clang-tidy shellcheck man-db lintian dpkg-dev libsasl2-modules openssl)
+        clang-format clang-tidy shellcheck man-db lintian dpkg-dev strace libsasl2-modules openssl)
 }
 
 policy=/usr/sbin/policy-rc.d

@@ -1,6 +1,7 @@
 #include "app/HostName.h"
 
 #include "postfix/params/PostfixParameters.h"
+#include "process/Launch.h"
 
 #include <boost/algorithm/string/trim.hpp>
 
@@ -18,10 +19,21 @@ std::string derivedDomain(const std::string& name) {
     return dot == std::string::npos ? std::string() : name.substr(dot + 1);
 }
 
+namespace {
+
+/// The exit status does not matter, but the command must not outlive the run.
+void closePipe(std::FILE* pipe) {
+    if (::pclose(pipe) == -1) {
+        process::waitForLostChildren();
+    }
+}
+
+} // namespace
+
 std::string fullHostName() {
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> pipe(
+    const std::unique_ptr<std::FILE, void (*)(std::FILE*)> pipe(
         ::popen("hostname -f", "re"), // NOLINT(cert-env33-c)
-        &::pclose);
+        &closePipe);
     if (!pipe) {
         return std::string();
     }

@@ -3,6 +3,8 @@
 #include "app/TouchFile.h"
 #include "postfix/params/ListValue.h"
 #include "postfix/params/PostfixParameters.h"
+#include "postfix/tables/HalfMadeIndex.h"
+#include "process/Launch.h"
 #include "util/SystemError.h"
 
 #include <algorithm>
@@ -22,13 +24,19 @@ const char panelAliases[] = "hash:/var/spool/postfix/torva/aliases";
 
 const char* const indexedTypes[] = {"hash", "btree", "dbm", "sdbm", "cdb"};
 
-void rebuildAliases(const std::string& database) {
+/// \param source  path of the source file
+void rebuildAliases(const std::string& database, const std::string& source) {
     const std::string command = "/usr/sbin/postalias " + database;
+    mail::postfix::removeHalfMadeIndex(source); // of a creation that was killed
     // A command that ran and failed is no system error, and leaves errno as it is.
     errno = 0;
     const int status = std::system(command.c_str()); // NOLINT(cert-env33-c)
     const int code = errno;
+    if (status == -1) {
+        process::waitForLostChildren();
+    }
     if (status == -1 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        mail::postfix::removeHalfMadeIndex(source);
         errno = code;
         throw SystemError("unable to re-index system alias map", code);
     }
@@ -54,7 +62,7 @@ bool SystemAliases::keep(const std::string& element) {
     if (std::find(std::begin(indexedTypes), std::end(indexedTypes), type) !=
         std::end(indexedTypes)) {
         touchFile(path);
-        rebuildAliases(element);
+        rebuildAliases(element, path);
     }
     return true;
 }

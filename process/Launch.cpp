@@ -5,6 +5,7 @@
 #include "process/SystemCall.h"
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
 #include <iostream>
@@ -156,6 +157,13 @@ int waitForExit(pid_t pid) {
     systemCall("unable to wait for child process exit",
                [pid, &status] { return ::waitpid(pid, &status, 0); });
     return status;
+}
+
+void waitForLostChildren() noexcept {
+    const int saved = errno;
+    while (retried([] { return ::waitpid(-1, nullptr, 0); }) != -1) {
+    }
+    errno = saved;
 }
 
 } // namespace torva::process

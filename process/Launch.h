@@ -77,4 +77,9 @@ LaunchResult launch(const LaunchRequest& request, pid_t* forked = nullptr);
 /// \throws SystemError  "unable to wait for child process exit"
 int waitForExit(pid_t pid);
 
+/// Waits for every child that this process still has: for callers of system(3) and
+/// pclose(3), which forget their child when their own waiting fails. Only where no
+/// other child is meant to go on. Leaves errno as it was.
+void waitForLostChildren() noexcept;
+
 } // namespace torva::process

@@ -18,6 +18,22 @@ std::atomic<ProcessSetCatcher*> theCatcher{nullptr};
 static_assert(std::atomic<ProcessSetCatcher*>::is_always_lock_free,
               "a lock in a signal handler is a dead-lock");
 
+// A call of the handler. Nobody hears of its failure, and a child that is not reaped
+// or a byte that is not written would leave the run waiting for ever: whatever the
+// error, it is tried again, but not without end.
+//
+// \param answer  the errno value that is an answer and no failure
+template <typename Call>
+auto insisted(int answer, Call call) noexcept -> decltype(call()) {
+    constexpr int attempts = 3;
+    for (int attempt = 1;; ++attempt) {
+        const auto result = retried(call);
+        if (result != -1 || errno == answer || attempt == attempts) {
+            return result;
+        }
+    }
+}
+
 } // namespace
 
 ProcessSet::ProcessSet(std::size_t capacity) {
@@ -133,7 +149,7 @@ void ProcessSetCatcher::handleSigchld(int /*signal*/) {
 void ProcessSetCatcher::reap() noexcept {
     for (;;) {
         int status = 0;
-        const pid_t pid = retried([&status] { return ::waitpid(-1, &status, WNOHANG); });
+        const pid_t pid = insisted(ECHILD, [&status] { return ::waitpid(-1, &status, WNOHANG); });
         if (pid <= 0) {
             return;
         }
@@ -141,7 +157,7 @@ void ProcessSetCatcher::reap() noexcept {
         if (terminated && children_.recordEnd(pid, status)) {
             std::atomic_signal_fence(std::memory_order_release);
             // A full pipe is readable already: the byte is not missed.
-            retried([this] { return ::write(wake_.write.get(), "t", 1); });
+            insisted(EAGAIN, [this] { return ::write(wake_.write.get(), "t", 1); });
         }
     }
 }

@@ -1,6 +1,7 @@
 #include "postfix/tables/CreateTable.h"
 
 #include "postfix/params/PostfixTool.h"
+#include "postfix/tables/HalfMadeIndex.h"
 #include "postfix/tables/PostmapCommand.h"
 #include "util/AutocleanOFStream.h"
 #include "util/FileLock.h"
@@ -59,8 +60,10 @@ void createTable(const std::string& table, const Records& records) {
     const std::string source = tableFile(table);
     const FileLock lock(source, LockMode::fail);
     writeSource(source, records);
+    removeHalfMadeIndex(source); // of a creation that was killed
     const ToolResult result = runTool(postmapCommand({"-r"}, table));
     if (!result.succeeded()) {
+        removeHalfMadeIndex(source);
         throw PostfixDatabaseError(result.message());
     }
 }

@@ -19,7 +19,8 @@ namespace torva::mail::postfix {
 ///         write PATH: REASON"), and is as it was; or postmap failed (its own text,
 ///         or "unknown error"), and the source file is the new one
 /// \throws SystemError  no lock, or postmap could not be started
-/// No scratch file is left.
+/// No scratch file is left, neither of ours nor of an index that postmap could not
+/// finish; one that an earlier, killed creation left is removed.
 void createTable(const std::string& table, const Records& records);
 
 } // namespace torva::mail::postfix

@@ -125,6 +125,20 @@ TEST_F(SemaphoreSandboxTest, TheDescriptorIsOpenedOnceAboveTheStandardStreamsClo
     EXPECT_EQ(outcome.exited, 0) << outcome.err;
 }
 
+TEST_F(SemaphoreSandboxTest, ADescriptorThatNeedsNoMovingIsCloseOnExecToo) {
+    const Outcome outcome = inChild([] {
+        const auto before = openDescriptors();
+        init_sem();
+        for (const int fd : openDescriptors()) {
+            if (before.count(fd) == 0) {
+                return ::fcntl(fd, F_GETFD) == FD_CLOEXEC ? 0 : 1;
+            }
+        }
+        return 2;
+    });
+    EXPECT_EQ(outcome.exited, 0) << outcome.err;
+}
+
 TEST_F(SemaphoreSandboxTest, TakingOneTwiceDoesNotBlockAndOneReleaseGivesItBack) {
     const OtherProcess holder(
         [] { return sem_lock(5) + sem_lock(5) + sem_lock_wait(5) + sem_unlock(5); });

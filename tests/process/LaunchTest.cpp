@@ -284,5 +284,20 @@ TEST_F(LaunchTest, FailingChildEndsWithExitAndRunsItsExitHandlers) {
     EXPECT_EQ("handler", readAll(ends.read.get()));
 }
 
+TEST_F(LaunchTest, LostChildrenAreWaitedForAndErrnoStays) {
+    for (const int status : {0, 5}) {
+        if (::fork() == 0) {
+            ::usleep(20000);
+            ::_exit(status);
+        }
+    }
+    errno = ENOSPC;
+    waitForLostChildren();
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
+    waitForLostChildren(); // none: comes back
+}
+
 } // namespace
 } // namespace torva::process

@@ -128,6 +128,12 @@ TEST_F(FakePostmapTest, FailureCarriesTheTextUntrimmed) {
     EXPECT_EQ(databaseMessage([] { createTable(table, {}); }), "postmap: fatal: x\n");
 }
 
+TEST_F(FakePostmapTest, FailedCreationLeavesNoHalfMadeIndex) {
+    const FakeTool fake(postmap, "touch /var/spool/postfix/torva/__db.virtual.db; exit 1");
+    EXPECT_THROW(createTable(table, {}), PostfixDatabaseError);
+    EXPECT_THAT(namesIn(directory), ElementsAre("virtual"));
+}
+
 TEST_F(FakePostmapTest, DeletingAKeyThatIsNotThereIsNoError) {
     const FakeTool fake(postmap, "echo 'postmap: warning: no such key' >&2; exit 1");
     EXPECT_NO_THROW(deleteKeys(table, {"a"}));
@@ -196,6 +202,13 @@ TEST_F(RealTableTest, CreatingAgainEmptiesTheTable) {
     createTable(table, {});
     EXPECT_EQ(contentOf(source), "");
     EXPECT_THAT(dumpTable(table), IsEmpty());
+}
+
+TEST_F(RealTableTest, IndexThatAKilledCreationLeftHalfMadeDoesNotKeepItFromBeingMade) {
+    writeFile(std::string(directory) + "/__db.virtual.db", "");
+    createTable(table, {{"alpha", "one"}});
+    EXPECT_THAT(dumpTable(table), ElementsAre(Pair("alpha", "one")));
+    EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
 }
 
 TEST_F(RealTableTest, PutAddsAndReplacesAndDeleteTakesAway) {

@@ -309,10 +309,21 @@ class FullDiskTest(RealTest):
     def test_tables_that_do_not_fit_end_the_run_with_the_words_of_postmap(self):
         self.world.mount_small(TORVA, "size=16k")
         run = self.world.run()
-        for path in TORVA.glob("__db.*"):
-            path.unlink()  # what postmap's database library could not finish
         self.assertFatal(run, re.compile(rf"\AFatal error: {DATABASE_ERROR}\([^)]*postmap: fatal: [^)]+: No space left on device\n\)\n\Z"))
         self.assertEqual(self.world.tool("/usr/sbin/postconf", "-h", "inet_interfaces").stdout, "loopback-only\n")
+
+    def test_a_run_after_a_full_disk_is_like_a_first_run(self):
+        self.world.mount_small(TORVA, "size=16k")
+        self.assertEqual(self.world.run().status, 1)
+        subprocess.run(["mount", "-o", "remount,size=16m", TORVA], check=True)
+        self.assertEqual(self.first_run().err, transcript())
+
+    def test_indexes_that_a_killed_tool_left_half_made_do_not_stop_the_run(self):
+        TORVA.mkdir()
+        for path in (TORVA / "__db.virtual.db", Path("/etc/__db.aliases.db")):
+            path.write_bytes(b"")
+        self.assertEqual(self.first_run().err, transcript())
+        self.assertFalse(Path("/etc/__db.aliases.db").exists())
 
     def test_a_main_cf_that_does_not_fit_stays_and_the_run_ends_with_the_words_of_postconf(self):
         self.world.mount_small(POSTFIX, "size=256k")

@@ -1,0 +1,19 @@
+// What a creation of an index file that was cut short leaves behind, and its removal.
+// Creating tables is CreateTable.h; the system's aliases are the application's.
+#pragma once
+
+#include <string>
+
+namespace torva::mail::postfix {
+
+/// Removes the file under which Berkeley DB, the library of the types "hash" and
+/// "btree", makes a new index before it gives it its name: "__db.NAME.db" beside
+/// the source file. A full disk or a kill leaves it there, and as long as it is
+/// there every new creation tries for 100 seconds and fails with "File exists".
+///
+/// \param source  path of the source file; nobody else creates its index now
+/// Best effort: what cannot be removed the next creation complains about. Leaves
+/// errno as it was.
+void removeHalfMadeIndex(const std::string& source) noexcept;
+
+} // namespace torva::mail::postfix

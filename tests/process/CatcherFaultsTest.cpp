@@ -47,8 +47,9 @@ using namespace testing;
 
 class CatcherFaultsTest : public ProcessTest {
 protected:
-    // Whether the loop is woken and finds the status of a child that exits with 5.
-    static bool endIsNoticed() {
+    // Installs a catcher, starts a child that exits with 5, and asks something.
+    template <class Question>
+    static auto whileAChildEnds(Question question) {
         ProcessSet children(1);
         SigchldBlock sigchld;
         ProcessSetCatcher catcher(children);
@@ -59,10 +60,17 @@ protected:
         }
         children.add(pid);
         sigchld.allow();
-        pollfd entry = {catcher.wakeFd(), POLLIN, 0};
-        const bool woken = eventually([&] { return ::poll(&entry, 1, 10) == 1; });
-        const bool ended = children.running() == 0 && WEXITSTATUS(children.status(pid)) == 5;
-        return woken && ended;
+        return question(children, catcher, pid);
+    }
+
+    // Whether the loop is woken and finds the status of the child.
+    static bool endIsNoticed() {
+        return whileAChildEnds([](ProcessSet& children, ProcessSetCatcher& catcher, pid_t pid) {
+            pollfd entry = {catcher.wakeFd(), POLLIN, 0};
+            const bool woken = eventually([&] { return ::poll(&entry, 1, 10) == 1; });
+            const bool ended = children.running() == 0 && WEXITSTATUS(children.status(pid)) == 5;
+            return woken && ended;
+        });
     }
 
     void TearDown() override {
@@ -87,19 +95,11 @@ TEST_F(CatcherFaultsTest, FailedWakeUpIsTriedAgainOrTheRunWouldWaitForEver) {
 TEST_F(CatcherFaultsTest, HandlerComesBackFromACallThatFailsForGood) {
     const std::string said = inSubprocess([](std::ostream& out) {
         failingWrites = 1000;
-        ProcessSet children(1);
-        SigchldBlock sigchld;
-        ProcessSetCatcher catcher(children);
-        catcher.install();
-        const pid_t pid = ::fork();
-        if (pid == 0) {
-            ::_exit(5);
-        }
-        children.add(pid);
-        sigchld.allow();
-        eventually([&] { return children.running() == 0; });
-        failingWrites = 0;
-        out << children.running();
+        out << whileAChildEnds([](ProcessSet& children, ProcessSetCatcher&, pid_t) {
+            eventually([&] { return children.running() == 0; });
+            failingWrites = 0;
+            return children.running();
+        });
     });
     EXPECT_EQ(said, "0");
 }

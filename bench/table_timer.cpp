@@ -9,6 +9,7 @@
 //     table_timer write COUNT FILE          the records, for postmap's own input
 #include "bench/Measure.h"
 #include "postfix/params/PostfixTool.h"
+#include "postfix/tables/DataStreamFilter.h"
 #include "postfix/tables/ListingFilter.h"
 #include "postfix/tables/NotInDomainFilter.h"
 #include "postfix/tables/Postmap.h"

@@ -4,6 +4,7 @@
 #include "postfix/mastercf/MasterCfParser.h"
 #include "postfix/params/ListValue.h"
 #include "postfix/params/MessageScan.h"
+#include "postfix/tables/DataStreamFilter.h"
 #include "postfix/tables/ListingFilter.h"
 #include "postfix/tables/NotInDomainFilter.h"
 #include "process/ErrorRelay.h"

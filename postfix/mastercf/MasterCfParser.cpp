@@ -1,5 +1,6 @@
 #include "postfix/mastercf/MasterCfParser.h"
 
+#include "postfix/mastercf/ParserActions.h"
 #include "postfix/mastercf/ParserPieces.h"
 
 #include <cstdint>

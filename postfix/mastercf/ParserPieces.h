@@ -1,7 +1,7 @@
 // Pieces for line-oriented grammars over bytes, for Boost's Spirit classic: blanks,
-// comments, the white space between the fields of a logical line, and two actions.
-// No skipper is meant to be used with them: white space is matched where it may
-// stand. The grammar that they were made for is MasterCfParser.cpp.
+// comments, the white space between the fields of a logical line. No skipper is meant
+// to be used with them: white space is matched where it may stand. Actions that go
+// with them are ParserActions.h; the grammar they were made for is MasterCfParser.cpp.
 #pragma once
 
 // Under sanitizers GCC takes the empty boost::optional of every match that failed
@@ -95,38 +95,6 @@ struct continuous_spaces_parser : boost::spirit::classic::grammar<continuous_spa
         boost::spirit::classic::rule<Scanner> continuation;
         boost::spirit::classic::rule<Scanner> spaces;
     };
-};
-
-/// Action: appends the matched text to a list of strings.
-template <class Words>
-class WordAppender {
-public:
-    explicit WordAppender(Words& words) : words_(words) {}
-
-    template <class Iterator>
-    void operator()(Iterator first, Iterator last) const {
-        words_.emplace_back(first, last);
-    }
-
-private:
-    Words& words_;
-};
-
-/// Action: whatever was matched, assigns a fixed value.
-template <class Target>
-class ConstAssigner {
-public:
-    ConstAssigner(Target& target, Target value) : target_(target), value_(value) {}
-
-    template <class Iterator>
-    void operator()(Iterator, Iterator) const {
-        target_ = value_;
-    }
-    void operator()(char) const { target_ = value_; }
-
-private:
-    Target& target_;
-    Target value_;
 };
 
 } // namespace torva::parser

@@ -1,5 +1,5 @@
 // The chain that takes a listing of a table, as "postmap -s" prints it, and lets
-// through what is to stay: DataStreamFilter cuts the bytes into lines,
+// through what is to stay: DataStreamFilter.h cuts the bytes into lines,
 // ElementsFilter takes a line apart, ValueListFilter its value. At the end of the
 // chain stands a test of one text: true keeps it. The test that the domain manager
 // uses is NotInDomainFilter.h; what becomes of the survivors is TableRewrite.h.
@@ -11,7 +11,6 @@
 #include <boost/algorithm/string/split.hpp>
 
 #include <cctype>
-#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -56,25 +55,6 @@ private:
     ValueListFilter<Test> valueFilter_;
 };
 
-/// Consumer of the bytes of a listing.
-template <class LineFilter>
-class DataStreamFilter {
-public:
-    /// \param stream  takes the lines that stay; must outlive the object
-    DataStreamFilter(std::ostream& stream, LineFilter filter)
-        : stream_(stream), filter_(std::move(filter)) {}
-
-    /// Takes the next bytes, cut anywhere. Lines that they finish and the filter
-    /// accepts are in the stream, each with its line end, and the stream is flushed
-    /// when the call returns. An unfinished last line is never written.
-    void operator()(const std::vector<char>& chunk);
-
-private:
-    std::ostream& stream_;
-    LineFilter filter_;
-    LineCutter lines_;
-};
-
 template <class Test>
 bool ValueListFilter<Test>::operator()(std::string& value) const {
     std::vector<std::string> elements;
@@ -116,18 +96,6 @@ bool ElementsFilter<Test>::operator()(std::string& line) const {
         line.replace(parsed->valueStart, std::string::npos, value);
     }
     return true;
-}
-
-template <class LineFilter>
-void DataStreamFilter<LineFilter>::operator()(const std::vector<char>& chunk) {
-    lines_.feed(chunk, [this](std::string& line) {
-        if (filter_(line)) {
-            stream_ << line << '\n';
-        }
-    });
-    // Once for all lines of the chunk: a system call for each line would take longer
-    // than the rest of the chain.
-    stream_.flush();
 }
 
 } // namespace torva::mail::postfix::database

@@ -1,6 +1,7 @@
 #include "postfix/tables/TableRewrite.h"
 
 #include "postfix/params/PostfixTool.h"
+#include "postfix/tables/DataStreamFilter.h"
 #include "postfix/tables/ListingFilter.h"
 #include "postfix/tables/NotInDomainFilter.h"
 #include "postfix/tables/PostmapCommand.h"

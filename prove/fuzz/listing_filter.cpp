@@ -2,6 +2,7 @@
 // cut, the same lines and the same reports come out, and they are those of a filter
 // that is written here once more, line by line.
 #include "Fuzz.h"
+#include "postfix/tables/DataStreamFilter.h"
 #include "postfix/tables/ListingFilter.h"
 #include "postfix/tables/NotInDomainFilter.h"
 #include "support/CapturedClog.h"

@@ -11,7 +11,8 @@ import sys
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
-from mailworld import HOST, SPOOL, MailTest, Message, World, inside, main, outside, run, wait_for
+from mailclient import Message, inside, outside
+from mailworld import HOST, SPOOL, MailTest, World, main, run, wait_for
 
 MAILBOX = "anna@example.org"
 ROOT_MAIL = Path("/var/mail/root")

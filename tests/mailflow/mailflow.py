@@ -13,8 +13,9 @@ import sys
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
-from mailworld import (CERTIFICATE, HOST, MASTER_CF, OUTSIDE_ADDRESS, RECORDS, SPOOL, MailTest, Message, World, inside,
-                       main, outside, run, wait_for)
+from mailclient import Message, inside, outside
+from mailworld import (CERTIFICATE, HOST, MASTER_CF, OUTSIDE_ADDRESS, RECORDS, SPOOL, MailTest, World, main, run,
+                       wait_for)
 
 PANEL_DOMAIN = "localhost.localdomain"
 INFO = "info@" + PANEL_DOMAIN

@@ -1,11 +1,9 @@
 #!/bin/bash
-# What scripts/sandbox promises: a private world, nothing changed outside it,
-# nothing left of it.
+# What scripts/sandbox promises: a private world; nothing changed outside, nothing left.
 set -euo pipefail
 source "${BASH_SOURCE[0]%/*}/shell_test.sh"
 
-# The two worlds. A namespace world is what the machine allows; a plain container
-# is had by giving up the capability that it lacks.
+# The two worlds. A plain container is had by giving up the capability that it lacks.
 in_namespaces() { "$sandbox" "$@"; }
 in_plain_container() {
     if "$sandbox" --loopback-only -- true 2>/dev/null; then
@@ -36,8 +34,7 @@ machine_state() {
     if [[ -x $(command -v ip) ]]; then ip -o link; fi
 }
 
-# What a careless test does, and what a daemon of its leaves running: it holds a
-# lock on a file that both worlds see.
+# What a careless test does; its daemon holds a lock on a file that both worlds see.
 vandal='
     echo "vandal = yes" >>/etc/postfix/main.cf
     rm -f /etc/hosts /etc/passwd

@@ -1,5 +1,7 @@
 #include "postfix/mastercf/ParserPieces.h"
 
+#include "postfix/mastercf/ParserActions.h"
+
 #include <gtest/gtest.h>
 
 #include <string>

@@ -1,5 +1,4 @@
-// What the tests of this folder share: a directory of their own, files, and
-// readable forms of lines and records.
+// What the tests of this folder share: a directory, files, readable lines and records.
 #pragma once
 
 #include "postfix/mastercf/MasterCfLines.h"

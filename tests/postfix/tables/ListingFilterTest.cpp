@@ -1,4 +1,6 @@
 #include "postfix/tables/ListingFilter.h"
+
+#include "postfix/tables/DataStreamFilter.h"
 #include "postfix/tables/NotInDomainFilter.h"
 #include "support/CapturedClog.h"
 

@@ -1,0 +1,40 @@
+// Actions for grammars in Boost's Spirit classic that work on any target. What the
+// grammars are put together from is ParserPieces.h; the actions that know master.cf
+// are in MasterCfParser.cpp.
+#pragma once
+
+namespace torva::parser {
+
+/// Action: appends the matched text to a list of strings.
+template <class Words>
+class WordAppender {
+public:
+    explicit WordAppender(Words& words) : words_(words) {}
+
+    template <class Iterator>
+    void operator()(Iterator first, Iterator last) const {
+        words_.emplace_back(first, last);
+    }
+
+private:
+    Words& words_;
+};
+
+/// Action: whatever was matched, assigns a fixed value.
+template <class Target>
+class ConstAssigner {
+public:
+    ConstAssigner(Target& target, Target value) : target_(target), value_(value) {}
+
+    template <class Iterator>
+    void operator()(Iterator, Iterator) const {
+        target_ = value_;
+    }
+    void operator()(char) const { target_ = value_; }
+
+private:
+    Target& target_;
+    Target value_;
+};
+
+} // namespace torva::parser

@@ -5,7 +5,7 @@
 #include "app/ServicesPhase.h"
 #include "app/TablesPhase.h"
 #include "app/TouchFile.h"
-#include "postfix/params/PostfixParameters.h"
+#include "torva/postfix/params/PostfixParameters.h"
 
 namespace torva::app {
 

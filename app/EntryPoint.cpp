@@ -1,7 +1,7 @@
 #include "app/EntryPoint.h"
 
-#include "util/FatalError.h"
-#include "util/UtilityErrorStream.h"
+#include "torva/util/FatalError.h"
+#include "torva/util/UtilityErrorStream.h"
 
 #include <cerrno>
 #include <csignal>

@@ -1,7 +1,7 @@
 #include "app/HostName.h"
 
-#include "postfix/params/PostfixParameters.h"
-#include "process/Launch.h"
+#include "torva/postfix/params/PostfixParameters.h"
+#include "torva/process/Launch.h"
 
 #include <boost/algorithm/string/trim.hpp>
 

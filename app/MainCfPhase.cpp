@@ -3,11 +3,11 @@
 #include "app/HostName.h"
 #include "app/Progress.h"
 #include "app/SystemAliases.h"
-#include "libc/panel_conf.h"
-#include "postfix/params/PostfixParameters.h"
-#include "postfix/params/RelayPolicy.h"
-#include "postfix/tables/DomainManager.h"
-#include "postfix/tables/PopUser.h"
+#include "torva/libc/panel_conf.h"
+#include "torva/postfix/params/PostfixParameters.h"
+#include "torva/postfix/params/RelayPolicy.h"
+#include "torva/postfix/tables/DomainManager.h"
+#include "torva/postfix/tables/PopUser.h"
 
 #include <string>
 

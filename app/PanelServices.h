@@ -4,7 +4,7 @@
 // and that to the clean smtpd at 10026; mail of local users enters at 10027.
 #pragma once
 
-#include "postfix/mastercf/MasterCfModule.h"
+#include "torva/postfix/mastercf/MasterCfModule.h"
 
 #include <string>
 

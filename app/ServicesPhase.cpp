@@ -2,9 +2,9 @@
 
 #include "app/PanelServices.h"
 #include "app/Progress.h"
-#include "libc/panel_conf.h"
-#include "postfix/mastercf/MasterCf.h"
-#include "postfix/params/PostfixParameters.h"
+#include "torva/libc/panel_conf.h"
+#include "torva/postfix/mastercf/MasterCf.h"
+#include "torva/postfix/params/PostfixParameters.h"
 
 namespace torva::app {
 

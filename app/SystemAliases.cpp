@@ -1,11 +1,11 @@
 #include "app/SystemAliases.h"
 
 #include "app/TouchFile.h"
-#include "postfix/params/ListValue.h"
-#include "postfix/params/PostfixParameters.h"
-#include "postfix/tables/HalfMadeIndex.h"
-#include "process/Launch.h"
-#include "util/SystemError.h"
+#include "torva/postfix/params/ListValue.h"
+#include "torva/postfix/params/PostfixParameters.h"
+#include "torva/postfix/tables/HalfMadeIndex.h"
+#include "torva/process/Launch.h"
+#include "torva/util/SystemError.h"
 
 #include <algorithm>
 #include <cerrno>

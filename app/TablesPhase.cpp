@@ -1,7 +1,7 @@
 #include "app/TablesPhase.h"
 
 #include "app/Progress.h"
-#include "postfix/tables/CreateTable.h"
+#include "torva/postfix/tables/CreateTable.h"
 
 #include <boost/filesystem/operations.hpp>
 

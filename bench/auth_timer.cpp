@@ -2,7 +2,7 @@
 // a process that does the other. Prints "NAME VALUE" lines with the seconds of one.
 // Only run inside scripts/sandbox: it makes and changes the database of the host.
 #include "bench/Measure.h"
-#include "maildb/mail_auth.h"
+#include "torva/maildb/mail_auth.h"
 
 #include <csignal>
 #include <sys/stat.h>

@@ -8,8 +8,8 @@
 // PROGRAM is started without arguments; this process holds that much memory, written
 // to, and that many open descriptors.
 #include "bench/Measure.h"
-#include "process/Launch.h"
-#include "process/Pipe.h"
+#include "torva/process/Launch.h"
+#include "torva/process/Pipe.h"
 
 #include <algorithm>
 #include <exception>

@@ -5,7 +5,7 @@
 //     mastercf_timer COUNT FILE          writes FILE and works on it
 //     mastercf_timer write COUNT FILE    only writes it, for other programs to read
 #include "bench/Measure.h"
-#include "postfix/mastercf/MasterCf.h"
+#include "torva/postfix/mastercf/MasterCf.h"
 
 #include <exception>
 

@@ -8,12 +8,12 @@
 //     table_timer chunks SIZE FILE          the same of FILE, in chunks of SIZE bytes
 //     table_timer write COUNT FILE          the records, for postmap's own input
 #include "bench/Measure.h"
-#include "postfix/params/PostfixTool.h"
-#include "postfix/tables/DataStreamFilter.h"
-#include "postfix/tables/ListingFilter.h"
-#include "postfix/tables/NotInDomainFilter.h"
-#include "postfix/tables/Postmap.h"
-#include "postfix/tables/PostmapCommand.h"
+#include "torva/postfix/params/PostfixTool.h"
+#include "torva/postfix/tables/DataStreamFilter.h"
+#include "torva/postfix/tables/ListingFilter.h"
+#include "torva/postfix/tables/NotInDomainFilter.h"
+#include "torva/postfix/tables/Postmap.h"
+#include "torva/postfix/tables/PostmapCommand.h"
 
 #include <algorithm>
 #include <exception>

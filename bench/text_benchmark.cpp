@@ -1,13 +1,13 @@
 // The parts that only work on text, each on some hundred KiB of it, and as their floor
 // one pass of memchr(3) over the same bytes, for what stands between two pieces. Every benchmark
 // NAME has its floor NAME/floor; scripts/bench prints the ratios.
-#include "postfix/mastercf/MasterCfParser.h"
-#include "postfix/params/ListValue.h"
-#include "postfix/params/MessageScan.h"
-#include "postfix/tables/DataStreamFilter.h"
-#include "postfix/tables/ListingFilter.h"
-#include "postfix/tables/NotInDomainFilter.h"
-#include "process/ErrorRelay.h"
+#include "torva/postfix/mastercf/MasterCfParser.h"
+#include "torva/postfix/params/ListValue.h"
+#include "torva/postfix/params/MessageScan.h"
+#include "torva/postfix/tables/DataStreamFilter.h"
+#include "torva/postfix/tables/ListingFilter.h"
+#include "torva/postfix/tables/NotInDomainFilter.h"
+#include "torva/process/ErrorRelay.h"
 
 #include <benchmark/benchmark.h>
 

@@ -1,4 +1,4 @@
-# The layers below app/ as one static library for programs outside this tree, and
+# The layers of torva/ as one static library for programs outside this tree, and
 # its installation: archive, headers, CMake package.
 
 include(GNUInstallDirs)
@@ -17,7 +17,7 @@ set_target_properties(torva_mail PROPERTIES
   EXPORT_NAME mail OUTPUT_NAME torva-mail LINKER_LANGUAGE CXX)
 target_compile_features(torva_mail PUBLIC cxx_std_17)
 target_include_directories(torva_mail INTERFACE
-  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/torva-mail>)
+  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 target_link_libraries(torva_mail PUBLIC
   Boost::filesystem PkgConfig::mariadb PkgConfig::sqlite3)
 
@@ -26,7 +26,7 @@ install(TARGETS torva_mail EXPORT TorvaMailTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
 install(EXPORT TorvaMailTargets NAMESPACE torva:: DESTINATION ${package_dir} COMPONENT dev)
 foreach(layer IN LISTS layers)
-  install(DIRECTORY ${layer}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/torva-mail/${layer}
+  install(DIRECTORY torva/${layer}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/torva/${layer}
     COMPONENT dev FILES_MATCHING PATTERN "*.h")
 endforeach()
 

@@ -8,14 +8,21 @@ target_compile_options(torva_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wold-style-cast -Wnon-virtual-dtor
   $<$<BOOL:${TORVA_WERROR}>:-Werror>)
 
+# What the targets of a folder are called after.
+function(torva_name_of variable folder)
+  string(REGEX REPLACE "^torva/" "" name ${folder})
+  string(REPLACE "/" "_" name ${name})
+  set(${variable} ${name} PARENT_SCOPE)
+endfunction()
+
 # torva_library(FOLDER [DEPS target...] [PRIVATE_DEPS target...] [EXCLUDE file...])
 #
-# Makes the static library torva_<folder> (slashes become underscores), alias
-# torva::<folder>, from every *.cpp of FOLDER. DEPS are what its headers or
+# Makes the static library torva_<folder> (slashes become underscores, a leading
+# "torva/" is left out), alias torva::<folder>, from every *.cpp of FOLDER. DEPS are what its headers or
 # sources include; PRIVATE_DEPS stay out of its headers.
 function(torva_library folder)
   cmake_parse_arguments(arg "" "" "DEPS;PRIVATE_DEPS;EXCLUDE" ${ARGN})
-  string(REPLACE "/" "_" name ${folder})
+  torva_name_of(name ${folder})
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/${folder}/*.cpp)
   foreach(file IN LISTS arg_EXCLUDE)
     list(REMOVE_ITEM sources ${CMAKE_SOURCE_DIR}/${folder}/${file})
@@ -51,7 +58,7 @@ target_compile_options(torva_test_warnings INTERFACE
 # its reason where the machine does not allow that.
 function(torva_tests folder)
   cmake_parse_arguments(arg "" "" "DEPS" ${ARGN})
-  string(REPLACE "/" "_" name ${folder})
+  torva_name_of(name ${folder})
   set(dir ${CMAKE_SOURCE_DIR}/tests/${folder})
   file(GLOB sandboxed CONFIGURE_DEPENDS ${dir}/*SandboxTest.cpp)
   file(GLOB plain CONFIGURE_DEPENDS ${dir}/*Test.cpp)

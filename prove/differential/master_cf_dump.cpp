@@ -2,7 +2,7 @@
 // "postconf -M". Takes paths on standard input, one a line, and answers each with a
 // line "file PATH"; then one line "service ..." for each service in the order of the
 // file, its columns and words with a blank between them, or one line "error ...".
-#include "postfix/mastercf/MasterCfReader.h"
+#include "torva/postfix/mastercf/MasterCfReader.h"
 
 #include <exception>
 #include <iostream>

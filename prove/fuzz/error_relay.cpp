@@ -2,8 +2,8 @@
 // in whatever pieces they arrive; an error that is written is the one that is read,
 // also behind output that does not belong to it.
 #include "Fuzz.h"
-#include "process/ErrorRelay.h"
-#include "util/SystemError.h"
+#include "torva/process/ErrorRelay.h"
+#include "torva/util/SystemError.h"
 
 #include <cerrno>
 #include <cstring>

@@ -2,7 +2,7 @@
 // the elements as it promises, all others stay in their order, and a second edit of
 // the same kind finds nothing to do.
 #include "Fuzz.h"
-#include "postfix/params/ListValue.h"
+#include "torva/postfix/params/ListValue.h"
 
 #include <iterator>
 

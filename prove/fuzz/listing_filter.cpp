@@ -2,10 +2,10 @@
 // cut, the same lines and the same reports come out, and they are those of a filter
 // that is written here once more, line by line.
 #include "Fuzz.h"
-#include "postfix/tables/DataStreamFilter.h"
-#include "postfix/tables/ListingFilter.h"
-#include "postfix/tables/NotInDomainFilter.h"
 #include "support/CapturedClog.h"
+#include "torva/postfix/tables/DataStreamFilter.h"
+#include "torva/postfix/tables/ListingFilter.h"
+#include "torva/postfix/tables/NotInDomainFilter.h"
 
 using namespace torva::fuzz;
 using namespace torva::mail::postfix::database;

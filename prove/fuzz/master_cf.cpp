@@ -3,9 +3,9 @@
 // byte for byte; a record, formatted, is read as the same record.
 #include "Fuzz.h"
 #include "LineOracle.h"
-#include "postfix/mastercf/MasterCfParser.h"
-#include "postfix/mastercf/MasterCfReader.h"
-#include "postfix/mastercf/MasterCfWriter.h"
+#include "torva/postfix/mastercf/MasterCfParser.h"
+#include "torva/postfix/mastercf/MasterCfReader.h"
+#include "torva/postfix/mastercf/MasterCfWriter.h"
 
 #include <fstream>
 #include <set>

@@ -1,7 +1,7 @@
 // The judgement of tool messages: a text fails when one of its lines does, and a
 // line by the rule that is spelt out here once more, from the form of the messages.
 #include "Fuzz.h"
-#include "postfix/params/MessageScan.h"
+#include "torva/postfix/params/MessageScan.h"
 
 #include <cstring>
 

@@ -2,8 +2,8 @@
 // that is written here once more with C++ strings, and the pairs, written out, are
 // read as the same pairs.
 #include "Fuzz.h"
-#include "libc/log.h"
-#include "libc/panel_conf_parse.h"
+#include "torva/libc/log.h"
+#include "torva/libc/panel_conf_parse.h"
 
 #include <cstring>
 #include <memory>

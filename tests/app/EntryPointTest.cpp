@@ -1,5 +1,5 @@
 #include "app/EntryPoint.h"
-#include "util/SystemError.h"
+#include "torva/util/SystemError.h"
 
 #include <gtest/gtest.h>
 

@@ -6,14 +6,14 @@ import sys
 from pathlib import Path
 
 ALLOWED = {
-    "libc": (),
-    "util": ("libc",),
-    "process": ("util",),
-    "maildb": ("libc",),
-    "postfix/params": ("process", "util", "libc"),
-    "postfix/mastercf": ("postfix/params", "util"),
-    "postfix/tables": ("maildb", "postfix/params", "process", "util"),
-    "app": ("postfix/tables", "postfix/mastercf", "postfix/params", "maildb", "process", "util", "libc"),
+    "torva/libc": (),
+    "torva/util": ("torva/libc",),
+    "torva/process": ("torva/util",),
+    "torva/maildb": ("torva/libc",),
+    "torva/postfix/params": ("torva/process", "torva/util", "torva/libc"),
+    "torva/postfix/mastercf": ("torva/postfix/params", "torva/util"),
+    "torva/postfix/tables": ("torva/maildb", "torva/postfix/params", "torva/process", "torva/util"),
+    "app": ("torva/postfix/tables", "torva/postfix/mastercf", "torva/postfix/params", "torva/maildb", "torva/process", "torva/util", "torva/libc"),
 }
 INCLUDE = re.compile(r'^\s*#\s*include\s*(["<])([^">]+)[">]', re.MULTILINE)
 

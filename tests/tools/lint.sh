@@ -34,8 +34,8 @@ case $linter in
         ;;
     clang-tidy)
         sources=$(sed -n 's/^ *"file": "\(.*\)".*/\1/p' "$3/compile_commands.json" | sort -u |
-            grep -E "^$PWD/(app|postfix|maildb|process|util|libc)/")
-        grammar=$PWD/postfix/mastercf/MasterCfParser.cpp
+            grep -E "^$PWD/(app|torva)/")
+        grammar=$PWD/torva/postfix/mastercf/MasterCfParser.cpp
         # Following every path through the templates of the grammar would take minutes.
         clang-tidy --quiet -p "$3" --checks='-clang-analyzer-*' "$grammar" 2>&1 |
             sed '/warnings generated\.$/d'

@@ -1,0 +1,70 @@
+#include "torva/maildb/AllocationFaults.h"
+
+#include <cerrno>
+
+namespace torva::test {
+
+namespace {
+
+std::size_t smallest_failing = SIZE_MAX;
+std::size_t largest_failing = 0; // an empty range: nothing fails
+
+} // namespace
+
+AllocationFaults::AllocationFaults(std::size_t smallest, std::size_t largest) {
+    smallest_failing = smallest;
+    largest_failing = largest;
+}
+
+AllocationFaults::~AllocationFaults() {
+    smallest_failing = SIZE_MAX;
+    largest_failing = 0;
+}
+
+AllocationFaults::Pause::Pause() : largest_(largest_failing) {
+    largest_failing = 0;
+}
+
+AllocationFaults::Pause::~Pause() {
+    largest_failing = largest_;
+}
+
+#if !defined(__SANITIZE_ADDRESS__)
+namespace {
+
+bool fails(std::size_t size) {
+    if (size < smallest_failing || size > largest_failing) {
+        return false;
+    }
+    errno = ENOMEM;
+    return true;
+}
+
+} // namespace
+#endif
+
+} // namespace torva::test
+
+#if !defined(__SANITIZE_ADDRESS__)
+extern "C" {
+
+// NOLINTBEGIN(bugprone-reserved-identifier): the names are the C library's
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* __libc_realloc(void* memory, std::size_t size);
+// NOLINTEND(bugprone-reserved-identifier)
+
+void* malloc(std::size_t size) {
+    return torva::test::fails(size) ? nullptr : __libc_malloc(size);
+}
+
+void* calloc(std::size_t count, std::size_t size) {
+    return torva::test::fails(count * size) ? nullptr : __libc_calloc(count, size);
+}
+
+void* realloc(void* memory, std::size_t size) {
+    return torva::test::fails(size) ? nullptr : __libc_realloc(memory, size);
+}
+
+} // extern "C"
+#endif

@@ -1,0 +1,32 @@
+#include "torva/maildb/panel_db.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+TEST(SafeName, LettersDigitsAndTheSignsOfAddressesAreSafe) {
+    EXPECT_EQ(1, db_is_safe_name("ABCXYZabcxyz0189-._+=@"));
+}
+
+TEST(SafeName, EveryOtherByteIsUnsafe) {
+    const std::string safe = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-._+=@";
+    for (int byte = 1; byte < 256; ++byte) {
+        const char c = static_cast<char>(byte);
+        const std::string name = std::string("a") + c + "b";
+        EXPECT_EQ(safe.find(c) == std::string::npos ? 0 : 1, db_is_safe_name(name.c_str()))
+            << "byte " << byte;
+    }
+}
+
+TEST(SafeName, NoNameIsUnsafe) {
+    EXPECT_EQ(0, db_is_safe_name(""));
+    EXPECT_EQ(0, db_is_safe_name(nullptr));
+}
+
+TEST(FreeList, NoListIsAllowed) {
+    db_free_list(nullptr);
+}
+
+} // namespace

@@ -1,0 +1,61 @@
+#include "torva/postfix/params/MessageScan.h"
+
+#include <gtest/gtest.h>
+
+using torva::mail::postfix::reportsFailure;
+using torva::mail::postfix::Severity;
+
+namespace {
+
+struct Case {
+    const char* name;
+    const char* text;
+    bool lenient; ///< wanted in lenient mode
+    bool strict;  ///< wanted in strict mode
+};
+
+void PrintTo(const Case& tested, std::ostream* out) {
+    *out << tested.name;
+}
+
+const Case cases[] = {
+    {"EmptyText", "", false, false},
+    {"OnlyLineEnds", "\n\n\n", false, false},
+    {"LineWithoutColon", "no colon here", false, false},
+    {"ColonAtTheEndOfTheLine", "postconf:", false, false},
+    {"NothingButBlanksAfterTheColon", "postconf:    ", false, false},
+    {"LineWithoutASecondColonAfterTheSeverityWord", "postconf: fatal", false, false},
+    {"Warning", "postconf: warning: /etc/postfix/main.cf: unused parameter: x=y\n", false, false},
+    {"Fatal", "postconf: fatal: open /etc/postfix/main.cf: No such file or directory\n", true,
+     true},
+    {"Panic", "postconf: panic: x", true, true},
+    {"Error", "postmap: error: x", true, true},
+    {"ManyBlanksBeforeTheWord", "postconf:      fatal: x", true, true},
+    {"NoBlankBeforeTheWord", "postconf:fatal: x", true, true},
+    {"TabBeforeTheWordIsPartOfIt", "postconf:\tfatal: x", false, true},
+    {"UpperCaseIsAnotherWord", "postconf: FATAL: x", false, true},
+    {"LongerWordIsAnotherWord", "postconf: fatality: x", false, true},
+    {"FatalWithABlankBeforeItsColon", "postconf: fatal : x", false, true},
+    {"ThirdFieldDoesNotCount", "postconf: warning: fatal: x", false, false},
+    {"WordOfAnotherKind", "postconf: info: x", false, true},
+    {"WarningsBeforeAFatal", "a: warning: x\nb: warning: y\nc: fatal: z", true, true},
+    {"FatalBeforeWarnings", "a: fatal: x\nb: warning: y\n", true, true},
+    {"WordIsNotJoinedOverLines", "postconf:\nfatal: x", false, false},
+    {"TextEndsInsideTheWord", "postconf: fata", false, false},
+    {"LineOfColons", "::::", false, true},
+};
+
+class MessageScanTest : public testing::TestWithParam<Case> {};
+
+TEST_P(MessageScanTest, LenientMode) {
+    EXPECT_EQ(reportsFailure(GetParam().text, Severity::lenient), GetParam().lenient);
+}
+
+TEST_P(MessageScanTest, StrictMode) {
+    EXPECT_EQ(reportsFailure(GetParam().text, Severity::strict), GetParam().strict);
+}
+
+INSTANTIATE_TEST_SUITE_P(Messages, MessageScanTest, testing::ValuesIn(cases),
+                         [](const auto& tested) { return std::string(tested.param.name); });
+
+} // namespace

@@ -1,0 +1,69 @@
+#include "torva/postfix/tables/RecordCache.h"
+#include "torva/util/PostfixError.h"
+
+#include <gmock/gmock.h>
+
+using namespace torva::mail::postfix;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+
+namespace {
+
+TEST(CollectingRecordCacheTest, RecordsStayInTheirOrder) {
+    RecordCache cache("hash:/nowhere", CacheMode::collecting);
+    cache.put({{"b", "1"}, {"a", "2"}});
+    cache.put({{"c", "3"}});
+    EXPECT_THAT(cache.list(), ElementsAre(Pair("b", "1"), Pair("a", "2"), Pair("c", "3")));
+}
+
+TEST(CollectingRecordCacheTest, MergedRecordTakesThePlaceOfThePendingOneOfItsKey) {
+    RecordCache cache("hash:/nowhere", CacheMode::collecting);
+    cache.put({{"a", "1"}, {"b", "2"}});
+    cache.put({{"a", "3"}, {"c", "4"}});
+    EXPECT_THAT(cache.list(), ElementsAre(Pair("a", "3"), Pair("b", "2"), Pair("c", "4")));
+}
+
+TEST(CollectingRecordCacheTest, RemovedKeysAreNoLongerPending) {
+    RecordCache cache("hash:/nowhere", CacheMode::collecting);
+    cache.put({{"a", "1"}, {"b", "2"}});
+    cache.remove({"a", "unknown"});
+    cache.put({{"a", "3"}});
+    EXPECT_THAT(cache.list(), ElementsAre(Pair("b", "2"), Pair("a", "3")));
+}
+
+TEST(CollectingRecordCacheTest, ListGoesThroughTheFilter) {
+    RecordCache cache("hash:/nowhere", CacheMode::collecting);
+    cache.put({{"a", "1"}, {"b", "2"}, {"c", "3"}});
+    RecordFilter filter;
+    filter.key = [](const std::string& key) { return key != "a"; };
+    filter.value = [](std::string& value) {
+        value += "!";
+        return value != "3!";
+    };
+    EXPECT_THAT(cache.list(filter), ElementsAre(Pair("b", "2!")));
+    EXPECT_THAT(cache.list(), ElementsAre(Pair("a", "1"), Pair("b", "2"), Pair("c", "3")));
+}
+
+TEST(CollectingRecordCacheTest, FreshCacheIsEmpty) {
+    EXPECT_THAT(RecordCache("hash:/nowhere", CacheMode::collecting).list(), IsEmpty());
+}
+
+TEST(CollectingRecordCacheTest, WithoutATableNameItCannotBeFormed) {
+    RecordCache cache("", CacheMode::collecting);
+    try {
+        cache.put({{"a", "1"}});
+        FAIL() << "no exception";
+    } catch (const PostfixDatabaseError& error) {
+        EXPECT_STREQ(error.what(), "unable to form record cache");
+    }
+}
+
+TEST(TableFileTest, IsWhatFollowsTheFirstColon) {
+    EXPECT_EQ(tableFile("hash:/var/spool/postfix/torva/virtual"),
+              "/var/spool/postfix/torva/virtual");
+    EXPECT_EQ(tableFile("proxy:hash:/a"), "hash:/a");
+    EXPECT_EQ(tableFile("/plain"), "/plain");
+}
+
+} // namespace

@@ -1,0 +1,17 @@
+// Which bytes are safe in a shell's command line. The check that throws is
+// torva/util/ShellSafe.h.
+#pragma once
+
+extern "C" {
+
+/// 256 marks, one for each byte value: "-" for a byte that is safe as it stands,
+/// "*" for one that needs a backslash before it, "n" for one that needs an escape
+/// sequence of its own. Bytes of 128 and more are safe.
+extern const char* shell_escape_chars;
+
+/// \param text  may be null
+/// \return 1 when every byte is safe, so also for null and for the empty text;
+///         else 0
+int is_shell_safe(const char* text);
+
+} // extern "C"

@@ -1,0 +1,149 @@
+#include "torva/libc/interfaces.h"
+
+#include "torva/libc/log.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+const int reportPriority = 3;
+
+in_addr addressOf(const ifreq& request) {
+    sockaddr_in address;
+    std::memcpy(&address, &request.ifr_addr, sizeof(address));
+    return address.sin_addr;
+}
+
+bool isLoopback(in_addr address) {
+    return ntohl(address.s_addr) >> 24 == 127;
+}
+
+/// Asks the kernel for all addresses.
+///
+/// \param size  set to the length in bytes that the kernel reported
+/// \return entries in memory from malloc(3); null after a failure, with errno
+ifreq* queryEntries(int socket_fd, int* size) {
+    ifreq* entries = nullptr;
+    size_t capacity = 64;
+    for (;;) {
+        void* grown = std::realloc(entries, capacity);
+        if (grown == nullptr) {
+            break;
+        }
+        entries = static_cast<ifreq*>(grown);
+        ifconf query = {};
+        query.ifc_len = static_cast<int>(capacity);
+        query.ifc_req = entries;
+        if (::ioctl(socket_fd, SIOCGIFCONF, &query) == -1) {
+            break;
+        }
+        // The kernel copies whole entries only and says nothing of the others: there
+        // may be more unless one more would have fitted.
+        if (static_cast<size_t>(query.ifc_len) + sizeof(ifreq) <= capacity) {
+            *size = query.ifc_len;
+            return entries;
+        }
+        capacity *= 2;
+    }
+    const int saved_errno = errno;
+    std::free(entries);
+    errno = saved_errno;
+    return nullptr;
+}
+
+void fillHardware(int socket_fd, const ifreq& entry, ifaceinfo* record) {
+    std::strcpy(record->hardware_text, "00:00:00:00:00:00");
+    ifreq request = entry;
+    if (::ioctl(socket_fd, SIOCGIFHWADDR, &request) == -1) {
+        torva_log(reportPriority, "Can't get Mac-addr with SIOCGIFHWADDR\n");
+        return;
+    }
+    unsigned char bytes[6];
+    std::memcpy(bytes, request.ifr_hwaddr.sa_data, sizeof(bytes));
+    std::snprintf(record->hardware_text, sizeof(record->hardware_text),
+                  "%02x:%02x:%02x:%02x:%02x:%02x", bytes[0], bytes[1], bytes[2], bytes[3], bytes[4],
+                  bytes[5]);
+}
+
+void fillNetmask(int socket_fd, const ifreq& entry, ifaceinfo* record) {
+    // The address in the entry tells apart several addresses of one name.
+    ifreq request = entry;
+    if (::ioctl(socket_fd, SIOCGIFNETMASK, &request) == -1) {
+        std::strcpy(record->netmask_text, "255.255.255.255");
+        return;
+    }
+    const in_addr netmask = addressOf(request);
+    ::inet_ntop(AF_INET, &netmask, record->netmask_text, sizeof(record->netmask_text));
+}
+
+/// The records for the entries, and one empty record.
+///
+/// \param count  null, or set to the number of records
+ifaceinfo* makeRecords(int socket_fd, const ifreq* entries, int entry_count, int* count) {
+    auto* records = static_cast<ifaceinfo*>(
+        std::calloc(static_cast<size_t>(entry_count) + 1, sizeof(ifaceinfo)));
+    if (records == nullptr) {
+        torva_log(reportPriority, "Can't allocate ifaceinfo buffer from %d elements\n",
+                  entry_count);
+        return nullptr;
+    }
+    ifaceinfo* next = records;
+    for (const ifreq* entry = entries; entry != entries + entry_count; ++entry) {
+        const in_addr address = addressOf(*entry);
+        if (isLoopback(address)) {
+            continue;
+        }
+        std::snprintf(next->name, sizeof(next->name), "%.*s", IFNAMSIZ, entry->ifr_name);
+        next->address = address.s_addr;
+        ::inet_ntop(AF_INET, &address, next->address_text, sizeof(next->address_text));
+        if (std::strchr(next->name, ':') == nullptr) {
+            fillHardware(socket_fd, *entry, next);
+        }
+        fillNetmask(socket_fd, *entry, next);
+        ++next;
+    }
+    if (count != nullptr) {
+        *count = static_cast<int>(next - records);
+    }
+    return records;
+}
+
+} // namespace
+
+extern "C" {
+
+struct ifaceinfo* list_interfaces(int* count) {
+    if (count != nullptr) {
+        *count = 0;
+    }
+    const int socket_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (socket_fd == -1) {
+        torva_log(reportPriority, "Can't create socket: %s\n", std::strerror(errno));
+        return nullptr;
+    }
+    ifaceinfo* records = nullptr;
+    int size = 0;
+    if (ifreq* entries = queryEntries(socket_fd, &size)) {
+        records = makeRecords(socket_fd, entries, size / static_cast<int>(sizeof(ifreq)), count);
+        std::free(entries);
+    } else {
+        torva_log(reportPriority, "unable to query SIOCGIFCONF: %s\n", std::strerror(errno));
+    }
+    ::close(socket_fd);
+    return records;
+}
+
+void free_interfaces(struct ifaceinfo* interfaces) {
+    std::free(interfaces);
+}
+
+} // extern "C"

@@ -1,0 +1,28 @@
+// Enumeration of the host's IPv4 interfaces, see netdevice(7). What becomes of
+// the list is decided in torva/postfix/params/LocalNetworks.h.
+#pragma once
+
+#include <cstdint>
+
+extern "C" {
+
+/// One interface address. The array ends with a record whose name is empty.
+struct ifaceinfo {
+    char name[32];          ///< as the kernel reports it; an alias holds a ":"
+    uint32_t address;       ///< IPv4 address, network byte order
+    char address_text[40];  ///< the address as a dotted quad
+    char netmask_text[40];  ///< dotted quad; "255.255.255.255" when unknown
+    char hardware_text[32]; ///< "xx:xx:xx:xx:xx:xx", zeros when unknown; empty for an alias
+};
+
+/// Lists the interface addresses outside 127.0.0.0/8, in the kernel's order.
+///
+/// \param count  null, or set to the number of records (0 on failure)
+/// \return array owned by the caller, to be given to free_interfaces(); null on
+///         failure, reported through torva_log at level 3
+struct ifaceinfo* list_interfaces(int* count);
+
+/// Releases what list_interfaces() returned; null is allowed.
+void free_interfaces(struct ifaceinfo* interfaces);
+
+} // extern "C"

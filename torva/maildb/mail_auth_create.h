@@ -1,0 +1,18 @@
+// The pieces of the making of a mail-authentication database, apart for their tests;
+// the whole of it is mail_auth_create_db() of torva/maildb/mail_auth.h.
+#pragma once
+
+#include <string>
+
+namespace torva::maildb {
+
+/// The script that makes tables, indices and triggers, in one transaction.
+extern const char auth_schema[];
+
+/// Directory part of a database path.
+///
+/// \param directory  receives it
+/// \return false, reported at level 2, when it is not an absolute path or is "/"
+bool auth_directory(const char* path, std::string& directory);
+
+} // namespace torva::maildb

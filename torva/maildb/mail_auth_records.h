@@ -1,0 +1,47 @@
+// Addresses, domain ids and mailbox records, for the sources behind
+// torva/maildb/mail_auth.h.
+#pragma once
+
+#include <string_view>
+
+struct mail_auth_user;
+struct sqlite3_stmt;
+
+namespace torva::maildb {
+
+class Database;
+
+struct FoundDomain {
+    long long id = 0;
+    int status = 0; ///< only when asked for
+};
+
+/// Looks a domain up. False, reported, also when it is not there.
+bool find_domain(Database& database, const char* domain, FoundDomain& found,
+                 bool with_status = false);
+
+/// A mail address in two; both point into the text it was made from.
+struct Address {
+    std::string_view name;
+    const char* domain = nullptr;
+};
+
+/// Splits an address at its first "@". False, reported, without one or when nothing
+/// is before or after it.
+bool split_address(const char* text, Address& address);
+
+/// Copies a column, or null for a NULL column; owned by the caller (free(3)). False,
+/// reported at level 2, when memory runs out.
+bool copy_column(sqlite3_stmt* row, int column, char** copy);
+
+/// Copies what follows a mailbox's name: plain password, encrypted password, status and,
+/// when there is a fourth column, the domain's status.
+///
+/// \param first  the first of these columns
+/// \param user   gets them; its name stays, and it is the caller's to free
+bool copy_record(sqlite3_stmt* row, int first, mail_auth_user& user);
+
+/// Reports that memory has run out; errno becomes ENOMEM. Always false.
+bool report_no_memory();
+
+} // namespace torva::maildb

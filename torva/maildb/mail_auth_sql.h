@@ -1,0 +1,93 @@
+// The mail-authentication database as an SQLite handle and statements that close
+// themselves, report their failures and wait for locks, for torva/maildb/mail_auth.h only.
+// Every member that answers bool has reported why it is false. Declare a statement
+// after its database: it must be finalized before the database is closed.
+#pragma once
+
+#include <string_view>
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace torva::maildb {
+
+/// The pauses between the attempts at something that is locked: none before the
+/// first, then 10 microseconds, and each 10 longer than the one before.
+class RetryPause {
+public:
+    /// False when a signal interrupted the pause: that ends the attempts.
+    bool wait() noexcept;
+
+private:
+    long microseconds_ = -10;
+};
+
+/// Whether an SQLite result means that another connection has the database.
+bool is_locked(int code) noexcept;
+
+class Database {
+public:
+    enum class Access { read_only, read_write, create };
+
+    Database() = default;
+    ~Database();
+    Database(const Database&) = delete;
+    Database& operator=(const Database&) = delete;
+
+    /// Opens the file; only Access::create makes one, for root's eyes only.
+    bool open(const char* path, Access access) noexcept;
+
+    /// Opens the database of a mail server type.
+    bool open(int type, Access access) noexcept;
+
+    /// Turns a database that is open for reading into one open for writing. False,
+    /// unreported, when it is not, or cannot be.
+    bool become_writer() noexcept;
+
+    /// Closes the database, waiting for whoever uses it. To be called on success:
+    /// the destructor does it without telling.
+    bool close() noexcept;
+
+    sqlite3* get() const noexcept { return handle_; }
+
+private:
+    sqlite3* handle_ = nullptr;
+    const char* path_ = nullptr;
+    bool read_only_ = false;
+};
+
+class Statement {
+public:
+    enum class Step { row, done, failed };
+
+    Statement(Database& database, const char* query) : database_(database), query_(query) {}
+    ~Statement();
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+
+    bool prepare() noexcept;
+
+    /// Bound texts must live until the statement is finalized.
+    /// \param parameter  the report's name for it, such as "domain name"
+    bool bind_name(int index, const char* parameter, std::string_view name) noexcept;
+    bool bind_password(int index, const char* password) noexcept; ///< null: no password
+    bool bind_status(int index, int status) noexcept;
+    bool bind_domain_id(int index, long long id) noexcept;
+
+    /// \param purpose  what stands between "Unable to execute the " and " query: "
+    Step step(const char* purpose) noexcept;
+
+    /// Steps once and finalizes: for statements that change something.
+    bool execute(const char* purpose) noexcept;
+
+    void finalize() noexcept;
+
+    sqlite3_stmt* get() const noexcept { return handle_; }
+
+private:
+    Database& database_;
+    const char* query_;
+    sqlite3_stmt* handle_ = nullptr;
+};
+
+} // namespace torva::maildb

@@ -1,0 +1,207 @@
+#include "torva/postfix/mastercf/MasterCfParser.h"
+
+#include "torva/postfix/mastercf/ParserActions.h"
+#include "torva/postfix/mastercf/ParserPieces.h"
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace torva::mail::postfix {
+
+namespace {
+
+namespace spirit = boost::spirit::classic;
+
+// By their own names: within a grammar, "parser" is one of its base classes.
+using parser::blanks;
+using parser::comments_line_parser;
+using parser::ConstAssigner;
+using parser::continuous_spaces_parser;
+using parser::definition_of;
+using parser::empty_line_parser;
+using parser::newline_p;
+using parser::WordAppender;
+
+/// Action: returns the working record to its defaults, but for the memory that the
+/// list of words has: each service would grow it anew.
+class RecordResetter {
+public:
+    explicit RecordResetter(MasterCfModule& record) : record_(record) {}
+
+    void operator()(const char*, const char*) const {
+        std::vector<std::string> words;
+        words.swap(record_.words);
+        words.clear();
+        record_ = MasterCfModule();
+        record_.words.swap(words);
+    }
+
+private:
+    MasterCfModule& record_;
+};
+
+/// Action: assigns the matched text.
+class TextAssigner {
+public:
+    explicit TextAssigner(std::string& text) : text_(text) {}
+
+    void operator()(const char* first, const char* last) const { text_.assign(first, last); }
+
+private:
+    std::string& text_;
+};
+
+/// Action: stores an unsigned number into a signed field, bit by bit: the greatest
+/// one becomes -1.
+class NumberAssigner {
+public:
+    explicit NumberAssigner(std::int32_t& number) : number_(number) {}
+
+    void operator()(std::uint32_t value) const { number_ = static_cast<std::int32_t>(value); }
+
+private:
+    std::int32_t& number_;
+};
+
+/// Action: stores the working record and the text of the service.
+class MasterCfModuleAppender {
+public:
+    MasterCfModuleAppender(MasterCfModule& record, MasterCfLines& target)
+        : record_(record), target_(target) {}
+
+    void operator()(const char* first, const char* last) const {
+        target_.set(record_, std::string(first, last));
+    }
+
+private:
+    MasterCfModule& record_;
+    MasterCfLines& target_;
+};
+
+/// Action: stores a line that is not a service.
+class MasterCfRawAppender {
+public:
+    explicit MasterCfRawAppender(MasterCfLines& target) : target_(target) {}
+
+    void operator()(const char* first, const char* last) const {
+        target_.append(std::string(first, last));
+    }
+
+private:
+    MasterCfLines& target_;
+};
+
+/// The grammar. Alternatives are tried in order and the first that matches counts;
+/// repetitions take all they can get and give nothing back.
+///
+/// It is linear, though the white space between two fields may run over any number
+/// of lines: a service tries it once behind each field, only the try behind its
+/// last word can fail without ending the whole parse, and that one stops at the
+/// first line that is neither empty nor a comment. So no byte is looked at by more
+/// than one such try and by the rule for its own line. Repetitions are loops: the
+/// stack does not grow with the text.
+class MasterCfParser : public spirit::grammar<MasterCfParser> {
+public:
+    /// \param record  working record, not owned
+    /// \param target  where lines and services are appended, not owned
+    MasterCfParser(MasterCfModule& record, MasterCfLines& target)
+        : record_(record), target_(target) {}
+
+    template <class Scanner>
+    class definition {
+    public:
+        explicit definition(const MasterCfParser& self) {
+            defineFields(self.record_);
+            defineLines(self.record_, self.target_);
+        }
+
+        const spirit::rule<Scanner>& start() const { return file; }
+
+    private:
+        void defineFields(MasterCfModule& record);
+        void defineLines(MasterCfModule& record, MasterCfLines& target);
+
+        definition_of<empty_line_parser, Scanner> emptyLine;
+        definition_of<comments_line_parser, Scanner> commentLine;
+        definition_of<continuous_spaces_parser, Scanner> spaces;
+        spirit::rule<Scanner> file, line, service;
+        spirit::rule<Scanner> name, type, private_, unpriv, chroot, wakeup, maxproc, words;
+    };
+
+private:
+    MasterCfModule& record_;
+    MasterCfLines& target_;
+};
+
+template <class Scanner>
+void MasterCfParser::definition<Scanner>::defineFields(MasterCfModule& record) {
+    using spirit::ch_p;
+    using spirit::str_p;
+
+    // '-' between two characters is a range, in the first place it is itself.
+    // Upper-case letters are not meant to be there.
+    const spirit::chset<char> name_character("-a-z0-9_:.");
+    // Letters, digits and these, of which ')' to '_' is a range: in all, everything
+    // printable but '#', which always begins a comment. Letters and digits are
+    // spelt out because alnum_p asks the locale.
+    const spirit::chset<char> word_character("a-zA-Z0-9"
+                                             "/!@$%$^&*()-_=+\\|[]{}:;'\"<>.,?*~`");
+    const spirit::uint_parser<std::uint32_t> number;
+    const auto flag = [](boost::logic::tribool& field) {
+        using Assign = ConstAssigner<boost::logic::tribool>;
+        return ch_p('y')[Assign(field, true)] | ch_p('n')[Assign(field, false)] | ch_p('-');
+    };
+    const auto typeNamed = [&record](const char* spelling, ModuleType value) {
+        return str_p(spelling)[ConstAssigner<ModuleType>(record.type, value)];
+    };
+
+    // one or more name characters
+    name = (+name_character)[TextAssigner(record.name)];
+    // "inet", "unix" or "fifo"
+    type = typeNamed("inet", ModuleType::inet) | typeNamed("unix", ModuleType::unix) |
+           typeNamed("fifo", ModuleType::fifo);
+    // 'y', 'n', or '-' for the default
+    private_ = flag(record.private_);
+    // 'y', 'n', or '-' for the default
+    unpriv = flag(record.unpriv);
+    // 'y', 'n', or '-' for the default
+    chroot = flag(record.chroot);
+    // '-', or a number of seconds, which a '?' may follow
+    wakeup = ch_p('-') | (number[NumberAssigner(record.wakeup)] >>
+                          !ch_p('?')[ConstAssigner<bool>(record.wakeupConditional, true)]);
+    // '-', or a number
+    maxproc = ch_p('-') | number[NumberAssigner(record.maxproc)];
+    // one or more words, which are one or more word characters each
+    const auto word = (+word_character)[WordAppender<std::vector<std::string>>(record.words)];
+    words = word >> *(spaces.start() >> word);
+}
+
+template <class Scanner>
+void MasterCfParser::definition<Scanner>::defineLines(MasterCfModule& record,
+                                                      MasterCfLines& target) {
+    const spirit::rule<Scanner>& separator = spaces.start();
+    // the columns of master(5), each two of them with white space between, which
+    // may be none; blanks at the end belong to the service. A "-" must not find
+    // what the line before has left in the record.
+    service = spirit::epsilon_p[RecordResetter(record)] >> name >> separator >> type >> separator >>
+              private_ >> separator >> unpriv >> separator >> chroot >> separator >> wakeup >>
+              separator >> maxproc >> separator >> words >> *blanks();
+    // a service, a line with only a comment, or a line with only blanks, or nothing
+    line = service[MasterCfModuleAppender(record, target)] |
+           commentLine.start()[MasterCfRawAppender(target)] |
+           emptyLine.start()[MasterCfRawAppender(target)];
+    // lines with a line feed between each two; the last one may be empty
+    file = line >> *(newline_p >> line) >> !newline_p;
+}
+
+} // namespace
+
+bool parseMasterCf(const char* first, const char* last, MasterCfLines& target) {
+    MasterCfModule record;
+    const MasterCfParser grammar(record, target);
+    return spirit::parse(first, last, grammar).full;
+}
+
+} // namespace torva::mail::postfix

@@ -1,0 +1,122 @@
+#include "torva/postfix/params/PostfixParameters.h"
+
+#include "torva/postfix/params/ListValue.h"
+#include "torva/postfix/params/LocalNetworks.h"
+#include "torva/postfix/params/MessageScan.h"
+#include "torva/postfix/params/PostfixTool.h"
+#include "torva/util/FileLock.h"
+#include "torva/util/PostfixError.h"
+
+#include <boost/algorithm/string/trim.hpp>
+
+#include <ctime>
+#include <exception>
+#include <fcntl.h>
+#include <optional>
+#include <sys/stat.h>
+
+namespace torva::mail::postfix {
+
+namespace {
+
+const char postconf[] = "/usr/sbin/postconf";
+
+std::string readParameter(const std::string& name, bool defaults) {
+    std::vector<std::string> command{postconf, "-h"};
+    if (defaults) {
+        command.emplace_back("-d");
+    }
+    command.push_back(name);
+
+    const ToolResult result = runTool(command);
+    // postconf can exit 0 after "fatal:"; it then has printed no value.
+    if (!result.succeeded() ||
+        (result.output.empty() && reportsFailure(result.error, Severity::lenient))) {
+        throw PostfixConfigurationError(result.message());
+    }
+    return boost::algorithm::trim_right_copy(result.output);
+}
+
+/// Moves the modification time of a file a few seconds back. Every Postfix program
+/// that reads main.cf within about two seconds of its last change sleeps until it
+/// is older, to be sure that it does not read half of a change. Here the change is
+/// complete, and the run reads after nearly every write: it would spend the better
+/// part of a minute asleep. Best effort: at worst the next program sleeps.
+void agePastChangeWindow(const std::string& path) {
+    timespec times[2] = {};
+    times[0].tv_nsec = UTIME_OMIT;
+    if (::clock_gettime(CLOCK_REALTIME, &times[1]) == 0) {
+        times[1].tv_sec -= 5;
+        static_cast<void>(::utimensat(AT_FDCWD, path.c_str(), times, 0));
+    }
+}
+
+} // namespace
+
+PostfixParameters& PostfixParameters::instance() {
+    static PostfixParameters parameters;
+    return parameters;
+}
+
+PostfixParameters::PostfixParameters() : path_(mainCfPath()) {}
+
+std::string PostfixParameters::getParameter(const std::string& name, bool defaults) {
+    std::string value = readParameter(name, defaults);
+    if (name != "mynetworks" || defaults) {
+        return value;
+    }
+    const std::string builtIn = readParameter(name, true);
+    return replaceDefaultNetworks(value, builtIn, hostNetworks());
+}
+
+void PostfixParameters::setParameter(const std::string& name, const std::string& value) {
+    // The name of the lock is a constant: asking Postfix for the path once more, just
+    // to name it, would cost a process for every change.
+    const FileLock lock("/etc/postfix/main.cf", LockMode::wait);
+    const ToolResult result = runTool({postconf, "-e", name + "=" + value});
+    if (!result.succeeded()) {
+        throw PostfixConfigurationError(result.message());
+    }
+    agePastChangeWindow(path_);
+}
+
+std::string PostfixParameters::mainCfPath() {
+    std::string directory;
+    try {
+        directory = getParameter("config_directory");
+    } catch (const std::exception&) {
+        // The built-in default is answered even when main.cf itself is unreadable.
+        directory = getParameter("config_directory", true);
+    }
+    if (directory.empty()) {
+        throw PostfixConfigurationError("unable to determine Postfix config_directory parameter");
+    }
+    return directory + "/main.cf";
+}
+
+void PostfixParameters::addToListParameter(const std::string& name, const std::string& value) {
+    const std::string current = getParameter(name);
+    const std::optional<std::string> changed = withElement(current, value);
+    if (changed) {
+        setParameter(name, *changed);
+    } else if (name == "mynetworks") {
+        // The value may be the narrow list that was read in place of Postfix's
+        // default: it only takes effect once it is in main.cf.
+        setParameter(name, current);
+    }
+}
+
+void PostfixParameters::removeFromListParameter(const std::string& name, const std::string& value) {
+    if (const auto changed = withoutElement(getParameter(name), value)) {
+        setParameter(name, *changed);
+    }
+}
+
+void PostfixParameters::addRestriction(const std::string& name, const std::string& key,
+                                       const std::string& table) {
+    if (const auto changed = withRestriction(getParameter(name), key + " " + table)) {
+        setParameter(name, *changed);
+    }
+}
+
+} // namespace torva::mail::postfix

@@ -1,0 +1,33 @@
+#include "torva/postfix/tables/Blacklist.h"
+
+#include "torva/postfix/tables/Postmap.h"
+
+namespace torva::mail::postfix {
+
+namespace {
+
+const char table[] = "hash:/var/spool/postfix/torva/blacklists";
+
+} // namespace
+
+void addToBlacklist(const Keys& senders) {
+    Records records;
+    for (const std::string& sender : senders) {
+        records.emplace_back(sender, "REJECT");
+    }
+    putRecords(table, records);
+}
+
+void removeFromBlacklist(const Keys& senders) {
+    deleteKeys(table, senders);
+}
+
+Keys blacklist() {
+    Keys senders;
+    for (const Record& record : dumpTable(table)) {
+        senders.push_back(record.first);
+    }
+    return senders;
+}
+
+} // namespace torva::mail::postfix

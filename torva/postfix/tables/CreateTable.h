@@ -1,0 +1,26 @@
+// Making a lookup table afresh, source file and index. Changing a table that is
+// there is Postmap.h.
+#pragma once
+
+#include "torva/postfix/tables/Records.h"
+
+#include <string>
+
+namespace torva::mail::postfix {
+
+/// Replaces the source file of a table by the given records, mode 0644, and builds
+/// the indexed table from it (postmap -r). What the table held is gone.
+///
+/// \param table    "type:path"; the directory exists
+/// \param records  written in their order, one "KEY VALUE" line each
+/// \throws std::runtime_error "lock(PATH) failed: file is already locked": nothing
+///         was changed
+/// \throws PostfixDatabaseError  the source file cannot be written ("unable to
+///         write PATH: REASON"), and is as it was; or postmap failed (its own text,
+///         or "unknown error"), and the source file is the new one
+/// \throws SystemError  no lock, or postmap could not be started
+/// No scratch file is left, neither of ours nor of an index that postmap could not
+/// finish; one that an earlier, killed creation left is removed.
+void createTable(const std::string& table, const Records& records);
+
+} // namespace torva::mail::postfix

@@ -1,0 +1,55 @@
+// Lookup tables through postmap(1), the only program that opens an indexed table
+// here. Tables are named as Postfix names them, "type:path". Each operation runs
+// one postmap under the lock of the table's file, waiting for that lock, and feeds
+// or reads it record by record. Creating a table afresh is CreateTable.h; a cache
+// of records in front of these operations is RecordCache.h.
+//
+// Keys and values go out as they are, "KEY VALUE\n": pass no key with white space
+// and neither with a line break. Every operation passes on the SystemError of a
+// postmap that could not be started and the errors of torva/util/FileLock.h.
+#pragma once
+
+#include "torva/postfix/tables/Records.h"
+
+#include <boost/function.hpp>
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace torva::mail::postfix {
+
+/// Adds records to a table, or replaces them (postmap -r -i). No records, no
+/// process.
+///
+/// \throws PostfixConfigurationError with postmap's own text, or "unknown error";
+///         the records before the failing one may be in the table
+void putRecords(const std::string& table, const Records& records);
+void putRecords(const std::string& table, const std::vector<Record>& records);
+void putRecords(const std::string& table, const std::map<std::string, std::string>& records);
+
+/// Deletes keys from a table (postmap -d -); a key that is not there is no error.
+/// No keys, no process.
+///
+/// \throws PostfixDatabaseError with postmap's own text, or "unknown error"
+void deleteKeys(const std::string& table, const Keys& keys);
+
+/// Decides what dumpTable() keeps; an empty function keeps all.
+struct RecordFilter {
+    boost::function<bool(const std::string& key)> key;
+    boost::function<bool(std::string& value)> value; ///< may change the value it keeps
+};
+
+/// Lists a table (postmap -s): the records that the filter keeps, in the order of
+/// the listing. A line that is no record is reported on std::clog and skipped, and
+/// a key without a value yields none.
+///
+/// \throws PostfixConfigurationError as putRecords()
+Records dumpTable(const std::string& table, const RecordFilter& filter = RecordFilter());
+
+/// Builds the indexed table from its source file (postmap).
+///
+/// \throws PostfixConfigurationError as putRecords()
+void rebuildTable(const std::string& table);
+
+} // namespace torva::mail::postfix

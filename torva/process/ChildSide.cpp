@@ -1,0 +1,135 @@
+#include "torva/process/ChildSide.h"
+
+#include "torva/process/ErrorRelay.h"
+#include "torva/process/ProcessSetCatcher.h"
+#include "torva/process/SystemCall.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace torva::process {
+namespace {
+
+constexpr int firstOther = STDERR_FILENO + 1;
+constexpr int assumedLimit = 20;
+
+constexpr std::array<const char*, 3> dup2Operations = {"stdin dup2", "stdout dup2", "stderr dup2"};
+
+// Brings the prepared descriptors to 0, 1 and 2. One of them may itself be 0, 1 or
+// 2, and two streams may share one.
+void redirectStreams(std::array<int, 3> prepared) {
+    // First out of the way: the dup2 for one stream must not overwrite what
+    // another is waiting for, as with 1 and 2 exchanged.
+    for (int target = 0; target < 3; ++target) {
+        int& fd = prepared[static_cast<std::size_t>(target)];
+        if (fd >= 0 && fd < firstOther && fd != target) {
+            fd = systemCall(dup2Operations[static_cast<std::size_t>(target)],
+                            [fd] { return ::fcntl(fd, F_DUPFD_CLOEXEC, firstOther); });
+        }
+    }
+    for (int target = 0; target < 3; ++target) {
+        const int fd = prepared[static_cast<std::size_t>(target)];
+        if (fd == -1) {
+            continue;
+        }
+        systemCall(dup2Operations[static_cast<std::size_t>(target)], [fd, target] {
+            // In place already: dup2 would leave a close-on-exec flag on it.
+            return fd == target ? ::fcntl(fd, F_SETFD, 0) : ::dup2(fd, target);
+        });
+    }
+    // Only now, and each once: a shared one was needed up to here.
+    std::sort(prepared.begin(), prepared.end());
+    const auto end = std::unique(prepared.begin(), prepared.end());
+    for (auto fd = prepared.begin(); fd != end; ++fd) {
+        if (*fd >= firstOther) {
+            retried([fd] { return ::close(*fd); });
+        }
+    }
+}
+
+// first up to end - 1.
+void closeRange(int first, int end) {
+    if (first >= end) {
+        return;
+    }
+    if (::close_range(static_cast<unsigned>(first), static_cast<unsigned>(end - 1), 0) == 0) {
+        return;
+    }
+    for (int fd = first; fd < end; ++fd) {
+        ::close(fd);
+    }
+}
+
+// One range on each side of the control pipe: the limit may be a billion, too much
+// for a loop.
+void closeOtherDescriptors(int controlFd) {
+    const int saved = errno;
+    int end = assumedLimit;
+    struct rlimit limit = {};
+    if (retried([&limit] { return ::getrlimit(RLIMIT_NOFILE, &limit); }) == 0) {
+        constexpr rlim_t highest = 0x7fffffff;
+        end = static_cast<int>(std::min(limit.rlim_cur, highest));
+    }
+    closeRange(firstOther, std::min(controlFd, end));
+    closeRange(controlFd + 1, end);
+    errno = saved;
+}
+
+[[noreturn]] void execute(const ChildPlan& plan) {
+    if (plan.environment != nullptr) {
+        systemCall("execve",
+                   [&plan] { return ::execve(plan.program, plan.arguments, plan.environment); });
+    } else if (plan.searchPath) {
+        systemCall("execvp", [&plan] { return ::execvp(plan.program, plan.arguments); });
+    } else {
+        systemCall("execv", [&plan] { return ::execv(plan.program, plan.arguments); });
+    }
+    std::abort(); // an exec that comes back has failed and thrown
+}
+
+[[noreturn]] void becomeProgram(const ChildPlan& plan) {
+    // Open across exec it would keep the parent waiting for as long as the program
+    // runs.
+    systemCall("control pipe close-on-exec fcntl",
+               [&plan] { return ::fcntl(plan.controlFd, F_SETFD, FD_CLOEXEC); });
+    redirectStreams(plan.prepared);
+    if (plan.workingDirectory != nullptr) {
+        systemCall("cwd chdir", [&plan] { return ::chdir(plan.workingDirectory); });
+    }
+    if (plan.closeOtherDescriptors) {
+        closeOtherDescriptors(plan.controlFd);
+    }
+    if (plan.newSession) {
+        systemCall("setsid", [] { return ::setsid(); });
+    }
+    if (plan.signalMask != nullptr) {
+        systemCall("restore sigprocmask",
+                   [&plan] { return ::sigprocmask(SIG_SETMASK, plan.signalMask, nullptr); });
+    }
+    if (*plan.preExecHook) {
+        (*plan.preExecHook)();
+    }
+    execute(plan);
+}
+
+} // namespace
+
+void runChild(const ChildPlan& plan) noexcept {
+    // The handler is the parent's and writes to the parent's pipe.
+    ProcessSetCatcher::forgetInChild();
+    int status = EXIT_FAILURE;
+    try {
+        becomeProgram(plan);
+    } catch (...) {
+        const ChildError error = currentError();
+        writeError(plan.controlFd, error);
+        status = error.exitStatus;
+    }
+    std::exit(status);
+}
+
+} // namespace torva::process

@@ -1,0 +1,43 @@
+// System calls the way this layer makes them: repeated while a signal interrupts
+// them, and a failure thrown under the name of the operation.
+#pragma once
+
+#include "torva/util/SystemError.h"
+
+#include <cerrno>
+
+namespace torva::process {
+
+/// Throws SystemError for the errno of the call that has just failed. errno is
+/// read before the message is copied: an allocation may change it.
+[[noreturn]] inline void throwLastError(const char* operation) {
+    const int code = errno;
+    throw SystemError(operation, code);
+}
+
+/// The result of a call that answers -1 on failure, made again while it fails
+/// with EINTR. errno is that of the last attempt.
+template <typename Call>
+auto retried(Call call) -> decltype(call()) {
+    for (;;) {
+        const auto result = call();
+        if (result != -1 || errno != EINTR) {
+            return result;
+        }
+    }
+}
+
+/// The same for a call that has to succeed.
+///
+/// \param operation  the message of the error
+/// \throws SystemError  any failure but EINTR
+template <typename Call>
+auto systemCall(const char* operation, Call call) -> decltype(call()) {
+    const auto result = retried(call);
+    if (result == -1) {
+        throwLastError(operation);
+    }
+    return result;
+}
+
+} // namespace torva::process

@@ -1,0 +1,32 @@
+// Errors of the mail server layer: what a Postfix tool or a Postfix file made
+// impossible. Their text is the whole message. Failed system calls are
+// torva/util/SystemError.h.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace torva::mail::postfix {
+
+/// Base of the two below.
+class PostfixError : public std::runtime_error {
+public:
+    explicit PostfixError(const std::string& message);
+    ~PostfixError() override;
+};
+
+/// The mail server's configuration is not as it must be, or cannot be changed.
+class PostfixConfigurationError : public PostfixError {
+public:
+    explicit PostfixConfigurationError(const std::string& message);
+    ~PostfixConfigurationError() override;
+};
+
+/// A lookup table cannot be read or written.
+class PostfixDatabaseError : public PostfixError {
+public:
+    explicit PostfixDatabaseError(const std::string& message);
+    ~PostfixDatabaseError() override;
+};
+
+} // namespace torva::mail::postfix

@@ -1,0 +1,40 @@
+#include "torva/util/UtilityErrorStream.h"
+
+#include <iostream>
+#include <new>
+
+namespace torva {
+
+// After <iostream>, so that std::cerr and std::cout outlive it.
+UtilityErrorStream utilityErrorStream;
+
+UtilityErrorStreamBuf::int_type UtilityErrorStreamBuf::overflow(int_type c) {
+    if (traits_type::eq_int_type(c, traits_type::eof())) {
+        return c;
+    }
+    const char ch = traits_type::to_char_type(c);
+    std::cerr.put(ch);
+    try {
+        pending += ch;
+    } catch (const std::bad_alloc&) { // NOLINT(bugprone-empty-catch)
+        // The copy is lost; a failure here would cost standard error the rest too.
+    }
+    return c;
+}
+
+int UtilityErrorStreamBuf::sync() {
+    std::cerr.flush();
+    std::cout.write(pending.data(), static_cast<std::streamsize>(pending.size()));
+    std::cout.flush();
+    pending.clear();
+    return 0;
+}
+
+// The base is made before the buffer, so it first gets none.
+UtilityErrorStream::UtilityErrorStream() : std::ostream(nullptr) {
+    rdbuf(&buf_);
+}
+
+UtilityErrorStream::~UtilityErrorStream() = default;
+
+} // namespace torva

@@ -1,4 +1,4 @@
-// Times the start and the end of one child, by turns: a bare fork, execve and
+// Times the start and the end of one child, alternating: a bare fork, execve and
 // waitpid, process::launch with waitForExit, and a process::Pipe without callbacks.
 // Prints "NAME VALUE" lines with the median seconds of each and the medians of the
 // ratios of the turns.

@@ -1,4 +1,4 @@
-"""Measuring by turns, and the rows that come out of it.
+"""Alternating measurements, and the rows of results.
 
 Each benchmark is a function in a module beside this one; it runs as root inside
 scripts/sandbox and hands its rows to emit(), which prints one line of JSON each.

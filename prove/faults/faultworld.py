@@ -125,7 +125,7 @@ NOT_JUDGED = ("filler",)
 
 
 class FaultWorld(RealWorld):
-    """One host, laid out anew for each fault."""
+    """One host, rebuilt for each fault."""
 
     def __init__(self, program):
         super().__init__()

@@ -1,4 +1,4 @@
-// The grammar of master.cf, and writer and reader round it: every text is read, or
+// The grammar of master.cf, and writer and reader around it: every text is read, or
 // refused, as a reader does that goes line by line; what nobody touches comes back
 // byte for byte; a record, formatted, is read as the same record.
 #include "Fuzz.h"

@@ -329,7 +329,7 @@ class RealWorld(World):
 
 
 class RunTest(unittest.TestCase):
-    """One world for the tests of a file, laid out anew for each."""
+    """One world for the tests of a file, rebuilt for each."""
 
     maxDiff = None
     longMessage = True

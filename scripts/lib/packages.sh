@@ -9,6 +9,7 @@
     packages_to_run=(postfix postfix-pcre iproute2 util-linux hostname diffutils)
     packages_to_test=(libgtest-dev libgmock-dev libbenchmark-dev mariadb-server python3 procps
         clang-format clang-tidy shellcheck man-db lintian dpkg-dev strace libsasl2-modules openssl)
+    packages_for_releases=(debootstrap git)
 }
 
 policy=/usr/sbin/policy-rc.d

@@ -2,6 +2,7 @@
 
 #include "torva/libc/descriptor.h"
 #include "torva/libc/log.h"
+#include "torva/util/LockDirectory.h"
 #include "torva/util/SystemError.h"
 
 #include <algorithm>
@@ -17,29 +18,80 @@
 
 namespace {
 
-const char lockDirectory[] = "/var/lock/files";
-
 /// The path to lock, in memory from malloc(3); null when there is none.
 char* lockPath(const char* name, bool in_lock_dir) {
     if (!in_lock_dir) {
         return strdup(name);
     }
-    const size_t size = sizeof(lockDirectory) + 1 + std::strlen(name);
+    const size_t length = std::strlen(torva::lockDirectory);
+    const size_t size = length + 2 + std::strlen(name);
     auto* path = static_cast<char*>(std::malloc(size));
     if (path != nullptr) {
-        std::snprintf(path, size, "%s/%s", lockDirectory, name);
-        std::replace(path + sizeof(lockDirectory), path + size, '/', '_');
+        std::snprintf(path, size, "%s/%s", torva::lockDirectory, name);
+        std::replace(path + length + 1, path + size, '/', '_');
     }
     return path;
 }
 
-/// A descriptor above 2: 0 in a handle means that somebody else holds the lock.
-int openLockFile(const char* path) {
+/// Whether the name of the lock directory is that of a file with another name, too.
+/// Nobody but us can make one there, unless the directory was somebody else's once.
+bool hasSecondName(int directory, const char* name) {
+    struct stat status;
+    return ::fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+           S_ISREG(status.st_mode) && status.st_nlink > 1;
+}
+
+void closeKeepingErrno(int fd) {
+    const int saved_errno = errno;
+    ::close(fd);
+    errno = saved_errno;
+}
+
+/// Opens, and so empties, a regular file: no link is followed, and no terminal, FIFO
+/// or device makes us wait. What is no regular file has nothing to be emptied.
+int openRegularFile(int directory, const char* name) {
     int fd;
     do {
-        fd = ::open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        fd = ::openat(directory, name,
+                      O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
+                      0644);
     } while (fd == -1 && errno == EINTR);
-    return fd_above_standard(fd);
+    // Above 2: a 0 in a handle means that somebody else holds the lock.
+    fd = fd_above_standard(fd);
+    struct stat status;
+    if (fd == -1 || (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode))) {
+        return fd;
+    }
+    ::close(fd);
+    errno = EPERM;
+    return -1;
+}
+
+void reportUnopened(const char* path) {
+    const int saved_errno = errno;
+    const char* reason = std::strerror(saved_errno);
+    errno = saved_errno;
+    report_error(0, "Unable to open file \"%s\": %s.", path, reason);
+}
+
+/// Opens the file to lock, reporting a failure.
+int openLockFile(const char* path, bool in_lock_dir) {
+    int fd = -1;
+    if (!in_lock_dir) {
+        fd = openRegularFile(AT_FDCWD, path);
+    } else if (const int directory = torva::openLockDirectory(); directory != -1) {
+        const char* name = path + std::strlen(torva::lockDirectory) + 1;
+        if (hasSecondName(directory, name)) {
+            errno = EMLINK;
+        } else {
+            fd = openRegularFile(directory, name);
+        }
+        closeKeepingErrno(directory);
+    }
+    if (fd == -1) {
+        reportUnopened(path);
+    }
+    return fd;
 }
 
 int lockDescriptor(int fd, int operation) {
@@ -48,6 +100,33 @@ int lockDescriptor(int fd, int operation) {
         result = ::flock(fd, operation);
     } while (result == -1 && errno == EINTR);
     return result;
+}
+
+/// Whether the locked file still has its name. One that was removed between its
+/// opening and its locking keeps nobody out, see torva/util/UntrustedLocks.h.
+bool isStillNamed(int fd) {
+    struct stat status;
+    return ::fstat(fd, &status) == -1 || status.st_nlink > 0;
+}
+
+/// Opens and locks the file.
+///
+/// \return what file_lock::fd tells
+int openAndLock(const char* path, bool in_lock_dir, int operation) {
+    for (;;) {
+        const int fd = openLockFile(path, in_lock_dir);
+        if (fd == -1) {
+            return -1;
+        }
+        if (lockDescriptor(fd, operation) == -1) {
+            closeKeepingErrno(fd);
+            return errno == EAGAIN ? 0 : -1;
+        }
+        if (!in_lock_dir || isStillNamed(fd)) {
+            return fd;
+        }
+        ::close(fd);
+    }
 }
 
 file_lock* takeLock(const char* name, bool in_lock_dir, int operation) {
@@ -59,19 +138,7 @@ file_lock* takeLock(const char* name, bool in_lock_dir, int operation) {
         errno = ENOMEM;
         return nullptr;
     }
-    *handle = {openLockFile(path), path};
-    if (handle->fd < 0) {
-        const int saved_errno = errno;
-        const char* reason = std::strerror(saved_errno);
-        errno = saved_errno;
-        report_error(0, "Unable to open file \"%s\": %s.", path, reason);
-    } else if (lockDescriptor(handle->fd, operation) == -1) {
-        // Judged before the close, which may change it.
-        const int saved_errno = errno;
-        ::close(handle->fd);
-        handle->fd = saved_errno == EAGAIN ? 0 : -1;
-        errno = saved_errno;
-    }
+    *handle = {openAndLock(path, in_lock_dir, operation), path};
     return handle;
 }
 
@@ -106,8 +173,7 @@ namespace torva {
 
 file_lock* lock(const std::string& name, bool in_lock_dir, LockMode mode) {
     if (in_lock_dir) {
-        // Best effort: opening the lock file tells what is wrong.
-        ::mkdir(lockDirectory, 0755);
+        makeLockDirectory();
     }
     const auto take = mode == LockMode::wait ? file_lock_wait : file_lock_try;
     file_lock* handle = take(name.c_str(), in_lock_dir ? 1 : 0);

@@ -18,11 +18,17 @@ struct file_lock {
 ///
 /// \param name         the file to lock
 /// \param in_lock_dir  not 0: lock, in its stead, the file of "/var/lock/files"
-///                     whose name is `name` with every "/" turned into "_"
+///                     whose name is `name` with every "/" turned into "_". The
+///                     directory is not made, but judged, and one that others may
+///                     read is closed to them: see torva/util/LockDirectory.h
 /// \return handle owned by the caller, see file_lock::fd (errno tells about -1);
-///         null when memory runs out. A file that cannot be opened is reported
-///         through report_error() as "Unable to open file ...".
-/// The file is created with mode 0644 when missing and EMPTIED when present.
+///         null when memory runs out. A file that cannot be opened, or whose directory
+///         is refused, is reported through report_error() as "Unable to open file ...".
+/// The file is created with mode 0644 when missing and EMPTIED when present. The last
+/// component of its path is not followed when it is a link (errno ELOOP). What is no
+/// regular file is refused without waiting for anybody at its other end (EPERM; EISDIR
+/// for a directory, ENXIO for a socket), and in the lock directory a file with a second
+/// hard link (EMLINK), which is not emptied.
 struct file_lock* file_lock_try(const char* name, int in_lock_dir);
 
 /// The same, waiting for as long as somebody else holds the lock.
@@ -48,7 +54,7 @@ public:
     /// \throws SystemError by errno, "lock() failed"
     /// \throws std::runtime_error "lock(NAME) failed: file is already locked"
     ///         (LockMode::fail only)
-    /// The lock directory is made when it is missing.
+    /// The lock directory is made, with mode 0700, when it is missing.
     FileLock(const std::string& name, LockMode mode);
     ~FileLock();
     FileLock(const FileLock&) = delete;
@@ -58,7 +64,8 @@ private:
     file_lock* handle_;
 };
 
-/// The throwing wrapper round the two plain functions.
+/// The throwing wrapper round the two plain functions, which makes the lock directory,
+/// with mode 0700, when `in_lock_dir` is set and it is missing.
 ///
 /// \return handle with a locked descriptor, owned by the caller
 /// \throws as FileLock

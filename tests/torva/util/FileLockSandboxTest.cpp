@@ -81,7 +81,7 @@ TEST_F(FileLockSandboxTest, TheThrowingWrapperMakesTheDirectoryAndThePlainFuncti
     { const FileLock lock(name, LockMode::fail); }
     struct stat status;
     ASSERT_EQ(::stat("/var/lock/files", &status), 0);
-    EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFDIR | 0755));
+    EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFDIR | 0700));
     ASSERT_EQ(::stat(lockFile.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFREG | 0644));
 }
@@ -92,7 +92,7 @@ TEST_F(FileLockSandboxTest, WithTheLockDirectoryOffTheDirectoryIsNotMade) {
     EXPECT_TRUE(exists("/var/tmp/own"));
 }
 
-TEST_F(FileLockSandboxTest, ADirectoryThatCannotBeMadeShowsWhenTheFileIsOpened) {
+TEST_F(FileLockSandboxTest, ADirectoryThatCannotBeMadeShowsWhenItIsOpened) {
     writeFile("/var/lock/files", "");
     const Outcome outcome = inChild(
         [] { return thrownFor(LockMode::wait) == "lock() failed: Not a directory" ? 0 : 1; });

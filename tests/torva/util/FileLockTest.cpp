@@ -12,7 +12,9 @@
 #include <memory>
 #include <spawn.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <typeinfo>
 
 using torva::ExSystemError;
@@ -224,6 +226,75 @@ TEST(FileLockTest, AFileThatCannotBeOpenedLeavesANegativeDescriptorAndErrno) {
     const Outcome outcome = inChild([&] {
         const Handle handle = tried(name);
         return handle->fd < 0 && handle->path == name && errno == EISDIR ? 0 : 1;
+    });
+    EXPECT_EQ(outcome.exited, 0);
+}
+
+TEST(FileLockTest, ALinkIsNotFollowedWhetherItsTargetIsThereOrNot) {
+    const TempDirectory directory;
+    const std::string name = directory / "table";
+    const std::string victim = directory / "victim";
+    ASSERT_EQ(::symlink(victim.c_str(), name.c_str()), 0);
+    for (const char* text : {"", "text"}) {
+        if (*text != '\0') {
+            writeFile(victim, text);
+        }
+        for (const auto function : {file_lock_try, file_lock_wait}) {
+            const Outcome outcome = inChild([&] {
+                const Handle handle(function(name.c_str(), 0), &file_lock_free);
+                return handle->fd == -1 && errno == ELOOP ? 0 : 1;
+            });
+            EXPECT_EQ(outcome.exited, 0);
+            EXPECT_EQ(outcome.err, "Unable to open file \"" + name +
+                                       "\": Too many levels of symbolic links.\n"
+                                       "System error 40: Too many levels of symbolic links\n");
+        }
+        EXPECT_EQ(readFile(victim), text);
+        EXPECT_EQ(::access(victim.c_str(), F_OK) == 0, *text != '\0');
+    }
+}
+
+TEST(FileLockTest, WhatIsNoRegularFileIsRefusedAtOnce) {
+    const TempDirectory directory;
+    const std::string fifo = directory / "fifo";
+    const std::string local = directory / "socket";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0644), 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    ASSERT_LT(local.size(), sizeof(address.sun_path));
+    local.copy(address.sun_path, local.size());
+    const int bound = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(::bind(bound, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    const struct {
+        std::string path;
+        int error;
+    } cases[] = {{fifo, EPERM}, {local, ENXIO}, {"/dev/null", EPERM}};
+    for (const auto& c : cases) {
+        for (const auto function : {file_lock_try, file_lock_wait}) {
+            const Outcome outcome = inChild([&] {
+                const auto before = openDescriptors();
+                const Handle handle(function(c.path.c_str(), 0), &file_lock_free);
+                if (handle->fd != -1 || errno != c.error) {
+                    return 1;
+                }
+                return openDescriptors() == before ? 0 : 2;
+            });
+            EXPECT_EQ(outcome.exited, 0) << c.path;
+            EXPECT_EQ(outcome.err.find("Unable to open file \"" + c.path + "\": "), 0U)
+                << outcome.err;
+        }
+    }
+    ::close(bound);
+}
+
+TEST(FileLockTest, WithoutUmaskTheLockFileHasItsModeNevertheless) {
+    const TempDirectory directory;
+    const std::string name = directory / "table";
+    const Outcome outcome = inChild([&] {
+        ::umask(0);
+        const Handle handle = tried(name);
+        struct stat status;
+        return ::fstat(handle->fd, &status) == 0 && status.st_mode == (S_IFREG | 0644) ? 0 : 1;
     });
     EXPECT_EQ(outcome.exited, 0);
 }

@@ -73,11 +73,11 @@ def error_points(recording, shim_counts):
 def recording_file_closes(recording):
     """The closes of written files, which the C library makes by itself, out of the shim's
     reach. Of strace's making they do not close, which lets pipes and locks wait for ever;
-    a file does not mind."""
+    a file does not mind. Lock files are opened by their name in the lock directory."""
     files, found = set(), set()
     for name, nth, phase, text in recording.calls:
         opened = re.search(r"= (\d+)$", text)
-        if name == "openat" and opened and re.search(r"O_WRONLY|O_RDWR", text) and "/var/lock/" not in text:
+        if name == "openat" and opened and re.search(r"O_WRONLY|O_RDWR", text) and not re.match(r'\d+, "_', text):
             files.add(opened.group(1))
         elif name in ("openat", "pipe2", "socket") and opened:
             files.discard(opened.group(1))

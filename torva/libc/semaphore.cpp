@@ -1,15 +1,14 @@
 #include "torva/libc/semaphore.h"
 
-#include "torva/libc/descriptor.h"
 #include "torva/libc/log.h"
 #include "torva/libc/panel_conf.h"
+#include "torva/libc/semaphore_file.h"
 
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -42,33 +41,6 @@ int setLock(int command, short type, long semnum) {
     return result;
 }
 
-/// Makes each missing directory that leads to the file.
-///
-/// \return false, with errno, when one cannot be made
-bool makeDirectories(char* path) {
-    for (char* slash = std::strchr(path + 1, '/'); slash != nullptr;
-         slash = std::strchr(slash + 1, '/')) {
-        *slash = '\0';
-        struct stat status;
-        const bool missing = ::stat(path, &status) == -1 && errno == ENOENT;
-        // Another process may make it at the same time.
-        const bool failed = missing && ::mkdir(path, 0755) == -1 && errno != EEXIST;
-        *slash = '/';
-        if (failed) {
-            return false;
-        }
-    }
-    return true;
-}
-
-int openFile(const char* path, int flags) {
-    int fd;
-    do {
-        fd = ::open(path, O_WRONLY | O_CLOEXEC | flags, 0600);
-    } while (fd == -1 && errno == EINTR);
-    return fd_above_standard(fd);
-}
-
 int takeLock(int command, long semnum) {
     if (semnum < 0) {
         errno = 0;
@@ -99,10 +71,7 @@ void init_sem(void) {
         // A path that was cut off would be another file.
         errno = ENAMETOOLONG;
     } else {
-        semaphoreFile = openFile(path, 0);
-        if (semaphoreFile == -1 && errno == ENOENT && makeDirectories(path)) {
-            semaphoreFile = openFile(path, O_CREAT);
-        }
+        semaphoreFile = open_semaphore_file(path);
     }
     if (semaphoreFile == -1) {
         const int saved_errno = errno;

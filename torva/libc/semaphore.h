@@ -10,8 +10,11 @@ extern "C" {
 /// unless it is open already. The other functions do so by themselves.
 ///
 /// A missing file is made with mode 0600, and each missing directory on the way to
-/// it with mode 0755. Any failure ends the process: report_error() with status 1,
-/// "failed to open semaphore file PATH: REASON".
+/// it with mode 0755. The file, its directory and the product root must belong to
+/// root or to the effective user and be writable by nobody else, and the file be a
+/// regular one, not a link: what is wrong is reported through report_error(). Any
+/// failure ends the process: report_error() with status 1, "failed to open semaphore
+/// file PATH: REASON".
 void init_sem(void);
 
 /// Takes a semaphore without waiting. Taking it a second time is no error, and a

@@ -1,7 +1,6 @@
 #include "torva/util/UntrustedLocks.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
@@ -73,11 +72,12 @@ Answer isOurs(int process) {
         return size < 0 && reason == ESRCH ? Answer::no : Answer::unknown;
     }
     text[size] = '\0';
-    const char* line = std::strstr(text, "\nUid:\t");
-    unsigned user = 0;
-    if (line == nullptr || std::sscanf(line, "\nUid:\t%u", &user) != 1) {
+    const char key[] = "\nUid:\t";
+    const char* line = std::strstr(text, key);
+    if (line == nullptr) {
         return Answer::unknown;
     }
+    const unsigned long user = std::strtoul(line + sizeof(key) - 1, nullptr, 10);
     return user == 0 || user == ::geteuid() ? Answer::yes : Answer::no;
 }
 

@@ -4,10 +4,12 @@
 #include "torva/libc/Child.h"
 #include "torva/libc/OtherProcess.h"
 #include "torva/libc/SyscallFault.h"
+#include "torva/libc/semaphore_file.h"
 
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <sstream>
@@ -330,6 +332,88 @@ TEST_F(SemaphoreSandboxTest, AFileThatCannotBeOpenedIsFatal) {
         EXPECT_EQ(outcome.err, text);
         EXPECT_EQ(outcome.out, text);
     }
+}
+
+TEST_F(SemaphoreSandboxTest, WhatOthersCouldHavePutThereIsFatalAndNamed) {
+    const std::string fatal = std::string("failed to open semaphore file ") + path + ": ";
+    const std::string owner = "belongs to user 4711, not to root or to this program's user.";
+    const struct {
+        const char* command;
+        std::string report;
+        int error;
+    } cases[] = {
+        {"chown 4711 var", "\"/usr/local/kra/var\" " + owner, EPERM},
+        {"chown 4711 .", "\"/usr/local/kra\" " + owner, EPERM},
+        {"touch var/utilities.sem && chown 4711 var/utilities.sem",
+         std::string("\"") + path + "\" " + owner, EPERM},
+        {"chmod 1777 var",
+         "\"/usr/local/kra/var\" is writable by its group or by others (mode 1777).", EPERM},
+        {"chmod 0775 .", "\"/usr/local/kra\" is writable by its group or by others (mode 0775).",
+         EPERM},
+        {"touch var/utilities.sem && chmod 606 var/utilities.sem",
+         std::string("\"") + path + "\" is writable by its group or by others (mode 0606).", EPERM},
+        {"ln -s /usr/local/kra/target var/utilities.sem", "", ELOOP},
+        {"touch target && ln -s /usr/local/kra/target var/utilities.sem", "", ELOOP},
+        {"mkfifo var/utilities.sem", "", ENXIO},
+        {"mkfifo var/utilities.sem && (sleep 600 <>var/utilities.sem & echo $! >pid)",
+         std::string("\"") + path + "\" is no regular file.", EPERM},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.command);
+        ASSERT_EQ(std::system("rm -rf /usr/local/kra && mkdir -p /usr/local/kra/var"), 0);
+        ASSERT_EQ(std::system(("cd /usr/local/kra && " + std::string(c.command)).c_str()), 0);
+        const Outcome outcome = inChild([] {
+            sem_lock(1);
+            return 7;
+        });
+        const std::string reason = std::strerror(c.error);
+        const std::string end = "\nSystem error " + std::to_string(c.error) + ": " + reason + "\n";
+        EXPECT_EQ(outcome.exited, 1);
+        EXPECT_EQ(outcome.err, (c.report.empty() ? "" : c.report + end) + fatal + reason + end);
+        EXPECT_EQ(std::system("cd /usr/local/kra && if [ -e pid ]; then kill $(cat pid); fi"), 0);
+        EXPECT_TRUE(modeOf("/usr/local/kra/target") == "missing" ||
+                    std::string(c.command).find("touch target") == 0);
+    }
+}
+
+TEST_F(SemaphoreSandboxTest, DirectoriesMayBeLinks) {
+    ASSERT_EQ(std::system("mkdir -p /usr/local/kra/root /usr/local/kra/elsewhere /etc/kra && "
+                          "ln -s ../elsewhere /usr/local/kra/root/var && "
+                          "ln -s root /usr/local/kra/link && "
+                          "echo PRODUCT_ROOT_D /usr/local/kra/link > /etc/kra/kra.conf"),
+              0);
+    const Outcome outcome = inChild([] { return sem_lock(1); });
+    EXPECT_EQ(outcome.exited, 0) << outcome.err;
+    EXPECT_EQ(modeOf("/usr/local/kra/elsewhere/utilities.sem"), "100600");
+}
+
+TEST_F(SemaphoreSandboxTest, OnlyTheFileStaysOpenAndNothingDoesAfterARefusal) {
+    const Outcome outcome = inChild([] {
+        const auto before = openDescriptors();
+        if (open_semaphore_file(path) == -1 || openDescriptors().size() != before.size() + 1) {
+            return 1;
+        }
+        const auto opened = openDescriptors();
+        for (const char* command : {"chmod 666 /usr/local/kra/var/utilities.sem",
+                                    "chmod 777 /usr/local/kra/var", "chmod 777 /usr/local/kra"}) {
+            if (std::system(command) != 0 || open_semaphore_file(path) != -1) {
+                return 2;
+            }
+        }
+        return openDescriptors() == opened ? 0 : 3;
+    });
+    EXPECT_EQ(outcome.exited, 0);
+}
+
+TEST_F(SemaphoreSandboxTest, WithoutUmaskFileAndDirectoriesHaveTheirModesNevertheless) {
+    const Outcome outcome = inChild([] {
+        ::umask(0);
+        init_sem();
+        return 0;
+    });
+    EXPECT_EQ(outcome.exited, 0) << outcome.err;
+    EXPECT_EQ(modeOf(path), "100600");
+    EXPECT_EQ(modeOf("/usr/local/kra/var"), "40755");
 }
 
 TEST_F(SemaphoreSandboxTest, ADirectoryThatCannotBeMadeIsFatalWithItsOwnReason) {

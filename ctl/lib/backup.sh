@@ -99,7 +99,7 @@ read_mark() { { read -r marked_verb marked_stamp <"$state/unfinished"; } 2>/dev/
 
 # note_unfinished: for every verb, before it begins.
 note_unfinished() {
-    if [[ -r $locks/lock ]] && ! flock -n -s "$locks/lock" true; then
+    if own_locks && [[ -f $locks/lock ]] && ! flock -n -s "$locks/lock" true; then
         report warning lock "$(<"$locks/lock") is at work" "wait for its end"
     elif read_mark && [[ $marked_stamp == - ]]; then
         report warning unfinished "apply was killed before it changed anything" "torva-postfixctl rollback, or apply"
@@ -108,10 +108,21 @@ note_unfinished() {
     fi
 }
 
+# own_locks: whether the lock directory is there, is root's, and nobody else may write to it.
+# /run/lock is open to every user: a link, a FIFO or a lock held for ever may wait in it.
+own_locks() { [[ -d $locks && ! -L $locks && $(stat -c '%u %a' -- "$locks") =~ ^0\ [0-7]?[0-7][0145][0145]$ ]]; }
+
+# make_locks: with mode 0700, which an earlier version's, open for others to read, gets, too.
+make_locks() {
+    mkdir -m 700 -- "$locks" 2>/dev/null || true
+    own_locks || die "$locks is not root's alone: see who made it, and remove it"
+    [[ $(stat -c %a -- "$locks") == 700 ]] || chmod 700 -- "$locks" || die "$locks: its mode cannot be changed"
+}
+
 # take_lock SECONDS: waits that long, then says who holds it and ends; what a killed apply
 # has started holds it, too. Reads the marker.
 take_lock() {
-    { mkdir -p "$locks" && [[ -O $locks && ! -L $locks ]]; } || die "$locks is not root's: remove it"
+    make_locks
     exec {lock}<>"$locks/lock"
     flock -w "$1" "$lock" || give_up lock "$(<"$locks/lock") is at work; nothing was done" "wait for its end"
     printf 'process %s, since %s,\n' $$ "$(date '+%F %T')" >"$locks/lock"

@@ -9,7 +9,7 @@ perform_run() {
     ends_its_line "$config/main.cf" || echo >>"$config/main.cf"
     touch -d '10 seconds ago' "$config/main.cf" # Postfix waits for a younger one to age
     shelter_services "$scratch/shelter"
-    mkdir -p "$locks"
+    make_locks
     status=0
     TORVA_INSTALLER_DEBUG=1 flock "$locks/run" "$tool" </dev/null 2>&"$progress" >/dev/null || status=$?
     restore_services "$scratch/shelter"

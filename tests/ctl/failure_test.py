@@ -152,10 +152,37 @@ class LockTest(CtlTest):
             self.assertFalse(BACKUPS.exists())
 
     def test_lock_directory_of_somebody_else_is_refused(self):
-        LOCK.parent.mkdir(parents=True)
+        directory = LOCK.parent
+        hostile = {
+            "made by somebody else": lambda: (directory.mkdir(0o700), shutil.chown(directory, "nobody")),
+            "writable by others": lambda: (directory.mkdir(), directory.chmod(0o1777)),
+            "writable by its group": lambda: (directory.mkdir(), directory.chmod(0o770)),
+            "a link": lambda: directory.symlink_to("/run/tmp"),
+            "a dangling link": lambda: directory.symlink_to("/run/missing"),
+            "a file": directory.touch,
+        }
+        for what, make in hostile.items():
+            with self.subTest(what):
+                make()
+                before = tree()
+                outcome = self.assertStatus(1, ctl("apply"))
+                self.assertIn("is not root's alone", outcome.err)
+                self.assertSame(before, what)
+                self.assertFalse(Path("/run/missing").exists())
+                remove(directory)
+
+    def test_what_lies_in_a_refused_lock_directory_is_not_opened(self):
+        LOCK.parent.mkdir()
         shutil.chown(LOCK.parent, "nobody")
-        outcome = self.assertStatus(1, ctl("apply"))
-        self.assertIn("is not root's", outcome.err)
+        os.mkfifo(LOCK)
+        self.assertNotIn("is at work", ctl("check").err)
+
+    def test_lock_directory_is_closed_to_others(self):
+        self.assertStatus(0, ctl("apply"))
+        self.assertEqual(LOCK.parent.stat().st_mode & 0o7777, 0o700)
+        LOCK.parent.chmod(0o755)
+        self.assertStatus(0, ctl("rollback"))
+        self.assertEqual(LOCK.parent.stat().st_mode & 0o7777, 0o700)
 
 
 class RollbackTest(CtlTest):

@@ -34,6 +34,12 @@ dpkg-deb -x "$tool" "$work/tool"
 manuals=$(MANPATH=$work/tool/usr/share/man man -w torva-postfix-setup torva-postfixctl 2>&1) || true
 [[ $manuals == */torva-postfix-setup.8.gz*/torva-postfixctl.8.gz ]] || fail "manuals: $manuals"
 
+# The lock directories are root's from the boot on, before a user can make them. A path
+# below /var/lock would lead through a link that not every host has.
+directories=$(grep -v '^#' "$work/tool/usr/lib/tmpfiles.d/torva-postfix.conf")
+[[ $directories == 'd /run/lock/files 0700 root root -'$'\n''d /run/lock/torva-postfix 0700 root root -' ]] ||
+    fail "tmpfiles.d: $directories"
+
 # Each shared library that the program asks for is there by a dependency.
 depends=$(dpkg-deb -f "$tool" Depends)
 needed=$(objdump -p "$work/tool/usr/sbin/torva-postfix-setup" | awk '$1 == "NEEDED" { print $2 }')
@@ -66,6 +72,9 @@ tell() { printf '== %s\n' "$1"; }
 { tree && sums; } >/run/before
 tell install
 dpkg -i "$1" 2>&1
+tell locks
+command -v systemd-tmpfiles || true
+stat -c '%n %A %U %G' /run/lock/files /run/lock/torva-postfix 2>&1 || true
 tell check
 (cd / && torva-postfixctl check) || tell "check ended with $?"
 tell preview
@@ -91,6 +100,9 @@ told=$("$tree/scripts/sandbox" --panel-accounts --with "$work" -- bash "$work/wo
 ((status == 0)) || fail "in the sandbox, status $status: $told"
 part() { awk -v heading="== $1" '/^== / { inside = $0 == heading; next } inside' <<<"$told"; }
 
+locks=$(part locks)
+[[ $locks != */systemd-tmpfiles* || $locks == *"/run/lock/files drwx------ root root"*"/run/lock/torva-postfix drwx------ root root" ]] ||
+    fail "lock directories after the installation: $locks"
 [[ $told != *"check ended with"* ]] || fail "check: $(part check)"
 grep -q '^ok  *program .*, /usr/sbin/torva-postfix-setup$' <<<"$(part check)" || fail "check: $(part check)"
 grep -qx '+ virtual_transport = torva_virtual' <<<"$(part preview)" || fail "preview: $(part preview)"

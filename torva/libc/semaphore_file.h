@@ -2,6 +2,10 @@
 // put it. Part of torva/libc/semaphore.h.
 #pragma once
 
+#ifdef __cplusplus
+extern "C" {
+#endif
+
 /// Opens ROOT/var/utilities.sem for writing; a missing file is made with mode 0600, and
 /// each missing directory on the way to it with mode 0755.
 ///
@@ -15,3 +19,7 @@
 ///         named it and what is wrong, ELOOP for a link in place of the file, otherwise
 ///         that of open(2), fstat(2) or mkdir(2)
 int open_semaphore_file(const char* path);
+
+#ifdef __cplusplus
+} // extern "C"
+#endif

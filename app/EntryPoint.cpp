@@ -11,9 +11,23 @@
 #include <unistd.h>
 
 namespace torva::app {
+namespace {
+
+// A handler and not SIG_IGN, which our children would inherit.
+void surviveBrokenPipes() {
+    struct sigaction action = {};
+    if (::sigaction(SIGPIPE, nullptr, &action) == 0 && action.sa_handler == SIG_DFL) {
+        action.sa_handler = [](int /*signal*/) {};
+        action.sa_flags = SA_RESTART;
+        ::sigaction(SIGPIPE, &action, nullptr);
+    }
+}
+
+} // namespace
 
 void makeWorldSane() {
     std::signal(SIGCHLD, SIG_DFL);
+    surviveBrokenPipes();
     ::umask(022);
     // open() takes the lowest free number, so going upwards fills exactly the gaps.
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {

@@ -7,7 +7,9 @@
 namespace torva::app {
 
 /// Makes what a careless parent may have left behind harmless: SIGCHLD gets its
-/// default action (ignored, it would hide the exit status of every child), each
+/// default action (ignored, it would hide the exit status of every child), SIGPIPE
+/// an empty handler where its action is the default (a reader of the output that
+/// leaves must not end the run between two files; children get the default), each
 /// closed descriptor of 0 to 2 becomes "/dev/null" (or the next file opened would
 /// take its number, and messages would be written into it), and the umask becomes
 /// 022 (Postfix's accounts must be able to read the panel's tables, and nobody else

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <stdexcept>
@@ -70,6 +71,31 @@ TEST(SaneWorldTest, UmaskLetsOthersReadAndNotWrite) {
         ::umask(077);
         makeWorldSane();
         return ::umask(0) == 022 ? 0 : 1;
+    });
+}
+
+TEST(SaneWorldTest, BrokenPipeIsAnErrorAndNoSignalForUsAndTheDefaultForOurChildren) {
+    inAChild([] {
+        std::signal(SIGPIPE, SIG_DFL);
+        makeWorldSane();
+        int fds[2];
+        if (::pipe2(fds, O_CLOEXEC) != 0 || ::close(fds[0]) != 0) {
+            return 1;
+        }
+        if (::write(fds[1], "x", 1) != -1 || errno != EPIPE) {
+            return 2;
+        }
+        // A shell dies of it only when it did not inherit that it is ignored.
+        const int status = std::system("kill -PIPE $$"); // NOLINT(cert-env33-c)
+        return WIFSIGNALED(status) && WTERMSIG(status) == SIGPIPE ? 0 : 3;
+    });
+}
+
+TEST(SaneWorldTest, IgnoredBrokenPipeStaysIgnored) {
+    inAChild([] {
+        std::signal(SIGPIPE, SIG_IGN);
+        makeWorldSane();
+        return std::signal(SIGPIPE, SIG_DFL) == SIG_IGN ? 0 : 1;
     });
 }
 

@@ -1,5 +1,7 @@
 #include "torva/libc/log.h"
 
+#include "torva/libc/sigpipe.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -94,10 +96,13 @@ __attribute__((format(printf, 2, 0))) static void console_logv(int priority, con
     }
     // Without memory the bare format still tells more than nothing.
     const char* message = text.data != nullptr ? text.data : format;
+    // A reader that has gone is an output error like any other.
+    const int held = sigpipe_hold();
     for (FILE* stream : {stderr, stdout}) {
         std::fprintf(stream, "%s\n", message);
         std::fflush(stream);
     }
+    sigpipe_release(held);
     std::free(text.data);
     errno = saved_errno;
 }
@@ -159,8 +164,10 @@ void report_error(int status, const char* format, ...) {
     }
     const char* message =
         text.data != nullptr ? text.data : "Can't allocate memory for error message";
+    const int held = sigpipe_hold();
     writeReport(stderr, message);
     writeReport(stdout, message);
+    sigpipe_release(held);
     std::free(text.data);
     if (status != 0) {
         std::exit(status);

@@ -11,7 +11,8 @@ extern "C" {
 /// its levels or one of the panel's own above them. Never null. Other code of
 /// the process may replace it. Initially a console writer: a message whose
 /// priority is at most the level (6) goes, with a line feed, to standard error
-/// and then to standard output; any other goes nowhere. Output errors are ignored.
+/// and then to standard output; any other goes nowhere. Output errors are ignored,
+/// a reader that has gone among them: no SIGPIPE comes of it.
 extern void (*torva_log)(int priority, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
 
@@ -47,7 +48,8 @@ int log_facility(void);
 /// \param status  0: returns; anything else: ends the process with exit(status)
 /// \param format  printf(3) format
 /// When errno is not 0 on entry, "\nSystem error %d: %s" with it is appended, so
-/// set it to 0 where the failure is no system error. errno is left as it was.
+/// set it to 0 where the failure is no system error. errno is left as it was. Output
+/// errors are ignored as by the console writers.
 void report_error(int status, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 } // extern "C"

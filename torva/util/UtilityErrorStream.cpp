@@ -1,5 +1,7 @@
 #include "torva/util/UtilityErrorStream.h"
 
+#include "torva/util/SigpipeHold.h"
+
 #include <iostream>
 #include <new>
 
@@ -12,6 +14,8 @@ UtilityErrorStreamBuf::int_type UtilityErrorStreamBuf::overflow(int_type c) {
     if (traits_type::eq_int_type(c, traits_type::eof())) {
         return c;
     }
+    // A reader that has gone may end neither the process nor the other copy.
+    const SigpipeHold hold;
     const char ch = traits_type::to_char_type(c);
     std::cerr.put(ch);
     try {
@@ -23,6 +27,7 @@ UtilityErrorStreamBuf::int_type UtilityErrorStreamBuf::overflow(int_type c) {
 }
 
 int UtilityErrorStreamBuf::sync() {
+    const SigpipeHold hold;
     std::cerr.flush();
     std::cout.write(pending.data(), static_cast<std::streamsize>(pending.size()));
     std::cout.flush();

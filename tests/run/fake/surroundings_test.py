@@ -14,6 +14,10 @@ from runworld import CAPTURE, FAKE, MAIN_CF, MASTER_CF, NO_DATABASE, TABLES, TOR
 
 
 class SurroundingsTest(RunTest):
+    def ignored(self, call):
+        # The C library's popen(3) leaves its own two signals ignored.
+        return {n for n in range(1, 65) if int(call.ignored, 16) >> (n - 1) & 1} - {32, 33}
+
     def expectTheFirstRun(self, run):
         self.assertEqual(run.commands, [str(command) for command in commands("first_run.commands")])
         self.assertEqual(MASTER_CF.read_bytes(), golden("master.cf.after"))
@@ -73,14 +77,31 @@ class ClosedStreamsTest(SurroundingsTest):
                 self.expectTheFirstRun(run)
         os.close(write_end)
 
-    def test_a_progress_line_that_nobody_reads_leaves_master_cf_whole(self):
+    def test_a_reader_that_leaves_stops_nothing(self):
+        """As with `tool | head`, and with an installer whose log has died."""
         read_end, write_end = os.pipe()
         os.close(read_end)
-        run = self.world.run(debug="1", stderr=write_end)
+        for out, err in ((write_end, None), (None, write_end), (write_end, write_end)):
+            with self.subTest(out=out, err=err):
+                self.world.reset()
+                run = self.world.run(stdout=out, stderr=err)
+                self.expectTheFirstRun(run)
+                self.assertEqual({tuple(self.ignored(call)) for call in run.calls}, {()})
         os.close(write_end)
-        self.assertIn(run.status, (0, -signal.SIGPIPE))
-        self.assertIn(MASTER_CF.read_bytes(), (golden("master.cf.before"), golden("master.cf.after")))
-        self.assertEqual(self.world.leftovers(), [])
+
+    def test_a_fatal_error_that_nobody_reads_still_has_its_status(self):
+        read_end, write_end = os.pipe()
+        os.close(read_end)
+        error = fatal("torva::mail::postfix::PostfixConfigurationError", "no\n")
+        for out, err, debug in itertools.product((write_end, None), (write_end, None), ("1", None)):
+            with self.subTest(out=out, err=err, debug=debug):
+                self.world.reset()
+                self.world.rule(n=9, exit=1, stderr="no\n")
+                run = self.world.run(debug=debug, stdout=out, stderr=err)
+                self.assertEqual(run.status, 1)
+                self.assertTrue(out is not None or run.out.endswith(error))
+                self.assertTrue(err is not None or run.err.endswith(error))
+        os.close(write_end)
 
     def test_streams_on_a_full_device_stop_nothing(self):
         with open("/dev/full", "w") as full:
@@ -99,10 +120,6 @@ def block(signals):
 
 
 class SignalsTest(SurroundingsTest):
-    def ignored(self, call):
-        # The C library's popen(3) leaves its own two signals ignored.
-        return {n for n in range(1, 65) if int(call.ignored, 16) >> (n - 1) & 1} - {32, 33}
-
     def test_an_ignored_sigchld_hides_no_exit_status(self):
         run = self.world.run(preexec_fn=ignore(signal.SIGCHLD))
         self.expectTheFirstRun(run)

@@ -3,6 +3,7 @@
 #include "torva/libc/Child.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
@@ -25,6 +26,28 @@ void logThroughList(int priority, const char* format, ...) {
     va_start(arguments, format);
     torva_logv(priority, format, arguments);
     va_end(arguments);
+}
+
+/// Makes a standard stream a pipe that nobody reads.
+void losesItsReader(int stream) {
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) == 0) {
+        ::dup2(fds[1], stream);
+        ::close(fds[0]);
+        ::close(fds[1]);
+    }
+}
+
+/// Whether SIGPIPE has its default action, is let through and is not pending.
+bool sigpipeIsUntouched() {
+    sigset_t mask;
+    sigset_t pending;
+    struct sigaction action = {};
+    ::sigprocmask(SIG_BLOCK, nullptr, &mask);
+    ::sigpending(&pending);
+    ::sigaction(SIGPIPE, nullptr, &action);
+    return ::sigismember(&mask, SIGPIPE) == 0 && ::sigismember(&pending, SIGPIPE) == 0 &&
+           action.sa_handler == SIG_DFL;
 }
 
 } // namespace
@@ -103,6 +126,22 @@ TEST(LogTest, ConsoleWriterIgnoresOutputErrors) {
     });
     EXPECT_EQ(full.exited, 0);
     EXPECT_EQ(full.err, "text\n");
+}
+
+TEST(LogTest, AReaderThatHasGoneCostsNeitherTheProcessNorTheOtherCopy) {
+    for (const int gone : {STDOUT_FILENO, STDERR_FILENO}) {
+        SCOPED_TRACE(gone);
+        const Outcome outcome = inChild([gone] {
+            losesItsReader(gone);
+            torva_log(3, "one");
+            logThroughList(3, "two");
+            errno = 0;
+            report_error(0, "three");
+            return sigpipeIsUntouched() ? 0 : 1;
+        });
+        EXPECT_EQ(outcome.exited, 0);
+        EXPECT_EQ(gone == STDOUT_FILENO ? outcome.err : outcome.out, "one\ntwo\nthree\n");
+    }
 }
 
 TEST(LogTest, WithoutMemoryTheConsoleWriterPrintsTheBareFormat) {
@@ -291,6 +330,18 @@ TEST(ReportErrorTest, AStatusEndsTheProcessInOrder) {
     EXPECT_EQ(outcome.exited, 3);
     EXPECT_EQ(outcome.err, "fatal\nleft\n");
     EXPECT_EQ(outcome.out, "fatal\n");
+}
+
+TEST(ReportErrorTest, ReadersThatHaveGoneDoNotChangeTheExitStatus) {
+    const Outcome outcome = inChild([] {
+        losesItsReader(STDOUT_FILENO);
+        losesItsReader(STDERR_FILENO);
+        std::printf("not yet flushed");
+        errno = 0;
+        report_error(1, "fatal");
+        return 0;
+    });
+    EXPECT_EQ(outcome.exited, 1);
 }
 
 TEST(ReportErrorTest, AClosedStandardErrorStillLeavesTheOtherCopy) {

@@ -3,6 +3,7 @@
 #include "torva/libc/Child.h"
 #include "torva/util/LibraryFaults.h"
 
+#include <csignal>
 #include <gtest/gtest.h>
 
 using torva::utilityErrorStream;
@@ -100,6 +101,27 @@ TEST(UtilityErrorStreamTest, AClosedStandardStreamDoesNotCostTheOtherItsCopy) {
         });
         EXPECT_EQ(outcome.exited, 0);
         EXPECT_EQ(closed == STDOUT_FILENO ? outcome.err : outcome.out, "abc\ndef\n");
+    }
+}
+
+TEST(UtilityErrorStreamTest, AReaderThatHasGoneCostsNeitherTheProcessNorTheOtherCopy) {
+    for (const int gone : {STDOUT_FILENO, STDERR_FILENO}) {
+        SCOPED_TRACE(gone);
+        const Outcome outcome = inChild([gone] {
+            int fds[2];
+            if (::pipe2(fds, O_CLOEXEC) != 0) {
+                return 1;
+            }
+            ::dup2(fds[1], gone);
+            ::close(fds[0]);
+            utilityErrorStream << "abc" << std::endl;
+            utilityErrorStream << "def" << std::endl;
+            struct sigaction action = {};
+            ::sigaction(SIGPIPE, nullptr, &action);
+            return action.sa_handler == SIG_DFL ? 0 : 2;
+        });
+        EXPECT_EQ(outcome.exited, 0);
+        EXPECT_EQ(gone == STDOUT_FILENO ? outcome.err : outcome.out, "abc\ndef\n");
     }
 }
 

@@ -2,7 +2,9 @@
 // torva/process/.
 #pragma once
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 /// Moves a descriptor out of the reach of the three standard streams, into which a
 /// child or a message would otherwise be written when one of them was closed.
@@ -12,4 +14,6 @@ extern "C" {
 ///         when there is none to be had (`fd` is closed then) or `fd` is negative
 int fd_above_standard(int fd);
 
+#ifdef __cplusplus
 } // extern "C"
+#endif

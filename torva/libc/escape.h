@@ -2,7 +2,9 @@
 // torva/util/ShellSafe.h.
 #pragma once
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 /// 256 marks, one for each byte value: "-" for a byte that is safe as it stands,
 /// "*" for one that needs a backslash before it, "n" for one that needs an escape
@@ -14,4 +16,6 @@ extern const char* shell_escape_chars;
 ///         else 0
 int is_shell_safe(const char* text);
 
+#ifdef __cplusplus
 } // extern "C"
+#endif

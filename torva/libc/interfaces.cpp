@@ -1,5 +1,6 @@
 #include "torva/libc/interfaces.h"
 
+#include "torva/libc/descriptor.h"
 #include "torva/libc/log.h"
 
 #include <arpa/inet.h>
@@ -125,7 +126,8 @@ struct ifaceinfo* list_interfaces(int* count) {
     if (count != nullptr) {
         *count = 0;
     }
-    const int socket_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    // Never 0 to 2 where one of these is closed: a report would be written into it.
+    const int socket_fd = fd_above_standard(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (socket_fd == -1) {
         torva_log(reportPriority, "Can't create socket: %s\n", std::strerror(errno));
         return nullptr;

@@ -2,9 +2,11 @@
 // the list is decided in torva/postfix/params/LocalNetworks.h.
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 /// One interface address. The array ends with a record whose name is empty.
 struct ifaceinfo {
@@ -20,9 +22,12 @@ struct ifaceinfo {
 /// \param count  null, or set to the number of records (0 on failure)
 /// \return array owned by the caller, to be given to free_interfaces(); null on
 ///         failure, reported through torva_log at level 3
+/// No descriptor is left open; where 0, 1 or 2 is closed it is not used.
 struct ifaceinfo* list_interfaces(int* count);
 
 /// Releases what list_interfaces() returned; null is allowed.
 void free_interfaces(struct ifaceinfo* interfaces);
 
+#ifdef __cplusplus
 } // extern "C"
+#endif

@@ -1,5 +1,6 @@
 #include "torva/libc/log.h"
 
+#include "torva/libc/log_console.h"
 #include "torva/libc/sigpipe.h"
 
 #include <cerrno>
@@ -84,8 +85,7 @@ void writeReport(FILE* stream, const char* message) {
 
 extern "C" {
 
-__attribute__((format(printf, 2, 0))) static void console_logv(int priority, const char* format,
-                                                               va_list arguments) {
+void torva_console_logv(int priority, const char* format, va_list arguments) {
     if (priority > level) {
         return;
     }
@@ -107,17 +107,12 @@ __attribute__((format(printf, 2, 0))) static void console_logv(int priority, con
     errno = saved_errno;
 }
 
-__attribute__((format(printf, 2, 3))) static void console_log(int priority, const char* format,
-                                                              ...) {
+void torva_console_log(int priority, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    console_logv(priority, format, arguments);
+    torva_console_logv(priority, format, arguments);
     va_end(arguments);
 }
-
-void (*torva_log)(int priority, const char* format, ...) = console_log;
-void (*torva_logv)(int priority, const char* format, va_list arguments) = console_logv;
-const char* PROGNAME = nullptr;
 
 int log_level(void) {
     return level;
@@ -142,8 +137,8 @@ void log_init(const char* target, int new_level, int new_facility, int options, 
         torva_logv = vsyslog;
         return;
     }
-    torva_log = console_log;
-    torva_logv = console_logv;
+    torva_log = torva_console_log;
+    torva_logv = torva_console_logv;
     if (strncasecmp(target, "console", 7) != 0) {
         console = 0;
     }

@@ -3,25 +3,29 @@
 // through here; the one stream for fatal exceptions is torva/util/UtilityErrorStream.h.
 #pragma once
 
-#include <cstdarg>
+#include <stdarg.h>
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 /// Where library code reports: the shape of syslog(3), `priority` being one of
 /// its levels or one of the panel's own above them. Never null. Other code of
-/// the process may replace it. Initially a console writer: a message whose
+/// the process may replace it, by assignment or by a definition of its own, which
+/// then stands in place of the library's. Initially a console writer: a message whose
 /// priority is at most the level (6) goes, with a line feed, to standard error
 /// and then to standard output; any other goes nowhere. Output errors are ignored,
 /// a reader that has gone among them: no SIGPIPE comes of it.
 extern void (*torva_log)(int priority, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
 
-/// The same with an argument list: the shape of vsyslog(3).
+/// The same with an argument list: the shape of vsyslog(3). Replaced on its own.
 extern void (*torva_logv)(int priority, const char* format, va_list arguments)
     __attribute__((format(printf, 2, 0)));
 
-/// Name of the program, owned by whoever sets it; null until then. Its last path
-/// component stands in front of what report_error() writes.
+/// Name of the program, owned by whoever sets it, by assignment or by a definition;
+/// null until then. Its last path component stands in front of what report_error()
+/// writes.
 extern const char* PROGNAME;
 
 /// Chooses where the hooks write.
@@ -52,4 +56,6 @@ int log_facility(void);
 /// errors are ignored as by the console writers.
 void report_error(int status, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
+#ifdef __cplusplus
 } // extern "C"
+#endif

@@ -2,7 +2,9 @@
 // first use, with compile-time defaults for whatever it does not set. Read only.
 #pragma once
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 /// Indices of the variables that this code base reads; the table has 34 entries,
 /// of which the first and the last are sentinels.
@@ -28,4 +30,6 @@ const char* panel_conf_get_by_name(const char* name);
 ///         12, errno tells why, nothing is kept and the next call tries again)
 int panel_conf_load(void);
 
+#ifdef __cplusplus
 } // extern "C"
+#endif

@@ -5,7 +5,9 @@
 #include <stddef.h>
 #include <stdio.h>
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 struct panel_conf_pair {
     char* name;
@@ -47,4 +49,6 @@ struct panel_conf_file* panel_conf_new(void);
 /// Releases the file with its texts; null is allowed. Keeps errno.
 void panel_conf_free(struct panel_conf_file* file);
 
+#ifdef __cplusplus
 } // extern "C"
+#endif

@@ -4,7 +4,9 @@
 // files are torva/util/FileLock.h.
 #pragma once
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 /// Opens the semaphore file, "var/utilities.sem" below the panel's product root,
 /// unless it is open already. The other functions do so by themselves.
@@ -45,4 +47,6 @@ int sem_unlock(long semnum);
 /// closed all the same.
 void shutdown_sem(void);
 
+#ifdef __cplusplus
 } // extern "C"
+#endif

@@ -117,6 +117,30 @@ TEST(InterfacesTest, LackOfMemoryForTheQueryIsReported) {
     EXPECT_EQ(outcome.err, "3: unable to query SIOCGIFCONF: Cannot allocate memory\n");
 }
 
+TEST(InterfacesTest, TheSocketIsNeverAStandardStream) {
+    for (const std::uint32_t number : {0U, 1U, 2U}) {
+        SCOPED_TRACE(number);
+        const auto outcome = inChild([number] {
+            // As long as nobody asks through that descriptor, nothing fails.
+            if (!failSyscall(SYS_ioctl, EBADF, 0, number)) {
+                return static_cast<int>(noFilters);
+            }
+            for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+                ::close(fd);
+            }
+            ifaceinfo* list = list_interfaces(nullptr);
+            const bool listed = list != nullptr;
+            free_interfaces(list);
+            const std::set<int> open = openDescriptors();
+            return listed && (open.empty() || *open.begin() > STDERR_FILENO) ? 0 : 1;
+        });
+        if (outcome.exited == noFilters) {
+            GTEST_SKIP() << "the kernel allows no system call filters";
+        }
+        EXPECT_EQ(outcome.exited, 0);
+    }
+}
+
 TEST(InterfacesTest, AFailedQueryIsReportedAndLeavesNoDescriptor) {
     const auto outcome = inChild([] {
         if (!failSyscall(SYS_ioctl, ENOBUFS, 1, SIOCGIFCONF)) {

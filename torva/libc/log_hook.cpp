@@ -1,0 +1,6 @@
+// Alone in its file: a program that defines this variable itself links without this object
+// of the archive, where a second definition beside other things would be an error.
+#include "torva/libc/log.h"
+#include "torva/libc/log_console.h"
+
+void (*torva_log)(int priority, const char* format, ...) = torva_console_log;

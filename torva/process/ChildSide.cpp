@@ -64,19 +64,36 @@ void closeRange(int first, int end) {
     }
 }
 
+// One more than the highest descriptor that can be opened.
+int descriptorLimit() {
+    struct rlimit limit = {};
+    if (retried([&limit] { return ::getrlimit(RLIMIT_NOFILE, &limit); }) != 0) {
+        return assumedLimit;
+    }
+    constexpr rlim_t highest = 0x7fffffff;
+    return static_cast<int>(std::min(limit.rlim_cur, highest));
+}
+
 // One range on each side of the control pipe: the limit may be a billion, too much
 // for a loop.
 void closeOtherDescriptors(int controlFd) {
     const int saved = errno;
-    int end = assumedLimit;
-    struct rlimit limit = {};
-    if (retried([&limit] { return ::getrlimit(RLIMIT_NOFILE, &limit); }) == 0) {
-        constexpr rlim_t highest = 0x7fffffff;
-        end = static_cast<int>(std::min(limit.rlim_cur, highest));
-    }
+    const int end = descriptorLimit();
     closeRange(firstOther, std::min(controlFd, end));
     closeRange(controlFd + 1, end);
     errno = saved;
+}
+
+// exit(3) cleans up the streams of the whole process: it would move the offset of a file
+// that the parent has half read back to where the parent's buffer began, and write what
+// the parent's own buffers hold a second time. Standard output and error stay, for what
+// the hook and the exit handlers have to say.
+void leaveDescriptorsToTheParent() {
+    ::close(STDIN_FILENO);
+    ::open("/dev/null", O_RDONLY); // or the next file opened would become standard input
+    if (::close_range(firstOther, ~0U, 0) != 0) {
+        closeRange(firstOther, descriptorLimit());
+    }
 }
 
 [[noreturn]] void execute(const ChildPlan& plan) {
@@ -129,6 +146,7 @@ void runChild(const ChildPlan& plan) noexcept {
         writeError(plan.controlFd, error);
         status = error.exitStatus;
     }
+    leaveDescriptorsToTheParent();
     std::exit(status);
 }
 

@@ -24,9 +24,9 @@ struct ChildPlan {
     const sigset_t* signalMask;                 ///< null: as it is
 };
 
-/// Becomes the program, or reports why not over the control pipe and ends with
-/// exit(3): 67 after a SystemError, 66 after another std::exception, 65 after
-/// anything else.
+/// Becomes the program, or reports why not over the control pipe, closes standard input
+/// and all descriptors above 2, and ends with exit(3): 67 after a SystemError, 66 after
+/// another std::exception, 65 after anything else.
 [[noreturn]] void runChild(const ChildPlan& plan) noexcept;
 
 } // namespace torva::process

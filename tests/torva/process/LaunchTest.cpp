@@ -239,51 +239,6 @@ TEST_F(LaunchTest, GivenMaskIsTheProgramsAndTheHooks) {
     EXPECT_EQ(1, WEXITSTATUS(status));
 }
 
-TEST_F(LaunchTest, BufferedOutputIsNotPrintedTwiceByAFailingChild) {
-    char name[] = "/tmp/launch-test-XXXXXX";
-    const Descriptor file(::mkstemp(name));
-    ASSERT_TRUE(file);
-    EXPECT_EQ("", inSubprocess([&](std::ostream&) {
-                  ::dup2(file.get(), 1);
-                  ::dup2(file.get(), 2);
-                  std::fputs("stdout ", stdout);
-                  std::FILE* const other = ::fdopen(::dup(file.get()), "w");
-                  std::fputs("other ", other);
-                  std::cout << "cout ";
-                  std::clog << "clog ";
-                  LaunchRequest request;
-                  request.program = "/does/not/exist";
-                  request.arguments = {"x"};
-                  pid_t pid = -1;
-                  thrownBy([&] { launch(request, &pid); });
-                  waitForExit(pid);
-                  std::fflush(nullptr);
-              }));
-    ::lseek(file.get(), 0, SEEK_SET);
-    const std::string text = readAll(file.get());
-    for (const std::string word : {"stdout ", "other ", "cout ", "clog "}) {
-        EXPECT_NE(std::string::npos, text.find(word)) << text;
-        EXPECT_EQ(text.find(word), text.rfind(word)) << text;
-    }
-    ::unlink(name);
-}
-
-TEST_F(LaunchTest, FailingChildEndsWithExitAndRunsItsExitHandlers) {
-    PipeEnds ends = openPipe("pipe");
-    EXPECT_EQ("", inSubprocess([&](std::ostream&) {
-                  static int fd = ends.write.get();
-                  std::atexit([] { ::write(fd, "handler", 7) == 7 ? void() : std::abort(); });
-                  LaunchRequest request;
-                  request.program = "/does/not/exist";
-                  request.arguments = {"x"};
-                  pid_t pid = -1;
-                  thrownBy([&] { launch(request, &pid); });
-                  waitForExit(pid);
-              }));
-    ends.write.release();
-    EXPECT_EQ("handler", readAll(ends.read.get()));
-}
-
 TEST_F(LaunchTest, LostChildrenAreWaitedForAndErrnoStays) {
     for (const int status : {0, 5}) {
         if (::fork() == 0) {

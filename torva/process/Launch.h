@@ -53,7 +53,8 @@ struct LaunchResult {
     Descriptor error;  ///< read end; the same
 };
 
-/// Forks, and executes the program in the child. See fork(2), execve(2).
+/// Forks, and executes the program in the child. See fork(2), execve(2). While a pipe
+/// (torva/process/Pipe.h) runs, it reaps this child, too: waitForExit() then fails.
 ///
 /// \param forked  takes the pid as soon as there is a child; also one that could
 ///                not execute its program and is left to the caller to wait for;
@@ -67,14 +68,17 @@ struct LaunchResult {
 ///         negative descriptor; nothing was started
 /// \throws other  what the hook threw, as std::runtime_error, std::exception or,
 ///         for what is no std::exception, std::runtime_error "unknown error"
-/// No descriptor stays open after a failure. All standard output streams are
-/// flushed first: a child that fails ends with exit(3).
+/// No descriptor stays open after a failure. All standard output streams are flushed
+/// first, because a child that fails ends with exit(3) and runs the exit handlers and
+/// static destructors of this process, with "/dev/null" as its input and nothing open
+/// above 2: files that are half read stay where they are, buffers are written once.
 LaunchResult launch(const LaunchRequest& request, pid_t* forked = nullptr);
 
 /// Waits until a child has ended.
 ///
 /// \return raw wait status, see waitpid(2)
-/// \throws SystemError  "unable to wait for child process exit"
+/// \throws SystemError  "unable to wait for child process exit"; with ECHILD when there is
+///         no such child, or a running pipe has reaped it
 int waitForExit(pid_t pid);
 
 /// Waits for every child that this process still has: for callers of system(3) and

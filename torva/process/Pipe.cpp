@@ -169,12 +169,14 @@ void Pipe::launch() {
         completeFlags(process.flags, *this);
     }
 
-    SigpipeGuard sigpipe;
     std::vector<ServedChild> served(processes.size());
     ProcessSet children(processes.size());
     SigchldBlock sigchld;
     ProcessSetCatcher catcher(children);
     catcher.install();
+    // Behind the catcher, of which there is one: of two guards in two threads the one that
+    // goes first would leave the other pipe without.
+    SigpipeGuard sigpipe;
     try {
         startAndServe(processes, served, children, catcher, sigchld);
     } catch (...) {
@@ -185,9 +187,9 @@ void Pipe::launch() {
         throw;
     }
     takeStatuses(processes, children);
+    sigpipe.restore();
     catcher.remove();
     sigchld.restore();
-    sigpipe.restore();
     refuseLostInput(processes, served);
 }
 

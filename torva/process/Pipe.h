@@ -68,12 +68,22 @@ public:
     /// Starts every process and serves the streams until all have ended and all
     /// stream pipes are closed. A stream with a callback is a pipe, one with a
     /// descriptor gets that descriptor, one with neither is inherited; a callback
-    /// wins over a descriptor. While this runs SIGCHLD is ours: callbacks must not
-    /// wait for children of their own.
+    /// wins over a descriptor.
+    ///
+    /// While this runs SIGCHLD is ours, and every child of the process that ends is
+    /// reaped here, whoever started it: the status of the caller's own children is lost
+    /// (their waitpid(2) fails with ECHILD), and callbacks must not wait for children.
+    /// Other threads may run, as long as they wait for no child meanwhile.
+    ///
+    /// Producers and consumers cannot feed each other: nothing tells one of them that
+    /// the child of the other has ended, and an input callback that has nothing yet can
+    /// only answer with an empty piece and "true", upon which the pipe asks again with
+    /// the next event of any stream, and waits for ever when there is none. Collect the
+    /// output of one pipe, or have it written to a file, and give it to the next.
     ///
     /// \throws std::logic_error  "the pipe has been launched already", "No processes
-    ///         to launch were assigned so far", or the catcher is in use: another
-    ///         pipe is running
+    ///         to launch were assigned so far", or "ProcessSetCatcher instance has been
+    ///         installed already": another pipe is running, in this thread or another
     /// \throws std::invalid_argument  "invalid FD for stdin" (or "stdout", "stderr"):
     ///         a negative descriptor other than -1
     /// \throws SystemError  a system call failed, here or in a child before exec;
@@ -82,9 +92,6 @@ public:
     /// How a child ended is no error: see status(). After an error no descriptor and
     /// no child is left: those that run lose their pipes and are given three seconds
     /// to end, then terminated, then killed. Signal mask and actions are as before.
-    ///
-    /// The children are connected to callbacks and descriptors only, never to each
-    /// other.
     void launch();
 
     /// Whether launch() has been called with at least one process.

@@ -13,9 +13,15 @@
 namespace torva::process {
 namespace {
 
-// Read by the signal handler.
+// The one that is installed or about to be. The handler follows it in its owner's thread
+// only, where it cannot go away meanwhile.
 std::atomic<ProcessSetCatcher*> theCatcher{nullptr};
-static_assert(std::atomic<ProcessSetCatcher*>::is_always_lock_free,
+// The thread whose handler reaps, by its kernel number: a pthread_t of a thread that has
+// ended may not even be asked about. 0: none, the handler does nothing.
+std::atomic<pid_t> theOwner{0};
+static_assert(std::atomic<ProcessSetCatcher*>::is_always_lock_free &&
+                  std::atomic<pid_t>::is_always_lock_free &&
+                  std::atomic<std::size_t>::is_always_lock_free,
               "a lock in a signal handler is a dead-lock");
 
 // A call of the handler. Nobody hears of its failure, and a child that is not reaped
@@ -51,7 +57,7 @@ bool ProcessSet::recordEnd(pid_t pid, int status) noexcept {
         if (child.pid == pid && !child.ended) {
             child.status = status;
             child.ended = true;
-            ++ended_;
+            ended_.fetch_add(1, std::memory_order_release);
             return true;
         }
     }
@@ -59,7 +65,8 @@ bool ProcessSet::recordEnd(pid_t pid, int status) noexcept {
 }
 
 std::size_t ProcessSet::running() const noexcept {
-    return children_.size() - ended_;
+    // Whoever sees the count sees the statuses.
+    return children_.size() - ended_.load(std::memory_order_acquire);
 }
 
 int ProcessSet::status(pid_t pid) const {
@@ -77,15 +84,26 @@ ProcessSetCatcher::~ProcessSetCatcher() {
     if (installed_) {
         const int saved = errno;
         ::sigaction(SIGCHLD, &previous_, nullptr);
-        theCatcher = nullptr;
+        uninstall();
         errno = saved;
     }
 }
 
 void ProcessSetCatcher::install() {
-    if (theCatcher != nullptr) {
+    // In one step: two threads may try at the same time.
+    ProcessSetCatcher* none = nullptr;
+    if (!theCatcher.compare_exchange_strong(none, this)) {
         throw std::logic_error("ProcessSetCatcher instance has been installed already");
     }
+    try {
+        takeSigchld();
+    } catch (...) {
+        uninstall();
+        throw;
+    }
+}
+
+void ProcessSetCatcher::takeSigchld() {
     PipeEnds wake = openPipe("process set catcher control pipe");
     // Neither may the handler wait for room nor drain() for one more byte.
     for (const int fd : {wake.read.get(), wake.write.get()}) {
@@ -95,14 +113,19 @@ void ProcessSetCatcher::install() {
     action.sa_handler = handleSigchld;
     action.sa_flags = SA_RESTART | SA_NOCLDSTOP;
     std::swap(wake_, wake);
-    theCatcher = this;
+    theOwner = ::gettid();
     if (retried([&] { return ::sigaction(SIGCHLD, &action, &previous_); }) == -1) {
         const int code = errno;
-        theCatcher = nullptr;
         std::swap(wake_, wake);
         throw SystemError("sigaction", code);
     }
     installed_ = true;
+}
+
+void ProcessSetCatcher::uninstall() noexcept {
+    installed_ = false;
+    theOwner = 0;
+    theCatcher = nullptr;
 }
 
 void ProcessSetCatcher::drain() {
@@ -114,8 +137,6 @@ void ProcessSetCatcher::drain() {
             throwLastError("read");
         }
     } while (count == sizeof(bytes));
-    // The handler has changed the set behind the compiler's back.
-    std::atomic_signal_fence(std::memory_order_acquire);
 }
 
 void ProcessSetCatcher::remove() {
@@ -126,20 +147,26 @@ void ProcessSetCatcher::remove() {
         throw std::logic_error("there're some child processes still running");
     }
     systemCall("restore sigaction", [this] { return ::sigaction(SIGCHLD, &previous_, nullptr); });
-    installed_ = false;
-    theCatcher = nullptr;
+    uninstall();
     wake_.read.release();
     wake_.write.release();
 }
 
 void ProcessSetCatcher::forgetInChild() noexcept {
+    theOwner = 0;
     theCatcher = nullptr;
 }
 
 void ProcessSetCatcher::handleSigchld(int /*signal*/) {
     const int saved = errno;
-    if (ProcessSetCatcher* const catcher = theCatcher) {
-        catcher->reap();
+    const pid_t owner = theOwner;
+    if (owner == ::gettid()) {
+        theCatcher.load()->reap();
+    } else if (owner != 0) {
+        // The kernel chooses any thread. A child that is reaped here, before the launching
+        // thread has entered it, would be waited for without end: over there the signal
+        // stays pending for as long as the set is being changed.
+        ::tgkill(::getpid(), owner, SIGCHLD);
     }
     errno = saved;
 }
@@ -155,7 +182,6 @@ void ProcessSetCatcher::reap() noexcept {
         }
         const bool terminated = WIFEXITED(status) || WIFSIGNALED(status);
         if (terminated && children_.recordEnd(pid, status)) {
-            std::atomic_signal_fence(std::memory_order_release);
             // A full pipe is readable already: the byte is not missed.
             insisted(EAGAIN, [this] { return ::write(wake_.write.get(), "t", 1); });
         }

@@ -1,10 +1,16 @@
 // Learns of the end of children: a set of them, and the one SIGCHLD handler of the
 // process that reaps them and wakes whoever waits in select(2). Waiting for a
 // single child without a handler is waitForExit() in torva/process/Launch.h.
+//
+// Threads: one thread of the process uses a set with its catcher, from install() until
+// it is removed, and does not end before that. Other threads may run, take SIGCHLD or
+// have it blocked: their handler hands the signal to that thread. A child that any of
+// them starts is reaped, too, and its status is lost to them.
 #pragma once
 
 #include "torva/process/Descriptor.h"
 
+#include <atomic>
 #include <csignal>
 #include <cstddef>
 #include <sys/types.h>
@@ -47,7 +53,7 @@ public:
 
 private:
     std::vector<WatchedChild> children_;
-    std::size_t ended_ = 0;
+    std::atomic<std::size_t> ended_{0}; ///< changed by the handler, after the child's entry
 };
 
 /// Watches a set. The sequence: block SIGCHLD, install(), add the children, let
@@ -61,12 +67,14 @@ public:
     ProcessSetCatcher(const ProcessSetCatcher&) = delete;
     ProcessSetCatcher& operator=(const ProcessSetCatcher&) = delete;
 
-    /// Takes SIGCHLD over. The handler reaps every child of the process.
+    /// Takes SIGCHLD over. The handler reaps every child of the process, in the calling
+    /// thread.
     ///
     /// \throws std::logic_error  "ProcessSetCatcher instance has been installed
-    ///         already": that one goes on undisturbed
+    ///         already", by whatever thread: that one goes on undisturbed
     /// \throws SystemError  "process set catcher control pipe", "control pipe
-    ///         fcntl", "sigaction"; nothing is installed then
+    ///         fcntl", "sigaction"; nothing is installed then, and this catcher or
+    ///         another can be
     void install();
 
     /// Readable when children have ended since the last drain(); owned here.
@@ -90,6 +98,8 @@ public:
 
 private:
     static void handleSigchld(int signal);
+    void takeSigchld();
+    void uninstall() noexcept;
     void reap() noexcept;
 
     ProcessSet& children_;

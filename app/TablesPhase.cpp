@@ -2,8 +2,11 @@
 
 #include "app/Progress.h"
 #include "torva/postfix/tables/CreateTable.h"
+#include "torva/util/FilesystemError.h"
 
 #include <boost/filesystem/operations.hpp>
+
+#include <cerrno>
 
 namespace torva::app {
 
@@ -32,12 +35,12 @@ void ensureDirectory(const std::string& path) {
     // Boost names another operation when the path is there and no directory.
     const fs::file_status status = fs::status(path, code);
     if (fs::exists(status) && !fs::is_directory(status)) {
-        code = make_error_code(boost::system::errc::file_exists);
+        code.assign(EEXIST, boost::system::system_category());
     } else {
         fs::create_directories(path, code);
     }
     if (code) {
-        throw fs::filesystem_error("boost::filesystem::create_directories", path, code);
+        throw filesystemError("boost::filesystem::create_directories", path, code.value());
     }
 }
 

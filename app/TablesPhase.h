@@ -14,7 +14,8 @@ void tablesPhase(const Progress& progress);
 /// Makes a directory and whatever is missing above it.
 ///
 /// \throws boost::filesystem::filesystem_error "boost::filesystem::create_directories",
-///         with the path, when it is there and no directory, or cannot be made
+///         with the path, when it is there and no directory, or cannot be made; the
+///         code has the system category
 void ensureDirectory(const std::string& path);
 
 } // namespace torva::app

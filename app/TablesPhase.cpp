@@ -4,9 +4,8 @@
 #include "torva/postfix/tables/CreateTable.h"
 #include "torva/util/FilesystemError.h"
 
-#include <boost/filesystem/operations.hpp>
-
 #include <cerrno>
+#include <sys/stat.h>
 
 namespace torva::app {
 
@@ -29,19 +28,26 @@ const TableStep tables[] = {
 
 } // namespace
 
+// By hand and not by Boost, whose versions differ in the error when something is in the
+// way; the text is the same as theirs.
 void ensureDirectory(const std::string& path) {
-    namespace fs = boost::filesystem;
-    boost::system::error_code code;
-    // Boost names another operation when the path is there and no directory.
-    const fs::file_status status = fs::status(path, code);
-    if (fs::exists(status) && !fs::is_directory(status)) {
-        code.assign(EEXIST, boost::system::system_category());
-    } else {
-        fs::create_directories(path, code);
-    }
-    if (code) {
-        throw filesystemError("boost::filesystem::create_directories", path, code.value());
-    }
+    std::string::size_type end = 0;
+    do {
+        end = path.find('/', end + 1);
+        const std::string directory = path.substr(0, end);
+        if (::mkdir(directory.c_str(), 0777) == 0) {
+            continue;
+        }
+        int code = errno;
+        struct stat status = {};
+        if (::stat(directory.c_str(), &status) == 0) {
+            if (S_ISDIR(status.st_mode)) {
+                continue;
+            }
+            code = end == std::string::npos ? EEXIST : ENOTDIR;
+        }
+        throw filesystemError("boost::filesystem::create_directories", path, code);
+    } while (end != std::string::npos);
 }
 
 void tablesPhase(const Progress& progress) {

@@ -83,6 +83,11 @@ TEST_F(EnsureDirectoryTest, FileOnTheWayIsAnError) {
 TEST_F(EnsureDirectoryTest, LinkToNowhereInItsPlaceIsAnError) {
     ASSERT_EQ(::symlink("/does/not/exist", (top_ + "/link").c_str()), 0);
     expectError(top_ + "/link", EEXIST, "File exists");
+    expectError(top_ + "/link/below", EEXIST, "File exists");
+}
+
+TEST_F(EnsureDirectoryTest, ReasonOfTheSystemIsTold) {
+    expectError("/proc/torva", ENOENT, "No such file or directory");
 }
 
 } // namespace

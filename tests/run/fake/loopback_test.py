@@ -20,6 +20,14 @@ class LoopbackOnlyTest(OnAnyHost):
         self.assertEqual(run.err, transcript())
         self.assertCompleted(run)
 
+    def test_without_ipv6_each_run_adds_one_more_odd_network(self):
+        """The default is then the loopback network alone, and stands at the start of our list."""
+        self.world.defaults(mynetworks="127.0.0.0/8")
+        self.world.params(mynetworks="127.0.0.0/8", myhostname="localhost.localdomain")
+        for run in range(1, 4):
+            self.assertEqual(self.world.run().set("mynetworks"), ["127.0.0.0/8" + ", /32" * run])
+            self.world.forget()
+
 
 del OnAnyHost  # its own rows are for another host
 

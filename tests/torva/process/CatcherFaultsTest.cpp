@@ -5,7 +5,10 @@
 #include "torva/process/SignalGuards.h"
 
 #include <cerrno>
+#include <csignal>
+#include <cstdarg>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,6 +17,8 @@ namespace {
 
 int failingWaits = 0;  // how many of the next calls fail
 int failingWrites = 0; // of one byte, which is how the handler wakes the loop
+int failingFlags = 0;  // calls that make a descriptor non-blocking
+int failingActions = 0;
 
 } // namespace
 
@@ -38,6 +43,33 @@ extern "C" ssize_t write(int fd, const void* data, size_t size) {
         return -1;
     }
     return real(fd, data, size);
+}
+
+extern "C" int fcntl(int fd, int command, ...) {
+    using Fcntl = int (*)(int, int, long);
+    static const auto real = reinterpret_cast<Fcntl>(::dlsym(RTLD_NEXT, "fcntl"));
+    if (command == F_SETFL && failingFlags > 0) {
+        --failingFlags;
+        errno = EINVAL;
+        return -1;
+    }
+    va_list arguments;
+    va_start(arguments, command);
+    const long argument = va_arg(arguments, long);
+    va_end(arguments);
+    return real(fd, command, argument);
+}
+
+extern "C" int sigaction(int signal, const struct sigaction* action,
+                         struct sigaction* previous) noexcept {
+    using Action = int (*)(int, const struct sigaction*, struct sigaction*);
+    static const auto real = reinterpret_cast<Action>(::dlsym(RTLD_NEXT, "sigaction"));
+    if (signal == SIGCHLD && action != nullptr && failingActions > 0) {
+        --failingActions;
+        errno = EINVAL;
+        return -1;
+    }
+    return real(signal, action, previous);
 }
 
 namespace torva::process {
@@ -90,6 +122,24 @@ TEST_F(CatcherFaultsTest, FailedWakeUpIsTriedAgainOrTheRunWouldWaitForEver) {
     failingWrites = 2;
     EXPECT_TRUE(endIsNoticed());
     EXPECT_EQ(failingWrites, 0);
+}
+
+TEST_F(CatcherFaultsTest, AfterAnInstallationThatFailedTheNextOneWorks) {
+    for (int* const fault : {&failingFlags, &failingActions}) {
+        const std::string before = census();
+        ProcessSet none(1);
+        ProcessSetCatcher failed(none);
+        *fault = 1;
+        EXPECT_NE("nothing", thrownBy([&] { failed.install(); }));
+        EXPECT_EQ(*fault, 0);
+        EXPECT_EQ(-1, failed.wakeFd());
+        failed.remove(); // nothing to do
+        ::raise(SIGCHLD);
+        EXPECT_EQ(before, census());
+        EXPECT_TRUE(endIsNoticed());
+        failed.install(); // the same one, too
+        failed.remove();
+    }
 }
 
 TEST_F(CatcherFaultsTest, HandlerComesBackFromACallThatFailsForGood) {

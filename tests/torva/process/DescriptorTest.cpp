@@ -3,11 +3,32 @@
 #include "ProcessFixture.h"
 
 #include <cerrno>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <stdexcept>
 #include <unistd.h>
 #include <vector>
+
+namespace {
+
+int interruptedCloses = 0; // how many of the next calls are
+
+} // namespace
+
+// In place of the C library's, for the whole test program. As Linux does it: an interrupted
+// call has closed the descriptor.
+extern "C" int close(int fd) {
+    using Close = int (*)(int);
+    static const auto real = reinterpret_cast<Close>(::dlsym(RTLD_NEXT, "close"));
+    const int result = real(fd);
+    if (interruptedCloses > 0) {
+        --interruptedCloses;
+        errno = EINTR;
+        return -1;
+    }
+    return result;
+}
 
 namespace torva::process {
 namespace {
@@ -77,6 +98,27 @@ TEST_F(DescriptorTest, CheckedReleaseNamesTheGivenOperation) {
     Descriptor descriptor(fd);
     EXPECT_EQ(systemError("pipe read-end close", EBADF),
               thrownBy([&] { descriptor.release("pipe read-end close"); }));
+}
+
+TEST_F(DescriptorTest, InterruptedCloseIsNoFailureAndTheDescriptorIsClosed) {
+    for (const int interruptions : {1, 2}) {
+        const int fd = openSomething();
+        Descriptor descriptor(fd);
+        interruptedCloses = interruptions;
+        EXPECT_EQ("nothing", thrownBy([&] { descriptor.release(); }));
+        EXPECT_EQ(0, interruptedCloses);
+        EXPECT_FALSE(isOpen(fd));
+        EXPECT_EQ(-1, descriptor.get());
+    }
+}
+
+TEST_F(DescriptorTest, InterruptedQuietCloseKeepsErrno) {
+    Descriptor descriptor(openSomething());
+    interruptedCloses = 1;
+    errno = EXDEV;
+    descriptor.closeQuietly();
+    EXPECT_EQ(EXDEV, errno);
+    EXPECT_EQ(0, interruptedCloses);
 }
 
 TEST_F(DescriptorTest, ReleaseDuringPropagationIsSilentAndKeepsErrno) {

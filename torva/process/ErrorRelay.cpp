@@ -1,6 +1,7 @@
 #include "torva/process/ErrorRelay.h"
 
 #include "torva/process/SystemCall.h"
+#include "torva/util/SigpipeHold.h"
 #include "torva/util/SystemError.h"
 
 #include <charconv>
@@ -110,6 +111,7 @@ void ErrorReader::interpret(const std::string& record) {
     } else if (tag == codeTag) {
         code_ = parseCode(text);
     } else {
+        const SigpipeHold hold; // its reader may have gone
         childOutput_ << "child output: " << record << std::endl;
     }
 }

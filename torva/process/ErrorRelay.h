@@ -37,7 +37,8 @@ void writeError(int fd, const ChildError& error);
 class ErrorReader {
 public:
     /// \param childOutput  takes a line "child output: ..." for each record without
-    ///                     one of the three tags; has to outlive the reader
+    ///                     one of the three tags; has to outlive the reader. Errors
+    ///                     of that output are ignored, a reader that has gone, too
     explicit ErrorReader(std::ostream& childOutput);
 
     /// Takes the next piece, in any length.

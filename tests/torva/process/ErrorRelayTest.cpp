@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <functional>
+#include <iostream>
 #include <new>
 #include <sstream>
 #include <stdexcept>
@@ -187,6 +188,17 @@ TEST_F(ErrorRelayTest, WhatIsEncodedComesBackWithTheSystemTextTwice) {
     reader.finish();
     EXPECT_EQ(relayedSystemError("cwd chdir", EACCES), thrownBy([&] { reader.throwIfFailed(); }));
     EXPECT_EQ("", output.str());
+}
+
+TEST_F(ErrorRelayTest, ChildOutputThatNobodyReadsEndsNothing) {
+    EXPECT_EQ("still here", inSubprocess([](std::ostream& out) {
+                  PipeEnds ends = openPipe("pipe");
+                  ::dup2(ends.write.get(), 2);
+                  ends.read.release();
+                  ErrorReader reader(std::clog);
+                  reader.feed("hello", 6);
+                  out << "still here";
+              }));
 }
 
 } // namespace

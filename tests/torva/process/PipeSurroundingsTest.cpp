@@ -4,6 +4,7 @@
 
 #include "ProcessFixture.h"
 #include "torva/process/Descriptor.h"
+#include "torva/process/Launch.h"
 
 #include <cerrno>
 #include <csignal>
@@ -210,14 +211,16 @@ TEST_F(PipeSurroundingsTest, SignalsOfOthersInterruptNothing) {
               }));
 }
 
-TEST_F(PipeSurroundingsTest, ForeignChildOfTheCallerDoesNotEndThePipe) {
-    EXPECT_EQ("on 2", inSubprocess([](std::ostream& out) {
+TEST_F(PipeSurroundingsTest, ForeignChildOfTheCallerDoesNotEndThePipeAndIsReapedByIt) {
+    EXPECT_EQ("on 2, " + systemError("unable to wait for child process exit", ECHILD),
+              inSubprocess([](std::ostream& out) {
                   const pid_t foreign = ::fork();
                   if (foreign == 0) {
                       ::_exit(9);
                   }
                   const Outcome outcome = runScript("sleep 0.1; printf 'on '; exit 2");
-                  out << outcome.output << outcome.exited();
+                  out << outcome.output << outcome.exited() << ", ";
+                  waitForExit(foreign);
               }));
 }
 

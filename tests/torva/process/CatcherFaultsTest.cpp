@@ -142,6 +142,19 @@ TEST_F(CatcherFaultsTest, AfterAnInstallationThatFailedTheNextOneWorks) {
     }
 }
 
+TEST_F(CatcherFaultsTest, HandlerThatCouldNotBeTakenAwayDoesNothing) {
+    EXPECT_EQ("alive", inSubprocess([](std::ostream& out) {
+                  {
+                      ProcessSet children(1);
+                      ProcessSetCatcher catcher(children);
+                      catcher.install();
+                      failingActions = 1;
+                  }
+                  ::raise(SIGCHLD);
+                  out << (failingActions == 0 ? "alive" : "not tried");
+              }));
+}
+
 TEST_F(CatcherFaultsTest, HandlerComesBackFromACallThatFailsForGood) {
     const std::string said = inSubprocess([](std::ostream& out) {
         failingWrites = 1000;

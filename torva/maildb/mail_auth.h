@@ -7,7 +7,9 @@
 
 #include <stddef.h>
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 /// Mail server types: the first argument of every operation.
 enum { MAIL_SERVER_UNKNOWN = -1, MAIL_SERVER_QMAIL = 0, MAIL_SERVER_POSTFIX = 1 };
@@ -101,4 +103,6 @@ void mail_auth_free_user(struct mail_auth_user* user);
 /// The same for a whole list, and frees the list. Null is allowed.
 void mail_auth_free_list(struct mail_auth_user* users);
 
+#ifdef __cplusplus
 } // extern "C"
+#endif

@@ -8,7 +8,9 @@
 
 struct st_mysql; // MYSQL of the client library
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 /// 1 when the session uses "SET NAMES utf8", else 0; set by db_open().
 extern int db_utf8_compatible;
@@ -55,4 +57,6 @@ void db_free_list(char** list);
 ///         "@" alone and is not empty; else 0, as for null
 int db_is_safe_name(const char* name);
 
+#ifdef __cplusplus
 } // extern "C"
+#endif

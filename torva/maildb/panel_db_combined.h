@@ -11,7 +11,9 @@
 
 struct st_mysql; // MYSQL of the client library
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 /// Removes the mailbox of a mail name at a domain, then at each of its domain aliases.
 int db_remove_mail_name(struct st_mysql* connection, int type, const char* name,
@@ -49,4 +51,6 @@ int db_clone_auth_records(struct st_mysql* connection, int type, const char* fro
 /// failed step, and nothing is removed: it may be a real domain.
 int db_remove_auth_domain_by_alias(struct st_mysql* connection, int type, const char* alias);
 
+#ifdef __cplusplus
 } // extern "C"
+#endif

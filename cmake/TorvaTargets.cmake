@@ -15,13 +15,15 @@ function(torva_name_of variable folder)
   set(${variable} ${name} PARENT_SCOPE)
 endfunction()
 
-# torva_library(FOLDER [DEPS target...] [PRIVATE_DEPS target...] [EXCLUDE file...])
+# torva_library(FOLDER [DEPS target...] [PRIVATE_DEPS target...] [EXCLUDE file...]
+#   [PUBLIC_HEADERS file...])
 #
 # Makes the static library torva_<folder> (slashes become underscores, a leading
-# "torva/" is left out), alias torva::<folder>, from every *.cpp of FOLDER. DEPS are what its headers or
-# sources include; PRIVATE_DEPS stay out of its headers.
+# "torva/" is left out), alias torva::<folder>, from every *.cpp of FOLDER. DEPS are
+# what its headers or sources include; PRIVATE_DEPS stay out of its headers.
+# PUBLIC_HEADERS are what users of the library may include, see TorvaMail.cmake.
 function(torva_library folder)
-  cmake_parse_arguments(arg "" "" "DEPS;PRIVATE_DEPS;EXCLUDE" ${ARGN})
+  cmake_parse_arguments(arg "" "" "DEPS;PRIVATE_DEPS;EXCLUDE;PUBLIC_HEADERS" ${ARGN})
   torva_name_of(name ${folder})
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/${folder}/*.cpp)
   foreach(file IN LISTS arg_EXCLUDE)
@@ -40,6 +42,8 @@ function(torva_library folder)
   target_link_libraries(torva_${name}
     PUBLIC ${arg_DEPS}
     PRIVATE torva::warnings ${arg_PRIVATE_DEPS})
+  list(TRANSFORM arg_PUBLIC_HEADERS PREPEND ${CMAKE_SOURCE_DIR}/${folder}/)
+  set_target_properties(torva_${name} PROPERTIES TORVA_PUBLIC_HEADERS "${arg_PUBLIC_HEADERS}")
 endfunction()
 
 # What test programs are compiled with on top of that: with optimization, GCC 12

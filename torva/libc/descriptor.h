@@ -1,5 +1,6 @@
 // Descriptors of the plain functions. Those of the class layers have holders, see
 // torva/process/.
+// Private to the library: not installed.
 #pragma once
 
 #ifdef __cplusplus

@@ -1,5 +1,6 @@
 // The text format of the panel's configuration file, apart from where the file
 // lies: used by panel_conf.cpp, whose header is the public side.
+// Private to the library: not installed.
 #pragma once
 
 #include <stddef.h>

@@ -1,5 +1,6 @@
 // The arrays that the plain functions hand out: memory of malloc(3), ended by an
 // element of zeros, while they are being filled.
+// Private to the library: not installed.
 #pragma once
 
 #include <cerrno>

@@ -1,5 +1,6 @@
 // Texts made with the printf rules in memory of their own, for the sources of this
 // folder: nothing here throws.
+// Private to the library: not installed.
 #pragma once
 
 #include <cstdlib>

@@ -1,5 +1,6 @@
 // The pieces of the making of a mail-authentication database, apart for their tests;
 // the whole of it is mail_auth_create_db() of torva/maildb/mail_auth.h.
+// Private to the library: not installed.
 #pragma once
 
 #include <string>

@@ -1,5 +1,6 @@
 // Addresses, domain ids and mailbox records, for the sources behind
 // torva/maildb/mail_auth.h.
+// Private to the library: not installed.
 #pragma once
 
 #include <string_view>

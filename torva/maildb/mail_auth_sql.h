@@ -2,6 +2,7 @@
 // themselves, report their failures and wait for locks, for torva/maildb/mail_auth.h only.
 // Every member that answers bool has reported why it is false. Declare a statement
 // after its database: it must be finalized before the database is closed.
+// Private to the library: not installed.
 #pragma once
 
 #include <string_view>

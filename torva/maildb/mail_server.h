@@ -1,4 +1,5 @@
 // What differs between the mail servers whose authentication database we keep.
+// Private to the library: not installed.
 #pragma once
 
 #include <sys/types.h>

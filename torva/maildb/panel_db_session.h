@@ -1,5 +1,6 @@
 // The steps of a panel database session one by one, for torva/maildb/panel_db.h only:
 // which of them fail, and what that means for the caller, is decided there.
+// Private to the library: not installed.
 #pragma once
 
 #include <cstddef>

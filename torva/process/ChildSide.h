@@ -1,5 +1,6 @@
 // The child between fork and exec. What it needs is prepared by torva/process/Launch.h;
 // how its failure travels is torva/process/ErrorRelay.h.
+// Private to the library: not installed.
 #pragma once
 
 #include <boost/function.hpp>

@@ -1,5 +1,6 @@
 // A bit set of descriptors for select(2), wider than fd_set: that one ends at 1024,
 // where its macros abort the process.
+// Private to the library: not installed.
 #pragma once
 
 #include "torva/util/SystemError.h"

@@ -1,6 +1,7 @@
 // The end of children that nobody serves any more, because something went wrong
 // beside them. Waiting for a child that ends by itself is waitForExit() in
 // torva/process/Launch.h.
+// Private to the library: not installed.
 #pragma once
 
 #include <chrono>

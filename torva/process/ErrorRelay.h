@@ -2,6 +2,7 @@
 // its program: records of a four-byte tag, a text and one NUL byte, "ET: " type,
 // "EM: " message, "EC: " errno value. Only the format and the conversions from and
 // to exceptions; the control pipe itself is torva/process/Launch.h.
+// Private to the library: not installed.
 #pragma once
 
 #include <cstddef>

@@ -1,6 +1,7 @@
 // What a running pipe changes in the signals of its process, each put back by its
 // guard: SIGCHLD blocked while the set of children changes, and SIGPIPE harmless.
 // The handler of SIGCHLD is torva/process/ProcessSetCatcher.h.
+// Private to the library: not installed.
 #pragma once
 
 #include <csignal>

@@ -1,6 +1,7 @@
 // Serves the standard streams of running children in one select(2) loop: feeds
 // their input from producers, hands their output to consumers. Starting the
 // children and judging the result is torva/process/Pipe.h.
+// Private to the library: not installed.
 #pragma once
 
 #include "torva/process/Descriptor.h"

@@ -1,5 +1,6 @@
 // System calls the way this layer makes them: repeated while a signal interrupts
 // them, and a failure thrown under the name of the operation.
+// Private to the library: not installed.
 #pragma once
 
 #include "torva/util/SystemError.h"

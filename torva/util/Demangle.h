@@ -1,4 +1,5 @@
 // Demangled names of types and functions, see abi::__cxa_demangle.
+// Private to the library: not installed.
 #pragma once
 
 #include <cstdlib>

@@ -1,6 +1,7 @@
 // Actions for grammars in Boost's Spirit classic that work on any target. What the
 // grammars are put together from is ParserPieces.h; the actions that know master.cf
 // are in MasterCfParser.cpp.
+// Private to the library: not installed.
 #pragma once
 
 namespace torva::parser {

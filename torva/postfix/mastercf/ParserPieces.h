@@ -2,6 +2,7 @@
 // comments, the white space between the fields of a logical line. No skipper is meant
 // to be used with them: white space is matched where it may stand. Actions that go
 // with them are ParserActions.h; the grammar they were made for is MasterCfParser.cpp.
+// Private to the library: not installed.
 #pragma once
 
 // Under sanitizers GCC takes the empty boost::optional of every match that failed

@@ -1,5 +1,6 @@
 // The command lines of postmap(1), for the operations of this folder; none takes a
 // lock.
+// Private to the library: not installed.
 #pragma once
 
 #include <string>

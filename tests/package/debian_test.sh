@@ -62,6 +62,13 @@ mv "$work/cpp" "$work/consumer/consumer.cpp"
     cmake --build "$work/consumer/build"; } >"$work/log" 2>&1 || fail "a program against the library: $(<"$work/log")"
 [[ -x $work/consumer/build/consumer ]] || fail "no program came of it: $(<"$work/log")"
 
+# The same with pkg-config, in C.
+printf '#include <torva/libc/escape.h>\nint main(void) { return is_shell_safe("a b"); }\n' >"$work/consumer.c"
+pkg_config_dir=$(find "$work/library/usr/lib" -name pkgconfig)
+read -ra flags <<<"$(PKG_CONFIG_PATH=$pkg_config_dir pkg-config --cflags --libs --static torva-mail)"
+{ gcc -std=c11 "$work/consumer.c" "${flags[@]}" -o "$work/consumer-in-c" && "$work/consumer-in-c"; } \
+    >"$work/log" 2>&1 || fail "a program in C, with pkg-config: $(<"$work/log")"
+
 # The part in the sandbox. The package manager's own files are its own.
 cat >"$work/world" <<'END'
 set -euo pipefail

@@ -62,12 +62,8 @@ mv "$work/cpp" "$work/consumer/consumer.cpp"
     cmake --build "$work/consumer/build"; } >"$work/log" 2>&1 || fail "a program against the library: $(<"$work/log")"
 [[ -x $work/consumer/build/consumer ]] || fail "no program came of it: $(<"$work/log")"
 
-# The same with pkg-config, in C.
+# What the installed package has to be found for, without any option.
 printf '#include <torva/libc/escape.h>\nint main(void) { return is_shell_safe("a b"); }\n' >"$work/consumer.c"
-pkg_config_dir=$(find "$work/library/usr/lib" -name pkgconfig)
-read -ra flags <<<"$(PKG_CONFIG_PATH=$pkg_config_dir pkg-config --cflags --libs --static torva-mail)"
-{ gcc -std=c11 "$work/consumer.c" "${flags[@]}" -o "$work/consumer-in-c" && "$work/consumer-in-c"; } \
-    >"$work/log" 2>&1 || fail "a program in C, with pkg-config: $(<"$work/log")"
 
 # The part in the sandbox. The package manager's own files are its own.
 cat >"$work/world" <<'END'
@@ -99,10 +95,19 @@ torva-postfixctl rollback
 dpkg -P torva-postfix >/dev/null 2>&1
 tell "left after that"
 { tree && sums; } | diff /run/before - || true
+tell library
+dpkg -i "$2" >/dev/null
+cd "$3"
+read -ra flags <<<"$(pkg-config --cflags --libs --static torva-mail)"
+gcc -std=c11 consumer.c "${flags[@]}" -o consumer-in-c
+./consumer-in-c
+rm -rf consumer/build
+{ cmake -S consumer -B consumer/build && cmake --build consumer/build; } >log 2>&1 || cat log
+[[ -x consumer/build/consumer ]]
 tell end
 END
 status=0
-told=$("$tree/scripts/sandbox" --panel-accounts --with "$work" -- bash "$work/world" "$tool") || status=$?
+told=$("$tree/scripts/sandbox" --panel-accounts --with "$work" -- bash "$work/world" "$tool" "$library" "$work") || status=$?
 ((status != 77)) || exit 77
 ((status == 0)) || fail "in the sandbox, status $status: $told"
 part() { awk -v heading="== $1" '/^== / { inside = $0 == heading; next } inside' <<<"$told"; }
@@ -122,3 +127,4 @@ left=$(part "left after that" | grep '^[<>]' | grep -v '^> [a-z] [0-7]* 0:0 /var
 [[ -z $left ]] || fail "left after apply, rollback and removal: $left"
 grep -q ' /var/backups/torva-postfix/[0-9TZ]*/manifest ' <<<"$(part "left after that")" ||
     fail "no backup was left: $told"
+[[ -z $(part library) ]] || fail "programs against the installed library: $(part library)"

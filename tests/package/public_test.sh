@@ -1,6 +1,7 @@
 #!/bin/bash
 # What is installed of torva/ is public, and only that: every header is either installed or
-# says that it is not, no installed one includes another, and the manual names them all.
+# says that it is not, no installed one includes one that is not, or sends its reader there,
+# and the manual names them all.
 #
 #   public_test.sh BUILD_DIR
 set -euo pipefail
@@ -31,7 +32,13 @@ while read -r header; do
         yes,private) fail "$header is installed and says that it is not" ;;
         no,public) fail "$header is not installed and does not say so: $private" ;;
     esac
+    [[ $installed == yes ]] || basename "$header" >>"$work/private"
 done <"$work/headers"
+
+if mentions=$(cd "$work/prefix/include" && grep -rnwF -f "$work/private" .); then
+    fail "a user of these has no such header:
+$mentions"
+fi
 
 while read -r header; do
     fail "$header is installed, and nothing of that name is in the tree"

@@ -2,21 +2,20 @@
 """Fails on a file of the library or the program whose name breaks the rule for names.
 
 CamelCase: a C++ class, or operations of the class layers. snake_case: plain functions
-with C linkage. A source is named after its header, or begins with that name.
+with C linkage, and the parts of such a unit, whatever language they are in. A part, header
+or source, begins with the name of its unit.
 """
 
 import re
 import sys
 from pathlib import Path
 
-# C++ helpers of the plain functions, private to them and named after what they serve.
+# C++ helpers of the plain functions that serve more than one unit.
 HELPERS = {
     "torva/maildb/format_text.h",
-    "torva/maildb/mail_auth_create.h",
-    "torva/maildb/mail_auth_records.h",
-    "torva/maildb/mail_auth_sql.h",
     "torva/maildb/mail_server.h",
 }
+PLAIN = 'extern "C" {'
 SNAKE_CASE = re.compile(r"[a-z][a-z0-9]*(_[a-z0-9]+)*")
 CAMEL_CASE = re.compile(r"([A-Z][a-z0-9]*)+")
 
@@ -24,8 +23,11 @@ CAMEL_CASE = re.compile(r"([A-Z][a-z0-9]*)+")
 def wrong_header(root, header):
     if str(header.relative_to(root)) in HELPERS:
         return None
-    if 'extern "C" {' in header.read_text():
+    if PLAIN in header.read_text():
         return None if SNAKE_CASE.fullmatch(header.stem) else "declares plain functions: snake_case"
+    units = [other.stem for other in header.parent.glob("*.h") if PLAIN in other.read_text()]
+    if any(header.stem.startswith(unit + "_") for unit in units):
+        return None
     return None if CAMEL_CASE.fullmatch(header.stem) else "declares no plain functions: CamelCase"
 
 

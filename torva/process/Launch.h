@@ -1,6 +1,6 @@
 // Starts one child and waits for one. A failure of the child before its program
-// runs surfaces here as an exception of the same kind. What the child does is
-// torva/process/ChildSide.h; serving its streams is torva/process/Pipe.h.
+// runs surfaces here as an exception of the same kind. Serving the child's streams is
+// torva/process/Pipe.h.
 #pragma once
 
 #include "torva/process/Descriptor.h"

@@ -36,9 +36,13 @@ found() {
     cat >"$project/CMakeLists.txt" <<LISTS
 cmake_minimum_required(VERSION 3.25)
 project(found LANGUAGES $languages)
+set(name mine)
+set(languages mine)
+set(dependency mine)
 message(STATUS "begin")
 find_package(TorvaMail $arguments)
 message(STATUS "end")
+file(WRITE \${CMAKE_BINARY_DIR}/variables "\${name} \${languages} \${dependency}")
 message(STATUS "\${TorvaMail_FOUND} \${TorvaMail_VERSION} \${TorvaMail_NOT_FOUND_MESSAGE}")
 LISTS
     cmake -S "$project" -B "$project/build" -DCMAKE_PREFIX_PATH="$work/moved" "$@" >"$work/log" 2>&1 ||
@@ -55,6 +59,7 @@ done
 sed -i '/^Requires/d' "$work"/only-*/*.pc
 
 expect "found in silence" "1 $version " "$(found CXX QUIET)"
+expect "the project's own variables" "mine mine mine" "$(<"$work/found/build/variables")"
 expect "without MariaDB's client" \
     "0 $version TorvaMail needs libmariadb, which pkg-config does not find (Debian: libmariadb-dev)" \
     "$(PKG_CONFIG_PATH='' PKG_CONFIG_LIBDIR=$work/only-sqlite3 found CXX QUIET)"

@@ -85,6 +85,8 @@ function(torva_tests folder)
     target_link_libraries(test_${name}
       PRIVATE ${arg_DEPS} torva_test_warnings GTest::gmock_main)
     target_include_directories(test_${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
+    target_compile_definitions(test_${name}
+      PRIVATE TORVA_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
     gtest_discover_tests(test_${name} DISCOVERY_MODE PRE_TEST
       TEST_PREFIX ${name}. PROPERTIES LABELS unit TIMEOUT 120)
   endif()

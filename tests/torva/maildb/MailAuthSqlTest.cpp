@@ -10,7 +10,6 @@
 
 #include <cerrno>
 #include <ctime>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -67,7 +66,7 @@ TEST(RetryPause, AnInterruptedSleepFails) {
 }
 
 TEST(AuthSchema, IsTheScriptOf1161Bytes) {
-    const auto golden = std::filesystem::path(__FILE__).parent_path() / "auth_schema.sql";
+    const std::string golden = TORVA_SOURCE_DIR "/tests/torva/maildb/auth_schema.sql";
     EXPECT_EQ(1161U, std::string(auth_schema).size());
     EXPECT_EQ(read_file(golden), auth_schema);
 }

@@ -1,7 +1,6 @@
 #include "torva/maildb/PrivateMariaDb.h"
 
 #include <cstdlib>
-#include <filesystem>
 #include <iostream>
 #include <mysql.h>
 #include <stdexcept>
@@ -14,9 +13,8 @@ using Connection = std::unique_ptr<MYSQL, void (*)(MYSQL*)>;
 using Result = std::unique_ptr<MYSQL_RES, void (*)(MYSQL_RES*)>;
 
 void script(const std::string& arguments) {
-    const auto path =
-        std::filesystem::path(__FILE__).parent_path().parent_path() / "tools" / "private-mariadb";
-    if (std::system((path.string() + " " + arguments).c_str()) != 0) {
+    const std::string path = TORVA_SOURCE_DIR "/tests/tools/private-mariadb";
+    if (std::system((path + " " + arguments).c_str()) != 0) {
         throw std::runtime_error("private-mariadb " + arguments + " failed");
     }
 }

@@ -1,5 +1,6 @@
 #include "torva/maildb/mail_auth_create.h"
 
+#include "torva/libc/descriptor.h"
 #include "torva/libc/log.h"
 #include "torva/maildb/mail_auth.h"
 #include "torva/maildb/mail_auth_sql.h"
@@ -8,12 +9,12 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <filesystem>
+#include <linux/capability.h>
 #include <new>
 #include <pwd.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
-#include <system_error>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace torva::maildb {
@@ -50,20 +51,14 @@ const char auth_schema[] =
 
 namespace {
 
-class UmaskGuard {
-public:
-    explicit UmaskGuard(mode_t mask) : before_(umask(mask)) {}
-    ~UmaskGuard() { umask(before_); }
-    UmaskGuard(const UmaskGuard&) = delete;
-    UmaskGuard& operator=(const UmaskGuard&) = delete;
-
-private:
-    mode_t before_;
-};
+/// Last component of the database's path.
+const char* file_name(const char* path) {
+    return std::strrchr(path, '/') + 1;
+}
 
 class Descriptor {
 public:
-    explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
+    explicit Descriptor(int descriptor) : descriptor_(fd_above_standard(descriptor)) {}
     ~Descriptor() {
         if (descriptor_ >= 0) {
             ::close(descriptor_);
@@ -78,24 +73,52 @@ private:
     int descriptor_;
 };
 
-bool make_directory(const std::string& directory) {
-    const UmaskGuard guard(022); // a careless umask must not open the parents for all
-    std::error_code error;
-    std::filesystem::create_directories(directory, error);
-    if (error) {
-        torva_log(2, "recursive mkdir(%s) failed: %s", directory.c_str(),
-                  std::strerror(error.value()));
+/// Makes one directory of the way, or leaves the one that is there. False with errno.
+bool make_part(const char* path) {
+    constexpr mode_t mode = 0755;
+    if (mkdir(path, mode) != 0) {
+        return errno == EEXIST;
+    }
+    // A strict umask has closed it to the mail server.
+    const Descriptor made(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    return made.get() >= 0 && fchmod(made.get(), mode) == 0;
+}
+
+/// Makes the directory with all that lead there, and opens it. A negative result is
+/// reported.
+int open_directory(const std::string& directory) {
+    bool made = true;
+    for (std::size_t end = 0; made && end != std::string::npos;) {
+        end = directory.find('/', end + 1);
+        made = make_part(directory.substr(0, end).c_str());
+    }
+    const int opened = made ? open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
+    if (opened < 0) {
+        torva_log(2, "recursive mkdir(%s) failed: %s", directory.c_str(), std::strerror(errno));
+    }
+    return opened;
+}
+
+bool remove_old(int directory, const char* path) {
+    if (unlinkat(directory, file_name(path), 0) != 0 && errno != ENOENT) {
+        torva_log(2, "Unable to remove database %s: %s", path, std::strerror(errno));
         return false;
     }
     return true;
 }
 
-bool remove_old(const char* path) {
-    if (unlink(path) != 0 && errno != ENOENT) {
-        torva_log(2, "Unable to remove database %s: %s", path, std::strerror(errno));
-        return false;
+/// Makes the file, for root's eyes only whatever the umask, and opens it. A negative
+/// result is reported.
+int make_file(int directory, const char* path) {
+    constexpr mode_t mode = 0600;
+    const int made = openat(directory, file_name(path),
+                            O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+    if (made < 0) {
+        torva_log(3, "Unable to open database %s: %s", path, sqlite3_errstr(SQLITE_CANTOPEN));
+    } else {
+        fchmod(made, mode); // the umask may have taken what SQLite needs, and it will tell
     }
-    return true;
+    return made;
 }
 
 bool run_schema(const Database& database) {
@@ -117,9 +140,9 @@ bool run_schema(const Database& database) {
     return true;
 }
 
-bool make_database(const char* path) {
+bool fill_database(const char* path) {
     Database database;
-    return database.open(path, Database::Access::create) && run_schema(database) &&
+    return database.open(path, Database::Access::read_write) && run_schema(database) &&
            database.close();
 }
 
@@ -138,31 +161,80 @@ bool find_owner(const MailServer& server, uid_t& owner) {
     return true;
 }
 
-/// Sets owner and mode through a descriptor: the owner of the directory could put a
-/// link to somebody else's file in the place of the database.
-bool hand_over(const char* path, int flags, uid_t owner, mode_t mode) {
-    const Descriptor file(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | flags));
-    if (file.get() < 0 || fchown(file.get(), owner, 0) != 0) {
-        torva_log(2, "chown(\"%s\", %d, %d) failed: %s", path, static_cast<int>(owner), 0,
-                  std::strerror(errno));
-        return false;
+bool report_owner(const char* path, uid_t owner) {
+    torva_log(2, "chown(\"%s\", %d, %d) failed: %s", path, static_cast<int>(owner), 0,
+              std::strerror(errno));
+    return false;
+}
+
+bool report_mode(const char* path, mode_t mode) {
+    torva_log(2, "chmod(\"%s\", %04o) failed: %s", path, static_cast<unsigned>(mode),
+              std::strerror(errno));
+    return false;
+}
+
+bool has_capability(int capability) {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3]{};
+    const bool asked = syscall(SYS_capget, &header, data) == 0;
+    const auto bit = static_cast<unsigned>(capability);
+    return asked && (data[bit / 32U].effective & (1U << bit % 32U)) != 0;
+}
+
+/// Whether this process may give the directory and the file to their owner, told as the
+/// failure that it would be: when it comes up afterwards, the old database is gone.
+bool can_hand_over(const MailServer& server, const char* directory, uid_t owner) {
+    if (owner == 0 && geteuid() == 0) {
+        return true;
     }
-    if (fchmod(file.get(), mode) != 0) {
-        torva_log(2, "chmod(\"%s\", %04o) failed: %s", path, static_cast<unsigned>(mode),
-                  std::strerror(errno));
-        return false;
+    errno = EPERM;
+    if (!has_capability(CAP_CHOWN)) {
+        return report_owner(directory, owner);
     }
-    return true;
+    return has_capability(CAP_FOWNER) || report_mode(directory, server.directory_mode);
+}
+
+bool hand_over(int file, const char* path, uid_t owner, mode_t mode) {
+    if (fchown(file, owner, 0) != 0) {
+        return report_owner(path, owner);
+    }
+    return fchmod(file, mode) == 0 || report_mode(path, mode);
+}
+
+/// Whether the file that was made is still the one at the path, and only there: the owner
+/// of the directory could have put another in its place.
+bool is_in_place(int file, int directory, const char* path) {
+    struct stat made {};
+    struct stat found {};
+    return fstat(file, &made) == 0 && S_ISREG(made.st_mode) && made.st_nlink == 1 &&
+           fstatat(directory, file_name(path), &found, AT_SYMLINK_NOFOLLOW) == 0 &&
+           made.st_dev == found.st_dev && made.st_ino == found.st_ino;
+}
+
+bool hand_over_file(int file, int directory, const MailServer& server, uid_t owner) {
+    if (!is_in_place(file, directory, server.path)) {
+        errno = ESTALE;
+        return report_owner(server.path, owner);
+    }
+    return hand_over(file, server.path, owner, server.file_mode);
 }
 
 int create(const MailServer& server) {
-    std::string directory;
+    std::string path;
     uid_t owner = 0;
-    const bool created = auth_directory(server.path, directory) && make_directory(directory) &&
-                         remove_old(server.path) && make_database(server.path) &&
-                         find_owner(server, owner) &&
-                         hand_over(directory.c_str(), O_DIRECTORY, owner, server.directory_mode) &&
-                         hand_over(server.path, O_NOFOLLOW, owner, server.file_mode);
+    if (!auth_directory(server.path, path)) {
+        return -1;
+    }
+    const Descriptor directory(open_directory(path));
+    if (directory.get() < 0 || !find_owner(server, owner) ||
+        !can_hand_over(server, path.c_str(), owner) || !remove_old(directory.get(), server.path)) {
+        return -1;
+    }
+    // Held while SQLite has the file: closing it any earlier would release SQLite's locks.
+    const Descriptor file(make_file(directory.get(), server.path));
+    const bool created = file.get() >= 0 && fill_database(server.path) &&
+                         hand_over(directory.get(), path.c_str(), owner, server.directory_mode) &&
+                         hand_over_file(file.get(), directory.get(), server, owner);
     return created ? 0 : -1;
 }
 

@@ -2,11 +2,11 @@
 
 #include "torva/libc/log.h"
 #include "torva/maildb/mail_auth.h"
+#include "torva/maildb/mail_auth_vfs.h"
 
 #include <cstring>
 #include <ctime>
 #include <sqlite3.h>
-#include <sys/stat.h>
 
 namespace torva::maildb {
 
@@ -15,23 +15,17 @@ namespace {
 constexpr int busy_timeout_ms = 50;
 constexpr long pause_step_us = 10;
 
-int open_flags(Database::Access access) {
-    switch (access) {
-    case Database::Access::read_only:
-        return SQLITE_OPEN_READONLY;
-    case Database::Access::create:
-        return SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
-    case Database::Access::read_write:
-        break;
-    }
-    return SQLITE_OPEN_READWRITE;
-}
-
-/// Opens a handle, under a umask that keeps a new file from everybody else.
+/// Opens a handle. Who owns the file may have written its schema as well, so that no
+/// trigger or view gets at more than the tables.
 int open_handle(const char* path, int flags, sqlite3** handle) {
-    const mode_t before = umask(077);
-    const int code = sqlite3_open_v2(path, handle, flags, nullptr);
-    umask(before);
+    char resolved[PATH_MAX];
+    const int code = sqlite3_open_v2(resolve_directory(path, resolved), handle,
+                                     flags | SQLITE_OPEN_NOFOLLOW, mail_auth_vfs());
+    if (code == SQLITE_OK) {
+        sqlite3_busy_timeout(*handle, busy_timeout_ms);
+        sqlite3_db_config(*handle, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+        sqlite3_db_config(*handle, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+    }
     return code;
 }
 
@@ -65,7 +59,8 @@ Database::~Database() {
 bool Database::open(const char* path, Access access) noexcept {
     path_ = path;
     read_only_ = access == Access::read_only;
-    const int code = open_handle(path, open_flags(access), &handle_);
+    const int code = open_handle(
+        path, read_only_ ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE, &handle_);
     if (code != SQLITE_OK) {
         const char* reason = handle_ != nullptr ? sqlite3_errmsg(handle_) : "general DB errror";
         torva_log(3,
@@ -74,7 +69,6 @@ bool Database::open(const char* path, Access access) noexcept {
                   path, reason);
         return false;
     }
-    sqlite3_busy_timeout(handle_, busy_timeout_ms);
     return true;
 }
 
@@ -89,12 +83,11 @@ bool Database::become_writer() noexcept {
     }
     read_only_ = false;
     sqlite3* writer = nullptr;
-    if (open_handle(path_, open_flags(Access::read_write), &writer) != SQLITE_OK) {
+    if (open_handle(path_, SQLITE_OPEN_READWRITE, &writer) != SQLITE_OK) {
         sqlite3_close(writer);
         return false;
     }
-    sqlite3_busy_timeout(writer, busy_timeout_ms);
-    sqlite3_close(handle_);
+    sqlite3_close_v2(handle_);
     handle_ = writer;
     return true;
 }
@@ -122,8 +115,6 @@ bool Statement::prepare() noexcept {
     int code = SQLITE_BUSY;
     while (is_locked(code) && pause.wait()) {
         code = sqlite3_prepare_v2(database_.get(), query_, -1, &handle_, nullptr);
-        // A writer that was killed leaves a journal that has to be rolled back before
-        // anybody can read, and only a writer may do that.
         if (code == SQLITE_READONLY && database_.become_writer()) {
             code = SQLITE_BUSY;
         }
@@ -136,9 +127,24 @@ bool Statement::prepare() noexcept {
     return true;
 }
 
+int Statement::bind(int index, const Parameter& parameter) noexcept {
+    parameters_[index - 1] = parameter;
+    bound_ = index > bound_ ? index : bound_;
+    return parameter.is_text ? sqlite3_bind_text64(handle_, index, parameter.text, parameter.length,
+                                                   SQLITE_STATIC, SQLITE_UTF8)
+                             : sqlite3_bind_int64(handle_, index, parameter.number);
+}
+
+int Statement::bind_again() noexcept {
+    int code = SQLITE_OK;
+    for (int index = 1; index <= bound_ && code == SQLITE_OK; ++index) {
+        code = bind(index, parameters_[index - 1]);
+    }
+    return code;
+}
+
 bool Statement::bind_name(int index, const char* parameter, std::string_view name) noexcept {
-    const int code =
-        sqlite3_bind_text64(handle_, index, name.data(), name.size(), SQLITE_STATIC, SQLITE_UTF8);
+    const int code = bind(index, {true, name.data(), name.size(), 0});
     if (code != SQLITE_OK) {
         torva_log(3, "Unable to bind parameter %s '%.*s' to SQL statement for query '%s': %s",
                   parameter, precision(name), name.data(), query_, sqlite3_errmsg(database_.get()));
@@ -148,8 +154,7 @@ bool Statement::bind_name(int index, const char* parameter, std::string_view nam
 
 bool Statement::bind_password(int index, const char* password) noexcept {
     const std::size_t length = password == nullptr ? 0 : std::strlen(password);
-    const int code =
-        sqlite3_bind_text64(handle_, index, password, length, SQLITE_STATIC, SQLITE_UTF8);
+    const int code = bind(index, {true, password, length, 0});
     if (code != SQLITE_OK) { // the password itself goes into no log
         torva_log(3, "Unable to bind parameter password to SQL statement for query '%s': %s",
                   query_, sqlite3_errmsg(database_.get()));
@@ -158,7 +163,7 @@ bool Statement::bind_password(int index, const char* password) noexcept {
 }
 
 bool Statement::bind_status(int index, int status) noexcept {
-    const int code = sqlite3_bind_int(handle_, index, status);
+    const int code = bind(index, {false, nullptr, 0, status});
     if (code != SQLITE_OK) {
         torva_log(3, "Unable to bind parameter status %d to  SQL statement for query '%s': %s",
                   status, query_, sqlite3_errmsg(database_.get()));
@@ -167,7 +172,7 @@ bool Statement::bind_status(int index, int status) noexcept {
 }
 
 bool Statement::bind_domain_id(int index, long long id) noexcept {
-    const int code = sqlite3_bind_int64(handle_, index, id);
+    const int code = bind(index, {false, nullptr, 0, id});
     if (code != SQLITE_OK) {
         torva_log(3, "Unable to bind parameter domain id %lld to SQL statement for query '%s': %s",
                   id, query_, sqlite3_errmsg(database_.get()));
@@ -175,11 +180,26 @@ bool Statement::bind_domain_id(int index, long long id) noexcept {
     return code == SQLITE_OK;
 }
 
-Statement::Step Statement::step(const char* purpose) noexcept {
+int Statement::step_unlocked() noexcept {
     RetryPause pause;
     int code = SQLITE_BUSY;
     while (is_locked(code) && pause.wait()) {
         code = sqlite3_step(handle_); // which resets the statement after a failure
+    }
+    return code;
+}
+
+Statement::Step Statement::step(const char* purpose) noexcept {
+    int code = step_unlocked();
+    // Only the first step can meet a journal: from then on the statement holds a lock that
+    // keeps writers out.
+    if (code == SQLITE_READONLY && database_.become_writer()) {
+        finalize();
+        if (!prepare()) {
+            return Step::failed;
+        }
+        code = bind_again();
+        code = code == SQLITE_OK ? step_unlocked() : code;
     }
     if (code == SQLITE_ROW || code == SQLITE_DONE) {
         return code == SQLITE_ROW ? Step::row : Step::done;

@@ -5,6 +5,7 @@
 // Private to the library: not installed.
 #pragma once
 
+#include <cstddef>
 #include <string_view>
 
 struct sqlite3;
@@ -28,21 +29,23 @@ bool is_locked(int code) noexcept;
 
 class Database {
 public:
-    enum class Access { read_only, read_write, create };
+    enum class Access { read_only, read_write };
 
     Database() = default;
     ~Database();
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;
 
-    /// Opens the file; only Access::create makes one, for root's eyes only.
+    /// Opens an existing file, see mail_auth_vfs.h for what is refused. Its schema is not
+    /// trusted: what a trigger or a view may do ends at the file. `path` must outlive this.
     bool open(const char* path, Access access) noexcept;
 
     /// Opens the database of a mail server type.
     bool open(int type, Access access) noexcept;
 
-    /// Turns a database that is open for reading into one open for writing. False,
-    /// unreported, when it is not, or cannot be.
+    /// Turns a database that is open for reading into one open for writing, on another
+    /// handle; the old one goes with the last statement that uses it. False, unreported,
+    /// when it is open for writing already or cannot be.
     bool become_writer() noexcept;
 
     /// Closes the database, waiting for whoever uses it. To be called on success:
@@ -66,6 +69,9 @@ public:
     Statement(const Statement&) = delete;
     Statement& operator=(const Statement&) = delete;
 
+    /// A journal left by a writer that was killed stops a reader here or at its first
+    /// step(). Only a writer may roll it back: the database becomes one, and the query is
+    /// run once more.
     bool prepare() noexcept;
 
     /// Bound texts must live until the statement is finalized.
@@ -86,9 +92,24 @@ public:
     sqlite3_stmt* get() const noexcept { return handle_; }
 
 private:
+    /// What was bound, to bind it again: a text, or the number when there is none.
+    struct Parameter {
+        bool is_text = false;
+        const char* text = nullptr;
+        std::size_t length = 0;
+        long long number = 0;
+    };
+    static constexpr int most_parameters = 4;
+
+    int bind(int index, const Parameter& parameter) noexcept;
+    int bind_again() noexcept;
+    int step_unlocked() noexcept;
+
     Database& database_;
     const char* query_;
     sqlite3_stmt* handle_ = nullptr;
+    Parameter parameters_[most_parameters];
+    int bound_ = 0;
 };
 
 } // namespace torva::maildb

@@ -1,0 +1,15 @@
+// Code that may hang, in a process of its own.
+#pragma once
+
+#include <functional>
+#include <string>
+
+namespace torva::test {
+
+/// Runs the function in another process, with a log of its own, for at most a minute.
+///
+/// \return what it wrote to its log, one message in a line, after its result: "-1\n3 Unable
+///         to ...\n"; "hangs" when it was ended by us, "died" when it ended otherwise
+std::string bounded(const std::function<int()>& function);
+
+} // namespace torva::test

@@ -1,0 +1,123 @@
+#include "torva/maildb/mail_auth_vfs.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace torva::maildb {
+
+namespace {
+
+constexpr char vfs_name[] = "torva-mail-auth";
+
+using OpenCall = int (*)(const char*, int, int);
+
+OpenCall unguarded_open = nullptr;
+thread_local const char* guarded_path = nullptr; // what this thread is about to open
+
+/// A file without links is only here: it cannot be somebody else's as well. It may have
+/// been removed since it was opened, as journals are.
+bool is_plain_file(const struct stat& status) {
+    return S_ISREG(status.st_mode) && status.st_nlink <= 1;
+}
+
+/// In place of the "open" of SQLite, for the whole process.
+int guarded_open(const char* path, int flags, int mode) {
+    if (guarded_path == nullptr || std::strcmp(path, guarded_path) != 0) {
+        return unguarded_open(path, flags, mode);
+    }
+    const int fd = unguarded_open(path, flags | O_NOFOLLOW | O_NONBLOCK, mode);
+    struct stat status {};
+    if (fd >= 0 && (fstat(fd, &status) != 0 || !is_plain_file(status))) {
+        ::close(fd);
+        errno = ELOOP;
+        return -1;
+    }
+    return fd;
+}
+
+class PathGuard {
+public:
+    explicit PathGuard(const char* path) { guarded_path = path; }
+    ~PathGuard() { guarded_path = nullptr; }
+    PathGuard(const PathGuard&) = delete;
+    PathGuard& operator=(const PathGuard&) = delete;
+};
+
+/// A look before opening: opening a device can have effects of its own.
+bool is_obstacle(const char* path) {
+    struct stat status {};
+    return lstat(path, &status) == 0 && !is_plain_file(status);
+}
+
+int open_file(sqlite3_vfs* /*vfs*/, const char* path, sqlite3_file* file, int flags,
+              int* out_flags) {
+    sqlite3_vfs* base = sqlite3_vfs_find("unix");
+    if (path == nullptr) { // a temporary file, which SQLite names by itself
+        return base->xOpen(base, path, file, flags, out_flags);
+    }
+    file->pMethods = nullptr; // there is nothing to close
+    constexpr int own_files = SQLITE_OPEN_MAIN_DB | SQLITE_OPEN_MAIN_JOURNAL;
+    if ((flags & own_files) == 0 || is_obstacle(path)) {
+        return SQLITE_CANTOPEN;
+    }
+    const PathGuard guard(path);
+    return base->xOpen(base, path, file, flags, out_flags);
+}
+
+void guard_open_call(sqlite3_vfs* base) {
+    if (base->iVersion < 3 || base->xGetSystemCall == nullptr || base->xSetSystemCall == nullptr) {
+        return;
+    }
+    const sqlite3_syscall_ptr call = base->xGetSystemCall(base, "open");
+    if (call == nullptr) {
+        return;
+    }
+    unguarded_open = reinterpret_cast<OpenCall>(call);
+    base->xSetSystemCall(base, "open", reinterpret_cast<sqlite3_syscall_ptr>(guarded_open));
+}
+
+bool register_vfs() {
+    sqlite3_initialize();
+    sqlite3_vfs* base = sqlite3_vfs_find("unix");
+    if (base == nullptr) {
+        return false;
+    }
+    static sqlite3_vfs vfs = *base; // its members take any VFS that has the same data
+    vfs.zName = vfs_name;
+    vfs.xOpen = open_file;
+    guard_open_call(base);
+    return sqlite3_vfs_register(&vfs, 0) == SQLITE_OK;
+}
+
+} // namespace
+
+const char* mail_auth_vfs() noexcept {
+    static const bool registered = register_vfs();
+    static_cast<void>(registered); // without it, SQLite says that there is no such VFS
+    return vfs_name;
+}
+
+const char* resolve_directory(const char* path, char (&resolved)[PATH_MAX]) noexcept {
+    const char* slash = std::strrchr(path, '/');
+    char directory[PATH_MAX];
+    const auto length = slash == nullptr ? 0 : static_cast<std::size_t>(slash - path);
+    if (length == 0 || length >= sizeof directory) {
+        return path;
+    }
+    std::memcpy(directory, path, length);
+    directory[length] = '\0';
+    char real[PATH_MAX];
+    if (realpath(directory, real) == nullptr) {
+        return path;
+    }
+    const int written = std::snprintf(resolved, sizeof resolved, "%s%s", real, slash);
+    return written > 0 && static_cast<std::size_t>(written) < sizeof resolved ? resolved : path;
+}
+
+} // namespace torva::maildb

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <string.h>
+#include <unistd.h>
 
 int db_utf8_compatible = 0;
 
@@ -32,6 +33,44 @@ struct Password {
     Password(const Password&) = delete;
     Password& operator=(const Password&) = delete;
 };
+
+/// Keeps descriptors 0 to 2 occupied while it exists: in a program that was started
+/// without standard streams the session would become one of them, and whatever is
+/// printed would go to the server.
+class StandardStreams {
+public:
+    StandardStreams() {
+        int fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+        while (fd >= 0 && fd <= STDERR_FILENO) {
+            occupied_[fd] = true;
+            fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+        }
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+    ~StandardStreams() {
+        for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+            if (occupied_[fd]) {
+                ::close(fd);
+            }
+        }
+    }
+    StandardStreams(const StandardStreams&) = delete;
+    StandardStreams& operator=(const StandardStreams&) = delete;
+
+private:
+    bool occupied_[STDERR_FILENO + 1] = {};
+};
+
+/// A server that says nothing must not be waited for for ever.
+void set_time_outs(MYSQL* connection) {
+    constexpr unsigned int connect_seconds = 10;
+    constexpr unsigned int transfer_seconds = 30; // for each single read or write
+    mysql_options(connection, MYSQL_OPT_CONNECT_TIMEOUT, &connect_seconds);
+    mysql_options(connection, MYSQL_OPT_READ_TIMEOUT, &transfer_seconds);
+    mysql_options(connection, MYSQL_OPT_WRITE_TIMEOUT, &transfer_seconds);
+}
 
 struct FileCloser {
     void operator()(std::FILE* file) const noexcept { std::fclose(file); }
@@ -152,6 +191,7 @@ private:
 } // namespace
 
 struct st_mysql* db_connect(char* error, size_t error_size) {
+    const StandardStreams streams;
     Password password;
     if (!read_password(password, error, error_size)) {
         return nullptr;
@@ -163,6 +203,7 @@ struct st_mysql* db_connect(char* error, size_t error_size) {
         errno = ENOMEM;
         return nullptr;
     }
+    set_time_outs(connection.get());
     if (mysql_real_connect(connection.get(), "localhost", "admin", password.line, "kra", 0, nullptr,
                            0) == nullptr) {
         std::snprintf(error, error_size, "Unable to connect to Torva Database: %s",
@@ -189,6 +230,10 @@ struct st_mysql* db_open_session(char* error, std::size_t error_size) {
 }
 
 struct st_mysql* db_open(char* error, size_t error_size) {
+    if (error_size > 0) {
+        error[0] = '\0'; // neither is to tell of an earlier session
+    }
+    db_utf8_compatible = 0;
     ConnectionHolder connection(db_open_session(error, error_size));
     if (connection && mysql_errno(connection.get()) != 0) {
         return nullptr;

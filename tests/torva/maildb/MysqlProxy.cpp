@@ -72,6 +72,9 @@ struct Spoiler {
                 if (action == MysqlProxy::Action::hang_up) {
                     return;
                 }
+                if (action == MysqlProxy::Action::swallow) {
+                    continue;
+                }
                 if (action == MysqlProxy::Action::replace) {
                     data = query_packet(replacement);
                 }

@@ -11,9 +11,10 @@ namespace torva::test {
 class MysqlProxy {
 public:
     enum class Action {
-        replace,  ///< the server gets another query in its place
-        hang_up,  ///< the connection ends before the query reaches the server
-        cut_reply ///< the connection ends short of the end of the reply
+        replace,   ///< the server gets another query in its place
+        hang_up,   ///< the connection ends before the query reaches the server
+        cut_reply, ///< the connection ends short of the end of the reply
+        swallow    ///< the query goes nowhere, and the connection stays
     };
 
     /// \param query        whole text of the query to spoil

@@ -1,10 +1,8 @@
 #include "torva/maildb/panel_db_session.h"
 
 #include "torva/maildb/AllocationFaults.h"
-#include "torva/maildb/CapturedLog.h"
-#include "torva/maildb/Files.h"
 #include "torva/maildb/MysqlProxy.h"
-#include "torva/maildb/PrivateMariaDb.h"
+#include "torva/maildb/SessionFixture.h"
 #include "torva/maildb/panel_db.h"
 
 #include <gmock/gmock.h>
@@ -22,64 +20,8 @@ using testing::Not;
 
 namespace {
 
-using Connection = std::unique_ptr<MYSQL, void (*)(MYSQL*)>;
-
 constexpr const char* version_query = "SHOW VARIABLES LIKE 'version'";
 constexpr const char* misc_query = "SELECT val FROM misc WHERE param='mysql41_compatible'";
-
-/// What an open answered.
-struct Opened {
-    Connection connection{nullptr, mysql_close};
-    std::string message;
-    int error = 0; ///< errno right after
-};
-
-Opened open_with(st_mysql* (*open)(char*, size_t)) {
-    Opened opened;
-    char message[512] = "";
-    errno = 0;
-    opened.connection.reset(open(message, sizeof message));
-    opened.error = errno;
-    opened.message = message;
-    return opened;
-}
-
-/// The password file is put back after each test.
-class PanelSession : public testing::Test {
-protected:
-    PanelSession() : server(PrivateMariaDb::fresh()), shadow(read_file(PrivateMariaDb::shadow)) {
-        server.run("ALTER USER admin@localhost IDENTIFIED BY '" + password() + "'");
-    }
-    ~PanelSession() override {
-        std::filesystem::remove_all(PrivateMariaDb::shadow);
-        write_file(PrivateMariaDb::shadow, shadow);
-        server.run("ALTER USER admin@localhost IDENTIFIED BY '" + password() + "'");
-    }
-
-    std::string password() const { return shadow.substr(0, shadow.find('\n')); }
-
-    static void write_shadow(const std::string& text) { write_file(PrivateMariaDb::shadow, text); }
-
-    /// Statements that the panel's account has sent since the last call.
-    std::vector<std::string> sent() {
-        auto statements = server.values("SELECT argument FROM mysql.general_log WHERE user_host "
-                                        "LIKE 'admin%' AND command_type='Query'");
-        server.run("TRUNCATE mysql.general_log");
-        return statements;
-    }
-
-    /// Starts the server under another version, with the general log.
-    void restart_as(const std::string& version) {
-        server.restart({"--version=" + version, "--general-log=1", "--log-output=TABLE"});
-        server.run("TRUNCATE mysql.general_log");
-    }
-
-    PrivateMariaDb& server;
-    CapturedLog log;
-
-private:
-    std::string shadow;
-};
 
 TEST_F(PanelSession, AMissingPasswordFileIsReported) {
     std::filesystem::remove(PrivateMariaDb::shadow);

@@ -33,18 +33,25 @@ int mail_auth_server_type(void);
 const char* mail_auth_db_path(int type);
 
 /// Creates the database afresh, with its directory, owners and modes: what stood at
-/// the path is removed first. Needs root.
+/// the path is removed first. Needs root. The umask does not matter, and is not touched.
 ///
-/// \return 0 or -1; after a failure the old database may be gone, and what is at the
-///         path, if anything, can be read by root alone or has no records
+/// \return 0 or -1. Without the right to hand files over, without the account that is to
+///         own them, or with no directory the old database stays. After a later failure it
+///         may be gone; what is at the path then has no records, or is not ours: the owner
+///         of the directory may exchange files at any moment, but is given none but ours.
 int mail_auth_create_db(int type);
 
 // All further operations work on an existing database and each opens and closes it
 // for itself. Names are stored byte for byte, without case folding. While another
 // process has the database locked they wait, until a signal handler interrupts the
 // wait, which makes them fail. Whatever fails leaves the records as they were.
+//
+// The database and its journal must be regular files with one hard link, else they fail;
+// links are followed in the directory part only. What a killed writer left half done is
+// rolled back by whoever comes next and may write; until then the Postfix account, which
+// may only read, is refused.
 
-/// Adds a domain; one that exists already is a failure.
+/// Adds a domain; one that exists already, or an empty name, is a failure.
 /// \param status  0: enabled
 int mail_auth_add_domain(int type, const char* domain, int status);
 
@@ -56,7 +63,8 @@ int mail_auth_find_domain(int type, const char* domain, long long* id, int* stat
 /// Deletes a domain with all its mailboxes. 0 also when there is none.
 int mail_auth_delete_domain(int type, const char* domain);
 
-/// Renames a domain, its mailboxes with it. 0 also when there is none.
+/// Renames a domain, its mailboxes with it; an empty new name is a failure. 0 also when
+/// there is no such domain.
 int mail_auth_rename_domain(int type, const char* old_name, const char* new_name);
 
 /// Enables (0) or disables a domain. 0 also when there is none.
@@ -78,7 +86,7 @@ int mail_auth_set_user(int type, const char* address, const char* password, int 
 int mail_auth_read_user(int type, const char* address, struct mail_auth_user* user);
 
 /// Changes the local part of a mailbox. 0 also when there is no such mailbox.
-/// \param new_name  local part, without "@"
+/// \param new_name  local part, without "@"; empty is a failure
 int mail_auth_rename_user(int type, const char* address, const char* new_name);
 
 /// Deletes a mailbox. 0 also when there is none.

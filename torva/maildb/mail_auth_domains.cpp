@@ -11,29 +11,62 @@ using Access = torva::maildb::Database::Access;
 
 namespace torva::maildb {
 
-bool find_domain(Database& database, const char* domain, FoundDomain& found, bool with_status) {
+Search search_domain(Database& database, const char* domain, FoundDomain& found, bool with_status) {
     Statement statement(database, with_status ? "SELECT id, status FROM domains WHERE name=?"
                                               : "SELECT id FROM domains WHERE name=?");
     if (!statement.prepare() || !statement.bind_name(1, "domain name", domain)) {
-        return false;
+        return Search::failed;
     }
     switch (statement.step("mail domain selection")) {
     case Statement::Step::failed:
-        return false;
+        return Search::failed;
     case Statement::Step::done:
-        torva_log(3, "No such domain '%s' in the mail authentication DB", domain);
-        return false;
+        return Search::missing;
     case Statement::Step::row:
         break;
     }
     found.id = sqlite3_column_int64(statement.get(), 0);
     found.status = with_status ? sqlite3_column_int(statement.get(), 1) : 0;
-    return true;
+    return Search::found;
+}
+
+Search search_domain(int type, const char* domain) {
+    Database database;
+    if (!database.open(type, Access::read_only)) {
+        return Search::failed;
+    }
+    FoundDomain ignored;
+    const Search result = search_domain(database, domain, ignored);
+    return database.close() ? result : Search::failed;
+}
+
+bool find_domain(Database& database, const char* domain, FoundDomain& found, bool with_status) {
+    const Search result = search_domain(database, domain, found, with_status);
+    if (result == Search::missing) {
+        torva_log(3, "No such domain '%s' in the mail authentication DB", domain);
+    }
+    return result == Search::found;
 }
 
 } // namespace torva::maildb
 
+namespace {
+
+/// An address with an empty domain is invalid: its mailboxes could not be reached.
+bool is_domain_name(const char* name) {
+    if (*name == '\0') {
+        torva_log(3, "Invalid mail domain '%s'", name);
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
 int mail_auth_add_domain(int type, const char* domain, int status) {
+    if (!is_domain_name(domain)) {
+        return -1;
+    }
     Database database;
     Statement statement(database, "INSERT INTO domains (name, status) VALUES(?, ?)");
     const bool done = database.open(type, Access::read_write) && statement.prepare() &&
@@ -70,6 +103,9 @@ int mail_auth_delete_domain(int type, const char* domain) {
 }
 
 int mail_auth_rename_domain(int type, const char* old_name, const char* new_name) {
+    if (!is_domain_name(new_name)) {
+        return -1;
+    }
     Database database;
     Statement statement(database, "UPDATE domains SET name=? WHERE name=?");
     const bool done = database.open(type, Access::read_write) && statement.prepare() &&

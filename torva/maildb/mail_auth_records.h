@@ -17,6 +17,15 @@ struct FoundDomain {
     int status = 0; ///< only when asked for
 };
 
+enum class Search { found, missing, failed };
+
+/// Looks a domain up. Only a failure is reported.
+Search search_domain(Database& database, const char* domain, FoundDomain& found,
+                     bool with_status = false);
+
+/// The same in the database of a mail server type.
+Search search_domain(int type, const char* domain);
+
 /// Looks a domain up. False, reported, also when it is not there.
 bool find_domain(Database& database, const char* domain, FoundDomain& found,
                  bool with_status = false);

@@ -24,7 +24,6 @@ int open_handle(const char* path, int flags, sqlite3** handle) {
     if (code == SQLITE_OK) {
         sqlite3_busy_timeout(*handle, busy_timeout_ms);
         sqlite3_db_config(*handle, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
-        sqlite3_db_config(*handle, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
     }
     return code;
 }
@@ -59,8 +58,8 @@ Database::~Database() {
 bool Database::open(const char* path, Access access) noexcept {
     path_ = path;
     read_only_ = access == Access::read_only;
-    const int code = open_handle(
-        path, read_only_ ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE, &handle_);
+    const int code =
+        open_handle(path, read_only_ ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE, &handle_);
     if (code != SQLITE_OK) {
         const char* reason = handle_ != nullptr ? sqlite3_errmsg(handle_) : "general DB errror";
         torva_log(3,

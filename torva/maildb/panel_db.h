@@ -12,20 +12,24 @@ struct st_mysql; // MYSQL of the client library
 extern "C" {
 #endif
 
-/// 1 when the session uses "SET NAMES utf8", else 0; set by db_open().
+/// 1 when the session uses "SET NAMES utf8", else 0. db_open() sets it to 0 when it
+/// begins, and to what holds once the server has told.
 extern int db_utf8_compatible;
 
 /// Connects to the database "kra" on this host as "admin", with the password of
-/// "/etc/kra/.kra.shadow".
+/// "/etc/kra/.kra.shadow": its first line, of which 99 characters count.
 ///
 /// \param error       receives the message of a failure, cut to its size
-/// \param error_size  its size in bytes
-/// \return connection owned by the caller (mysql_close(3)), or null
+/// \param error_size  its size in bytes; 0: `error` may be null, and gets nothing
+/// \return connection owned by the caller (mysql_close(3)), or null. Its socket is
+///         close-on-exec and above 2, also in a program without standard streams.
+/// A server that says nothing is waited for 10 seconds until it has greeted, later 30
+/// seconds for each read and write. One that keeps sending a little gets around that.
 struct st_mysql* db_connect(char* error, size_t error_size);
 
-/// The same, with the session set up. A server that answers the version query
-/// with nothing leaves its message in `error` and a usable connection without a
-/// character set of its own.
+/// The same, with the session set up; `error` is emptied first. A server that answers
+/// the version query with nothing leaves its message in `error` and a usable connection
+/// without a character set of its own.
 struct st_mysql* db_open(char* error, size_t error_size);
 
 /// Runs a query and collects the first column of its rows; rows in which it is

@@ -3,6 +3,7 @@
 #include "torva/libc/log.h"
 #include "torva/maildb/format_text.h"
 #include "torva/maildb/mail_auth.h"
+#include "torva/maildb/mail_auth_records.h"
 #include "torva/maildb/panel_db.h"
 
 #include <memory>
@@ -10,6 +11,7 @@
 namespace {
 
 using torva::maildb::format_text;
+using torva::maildb::Search;
 using torva::maildb::Text;
 
 /// A result list of the panel's database, to be walked through.
@@ -68,6 +70,11 @@ int set_user(int type, const char* name, const char* domain, const char* passwor
                : mail_auth_set_user(type, address.get(), password, encrypted, status);
 }
 
+/// Whether there is no such password.
+bool is_empty(const char* password) {
+    return password == nullptr || *password == '\0';
+}
+
 /// Copies one mailbox, with the one password that it has.
 int clone_user(int type, const char* name, const char* from, const char* to) {
     const Text address = make_address(name, from);
@@ -75,7 +82,7 @@ int clone_user(int type, const char* name, const char* from, const char* to) {
     if (address == nullptr || mail_auth_read_user(type, address.get(), &user) != 0) {
         return -1;
     }
-    const bool encrypted = user.password == nullptr && user.encrypted_password != nullptr;
+    const bool encrypted = is_empty(user.password) && !is_empty(user.encrypted_password);
     const int result = set_user(type, name, to, encrypted ? user.encrypted_password : user.password,
                                 encrypted ? 1 : 0, user.status);
     mail_auth_free_user(&user);
@@ -200,16 +207,21 @@ int db_clone_auth_records(struct st_mysql* connection, int type, const char* fro
 }
 
 int db_remove_auth_domain_by_alias(struct st_mysql* connection, int type, const char* alias) {
-    Steps steps;
     List domains;
     const int asked = db_get_domain_by_alias(connection, alias, domains.out());
-    const bool no_alias = asked == 0 && domains.empty();
-    if (steps.failed(no_alias ? -1 : asked)) {
+    if (asked != 0 || domains.empty()) {
         torva_log(3, "Unable to get domain by domain alias %s", alias);
+        return -1; // it may be a real domain
     }
-    if (no_alias) {
-        return steps.result();
+    const Search found = torva::maildb::search_domain(type, alias);
+    if (found == Search::missing) {
+        return 0;
     }
+    if (found == Search::failed) {
+        torva_log(3, "Unable to remove domain %s from auth database", alias);
+        return -1;
+    }
+    Steps steps;
     domains.for_each([&](const char* domain) {
         remove_mailboxes_at_alias(steps, connection, type, domain, alias);
     });

@@ -2,7 +2,9 @@
 // for every alias name of a domain or mail name, as the panel's database
 // (torva/maildb/panel_db.h) tells them. Nothing here throws. Every step that fails is
 // reported through torva_log at level 3 and makes the result -1; the steps after it
-// still run, so that one bad record does not keep the others from their change.
+// still run, so that one bad record does not keep the others from their change. What a
+// failed query would have listed is left alone. Each may be repeated: a mailbox that is
+// gone already is no failure, a domain that is not there is.
 //
 // In all of them `connection` may be null, then each query opens one of its own;
 // `type` is the mail server type of torva/maildb/mail_auth.h; names go into queries AS THEY
@@ -42,13 +44,20 @@ int db_set_mail_password(struct st_mysql* connection, int type, const char* name
 
 /// Copies the authentication records of a domain's mail names and of their mail aliases,
 /// with the same single password and status, to the same names at another domain, which
-/// the authentication database must know.
+/// the authentication database must know. A record that has both passwords keeps the
+/// plain one, unless that is empty.
 int db_clone_auth_records(struct st_mysql* connection, int type, const char* from, const char* to);
 
 /// Removes a domain alias with its mailboxes: those of the mail names of its real domain
 /// and of their mail aliases, then the alias itself. The real domain and its mailboxes
-/// stay. When the panel's database answers that the name is no domain alias, that is a
-/// failed step, and nothing is removed: it may be a real domain.
+/// stay.
+///
+/// \return 0 also, quietly, when the authentication database has no such domain: it has
+///         been removed before
+/// Nothing is removed, and the result is -1, when the panel's database cannot be asked for
+/// the real domain, or answers that the name is no domain alias: it may be a real domain
+/// itself. A second removal must therefore come before the panel forgets the alias.
+/// Nothing is removed either when the authentication database cannot be asked.
 int db_remove_auth_domain_by_alias(struct st_mysql* connection, int type, const char* alias);
 
 #ifdef __cplusplus

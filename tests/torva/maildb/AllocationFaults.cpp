@@ -1,6 +1,8 @@
 #include "torva/maildb/AllocationFaults.h"
 
 #include <cerrno>
+#include <cstring>
+#include <malloc.h>
 
 namespace torva::test {
 
@@ -9,7 +11,23 @@ namespace {
 std::size_t smallest_failing = SIZE_MAX;
 std::size_t largest_failing = 0; // an empty range: nothing fails
 
+const char* watched_text = nullptr;
+int freed_texts = 0;
+
 } // namespace
+
+FreedTexts::FreedTexts(const char* text) {
+    freed_texts = 0;
+    watched_text = text;
+}
+
+FreedTexts::~FreedTexts() {
+    watched_text = nullptr;
+}
+
+int FreedTexts::count() const {
+    return freed_texts;
+}
 
 AllocationFaults::AllocationFaults(std::size_t smallest, std::size_t largest) {
     smallest_failing = smallest;
@@ -40,6 +58,14 @@ bool fails(std::size_t size) {
     return true;
 }
 
+void look_at_freed(void* memory) {
+    if (watched_text != nullptr && memory != nullptr &&
+        memmem(memory, malloc_usable_size(memory), watched_text, std::strlen(watched_text)) !=
+            nullptr) {
+        ++freed_texts;
+    }
+}
+
 } // namespace
 #endif
 
@@ -52,6 +78,7 @@ extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_realloc(void* memory, std::size_t size);
+void __libc_free(void* memory);
 // NOLINTEND(bugprone-reserved-identifier)
 
 void* malloc(std::size_t size) {
@@ -64,6 +91,11 @@ void* calloc(std::size_t count, std::size_t size) {
 
 void* realloc(void* memory, std::size_t size) {
     return torva::test::fails(size) ? nullptr : __libc_realloc(memory, size);
+}
+
+void free(void* memory) {
+    torva::test::look_at_freed(memory);
+    __libc_free(memory);
 }
 
 } // extern "C"

@@ -38,4 +38,16 @@ public:
     };
 };
 
+/// Counts the blocks with a text in them that are freed while it exists. There is one at
+/// a time.
+class FreedTexts {
+public:
+    explicit FreedTexts(const char* text); ///< must outlive it
+    ~FreedTexts();
+    FreedTexts(const FreedTexts&) = delete;
+    FreedTexts& operator=(const FreedTexts&) = delete;
+
+    int count() const;
+};
+
 } // namespace torva::test

@@ -158,7 +158,8 @@ TEST_F(CreateAuthDatabase, WithoutStandardStreamsTheDatabaseIsNoneOfThem) {
                   const OpenHook hook([&](sqlite3*) {
                       for (const char* fd : {"0", "1", "2"}) {
                           std::error_code none;
-                          const auto open_file = fs::read_symlink(std::string("/proc/self/fd/") + fd, none);
+                          const auto open_file =
+                              fs::read_symlink(std::string("/proc/self/fd/") + fd, none);
                           wrong += open_file.string().find("torva") == std::string::npos ? 0 : 1;
                       }
                   });

@@ -3,23 +3,21 @@
 #include "torva/maildb/AuthDatabase.h"
 #include "torva/maildb/BoundedChild.h"
 #include "torva/maildb/Files.h"
+#include "torva/maildb/Meanwhile.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
 #include <pwd.h>
 #include <sqlite3.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace torva::test;
@@ -154,8 +152,8 @@ TEST_F(HostileDirectory, ADatabaseInWalModeIsRefusedWithoutMakingItsFiles) {
     EXPECT_EQ(-1, look_up());
     EXPECT_EQ(-1, add_domain());
     for (const auto& line : log.take()) {
-        EXPECT_THAT(line.second, AnyOf(HasSubstr("unable to open database file"),
-                                       HasSubstr("No such domain")));
+        EXPECT_THAT(line.second,
+                    AnyOf(HasSubstr("unable to open database file"), HasSubstr("No such domain")));
     }
     EXPECT_FALSE(fs::exists(path + "-wal"));
     EXPECT_FALSE(fs::exists(path + "-shm"));
@@ -175,23 +173,28 @@ TEST_F(HostileDirectory, AHostileSchemaReachesNothingButTheTables) {
     EXPECT_THAT(log.text(), HasSubstr("unsafe use of reach_out()"));
 }
 
-TEST_F(HostileDirectory, ASchemaCannotBeWrittenPastTheStatementsThatChangeIt) {
-    int result = SQLITE_OK;
-    const OpenHook hook([&](sqlite3* handle) {
-        // Runs with the first statement: after the handle has been set up.
-        sqlite3_trace_v2(
-            handle, SQLITE_TRACE_STMT,
-            [](unsigned, void* code, void* statement, void*) {
-                sqlite3* own = sqlite3_db_handle(static_cast<sqlite3_stmt*>(statement));
-                int defensive = 0;
-                sqlite3_db_config(own, SQLITE_DBCONFIG_DEFENSIVE, -1, &defensive);
-                *static_cast<int*>(code) = defensive;
-                return 0;
-            },
-            &result);
-    });
+TEST_F(HostileDirectory, OtherDatabasesOfTheProcessAreOpenedAsBefore) {
     EXPECT_EQ(0, look_up());
-    EXPECT_EQ(1, result);
+    fs::copy_file(path, aside);
+    fs::create_hard_link(aside, victim + ".link");
+    fs::create_symlink(aside, victim + ".symlink");
+    for (const char* name : {".link", ".symlink"}) {
+        EXPECT_THAT(SqliteFile(victim + name).rows("SELECT name FROM domains"),
+                    ElementsAre("example.com"));
+        fs::remove(victim + name);
+    }
+}
+
+TEST_F(HostileDirectory, WithoutTheOverriddenCallTheLookBeforeOpeningIsLeft) {
+    put_aside();
+    ASSERT_EQ(0, mkfifo(auth_path, 0666));
+    EXPECT_THAT(bounded([] {
+                    look_up();
+                    sqlite3_vfs* base = sqlite3_vfs_find("unix");
+                    base->xSetSystemCall(base, "open", nullptr);
+                    return look_up();
+                }),
+                testing::StartsWith("-1\n"));
 }
 
 // In the place of the journal.
@@ -272,28 +275,6 @@ TEST_F(HostileDirectory, AJournalThatNamesAnotherFileHasNothingDeleted) {
 
 // Swapped all the time.
 
-/// Another process that does something for ever.
-class Meanwhile {
-public:
-    explicit Meanwhile(const std::function<void()>& action) : child_(fork()) {
-        if (child_ == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            for (;;) {
-                action();
-            }
-        }
-    }
-    ~Meanwhile() {
-        kill(child_, SIGKILL);
-        waitpid(child_, nullptr, 0);
-    }
-    Meanwhile(const Meanwhile&) = delete;
-    Meanwhile& operator=(const Meanwhile&) = delete;
-
-private:
-    pid_t child_;
-};
-
 /// Looks up and changes many times; how often each succeeded does not matter.
 int work() {
     for (int turn = 0; turn < 500; ++turn) {
@@ -307,9 +288,8 @@ TEST_F(HostileDirectory, AFifoThatComesAndGoesInThePlaceOfTheDatabaseBlocksNobod
     const std::string fifo = path + ".fifo";
     ASSERT_EQ(0, mkfifo(fifo.c_str(), 0666));
     {
-        const Meanwhile swapper([&] {
-            renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, fifo.c_str(), RENAME_EXCHANGE);
-        });
+        const Meanwhile swapper(
+            [&] { renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, fifo.c_str(), RENAME_EXCHANGE); });
         EXPECT_THAT(bounded(work), testing::StartsWith("0\n"));
     }
     fs::remove(fifo);
@@ -379,9 +359,8 @@ TEST_F(HostileDirectory, WhatIsPutInThePlaceOfANewDatabaseIsNotGivenAway) {
     };
     for (const auto& [name, swap] : swaps) {
         EXPECT_EQ(-1, create_with(swap)) << name;
-        EXPECT_THAT(log.take(),
-                    ElementsAre(LogLine(2, "chown(\"" + path + "\", " + id +
-                                               ", 0) failed: Stale file handle")))
+        EXPECT_THAT(log.take(), ElementsAre(LogLine(2, "chown(\"" + path + "\", " + id +
+                                                           ", 0) failed: Stale file handle")))
             << name;
         for (const std::string& file : {path, aside}) {
             struct stat status {};

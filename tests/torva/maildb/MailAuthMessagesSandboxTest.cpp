@@ -1,10 +1,13 @@
 // What each operation sends, and what it says when it fails.
+#include "torva/maildb/AllocationFaults.h"
 #include "torva/maildb/AuthDatabase.h"
 #include "torva/maildb/Files.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <sqlite3.h>
@@ -326,6 +329,48 @@ TEST_F(MailAuthMessages, NoMessageShowsAPassword) {
     }
     EXPECT_THAT(log.text(), HasSubstr("no such table"));
     EXPECT_THAT(log.text(), Not(HasSubstr("pa55phrase")));
+}
+
+TEST_F(MailAuthMessages, ADomainGetsNoEmptyName) {
+    EXPECT_EQ(-1, mail_auth_add_domain(type, "", 0));
+    EXPECT_EQ(0, mail_auth_add_domain(type, "example.com", 0));
+    EXPECT_EQ(-1, mail_auth_rename_domain(type, "example.com", ""));
+    const LogLine invalid(3, "Invalid mail domain ''");
+    EXPECT_THAT(log.take(), ElementsAre(invalid, invalid));
+    EXPECT_THAT(rows("SELECT name FROM domains"), ElementsAre("example.com"));
+}
+
+TEST_F(MailAuthMessages, NamesThatDifferInCaseAreDifferentNames) {
+    for (const char* domain : {"example.com", "Example.com"}) {
+        EXPECT_EQ(0, mail_auth_add_domain(type, domain, 0));
+    }
+    EXPECT_EQ(0, mail_auth_set_user(type, "joe@example.com", "p", 0, 0));
+    EXPECT_EQ(0, mail_auth_set_user(type, "Joe@example.com", "q", 0, 0));
+    EXPECT_EQ(0, mail_auth_delete_user(type, "JOE@example.com"));
+    EXPECT_EQ(-1, mail_auth_find_domain(type, "EXAMPLE.com", nullptr, nullptr));
+    EXPECT_THAT(rows("SELECT name, userPassword FROM users ORDER BY id"),
+                ElementsAre("joe|p", "Joe|q"));
+}
+
+TEST_F(MailAuthMessages, FreedRecordsLeaveNoPasswordInMemory) {
+    if (!allocation_faults_work) {
+        GTEST_SKIP() << no_allocation_faults;
+    }
+    EXPECT_EQ(0, mail_auth_add_domain(type, "d.example", 0));
+    for (const int encrypted : {0, 1}) {
+        EXPECT_EQ(0, mail_auth_set_user(type, "u@d.example", "pa55phrase", encrypted, 0));
+        mail_auth_user user;
+        ASSERT_EQ(0, mail_auth_read_user(type, "u@d.example", &user));
+        mail_auth_user* users = nullptr;
+        ASSERT_EQ(0, mail_auth_list(type, &users, nullptr));
+        const FreedTexts freed("pa55phrase");
+        mail_auth_free_user(&user);
+        EXPECT_EQ(0, freed.count()) << encrypted;
+        mail_auth_free_list(users);
+        EXPECT_EQ(0, freed.count()) << encrypted;
+        std::free(::strdup("pa55phrase"));
+        EXPECT_EQ(1, freed.count()) << "it would have been seen";
+    }
 }
 
 } // namespace

@@ -47,8 +47,7 @@ void leave_a_journal() {
 class JournalAtFirstStep {
 public:
     explicit JournalAtFirstStep(std::string query)
-        : query_(std::move(query)),
-          hook_([this](sqlite3* handle) {
+        : query_(std::move(query)), hook_([this](sqlite3* handle) {
               sqlite3_trace_v2(handle, SQLITE_TRACE_STMT, at_statement, this);
           }) {}
     bool met() const { return met_; }

@@ -7,6 +7,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 using namespace torva::test;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -34,6 +36,17 @@ TEST_F(Combined, RecordsOfMailNamesAndAliasesAreClonedWithPasswordAndStatus) {
                                "sales@new.example|NULL|sealed|2", "info@new.example|NULL|NULL|3",
                                "ann@new.example||NULL|0"));
     EXPECT_THAT(log.take(), IsEmpty());
+}
+
+TEST_F(Combined, AClonedRecordWithAnEmptyPlainPasswordKeepsTheEncryptedOne) {
+    add_domains({"example.com", "new.example"});
+    run("INSERT INTO users (dom_id, name, userPassword, cmusaslsecretPLAIN) VALUES "
+        "(1, 'joe', '', 'sealed'), (1, 'ann', 'plain', 'sealed'), (1, 'sales', '', ''), "
+        "(1, 'info', NULL, '')");
+    EXPECT_EQ(0, db_clone_auth_records(nullptr, type, "example.com", "new.example"));
+    EXPECT_THAT(
+        rows("SELECT name, userPassword, cmusaslsecretPLAIN FROM users WHERE dom_id=2"),
+        UnorderedElementsAre("joe|NULL|sealed", "ann|plain|NULL", "sales||NULL", "info|NULL|NULL"));
 }
 
 TEST_F(Combined, CloningGoesOnAfterEachFailedStep) {
@@ -148,18 +161,53 @@ TEST_F(Combined, RemovingADomainAliasReportsQueriesThatFail) {
                 ElementsAre(no_data, error("Unable to get mailnames from domain: example.com"),
                             error("Unable to get mailnames from domain example.com")));
     EXPECT_THAT(domains(), IsEmpty());
+}
 
+const char* const real_domain_query = "SELECT d.name FROM domains d JOIN domainaliases da WHERE "
+                                      "d.id=da.dom_id AND da.name='example.net'";
+
+TEST_F(Combined, ADomainWhoseRealDomainCannotBeAskedForStaysWhole) {
     add_domains({"example.net", "example.com"});
+    add_users({"joe@example.net", "other@example.net", "joe@example.com"});
+    const auto before = records();
     {
-        const MysqlProxy proxy("SELECT d.name FROM domains d JOIN domainaliases da WHERE "
-                               "d.id=da.dom_id AND da.name='example.net'",
-                               hang_up);
+        const MysqlProxy proxy(real_domain_query, hang_up);
         EXPECT_EQ(-1, db_remove_auth_domain_by_alias(nullptr, type, "example.net"));
     }
+    const std::vector<LogLine> refusal = {
+        no_data, error("Unable to get domain by domainalias: example.net"),
+        error("Unable to get domain by domain alias example.net")};
+    EXPECT_EQ(refusal, log.take());
+    server.stop();
+    EXPECT_EQ(-1, db_remove_auth_domain_by_alias(nullptr, type, "example.com"));
+    server.restart();
     EXPECT_THAT(log.take(),
-                ElementsAre(no_data, error("Unable to get domain by domainalias: example.net"),
-                            error("Unable to get domain by domain alias example.net")));
-    EXPECT_THAT(domains(), ElementsAre("example.com")) << "the alias had its turn";
+                testing::Contains(error("Unable to get domain by domain alias example.com")));
+    EXPECT_EQ(before, records());
+    EXPECT_THAT(domains(), UnorderedElementsAre("example.net", "example.com"));
+}
+
+TEST_F(Combined, RemovingADomainAliasOnceMoreIsQuietSuccess) {
+    add_domains({"example.com", "example.net"});
+    add_users({"joe@example.com", "joe@example.net"});
+    for (int turn = 0; turn < 2; ++turn) {
+        EXPECT_EQ(0, db_remove_auth_domain_by_alias(nullptr, type, "example.net"));
+        EXPECT_THAT(log.take(), IsEmpty());
+    }
+    EXPECT_THAT(users(), ElementsAre("joe@example.com"));
+    server.run("DELETE FROM domainaliases");
+    EXPECT_EQ(-1, db_remove_auth_domain_by_alias(nullptr, type, "example.net"))
+        << "it is not known any more whether it was an alias";
+    EXPECT_THAT(log.take(), ElementsAre(error("Unable to get domain by domain alias example.net")));
+}
+
+TEST_F(Combined, RemovingADomainAliasNeedsTheAuthenticationDatabase) {
+    std::filesystem::remove(auth_path);
+    EXPECT_EQ(-1, db_remove_auth_domain_by_alias(nullptr, type, "example.net"));
+    EXPECT_THAT(log.take(),
+                ElementsAre(error(std::string("Unable to open database(readonly) ") + auth_path +
+                                  ": unable to open database file"),
+                            error("Unable to remove domain example.net from auth database")));
 }
 
 } // namespace

@@ -32,6 +32,16 @@ TEST_F(Combined, AMailNameIsRemovedFromItsDomainAndEachAlias) {
     EXPECT_THAT(log.take(), IsEmpty());
 }
 
+TEST_F(Combined, RemovingAMailNameOnceMoreIsQuietSuccess) {
+    add_domains({"example.com", "example.net", "example.org"});
+    add_users({"joe@example.com", "sales@example.net"});
+    for (int turn = 0; turn < 2; ++turn) {
+        EXPECT_EQ(0, db_remove_mail_name_with_aliases(nullptr, type, "joe", "example.com"));
+        EXPECT_THAT(log.take(), IsEmpty());
+    }
+    EXPECT_THAT(users(), IsEmpty());
+}
+
 TEST_F(Combined, AGivenConnectionIsUsedAndStaysOpen) {
     add_domains({"example.com", "example.net", "example.org"});
     add_users({"joe@example.com", "joe@example.net"});

@@ -26,14 +26,36 @@ bool is_plain_file(const struct stat& status) {
     return S_ISREG(status.st_mode) && status.st_nlink <= 1;
 }
 
+/// Whether the open file has its only name at the path, or none any more. Somebody may link
+/// another's file there and remove the link again after it was opened; to be taken for
+/// ours it would have to come and go in step with every look.
+bool is_only_here(int fd, const char* path) {
+    constexpr int looks = 8;
+    struct stat opened {};
+    struct stat found {};
+    for (int look = 0; look < looks; ++look) {
+        if (fstat(fd, &opened) != 0 || !is_plain_file(opened)) {
+            return false;
+        }
+        if (opened.st_nlink == 0) {
+            return true;
+        }
+        const bool here = lstat(path, &found) == 0 && found.st_dev == opened.st_dev &&
+                          found.st_ino == opened.st_ino;
+        if (!here) { // a journal may just have been removed
+            return fstat(fd, &opened) == 0 && opened.st_nlink == 0;
+        }
+    }
+    return true;
+}
+
 /// In place of the "open" of SQLite, for the whole process.
 int guarded_open(const char* path, int flags, int mode) {
     if (guarded_path == nullptr || std::strcmp(path, guarded_path) != 0) {
         return unguarded_open(path, flags, mode);
     }
     const int fd = unguarded_open(path, flags | O_NOFOLLOW | O_NONBLOCK, mode);
-    struct stat status {};
-    if (fd >= 0 && (fstat(fd, &status) != 0 || !is_plain_file(status))) {
+    if (fd >= 0 && !is_only_here(fd, path)) {
         ::close(fd);
         errno = ELOOP;
         return -1;

@@ -11,8 +11,9 @@ namespace torva::maildb {
 /// SQLite's "unix" with these differences; what it refuses is SQLITE_CANTOPEN:
 ///
 /// - A database or a journal is opened only when it is a regular file without a second
-///   hard link. A link is not followed, a FIFO does not block, and what counts is the
-///   descriptor that SQLite goes on with, so there is no moment in which to swap the file.
+///   hard link. A link is not followed, a FIFO does not block, and what is judged is the
+///   descriptor that SQLite goes on with. What is left, where fs.protected_hardlinks is 0
+///   (see proc(5)): a hard link that comes and goes in step with eight looks at it.
 /// - A journal that names a super-journal is not rolled back: SQLite would delete the file
 ///   of that name, and whoever may write the journal chooses it.
 /// - A database in WAL mode is not opened: its shared memory is opened in other ways.

@@ -1,6 +1,9 @@
 #include "torva/util/AutocleanOFStream.h"
 
+#include "torva/libc/descriptor.h"
+
 #include <cerrno>
+#include <ext/stdio_filebuf.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -8,23 +11,61 @@ namespace torva {
 
 namespace {
 
-/// std::filebuf opens files that every child would inherit, and shows its
-/// descriptor to derived classes only.
-class DescriptorAccess : public std::filebuf {
-public:
-    static int descriptor(std::filebuf& buffer) {
-        return (buffer.*(&DescriptorAccess::_M_file)).fd();
+/// What open(2) is told for a mode, see fopen(3); -1 when there is no such mode.
+int flagsOf(std::ios_base::openmode mode) {
+    const bool reads = (mode & std::ios_base::in) != 0;
+    const bool appends = (mode & std::ios_base::app) != 0;
+    const bool truncates = (mode & std::ios_base::trunc) != 0;
+    if (appends && truncates) {
+        errno = EINVAL;
+        return -1;
     }
-};
+    int flags = (reads ? O_RDWR : O_WRONLY) | O_CLOEXEC;
+    if (appends) {
+        flags |= O_CREAT | O_APPEND;
+    } else if (truncates || !reads) {
+        flags |= O_CREAT | O_TRUNC;
+    }
+    return flags;
+}
+
+/// std::filebuf opens files that every child would inherit, and takes a standard
+/// stream that was closed for its descriptor.
+int openFile(const std::string& file, std::ios_base::openmode mode) {
+    const int flags = flagsOf(mode);
+    if (flags == -1) {
+        return -1;
+    }
+    int fd;
+    do {
+        fd = ::open(file.c_str(), flags, 0666);
+    } while (fd == -1 && errno == EINTR);
+    return fd_above_standard(fd);
+}
 
 } // namespace
 
-AutocleanOFStream::AutocleanOFStream(const std::string& file, openmode mode)
-    : std::ofstream(file, mode), path(file) {
-    if (is_open()) {
+AutocleanOFStream::AutocleanOFStream(const std::string& file, openmode mode) : path(file) {
+    attach(openFile(file, mode | out), mode | out);
+}
+
+AutocleanOFStream::AutocleanOFStream(const std::string& file, int fd) : path(file) {
+    attach(::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1), out);
+}
+
+void AutocleanOFStream::attach(int fd, openmode mode) {
+    if (fd == -1) {
+        setstate(failbit);
+        return;
+    }
+    *rdbuf() = __gnu_cxx::stdio_filebuf<char>(fd, mode);
+    if (!is_open()) {
         const int saved_errno = errno;
-        static_cast<void>(::fcntl(DescriptorAccess::descriptor(*rdbuf()), F_SETFD, FD_CLOEXEC));
+        ::close(fd);
         errno = saved_errno;
+        setstate(failbit);
+    } else if ((mode & ate) != 0) {
+        seekp(0, end);
     }
 }
 

@@ -43,6 +43,11 @@ public:
     /// The file, for rename(2) and for external commands.
     const std::string& path() const { return TmpFileBase::path; }
 
+    /// The file itself, for fchmod(2), fchown(2) and fstat(2): its name may stand for
+    /// another file where somebody else may write the directory. Close-on-exec and
+    /// above 2; owned by the stream; -1 once commit() has closed it.
+    int descriptor() const { return buffer_.is_open() ? fd : -1; }
+
     /// Whether the destructor removes the file.
     void setAutoclean(bool autoclean) { autoclean_ = autoclean; }
     bool autoclean() const { return autoclean_; }

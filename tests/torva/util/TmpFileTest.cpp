@@ -162,6 +162,23 @@ TEST(TmpFileTest, WithoutADescriptorAboveTheStandardStreamsNothingIsLeft) {
     EXPECT_TRUE(directory.names().empty());
 }
 
+TEST(TmpFileTest, TheDescriptorIsTheFileItselfWhateverItsNameStandsFor) {
+    const TempDirectory directory;
+    TmpFile file(directory / "f");
+    struct stat named {};
+    ASSERT_EQ(::stat(file.path().c_str(), &named), 0);
+    ASSERT_EQ(std::rename(file.path().c_str(), (directory / "moved").c_str()), 0);
+    writeFile(file.path(), "another");
+    struct stat held {};
+    ASSERT_EQ(::fstat(file.descriptor(), &held), 0);
+    EXPECT_EQ(held.st_ino, named.st_ino);
+    file << "text";
+    file.commit();
+    EXPECT_EQ(file.descriptor(), -1);
+    EXPECT_EQ(readFile(directory / "moved"), "text");
+    ::unlink(file.path().c_str());
+}
+
 TEST(TmpFileTest, AFailedRemovalIsOneLineOnStandardErrorAndKeepsErrno) {
     const TempDirectory directory;
     const auto before = openDescriptors();

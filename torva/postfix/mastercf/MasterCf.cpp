@@ -2,6 +2,9 @@
 
 #include "torva/postfix/mastercf/MasterCfReader.h"
 #include "torva/postfix/mastercf/MasterCfWriter.h"
+#include "torva/postfix/mastercf/ReadBack.h"
+#include "torva/util/FileLock.h"
+#include "torva/util/PostfixError.h"
 
 #include <boost/filesystem.hpp>
 
@@ -14,10 +17,55 @@ namespace {
 // Only a file that is certainly not there is taken for none: one that cannot be
 // looked at is for the reader to complain about, or the next save() would replace
 // a store that was never read.
-bool mayExist(const char* path) {
+bool mayExist(const std::string& path) {
     boost::system::error_code ignored;
     return boost::filesystem::status(path, ignored).type() != boost::filesystem::file_not_found;
 }
+
+/// What a file holds that was written from the lines.
+std::string textOf(const MasterCfLines& lines) {
+    std::string text;
+    for (const std::string& line : lines.lines()) {
+        text += line;
+        text += '\n';
+    }
+    return text;
+}
+
+/// One of the files that a save replaces, from its lock to its rename.
+class FileToSave {
+public:
+    FileToSave(const MasterCfLines& lines, std::string path, FileOwner owner)
+        : lines_(lines),
+          path_(std::move(path)),
+          owner_(owner),
+          text_(textOf(lines)),
+          lock_(path_, LockMode::wait) {}
+
+    /// \param loaded  what the file held when it was read; nothing: it was not there
+    void requireUnchanged(const std::optional<std::string>& loaded) const {
+        const bool same =
+            mayExist(path_) ? loaded && MasterCfReader::content(path_, owner_) == loaded : !loaded;
+        if (!same) {
+            const std::string name = path_.substr(path_.rfind('/') + 1);
+            throw PostfixConfigurationError(name + " was changed by someone else");
+        }
+    }
+
+    void stage() { staged_.emplace(lines_, path_); }
+    void replaceTarget() { staged_->replaceTarget(); }
+
+    /// What the file holds after that.
+    std::string& text() { return text_; }
+
+private:
+    const MasterCfLines& lines_;
+    const std::string path_;
+    const FileOwner owner_;
+    std::string text_;
+    const FileLock lock_;
+    std::optional<StagedFile> staged_;
+};
 
 } // namespace
 
@@ -52,12 +100,14 @@ void MasterCf::load(bool reload) {
         return;
     }
     auto active = std::make_shared<MasterCfLines>();
-    MasterCfReader::read(path_, *active);
+    activeText_ = MasterCfReader::read(path_, *active);
     active_ = std::move(active);
     if (mayExist(disabledPath)) {
         auto disabled = std::make_shared<MasterCfLines>();
-        MasterCfReader::read(disabledPath, *disabled);
+        disabledText_ = MasterCfReader::read(disabledPath, *disabled, FileOwner::self);
         disabled_ = std::move(disabled);
+    } else {
+        disabledText_.reset();
     }
     activeChanged_ = false;
     disabledChanged_ = false;
@@ -87,6 +137,7 @@ void MasterCf::putModule(const MasterCfModule& module, bool enabled) {
     requireLoaded();
     const MasterCfLines::Key key = MasterCfLines::keyOf(module);
     std::string text = formatModule(module);
+    requireReadsBack(module, text);
     const std::shared_ptr<MasterCfLines> target = enabled ? active_ : disabledOrNew();
     // Texts are compared, never records: the same text may parse into other words
     // than the record has, and a second run must find nothing to write.
@@ -149,16 +200,39 @@ void MasterCf::removeModule(const std::string& name, ModuleType type) {
 
 bool MasterCf::save(bool force) {
     requireLoaded();
-    const bool writesActive = activeChanged_ || force;
-    if (writesActive) {
-        MasterCfWriter::write(*active_, path_);
-        activeChanged_ = false;
+    // The locks are always taken in this order: two programs that save at the same time
+    // never wait for each other.
+    std::optional<FileToSave> active;
+    std::optional<FileToSave> disabled;
+    if (activeChanged_ || force) {
+        active.emplace(*active_, path_, FileOwner::any);
     }
     if (disabled_ && (disabledChanged_ || force)) {
-        MasterCfWriter::write(*disabled_, disabledPath);
+        disabled.emplace(*disabled_, disabledPath, FileOwner::self);
+    }
+    if (active && !force) {
+        active->requireUnchanged(activeText_);
+    }
+    if (disabled && !force) {
+        disabled->requireUnchanged(disabledText_);
+    }
+    // A service that moves leaves master.cf first. Before it does, the store that takes
+    // it lies on disk in full: otherwise a full disk would lose its text.
+    if (disabled) {
+        disabled->stage();
+    }
+    if (active) {
+        active->stage();
+        active->replaceTarget();
+        activeText_->swap(active->text());
+        activeChanged_ = false;
+    }
+    if (disabled) {
+        disabled->replaceTarget();
+        disabledText_ = std::move(disabled->text());
         disabledChanged_ = false;
     }
-    return writesActive;
+    return active.has_value();
 }
 
 } // namespace torva::mail::postfix

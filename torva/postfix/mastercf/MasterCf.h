@@ -7,16 +7,15 @@
 #include "torva/postfix/mastercf/MasterCfLines.h"
 
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace torva::mail::postfix {
 
-/// The sequence is: load(), any number of questions and changes, save(). A line
-/// that is not changed keeps its text byte for byte.
-///
-/// Every operation but load() throws std::logic_error "modules configuration isn't
-/// loaded yet" when load() has not run. On an exception both stores and both
-/// change flags are as before, load() and save() as told there.
+/// The sequence is: load(), questions and changes, save(). A line that is not changed
+/// keeps its text byte for byte. Every operation but load() throws std::logic_error
+/// "modules configuration isn't loaded yet" when load() has not run. On an exception
+/// both stores and both change flags are as before, load() and save() as told there.
 class MasterCf {
 public:
     /// The file that keeps the services that do not run.
@@ -44,7 +43,8 @@ public:
     const std::string& path() const { return path_; }
 
     /// Reads master.cf, then the store of disabled services if its file exists (if
-    /// not, a store in memory stays), and forgets all changes.
+    /// not, a store in memory stays), and forgets all changes. A store that somebody
+    /// else may have planted is not read (FileOwner::self in MasterCfReader.h).
     ///
     /// \param reload  false: do nothing when master.cf has been read already
     /// \throws as MasterCfReader::read(). When only the store's file fails,
@@ -64,11 +64,13 @@ public:
     MasterCfEntry getModule(const std::string& name, ModuleType type,
                             boost::logic::tribool where) const;
 
-    /// Replaces a service in its place, or appends it when it is new, and removes
-    /// it from the other store. A service that has this very text is no change.
+    /// Replaces a service in its place, or appends a new one, and removes it from the
+    /// other store. A service that has this very text is no change.
     ///
     /// \param module   service entry, written as formatModule() does
     /// \param enabled  true: into master.cf; false: into the store
+    /// \throws std::invalid_argument  the text would not be read back as this one
+    ///         service, see ReadBack.h
     void putModule(const MasterCfModule& module, bool enabled);
 
     /// Brings a service back from the store to the end of master.cf, with the text
@@ -77,20 +79,23 @@ public:
     /// \throws std::out_of_range "no such module NAME"
     void enableModule(const std::string& name, ModuleType type);
 
-    /// Moves a service with its text from master.cf to the store. None in master.cf
-    /// is no error.
+    /// Moves a service with its text from master.cf to the store. None is no error.
     void disableModule(const std::string& name, ModuleType type);
 
     /// Removes a service from both. None is no error.
     void removeModule(const std::string& name, ModuleType type);
 
     /// Writes master.cf, and after it the store if there is one; each only when it
-    /// has changes.
+    /// has changes. Both new texts are on disk beside their targets before that.
     ///
-    /// \param force  true: write without changes, too
+    /// \param force  true: write without changes, too, and over what others changed
     /// \return whether master.cf was written
-    /// \throws as MasterCfWriter::write(). A change flag falls only when its file
-    ///         has been written, so another save() goes on where this one failed.
+    /// \throws PostfixConfigurationError "master.cf was changed by someone else" (or
+    ///         "master.cf.disabled ..."): a file to be written is no longer, to the
+    ///         byte, as load() read or save() wrote it; never when forced
+    /// On an exception, those of MasterCfWriter::write() included, neither file was
+    /// written, unless the rename of the store failed.
+    /// A flag falls only when its file was written: another save() goes on from there.
     bool save(bool force);
 
     /// Whether memory and file differ, as far as changes made here go.
@@ -104,6 +109,8 @@ private:
 
     std::shared_ptr<MasterCfLines> active_;   ///< null: load() has not run
     std::shared_ptr<MasterCfLines> disabled_; ///< null: no such file yet, nothing disabled
+    std::optional<std::string> activeText_;   ///< the file as last read or written
+    std::optional<std::string> disabledText_; ///< the same; nothing: there was none
     bool activeChanged_ = false;
     bool disabledChanged_ = false;
     const std::string path_;

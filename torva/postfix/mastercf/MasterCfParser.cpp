@@ -24,6 +24,16 @@ using parser::empty_line_parser;
 using parser::newline_p;
 using parser::WordAppender;
 
+// '-' between two characters is a range, in the first place it is itself. Upper-case
+// letters are not meant to be there.
+const char nameCharacters[] = "-a-z0-9_:.";
+
+// Letters, digits and these, of which ')' to '_' is a range: in all, everything
+// printable but '#', which always begins a comment. Letters and digits are spelt out
+// because alnum_p asks the locale.
+const char wordCharacters[] = "a-zA-Z0-9"
+                              "/!@$%$^&*()-_=+\\|[]{}:;'\"<>.,?*~`";
+
 /// Action: returns the working record to its defaults, but for the memory that the
 /// list of words has: each service would grow it anew.
 class RecordResetter {
@@ -140,14 +150,8 @@ void MasterCfParser::definition<Scanner>::defineFields(MasterCfModule& record) {
     using spirit::ch_p;
     using spirit::str_p;
 
-    // '-' between two characters is a range, in the first place it is itself.
-    // Upper-case letters are not meant to be there.
-    const spirit::chset<char> name_character("-a-z0-9_:.");
-    // Letters, digits and these, of which ')' to '_' is a range: in all, everything
-    // printable but '#', which always begins a comment. Letters and digits are
-    // spelt out because alnum_p asks the locale.
-    const spirit::chset<char> word_character("a-zA-Z0-9"
-                                             "/!@$%$^&*()-_=+\\|[]{}:;'\"<>.,?*~`");
+    const spirit::chset<char> name_character(nameCharacters);
+    const spirit::chset<char> word_character(wordCharacters);
     const spirit::uint_parser<std::uint32_t> number;
     const auto flag = [](boost::logic::tribool& field) {
         using Assign = ConstAssigner<boost::logic::tribool>;
@@ -202,6 +206,21 @@ bool parseMasterCf(const char* first, const char* last, MasterCfLines& target) {
     MasterCfModule record;
     const MasterCfParser grammar(record, target);
     return spirit::parse(first, last, grammar).full;
+}
+
+bool isNameCharacter(char c) {
+    static const spirit::chset<char> characters(nameCharacters);
+    return characters.test(c);
+}
+
+bool isWordCharacter(char c) {
+    static const spirit::chset<char> characters(wordCharacters);
+    return characters.test(c);
+}
+
+bool isBlank(char c) {
+    static const spirit::chset<char> characters(parser::blanks());
+    return characters.test(c);
 }
 
 } // namespace torva::mail::postfix

@@ -17,4 +17,9 @@ namespace torva::mail::postfix {
 /// Takes time linear in the length of the text.
 bool parseMasterCf(const char* first, const char* last, MasterCfLines& target);
 
+/// What a name, and what a word of a service, is made of, and what separates words.
+bool isNameCharacter(char c);
+bool isWordCharacter(char c);
+bool isBlank(char c);
+
 } // namespace torva::mail::postfix

@@ -2,7 +2,9 @@
 
 #include "torva/postfix/mastercf/MasterCfParser.h"
 #include "torva/util/PostfixError.h"
+#include "torva/util/WritableByOthers.h"
 
+#include <cerrno>
 #include <cstddef>
 
 #include <fcntl.h>
@@ -14,23 +16,52 @@ namespace torva::mail::postfix {
 
 namespace {
 
+bool isOurs(const struct stat& status) {
+    return (status.st_uid == 0 || status.st_uid == ::geteuid()) &&
+           (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 && status.st_nlink == 1;
+}
+
+/// An open regular file; closed again when the object goes.
+class OpenFile {
+public:
+    /// Check valid().
+    OpenFile(const std::string& path, FileOwner owner) {
+        const bool distrusts = owner == FileOwner::self && writableByOthers(directoryOf(path));
+        // Non-blocking: opening a FIFO would wait for somebody to write to it.
+        const int flags = O_RDONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC;
+        fd_ = ::open(path.c_str(), distrusts ? flags | O_NOFOLLOW : flags);
+        valid_ = fd_ >= 0 && ::fstat(fd_, &status_) == 0 && S_ISREG(status_.st_mode) &&
+                 (!distrusts || isOurs(status_));
+    }
+    ~OpenFile() {
+        if (fd_ >= 0) {
+            ::close(fd_);
+        }
+    }
+    OpenFile(const OpenFile&) = delete;
+    OpenFile& operator=(const OpenFile&) = delete;
+
+    bool valid() const { return valid_; }
+    int descriptor() const { return fd_; }
+    std::size_t size() const { return static_cast<std::size_t>(status_.st_size); }
+
+private:
+    int fd_;
+    bool valid_;
+    struct stat status_ {};
+};
+
 /// The bytes of a whole regular file, in place.
 class MappedFile {
 public:
     /// Keeps no descriptor. Check valid().
-    explicit MappedFile(const std::string& path) {
-        // Non-blocking: opening a FIFO would wait for somebody to write to it.
-        const int fd = ::open(path.c_str(), O_RDONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-        if (fd < 0) {
-            return;
-        }
-        struct stat status {};
-        if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) {
-            size_ = static_cast<std::size_t>(status.st_size);
+    MappedFile(const std::string& path, FileOwner owner) {
+        const OpenFile file(path, owner);
+        if (file.valid()) {
+            size_ = file.size();
             // Fails by itself for a size of 0.
-            data_ = ::mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, fd, 0);
+            data_ = ::mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, file.descriptor(), 0);
         }
-        ::close(fd);
     }
     ~MappedFile() {
         if (valid()) {
@@ -51,13 +82,33 @@ private:
 
 } // namespace
 
-void MasterCfReader::read(const std::string& path, MasterCfLines& target) {
-    const MappedFile file(path);
+std::string MasterCfReader::read(const std::string& path, MasterCfLines& target, FileOwner owner) {
+    const MappedFile file(path, owner);
     if (!file.valid()) {
         throw PostfixConfigurationError("unable to open " + path);
     }
     if (!parseMasterCf(file.begin(), file.end(), target)) {
         throw PostfixConfigurationError("unable to parse " + path);
+    }
+    return {file.begin(), file.end()};
+}
+
+std::optional<std::string> MasterCfReader::content(const std::string& path, FileOwner owner) {
+    const OpenFile file(path, owner);
+    if (!file.valid()) {
+        return std::nullopt;
+    }
+    std::string text;
+    char piece[16384];
+    for (;;) {
+        const ssize_t size = ::read(file.descriptor(), piece, sizeof(piece));
+        if (size > 0) {
+            text.append(piece, static_cast<std::size_t>(size));
+        } else if (size == 0) {
+            return text;
+        } else if (errno != EINTR) {
+            return std::nullopt;
+        }
     }
 }
 

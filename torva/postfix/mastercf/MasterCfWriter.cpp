@@ -2,7 +2,7 @@
 
 #include "torva/util/FileLock.h"
 #include "torva/util/SystemError.h"
-#include "torva/util/TmpFile.h"
+#include "torva/util/WritableByOthers.h"
 
 #include <boost/filesystem.hpp>
 
@@ -32,24 +32,11 @@ void writeLines(const MasterCfLines& lines, std::ostream& stream) {
     }
 }
 
-/// Renames the temporary file, which nobody else removes any more.
-void renameOver(const std::string& from, const std::string& to) {
-    if (std::rename(from.c_str(), to.c_str()) == 0) {
-        return;
-    }
-    const int saved = errno;
-    ::unlink(from.c_str());
-    errno = saved;
-    throw filesystem_error("rename", from, to, systemError(saved));
-}
-
 /// Brings a rename to disk. Nobody hears of a failure: the new file is in place
 /// already, whole and on disk, and at worst a crash brings the old one back; an
 /// error would claim that the old one is still there.
 void syncDirectoryOf(const std::string& path) {
-    const std::string::size_type slash = path.rfind('/');
-    const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-    const int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int fd = ::open(directoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd >= 0) {
         ::fsync(fd);
         ::close(fd);
@@ -58,18 +45,37 @@ void syncDirectoryOf(const std::string& path) {
 
 } // namespace
 
+StagedFile::StagedFile(const MasterCfLines& lines, const std::string& targetPath)
+    : file_(targetPath + "."), target_(targetPath) {
+    file_.clear();
+    writeLines(lines, file_);
+    // On the descriptor: the directory of the store may belong to an account that puts
+    // another file in the place of ours. Before the commit, so that the mode is on disk
+    // when the name is.
+    if (::fchmod(file_.descriptor(), 0644) != 0) {
+        throw filesystem_error("chmod", file_.path(), systemError(errno));
+    }
+    file_.commit();
+    file_.setAutoclean(true);
+}
+
+// Who may write the directory can still swap the name before the rename. That gains
+// nothing: they may as well rename over the target afterwards. What they make of the
+// store is judged when it is read.
+void StagedFile::replaceTarget() {
+    file_.setAutoclean(false);
+    if (std::rename(file_.path().c_str(), target_.c_str()) != 0) {
+        const int saved = errno;
+        ::unlink(file_.path().c_str());
+        errno = saved;
+        throw filesystem_error("rename", file_.path(), target_, systemError(saved));
+    }
+    syncDirectoryOf(target_);
+}
+
 void MasterCfWriter::write(const MasterCfLines& lines, const std::string& targetPath) {
     const FileLock lock(targetPath, LockMode::wait);
-    TmpFile file(targetPath + ".");
-    file.clear();
-    writeLines(lines, file);
-    // Before the commit, so that the mode is on disk when the name is.
-    if (::chmod(file.path().c_str(), 0644) != 0) {
-        throw filesystem_error("chmod", file.path(), systemError(errno));
-    }
-    file.commit();
-    renameOver(file.path(), targetPath);
-    syncDirectoryOf(targetPath);
+    StagedFile(lines, targetPath).replaceTarget();
 }
 
 } // namespace torva::mail::postfix

@@ -248,39 +248,6 @@ TEST_F(MasterCfSandboxTest, EmptiedStoreIsWrittenWithoutAByteAndRefusedByTheNext
               "unable to open " + storePath);
 }
 
-TEST_F(MasterCfSandboxTest, FailedSaveLeavesTheFileAndTheFlagsForAnotherTry) {
-    const std::string old = "a unix - - - - - one\n";
-    load(old);
-    model_.disableModule("a", ModuleType::unix);
-    {
-        SystemCallLog log;
-        log.fail("rename", EIO);
-        EXPECT_THROW(model_.save(false), boost::filesystem::filesystem_error);
-    }
-    EXPECT_EQ(contentOfFile(path_), old);
-    EXPECT_EQ(entriesOf(directory_.path()), 1U);
-    EXPECT_FALSE(std::filesystem::exists(storePath));
-    EXPECT_TRUE(model_.activeChanged());
-    EXPECT_TRUE(model_.disabledChanged());
-    EXPECT_TRUE(model_.save(false));
-    EXPECT_EQ(contentOfFile(path_), "\n");
-    EXPECT_EQ(contentOfFile(storePath), "a unix - - - - - one\n");
-}
-
-TEST_F(MasterCfSandboxTest, FailedSaveOfTheStoreLeavesOnlyItsFlagUp) {
-    load("a unix - - - - - one\n");
-    std::filesystem::remove_all(std::filesystem::path(storePath).parent_path());
-    model_.disableModule("a", ModuleType::unix);
-    EXPECT_EQ(messageOf<torva::SystemError>([&] { model_.save(false); }),
-              "mkstemp() failed: : No such file or directory");
-    EXPECT_EQ(contentOfFile(path_), "\n");
-    EXPECT_FALSE(model_.activeChanged());
-    EXPECT_TRUE(model_.disabledChanged());
-    std::filesystem::create_directory(std::filesystem::path(storePath).parent_path());
-    EXPECT_FALSE(model_.save(false));
-    EXPECT_EQ(contentOfFile(storePath), "a unix - - - - - one\n");
-}
-
 TEST_F(MasterCfSandboxTest, MemoryThatRunsOutWithTheFirstDisabledServiceLeavesNoStoreBehind) {
     load("a unix - - - - - one\n");
     const auto noStore = [&] {

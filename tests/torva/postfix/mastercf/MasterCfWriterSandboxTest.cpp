@@ -139,7 +139,7 @@ TEST_F(MasterCfWriterSandboxTest, StepsHaveTheirOrder) {
     std::string lockName = path_;
     std::replace(lockName.begin(), lockName.end(), '/', '_');
     EXPECT_THAT(log.calls(),
-                ElementsAre("flock " + lockName, "chmod master.cf.XXXXXX 0644", "fsync file",
+                ElementsAre("flock " + lockName, "fchmod master.cf.XXXXXX 0644", "fsync file",
                             "rename master.cf.XXXXXX master.cf", "fsync directory"));
     EXPECT_TRUE(std::filesystem::exists("/var/lock/files/" + lockName));
 }
@@ -201,7 +201,7 @@ TEST_F(MasterCfWriterSandboxTest, FailingRenameOfTheSystemLeavesTheOldFile) {
 TEST_F(MasterCfWriterSandboxTest, FailingChmodLeavesTheOldFileAndNamesTheTemporaryOne) {
     fillOld();
     SystemCallLog log;
-    log.fail("chmod", EPERM);
+    log.fail("fchmod", EPERM);
     try {
         write({"a"});
         FAIL() << "went on without its mode";
@@ -216,6 +216,23 @@ TEST_F(MasterCfWriterSandboxTest, FailingChmodLeavesTheOldFileAndNamesTheTempora
     }
     expectOldFileAlone();
     EXPECT_THAT(log.calls(), ::testing::Not(::testing::Contains(StartsWith("rename"))));
+}
+
+TEST_F(MasterCfWriterSandboxTest, ModeGoesToTheFileThatWasWrittenWhateverHasItsNameNow) {
+    fill(directory_ / "victim", "theirs");
+    ASSERT_EQ(::chmod((directory_ / "victim").c_str(), 0600), 0);
+    SystemCallLog log;
+    log.before("fchmod", [&] {
+        for (const auto& entry : std::filesystem::directory_iterator(directory_.path())) {
+            if (entry.path().filename() != "victim") {
+                std::filesystem::remove(entry.path());
+                std::filesystem::create_symlink("victim", entry.path());
+            }
+        }
+    });
+    write({"a"});
+    EXPECT_EQ(modeOf(directory_ / "victim"), 0600U);
+    EXPECT_EQ(contentOfFile(directory_ / "victim"), "theirs");
 }
 
 TEST_F(MasterCfWriterSandboxTest, FailingFsyncLeavesTheOldFile) {
@@ -305,7 +322,7 @@ TEST_F(MasterCfWriterSandboxTest, NoDescriptorStaysOpenHoweverItEnds) {
     SystemCallLog log;
     const std::size_t before = entriesOf("/proc/self/fd");
     write({"a"});
-    for (const char* call : {"rename", "chmod", "fsync file", "flock"}) {
+    for (const char* call : {"rename", "fchmod", "fsync file", "flock"}) {
         log.fail(call, EIO);
         EXPECT_ANY_THROW(write({"b"})) << call;
     }

@@ -82,6 +82,14 @@ int chmod(const char* path, mode_t mode) noexcept {
     return fails("chmod " + nameOf(path) + " " + octal) ? -1 : ::fchmodat(AT_FDCWD, path, mode, 0);
 }
 
+int fchmod(int fd, mode_t mode) noexcept {
+    char octal[16];
+    std::snprintf(octal, sizeof(octal), "%04o", mode);
+    return fails("fchmod " + nameOf(fd) + " " + octal)
+               ? -1
+               : static_cast<int>(::syscall(SYS_fchmod, fd, mode));
+}
+
 int rename(const char* from, const char* to) noexcept {
     return fails("rename " + nameOf(from) + " " + nameOf(to))
                ? -1

@@ -1,5 +1,5 @@
 // The system calls with which a file is replaced, seen and made to fail: chmod,
-// rename, fsync and flock of the test executables of this folder note that they
+// fchmod, rename, fsync and flock of the test executables of this folder note that they
 // were called and hand on to the system.
 #pragma once
 
@@ -24,7 +24,7 @@ public:
     /// Runs something in the place of, and right before, a call whose note begins so.
     void before(const std::string& beginning, std::function<void()> action);
 
-    /// "chmod NAME MODE", "rename FROM TO", "fsync file", "fsync directory",
+    /// "chmod NAME MODE", "fchmod NAME MODE", "rename FROM TO", "fsync file", "fsync directory",
     /// "flock NAME"; names without their directories, the six characters of a
     /// temporary file as "XXXXXX".
     const std::vector<std::string>& calls() const { return calls_; }

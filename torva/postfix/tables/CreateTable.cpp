@@ -3,15 +3,18 @@
 #include "torva/postfix/params/PostfixTool.h"
 #include "torva/postfix/tables/HalfMadeIndex.h"
 #include "torva/postfix/tables/PostmapCommand.h"
+#include "torva/postfix/tables/TableFiles.h"
+#include "torva/process/Descriptor.h"
 #include "torva/util/AutocleanOFStream.h"
 #include "torva/util/FileLock.h"
 #include "torva/util/PostfixError.h"
+#include "torva/util/SystemError.h"
+#include "torva/util/TmpFile.h"
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
+#include <fstream>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,49 +26,89 @@ namespace {
     throw PostfixDatabaseError("unable to write " + path + ": " + std::strerror(code));
 }
 
-/// Makes an empty file of an unpredictable name beside the source: the tables
-/// directory may belong to an account that must not choose what root writes to.
-std::string makeScratchFile(const std::string& source) {
-    std::string name = source + ".XXXXXX";
-    const int fd = ::mkostemp(name.data(), O_CLOEXEC);
-    if (fd == -1) {
-        throwUnableToWrite(source, errno);
+/// The scratch file, beside the source, of an unpredictable name. The descriptor is
+/// held until postmap takes over: the tables directory may belong to an account that
+/// puts another file, or a link, in the place of any name.
+class ScratchFile : private TmpFileBase {
+public:
+    explicit ScratchFile(const std::string& source) : TmpFileBase(source + "."), held_(fd) {}
+
+    const std::string& path() const { return TmpFileBase::path; }
+    int descriptor() const { return held_.get(); }
+
+private:
+    const process::Descriptor held_;
+};
+
+void writeRecords(const ScratchFile& scratch, const Records& records, std::ofstream& stream) {
+    stream.exceptions(std::ios_base::badbit | std::ios_base::failbit);
+    for (const Record& record : records) {
+        stream << record.first << ' ' << record.second << '\n';
     }
-    ::close(fd);
-    return name;
+    // Set here, the mode can be that of no other file.
+    if (::fchmod(scratch.descriptor(), 0644) != 0) {
+        throw SystemError("chmod");
+    }
+    stream.close();
+}
+
+[[noreturn]] void throwSwapped(const std::string& source) {
+    throw PostfixDatabaseError("unable to write " + source +
+                               ": somebody else has put another file in its place");
 }
 
 /// Writes the records to the source file, whole or not at all.
-void writeSource(const std::string& source, const Records& records) {
-    const std::string scratch = makeScratchFile(source);
-    AutocleanOFStream stream(scratch, std::ios_base::out | std::ios_base::trunc);
+///
+/// \param named   for messages
+void writeSource(const ScratchFile& scratch, const std::string& source, const std::string& named,
+                 const Records& records) {
+    AutocleanOFStream stream(scratch.path(), scratch.descriptor());
     try {
-        stream.exceptions(std::ios_base::badbit | std::ios_base::failbit);
-        for (const Record& record : records) {
-            stream << record.first << ' ' << record.second << '\n';
-        }
-        stream.close();
+        writeRecords(scratch, records, stream);
     } catch (const std::ios_base::failure&) {
-        throwUnableToWrite(source, errno);
+        throwUnableToWrite(named, errno);
+    } catch (const SystemError& error) {
+        throwUnableToWrite(named, error.code());
+    }
+    // rename(2) knows names only. Who swaps the name after this look has the source
+    // replaced by his own file, which he may do without us at any time; what postmap
+    // is given is looked at once more.
+    if (!isNameOf(scratch.path(), scratch.descriptor())) {
+        throwSwapped(named);
     }
     // From here on the scratch name is gone; the stream that removes it finds nothing.
-    if (::chmod(scratch.c_str(), 0644) != 0 || std::rename(scratch.c_str(), source.c_str()) != 0) {
-        throwUnableToWrite(source, errno);
+    if (std::rename(scratch.path().c_str(), source.c_str()) != 0) {
+        throwUnableToWrite(named, errno);
+    }
+}
+
+ScratchFile makeScratchFile(const std::string& source, const std::string& named) {
+    try {
+        return ScratchFile(source);
+    } catch (const SystemError& error) {
+        throwUnableToWrite(named, error.code());
     }
 }
 
 } // namespace
 
 void createTable(const std::string& table, const Records& records) {
-    const std::string source = tableFile(table);
-    const FileLock lock(source, LockMode::fail);
-    writeSource(source, records);
-    removeHalfMadeIndex(source); // of a creation that was killed
+    requireTableName(table);
+    const std::string named = tableFile(table);
+    const FileLock lock(named, LockMode::fail);
+    const std::string source = resolvedSource(named);
+    const ScratchFile scratch = makeScratchFile(source, named);
+    writeSource(scratch, source, named, records);
+    settleIndexes(named, IndexUse::madeAnew);
+    if (!isNameOf(source, scratch.descriptor())) {
+        throwSwapped(named);
+    }
+    HalfMadeIndexGuard guard(named);
     const ToolResult result = runTool(postmapCommand({"-r"}, table));
     if (!result.succeeded()) {
-        removeHalfMadeIndex(source);
         throw PostfixDatabaseError(result.message());
     }
+    guard.letGo();
 }
 
 } // namespace torva::mail::postfix

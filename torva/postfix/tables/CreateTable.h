@@ -9,16 +9,20 @@
 namespace torva::mail::postfix {
 
 /// Replaces the source file of a table by the given records, mode 0644, and builds
-/// the indexed table from it (postmap -r). What the table held is gone.
+/// the indexed table from it (postmap -r). What the table held is gone. A source that is
+/// a symbolic link stays one where only root and we may write its directory; elsewhere
+/// it is replaced itself. Planted index files are removed, as by a rebuild (Postmap.h).
 ///
 /// \param table    "type:path"; the directory exists
 /// \param records  written in their order, one "KEY VALUE" line each
 /// \throws std::runtime_error "lock(PATH) failed: file is already locked": nothing
 ///         was changed
 /// \throws PostfixDatabaseError  the source file cannot be written ("unable to
-///         write PATH: REASON"), and is as it was; or postmap failed (its own text,
-///         or "unknown error"), and the source file is the new one
-/// \throws SystemError  no lock, or postmap could not be started
+///         write PATH: REASON"), and is as it was, unless REASON is "somebody else has
+///         put another file in its place"; or postmap failed (its own text, or
+///         "unknown error"), and the source file is the new one
+/// \throws SystemError  no lock, an index cannot be removed, or postmap not started
+/// \throws std::invalid_argument "not a table: NAME": nothing was changed
 /// No scratch file is left, neither of ours nor of an index that postmap could not
 /// finish; one that an earlier, killed creation left is removed.
 void createTable(const std::string& table, const Records& records);

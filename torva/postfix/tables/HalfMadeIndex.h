@@ -4,6 +4,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 
 namespace torva::mail::postfix {
 
@@ -16,5 +17,28 @@ namespace torva::mail::postfix {
 /// Best effort: what cannot be removed the next creation complains about. Leaves
 /// errno as it was.
 void removeHalfMadeIndex(const std::string& source) noexcept;
+
+/// Around a tool that may make an index: removes what an earlier, killed one left, and
+/// what this one leaves unless it is told that all went well.
+class HalfMadeIndexGuard {
+public:
+    /// \param source  path of the source file
+    explicit HalfMadeIndexGuard(std::string source) : source_(std::move(source)) {
+        removeHalfMadeIndex(source_);
+    }
+    ~HalfMadeIndexGuard() {
+        if (armed_) {
+            removeHalfMadeIndex(source_);
+        }
+    }
+    HalfMadeIndexGuard(const HalfMadeIndexGuard&) = delete;
+    HalfMadeIndexGuard& operator=(const HalfMadeIndexGuard&) = delete;
+
+    void letGo() { armed_ = false; }
+
+private:
+    const std::string source_;
+    bool armed_ = true;
+};
 
 } // namespace torva::mail::postfix

@@ -11,6 +11,7 @@
 #include <boost/algorithm/string/split.hpp>
 
 #include <cctype>
+#include <iostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -47,7 +48,8 @@ public:
     /// Whether the line stays: its key passes the test, and an element of its value
     /// does. The value in the line may lose elements; the key and what separates
     /// the two never change. A line that is no record goes, with a line on
-    /// std::clog.
+    /// std::clog. A line that begins with a double quote stays as it is, to the byte,
+    /// with a line on std::clog: its key may hold blanks and need not end at the first.
     bool operator()(std::string& line) const;
 
 private:
@@ -84,6 +86,10 @@ bool ValueListFilter<Test>::operator()(std::string& value) const {
 
 template <class Test>
 bool ElementsFilter<Test>::operator()(std::string& line) const {
+    if (!line.empty() && line.front() == '"') {
+        std::clog << "quoted key left as it is '" << line << "'" << std::endl;
+        return true;
+    }
     auto parsed = parseListingLine(line);
     if (!parsed || !keyTest_(parsed->key) || parsed->value.empty()) {
         return false;

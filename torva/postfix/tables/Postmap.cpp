@@ -2,8 +2,10 @@
 
 #include "torva/postfix/params/MessageScan.h"
 #include "torva/postfix/params/PostfixTool.h"
+#include "torva/postfix/tables/HalfMadeIndex.h"
 #include "torva/postfix/tables/Listing.h"
 #include "torva/postfix/tables/PostmapCommand.h"
+#include "torva/postfix/tables/TableFiles.h"
 #include "torva/util/FileLock.h"
 #include "torva/util/PostfixError.h"
 
@@ -60,11 +62,16 @@ void requireSuccess(const ToolResult& result) {
 
 template <class Container>
 void put(const std::string& table, const Container& records) {
-    if (records.empty()) {
+    requireTableName(table);
+    if (records.begin() == records.end()) {
         return;
     }
-    const FileLock lock(tableFile(table), LockMode::wait);
+    const std::string source = tableFile(table);
+    const FileLock lock(source, LockMode::wait);
+    settleIndexes(source, IndexUse::changed);
+    HalfMadeIndexGuard guard(source);
     requireSuccess(runTool(postmapCommand({"-r", "-i"}, table), feederOf(records)));
+    guard.letGo();
 }
 
 } // namespace
@@ -77,15 +84,22 @@ void putRecords(const std::string& table, const std::vector<Record>& records) {
     put(table, records);
 }
 
+void putRecords(const std::string& table, std::initializer_list<Record> records) {
+    put(table, records);
+}
+
 void putRecords(const std::string& table, const std::map<std::string, std::string>& records) {
     put(table, records);
 }
 
 void deleteKeys(const std::string& table, const Keys& keys) {
+    requireTableName(table);
     if (keys.empty()) {
         return;
     }
-    const FileLock lock(tableFile(table), LockMode::wait);
+    const std::string source = tableFile(table);
+    const FileLock lock(source, LockMode::wait);
+    settleIndexes(source, IndexUse::changed);
     const ToolResult result = runTool(postmapCommand({"-d", "-"}, table), feederOf(keys));
     // Exit status 1 is also how postmap says that a key was not in the table.
     if (result.signaled() ||
@@ -95,6 +109,7 @@ void deleteKeys(const std::string& table, const Keys& keys) {
 }
 
 Records dumpTable(const std::string& table, const RecordFilter& filter) {
+    requireTableName(table);
     Records kept;
     LineCutter lines;
     const auto keepLine = [&](const std::string& line) {
@@ -105,15 +120,23 @@ Records dumpTable(const std::string& table, const RecordFilter& filter) {
         }
         kept.emplace_back(std::move(parsed->key), std::move(parsed->value));
     };
-    const FileLock lock(tableFile(table), LockMode::wait);
+    const std::string source = tableFile(table);
+    const FileLock lock(source, LockMode::wait);
+    settleIndexes(source, IndexUse::read);
     requireSuccess(runTool(postmapCommand({"-s"}, table), process::InputProducer(),
                            [&](const std::vector<char>& chunk) { lines.feed(chunk, keepLine); }));
     return kept;
 }
 
 void rebuildTable(const std::string& table) {
-    const FileLock lock(tableFile(table), LockMode::wait);
+    requireTableName(table);
+    const std::string source = tableFile(table);
+    const FileLock lock(source, LockMode::wait);
+    requireOwnSource(source);
+    settleIndexes(source, IndexUse::madeAnew);
+    HalfMadeIndexGuard guard(source);
     requireSuccess(runTool(postmapCommand({}, table)));
+    guard.letGo();
 }
 
 } // namespace torva::mail::postfix

@@ -6,13 +6,22 @@
 //
 // Keys and values go out as they are, "KEY VALUE\n": pass no key with white space
 // and neither with a line break. Every operation passes on the SystemError of a
-// postmap that could not be started and the errors of torva/util/FileLock.h.
+// postmap that could not be started and the errors of torva/util/FileLock.h, and
+// throws std::invalid_argument "not a table: NAME" for a name that is not "type:path".
+//
+// An index file that somebody else may have planted does not get to postmap: a FIFO, a
+// socket, a device, and, in a directory that another account may write, a symbolic link
+// is removed. A second hard link there is removed by a rebuild, replaced by a copy of
+// its own by put and delete, and left alone by a listing. What cannot be removed or
+// copied is a SystemError. In a directory that only root and we may write, links are
+// the administrator's, are followed, and stay.
 #pragma once
 
 #include "torva/postfix/tables/Records.h"
 
 #include <boost/function.hpp>
 
+#include <initializer_list>
 #include <map>
 #include <string>
 #include <vector>
@@ -24,9 +33,11 @@ namespace torva::mail::postfix {
 ///
 /// \throws PostfixConfigurationError with postmap's own text, or "unknown error";
 ///         the records before the failing one may be in the table
+/// The half-made index that a failing put leaves, or a killed one has left, is removed.
 void putRecords(const std::string& table, const Records& records);
 void putRecords(const std::string& table, const std::vector<Record>& records);
 void putRecords(const std::string& table, const std::map<std::string, std::string>& records);
+void putRecords(const std::string& table, std::initializer_list<Record> records);
 
 /// Deletes keys from a table (postmap -d -); a key that is not there is no error.
 /// No keys, no process.
@@ -47,9 +58,13 @@ struct RecordFilter {
 /// \throws PostfixConfigurationError as putRecords()
 Records dumpTable(const std::string& table, const RecordFilter& filter = RecordFilter());
 
-/// Builds the indexed table from its source file (postmap).
+/// Builds the indexed table from its source file (postmap). Half-made indexes are
+/// removed as by putRecords(). A source with a second hard link, in a directory that
+/// another account may write, becomes a copy of its own.
 ///
-/// \throws PostfixConfigurationError as putRecords()
+/// \throws PostfixConfigurationError as putRecords(); "unable to open PATH: it may have
+///         been planted by another account": the source is no regular file, or a
+///         symbolic link in such a directory
 void rebuildTable(const std::string& table);
 
 } // namespace torva::mail::postfix

@@ -8,11 +8,15 @@ namespace torva::mail::postfix {
 
 RecordCache::RecordCache(const std::string& table, CacheMode mode) : table_(table), mode_(mode) {}
 
-RecordCache::Collection& RecordCache::collection() {
-    // A collection belongs to a table: without a name nothing could ever write it out.
+// A collection belongs to a table: without a name nothing could ever write it out.
+void RecordCache::requireName() const {
     if (table_.empty()) {
         throw PostfixDatabaseError("unable to form record cache");
     }
+}
+
+RecordCache::Collection& RecordCache::collection() {
+    requireName();
     return pending_[table_];
 }
 
@@ -61,6 +65,7 @@ Records RecordCache::list(const RecordFilter& filter) const {
     if (mode_ == CacheMode::direct) {
         return dumpTable(table_, filter);
     }
+    requireName();
     Records kept;
     const auto pending = pending_.find(table_);
     if (pending == pending_.end()) {

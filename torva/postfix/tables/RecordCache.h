@@ -17,7 +17,9 @@ enum class CacheMode { direct, collecting };
 /// Not copyable. What was not flushed when the object goes is dropped.
 class RecordCache {
 public:
-    /// \param table  "type:path", not empty
+    /// \param table  "type:path"; when it is empty, put(), remove() and list() fail in
+    ///               collecting mode with PostfixDatabaseError "unable to form record
+    ///               cache", and flush() does nothing
     RecordCache(const std::string& table, CacheMode mode);
     RecordCache(const RecordCache&) = delete;
     RecordCache& operator=(const RecordCache&) = delete;
@@ -49,6 +51,7 @@ private:
         std::unordered_map<std::string, Records::iterator> positions;
     };
 
+    void requireName() const;
     Collection& collection();
 
     std::string table_;

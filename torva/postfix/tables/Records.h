@@ -15,4 +15,10 @@ using Keys = std::list<std::string>;
 /// The source file of a table: what follows the first ":" of "type:path".
 std::string tableFile(const std::string& table);
 
+/// Refuses what postmap would take for something else than the name of a table.
+///
+/// \throws std::invalid_argument "not a table: NAME": not of the form "type:path", with
+///         neither of them empty, or beginning with "-"
+void requireTableName(const std::string& table);
+
 } // namespace torva::mail::postfix

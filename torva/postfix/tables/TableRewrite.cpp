@@ -2,90 +2,27 @@
 
 #include "torva/postfix/params/PostfixTool.h"
 #include "torva/postfix/tables/DataStreamFilter.h"
+#include "torva/postfix/tables/HalfMadeIndex.h"
+#include "torva/postfix/tables/KeptFile.h"
 #include "torva/postfix/tables/ListingFilter.h"
 #include "torva/postfix/tables/NotInDomainFilter.h"
 #include "torva/postfix/tables/PostmapCommand.h"
 #include "torva/postfix/tables/Records.h"
+#include "torva/postfix/tables/TableFiles.h"
+#include "torva/process/Descriptor.h"
 #include "torva/util/FileLock.h"
 #include "torva/util/PostfixError.h"
 #include "torva/util/SystemError.h"
 #include "torva/util/TmpFile.h"
 
-#include <cerrno>
 #include <cstdio>
-#include <fstream>
+#include <fcntl.h>
 #include <memory>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace torva::mail::postfix {
 
 namespace {
-
-void moveOver(const std::string& from, const std::string& to) {
-    if (std::rename(from.c_str(), to.c_str()) != 0) {
-        throw SystemError("rename");
-    }
-}
-
-void takeModeAndOwner(const std::string& path, const struct stat& from) {
-    if (::chown(path.c_str(), from.st_uid, from.st_gid) != 0) {
-        throw SystemError("chown");
-    }
-    if (::chmod(path.c_str(), from.st_mode & 07777) != 0) {
-        throw SystemError("chmod");
-    }
-}
-
-/// A copy of a file, which takes the file's place again unless it is told that all
-/// went well. Without a file there is nothing to keep.
-class KeptFile {
-public:
-    explicit KeptFile(const std::string& path) : path_(path) {
-        struct stat status = {};
-        if (::stat(path.c_str(), &status) != 0) {
-            return;
-        }
-        copy_ = std::make_unique<TmpFile>(path + ".");
-        std::ifstream file(path, std::ios::binary);
-        // An empty file inserts nothing, which the stream takes for a failure.
-        if (status.st_size != 0) {
-            *copy_ << file.rdbuf();
-        }
-        takeModeAndOwner(copy_->path(), status);
-        copy_->commit();
-        copy_->setAutoclean(true);
-        // A read error ends the copying like the end of the file does, and a short copy
-        // must never take the place of the whole.
-        struct stat copied = {};
-        if (::stat(copy_->path().c_str(), &copied) != 0 || copied.st_size != status.st_size) {
-            throw SystemError("read", EIO);
-        }
-    }
-    KeptFile(const KeptFile&) = delete;
-    KeptFile& operator=(const KeptFile&) = delete;
-
-    ~KeptFile() {
-        if (!copy_ || settled_) {
-            return;
-        }
-        // Should this fail, too, the copy is all that is left of the old content.
-        copy_->setAutoclean(false);
-        static_cast<void>(std::rename(copy_->path().c_str(), path_.c_str()));
-    }
-
-    /// The file may stay as it is now.
-    void settle() { settled_ = true; }
-
-private:
-    std::string path_;
-    std::unique_ptr<TmpFile> copy_;
-    bool settled_ = false;
-};
-
-/// The index files that a source file may have. postmap empties one before it
-/// writes it anew, so a postmap that fails halfway leaves it broken.
-const char* const indexSuffixes[] = {".db", ".cdb", ".lmdb", ".dir", ".pag"};
 
 void requireSuccess(const ToolResult& result) {
     if (!result.succeeded()) {
@@ -93,37 +30,102 @@ void requireSuccess(const ToolResult& result) {
     }
 }
 
-void writeSurvivors(const std::string& table, const std::string& source, TmpFile& survivors,
+/// Lists the table through the filter into the file.
+void writeSurvivors(const std::string& table, TmpFile& survivors,
                     const ListingFilterFor& filterFor) {
     requireSuccess(
         runTool(postmapCommand({"-s"}, table), process::InputProducer(), filterFor(survivors)));
+}
+
+/// Gives a file that is to replace a source what belongs to the source. A planted one
+/// has nothing to give: who put it there must not choose an owner or a mode.
+void takeAfter(const std::string& source, const TmpFile& file) {
     struct stat status = {};
-    if (::stat(source.c_str(), &status) != 0) {
+    if (::lstat(source.c_str(), &status) != 0) {
         throw SystemError("stat");
     }
-    takeModeAndOwner(survivors.path(), status);
-    survivors.commit();
-    survivors.setAutoclean(true);
+    if (isPlanted(source, status)) {
+        setOwnerAndMode(file, ::geteuid(), ::getegid(), 0644);
+    } else {
+        setOwnerAndMode(file, status.st_uid, status.st_gid, status.st_mode);
+    }
+}
+
+/// A committed file with a descriptor that tells it from whatever takes its name.
+class NewSource {
+public:
+    NewSource(TmpFile& file, std::string source)
+        : file_(file),
+          source_(std::move(source)),
+          held_(::fcntl(file.descriptor(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1)) {
+        if (!held_) {
+            throw SystemError("dup");
+        }
+        file_.commit();
+        file_.setAutoclean(true);
+    }
+
+    void moveIntoPlace() {
+        requireOurs(file_.path());
+        if (std::rename(file_.path().c_str(), source_.c_str()) != 0) {
+            throw SystemError("rename");
+        }
+        file_.setAutoclean(false);
+    }
+
+    /// Between this and postmap's own opening the source can still be swapped.
+    void requireInPlace() const { requireOurs(source_); }
+
+private:
+    void requireOurs(const std::string& path) const {
+        if (!isNameOf(path, held_.get())) {
+            throw PostfixDatabaseError("unable to write " + source_ +
+                                       ": somebody else has put another file in its place");
+        }
+    }
+
+    TmpFile& file_;
+    const std::string source_;
+    const process::Descriptor held_;
+};
+
+std::vector<std::unique_ptr<KeptIndex>> keepIndexes(const std::string& named) {
+    std::vector<std::unique_ptr<KeptIndex>> kept;
+    for (const std::string& index : indexFiles(named)) {
+        kept.push_back(std::make_unique<KeptIndex>(index));
+    }
+    return kept;
 }
 
 } // namespace
 
 void rewriteTable(const std::string& table, const ListingFilterFor& filterFor) {
-    const std::string source = tableFile(table);
-    const FileLock lock(source, LockMode::wait);
+    requireTableName(table);
+    // postmap takes the name, and looks for the index beside it; the source that is
+    // replaced may be elsewhere.
+    const std::string named = tableFile(table);
+    const FileLock lock(named, LockMode::wait);
+    const std::string source = resolvedSource(named);
+    settleIndexes(named, IndexUse::read);
     TmpFile survivors(source + ".");
-    writeSurvivors(table, source, survivors, filterFor);
+    writeSurvivors(table, survivors, filterFor);
+    takeAfter(source, survivors);
+    NewSource newSource(survivors, source);
 
-    std::vector<std::unique_ptr<KeptFile>> kept;
-    kept.push_back(std::make_unique<KeptFile>(source));
-    for (const char* suffix : indexSuffixes) {
-        kept.push_back(std::make_unique<KeptFile>(source + suffix));
-    }
-    moveOver(survivors.path(), source);
-    survivors.setAutoclean(false);
+    // What was not replaced or touched is not put back: an age that changes in between
+    // would have Postfix say that the index is older than the source.
+    const auto indexes = keepIndexes(named);
+    KeptSource oldSource(source);
+    newSource.moveIntoPlace();
+    oldSource.setReplaced();
+    settleIndexes(named, IndexUse::madeAnew);
+    newSource.requireInPlace();
+    HalfMadeIndexGuard guard(named);
     requireSuccess(runTool(postmapCommand({}, table)));
-    for (const auto& file : kept) {
-        file->settle();
+    guard.letGo();
+    oldSource.letGo();
+    for (const auto& index : indexes) {
+        index->letGo();
     }
 }
 

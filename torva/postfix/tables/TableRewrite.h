@@ -19,14 +19,21 @@ using ListingFilterFor = boost::function<ListingConsumer(std::ostream& stream)>;
 
 /// Lists a table (postmap -s), replaces its source file by what the filter writes,
 /// and builds the indexed table from it (postmap), under the table's lock, for
-/// which it waits. The source keeps its mode and owner.
+/// which it waits. The source keeps its owner and its permission bits.
+///
+/// A source that is a symbolic link stays one, in a directory that only root and we
+/// may write: what it leads to is replaced. In a directory that somebody else may
+/// write, a link is replaced itself, by a file of ours with mode 0644, and so is a file
+/// with a second hard link; planted index files are removed (see Postmap.h).
 ///
 /// \param table       "type:path"
 /// \param filterFor   called once
 /// \throws PostfixConfigurationError with postmap's own text, or "unknown error"
+/// \throws PostfixDatabaseError  somebody else swapped the new source file
 /// \throws SystemError  a file cannot be written or renamed, or postmap not started
-/// On an exception the source file and the indexed table are as before, and no
-/// other file is left.
+/// \throws std::invalid_argument  no table name
+/// On an exception the source file and the indexed table are as before, with content,
+/// owner, permission bits and both times, and no other file is left.
 void rewriteTable(const std::string& table, const ListingFilterFor& filterFor);
 
 /// Takes everything that belongs to a mail domain out of a table: the records whose

@@ -1,0 +1,170 @@
+#include "torva/postfix/tables/TableFiles.h"
+
+#include "torva/libc/descriptor.h"
+#include "torva/process/Descriptor.h"
+#include "torva/util/PostfixError.h"
+#include "torva/util/SystemError.h"
+#include "torva/util/WritableByOthers.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace torva::mail::postfix {
+
+namespace {
+
+const char* const indexSuffixes[] = {".db", ".cdb", ".lmdb", ".dir", ".pag"};
+
+/// Whether anything stands at a path; its status then.
+bool look(const std::string& path, struct stat& status) {
+    if (::lstat(path.c_str(), &status) == 0) {
+        return true;
+    }
+    if (errno != ENOENT && errno != ENOTDIR) {
+        throw SystemError("stat");
+    }
+    return false;
+}
+
+void remove(const std::string& path) {
+    if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
+        throw SystemError("unlink");
+    }
+}
+
+/// Puts a copy in the place of a file that has other names, too.
+void unshare(const std::string& path) {
+    TmpFile copy(path + ".");
+    copyFile(path, copy);
+    if (std::rename(copy.path().c_str(), path.c_str()) != 0) {
+        throw SystemError("rename");
+    }
+    copy.setAutoclean(false);
+}
+
+void settleIndex(const std::string& path, IndexUse use) {
+    struct stat status = {};
+    if (!look(path, status) || !isPlanted(path, status)) {
+        return;
+    }
+    if (!S_ISREG(status.st_mode) || use == IndexUse::madeAnew) {
+        remove(path);
+    } else if (use == IndexUse::changed) {
+        unshare(path);
+    }
+}
+
+/// What a symbolic link says, as a path from where we are.
+std::string targetOf(const std::string& link) {
+    char target[PATH_MAX];
+    const ssize_t size = ::readlink(link.c_str(), target, sizeof(target));
+    if (size == -1) {
+        throw SystemError("stat");
+    }
+    const std::string text(target, static_cast<std::size_t>(size));
+    return text.front() == '/' ? text : directoryOf(link) + "/" + text;
+}
+
+} // namespace
+
+std::vector<std::string> indexFiles(const std::string& source) {
+    std::vector<std::string> files;
+    for (const char* suffix : indexSuffixes) {
+        files.push_back(source + suffix);
+    }
+    return files;
+}
+
+bool isPlanted(const std::string& path, const struct stat& status) {
+    const bool link = S_ISLNK(status.st_mode);
+    // No account makes directories for us to run into: postmap refuses them by itself.
+    if (!S_ISREG(status.st_mode) && !link) {
+        return !S_ISDIR(status.st_mode);
+    }
+    return (link || status.st_nlink > 1) && writableByOthers(directoryOf(path));
+}
+
+bool isNameOf(const std::string& path, int fd) {
+    struct stat named = {};
+    struct stat held = {};
+    return ::lstat(path.c_str(), &named) == 0 && ::fstat(fd, &held) == 0 &&
+           named.st_dev == held.st_dev && named.st_ino == held.st_ino;
+}
+
+void settleIndexes(const std::string& source, IndexUse use) {
+    for (const std::string& index : indexFiles(source)) {
+        settleIndex(index, use);
+    }
+}
+
+std::string resolvedSource(const std::string& source) {
+    std::string path = source;
+    for (int links = 0; links < 40; ++links) {
+        struct stat status = {};
+        if (!look(path, status) || !S_ISLNK(status.st_mode) || isPlanted(path, status)) {
+            return path;
+        }
+        path = targetOf(path);
+    }
+    throw SystemError("stat", ELOOP);
+}
+
+void requireOwnSource(const std::string& source) {
+    const std::string path = resolvedSource(source);
+    struct stat status = {};
+    if (!look(path, status) || !isPlanted(path, status)) {
+        return;
+    }
+    // What a link leads to is not copied: its reader need not be allowed to read it.
+    if (!S_ISREG(status.st_mode)) {
+        throw PostfixConfigurationError("unable to open " + path +
+                                        ": it may have been planted by another account");
+    }
+    unshare(path);
+}
+
+void setOwnerAndMode(const TmpFile& file, uid_t owner, gid_t group, mode_t mode) {
+    if (::fchown(file.descriptor(), owner, group) != 0) {
+        throw SystemError("chown");
+    }
+    if (::fchmod(file.descriptor(), mode & 0777) != 0) {
+        throw SystemError("chmod");
+    }
+}
+
+struct stat copyFile(const std::string& path, TmpFile& copy) {
+    const process::Descriptor file(fd_above_standard(
+        ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)));
+    struct stat status = {};
+    if (!file || ::fstat(file.get(), &status) != 0) {
+        throw SystemError("open");
+    }
+    if (!S_ISREG(status.st_mode)) {
+        throw SystemError("open", EINVAL);
+    }
+    char piece[65536];
+    for (;;) {
+        const ssize_t size = ::read(file.get(), piece, sizeof(piece));
+        if (size == 0) {
+            break;
+        }
+        if (size == -1 && errno != EINTR) {
+            throw SystemError("read");
+        }
+        copy.write(piece, size == -1 ? 0 : size);
+    }
+    copy.flush(); // a later write would give it a new age
+    setOwnerAndMode(copy, status.st_uid, status.st_gid, status.st_mode);
+    const timespec times[2] = {status.st_atim, status.st_mtim};
+    if (::futimens(copy.descriptor(), times) != 0) {
+        throw SystemError("utimensat");
+    }
+    copy.commit();
+    copy.setAutoclean(true);
+    return status;
+}
+
+} // namespace torva::mail::postfix

@@ -47,39 +47,46 @@ void rebuildAliases(const std::string& database, const std::string& source) {
 SystemAliases::SystemAliases()
     : defaultType_(PostfixParameters::instance().getParameter("default_database_type")) {}
 
-bool SystemAliases::keep(const std::string& element) {
-    if (element == panelAliases) {
-        return true;
-    }
+SystemAliases::Database SystemAliases::databaseOf(const std::string& element) const {
     const std::string::size_type colon = element.find(':');
-    const bool typed = colon != std::string::npos;
-    const std::string type = typed ? element.substr(0, colon) : defaultType_;
-    const std::string path = typed ? element.substr(colon + 1) : element;
-    if (type == "nis") {
-        changed_ = true;
-        return false;
+    if (colon != std::string::npos) {
+        return {element.substr(0, colon), element.substr(colon + 1)};
     }
-    if (std::find(std::begin(indexedTypes), std::end(indexedTypes), type) !=
-        std::end(indexedTypes)) {
-        touchFile(path);
-        rebuildAliases(element, path);
+    // A reference has the type of what it refers to.
+    return {element.front() == '$' ? std::string() : defaultType_, element};
+}
+
+void SystemAliases::build(const std::string& element) const {
+    const Database database = databaseOf(element);
+    if (element != panelAliases && std::find(std::begin(indexedTypes), std::end(indexedTypes),
+                                             database.type) != std::end(indexedTypes)) {
+        touchFile(database.path);
+        rebuildAliases(element, database.path);
     }
-    return true;
 }
 
 void SystemAliases::check(const std::string& parameter) {
-    const std::string value = PostfixParameters::instance().getParameter(parameter);
+    PostfixParameters& parameters = PostfixParameters::instance();
+    const std::string value = parameters.getParameter(parameter);
     if (value.empty()) {
         return;
     }
+    const bool refers = value.find('$') != std::string::npos;
+    const std::string expanded = refers ? parameters.getExpandedParameter(parameter) : value;
+    for (const std::string& element : mail::postfix::splitAtCommas(expanded)) {
+        build(element);
+    }
+    // What is written back is what the administrator wrote: a reference stays one.
     std::vector<std::string> kept;
     for (const std::string& element : mail::postfix::splitAtCommas(value)) {
-        if (keep(element)) {
+        if (element != panelAliases && databaseOf(element).type == "nis") {
+            changed_ = true;
+        } else {
             kept.push_back(element);
         }
     }
     if (changed_) {
-        PostfixParameters::instance().setParameter(parameter, mail::postfix::joinList(kept));
+        parameters.setParameter(parameter, mail::postfix::joinList(kept));
     }
 }
 

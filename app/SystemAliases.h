@@ -17,13 +17,23 @@ public:
     /// created empty when missing), drops the elements of type "nis", and writes the
     /// parameter back when anything was dropped so far.
     ///
+    /// Where the value refers to other parameters, the databases are those that it
+    /// expands to; what is dropped and written back is decided on the elements as they
+    /// are written, so that a reference stays one, whatever it refers to.
+    ///
     /// \throws PostfixConfigurationError  the parameter cannot be read or written
     /// \throws SystemError "unable to re-index system alias map": postalias failed;
     ///         the parameter is as it was, databases before that one are built
     void check(const std::string& parameter);
 
 private:
-    bool keep(const std::string& element);
+    struct Database {
+        std::string type;
+        std::string path;
+    };
+
+    Database databaseOf(const std::string& element) const;
+    void build(const std::string& element) const;
 
     std::string defaultType_;
     bool changed_ = false;

@@ -7,11 +7,12 @@ from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 from goldens import golden
-from runworld import MASTER_CF, RunTest, main, remove
+from runworld import CONFIGURATION_ERROR, MASTER_CF, RunTest, fatal, main, remove
 
 STEP = " verifying that system aliases configured properly"
 HEAD = ["/usr/sbin/postconf -h default_database_type", "/usr/sbin/postconf -h alias_maps"]
 SECOND = "/usr/sbin/postconf -h alias_database"
+EXPANDED = "/usr/sbin/postconf -hx alias_maps"
 FAILED = re.compile(r"\AFatal error: torva::SystemError\(unable to re-index system alias map: [^\n]+\)\n\Z")
 OWN = "hash:/var/spool/postfix/torva/aliases"
 
@@ -27,6 +28,7 @@ def write(name, value):
 class SystemAliasesTest(RunTest):
     def check(self, maps, database, kind="hash"):
         self.world.reset()
+        self.world.defaults(alias_directory="/etc")
         self.world.params(alias_maps=maps, alias_database=database, default_database_type=kind,
                           myhostname="localhost.localdomain")
         run = self.world.run()
@@ -61,8 +63,18 @@ class SystemAliasesTest(RunTest):
             ("types are compared byte for byte", "Hash:/etc/x, NIS:y, lmdb:/etc/l, proxy:hash:/etc/z", "", [SECOND]),
             ("only the first colon counts", "hash:/etc/a:b", "", [index("hash:/etc/a:b"), SECOND]),
             ("the same map twice", f"{a}, {a}", "", [index(a), index(a), SECOND]),
-            ("a reference has the default type, and the shell expands it to nothing", "$alias_database", "",
-             ["/usr/sbin/postalias", SECOND]),
+            ("a reference stands for what it refers to", "$alias_database", f"{a}, {b}",
+             [EXPANDED, index(a), index(b), SECOND, index(a), index(b)]),
+            ("a reference to nothing", "$alias_database", "", [EXPANDED, SECOND]),
+            ("a reference within an element", "hash:$alias_directory/aliases, ldap:$alias_database", "",
+             [EXPANDED, index(a), SECOND]),
+            ("a reference stays one when another element is dropped", f"$alias_database, nis:x, {b}", a,
+             [EXPANDED, index(a), index(b), write("alias_maps", f"$alias_database, {b}"), SECOND,
+              index(a), write("alias_database", a)]),
+            ("nis behind a reference is the other parameter's to drop", "$alias_database", f"nis:x, {a}",
+             [EXPANDED, index(a), SECOND, index(a), write("alias_database", a)]),
+            ("the panel's own table and foreign types behind a reference are left alone", "$alias_database",
+             f"{OWN}, ldap:/x", [EXPANDED, SECOND]),
         ]
         for what, maps, database, expected in rows:
             with self.subTest(what):
@@ -73,6 +85,37 @@ class SystemAliasesTest(RunTest):
                                ("lmdb", []), ("", [])):
             with self.subTest(kind):
                 self.assertEqual(self.check("/etc/x", "", kind), HEAD + expected + [SECOND])
+
+    def test_a_reference_is_no_element_of_the_default_type(self):
+        self.assertEqual(self.check("$alias_database, /etc/x", "hash:/etc/aliases", "nis"),
+                         HEAD + [EXPANDED, index("hash:/etc/aliases"), write("alias_maps", "$alias_database"), SECOND,
+                                 index("hash:/etc/aliases"), write("alias_database", "hash:/etc/aliases")])
+
+    def test_the_second_parameter_may_refer_to_the_first(self):
+        self.assertEqual(self.check("hash:/etc/aliases", "$alias_maps"),
+                         HEAD + [index("hash:/etc/aliases"), SECOND, "/usr/sbin/postconf -hx alias_database",
+                                 index("hash:/etc/aliases")])
+
+    def test_an_expansion_that_fails_ends_the_run_before_any_map_is_built(self):
+        self.world.params(alias_maps="$alias_database, nis:x")
+        self.world.rule(args=["-hx", "alias_maps"], exit=1, stderr="postconf: fatal: no\n")
+        run = self.world.run()
+        self.assertFatal(run, fatal(CONFIGURATION_ERROR, "postconf: fatal: no\n"))
+        self.assertEqual(run.in_step(STEP), HEAD + [EXPANDED])
+        self.assertEqual(self.world.param("alias_maps"), "$alias_database, nis:x")
+
+    def test_half_made_indexes_are_gone_before_postalias_runs_and_after_it_fails(self):
+        half = Path("/etc/__db.aliases.db")
+        half.touch()
+        Path("/usr/sbin/postalias").write_text(f"#!/bin/sh\ntest ! -e {half} && touch {half} && exit 1\n")
+        self.world.params(alias_maps="hash:/etc/aliases", myhostname="localhost.localdomain")
+        run = self.world.run()
+        self.assertFatal(run, FAILED)
+        self.assertFalse(half.exists())
+        # It was the tool that failed, and not our look for the file.
+        half.touch()
+        Path("/usr/sbin/postalias").write_text(f"#!/bin/sh\ntest ! -e {half}\n")
+        self.assertCompleted(self.world.run())
 
     def test_an_element_with_a_blank_is_one_element_and_two_words_for_the_shell(self):
         Path("/etc/more").touch()

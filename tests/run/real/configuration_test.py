@@ -174,6 +174,24 @@ class StockTest(RealTest):
         found = self.world.tool("/usr/sbin/postalias", "-q", "postmaster", "hash:/etc/aliases")
         self.assertEqual(found.stdout, "root\n")
 
+    def test_aliases_that_a_reference_leads_to_are_indexed_and_the_reference_stays(self):
+        text = STOCK_MAIN_CF.replace("alias_maps = hash:/etc/aliases", "alias_maps = $alias_database, nis:x")
+        text = text.replace("alias_database = hash:/etc/aliases",
+                            "alias_database = hash:/etc/aliases, hash:$config_directory/more")
+        more = POSTFIX / "more"
+        more.write_text("extra: root\n")
+        self.addCleanup(remove, more)
+        self.addCleanup(remove, f"{more}.db")
+        self.world.write_main_cf(text)
+        self.world.shelter()
+        run = self.world.run()
+        self.assertEqual(run.status, 0, run.err)
+        for name, kept in (("postmaster", "hash:/etc/aliases"), ("extra", f"hash:{more}")):
+            self.assertEqual(self.world.tool("/usr/sbin/postalias", "-q", name, kept).stdout, "root\n")
+        self.assertEqual(self.world.values()["alias_maps"],
+                         "$alias_database, hash:/var/spool/postfix/torva/aliases")
+        self.assertEqual(self.world.values()["alias_database"], "hash:/etc/aliases, hash:$config_directory/more")
+
     def test_main_cf_looks_settled_to_the_next_postfix_program(self):
         self.first_run()
         self.assertGreaterEqual(time.time() - MAIN_CF.stat().st_mtime, 2)

@@ -3,13 +3,15 @@
 // like the real program, or as a rule tells it to. Everything it needs lies below
 // /run/fake; tests/run/runworld.py sets that up and reads the log.
 //
-//   params/NAME, defaults/NAME  what "postconf -h" and "postconf -h -d" answer;
-//                               "postconf -e" writes the first
+//   params/NAME, defaults/NAME  what "postconf -h" and "postconf -h -d" answer, and
+//                               "postconf -hx" with each $NAME replaced; "postconf -e"
+//                               writes the first
 //   hostname                    what "hostname -f" prints
 //   rules                       one rule a line, see Rule
 //   log                         one JSON object a call, see record()
 //   progress                    where the tool under test writes its messages
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -254,6 +256,35 @@ void say(int fd, const std::string& text) {
     }
 }
 
+std::string valueOf(const std::string& name) {
+    std::string value;
+    if (!readFile(home + "params/" + name, value) && !readFile(home + "defaults/" + name, value)) {
+        broken("no value of " + name);
+    }
+    return value;
+}
+
+/// The value with every "$NAME" in it replaced, as far as tests need it.
+std::string expandedValueOf(const std::string& name) {
+    const std::string value = valueOf(name);
+    std::string expanded;
+    for (std::size_t at = 0; at < value.size();) {
+        std::size_t end = at + 1;
+        if (value[at] != '$') {
+            expanded += value[at];
+        } else {
+            while (
+                end < value.size() &&
+                (std::isalnum(static_cast<unsigned char>(value[end])) != 0 || value[end] == '_')) {
+                ++end;
+            }
+            expanded += expandedValueOf(value.substr(at + 1, end - at - 1));
+        }
+        at = end;
+    }
+    return expanded;
+}
+
 int answerPostconf(const std::vector<std::string>& argv) {
     const std::vector<std::string> args(argv.begin() + 1, argv.end());
     std::string value;
@@ -269,10 +300,9 @@ int answerPostconf(const std::vector<std::string>& argv) {
         return 0;
     }
     if (args.size() == 2 && args[0] == "-h") {
-        if (!readFile(home + "params/" + args[1], value) &&
-            !readFile(home + "defaults/" + args[1], value)) {
-            broken("no value of " + args[1]);
-        }
+        value = valueOf(args[1]);
+    } else if (args.size() == 2 && args[0] == "-hx") {
+        value = expandedValueOf(args[1]);
     } else if (args.size() == 3 && args[0] == "-h" && args[1] == "-d") {
         if (!readFile(home + "defaults/" + args[2], value)) {
             broken("no default of " + args[2]);

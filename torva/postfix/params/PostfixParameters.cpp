@@ -13,6 +13,7 @@
 #include <exception>
 #include <fcntl.h>
 #include <optional>
+#include <stdexcept>
 #include <sys/stat.h>
 
 namespace torva::mail::postfix {
@@ -21,20 +22,30 @@ namespace {
 
 const char postconf[] = "/usr/sbin/postconf";
 
-std::string readParameter(const std::string& name, bool defaults) {
-    std::vector<std::string> command{postconf, "-h"};
-    if (defaults) {
-        command.emplace_back("-d");
+void requireName(const std::string& name) {
+    if (name.empty() || name.front() == '-') {
+        throw std::invalid_argument("not a parameter: " + name);
     }
-    command.push_back(name);
+}
 
+/// What postconf prints about a parameter; nothing about one that it does not know.
+std::string askPostconf(std::vector<std::string> command, const std::string& name) {
+    requireName(name);
+    command.insert(command.begin(), postconf);
+    command.push_back(name);
     const ToolResult result = runTool(command);
     // postconf can exit 0 after "fatal:"; it then has printed no value.
     if (!result.succeeded() ||
         (result.output.empty() && reportsFailure(result.error, Severity::lenient))) {
         throw PostfixConfigurationError(result.message());
     }
-    return boost::algorithm::trim_right_copy(result.output);
+    return result.output;
+}
+
+std::string readParameter(const std::string& name, bool defaults) {
+    const std::vector<std::string> options =
+        defaults ? std::vector<std::string>{"-h", "-d"} : std::vector<std::string>{"-h"};
+    return boost::algorithm::trim_right_copy(askPostconf(options, name));
 }
 
 /// Moves the modification time of a file a few seconds back. Every Postfix program
@@ -69,7 +80,20 @@ std::string PostfixParameters::getParameter(const std::string& name, bool defaul
     return replaceDefaultNetworks(value, builtIn, hostNetworks());
 }
 
+std::string PostfixParameters::getExpandedParameter(const std::string& name) {
+    return boost::algorithm::trim_right_copy(askPostconf({"-hx"}, name));
+}
+
+bool PostfixParameters::hasParameter(const std::string& name) {
+    // Of one that is set to nothing, postconf prints the end of the line.
+    return !askPostconf({"-h"}, name).empty();
+}
+
 void PostfixParameters::setParameter(const std::string& name, const std::string& value) {
+    requireName(name);
+    if (name.find('=') != std::string::npos) {
+        throw std::invalid_argument("not a parameter: " + name);
+    }
     // The name of the lock is a constant: asking Postfix for the path once more, just
     // to name it, would cost a process for every change.
     const FileLock lock("/etc/postfix/main.cf", LockMode::wait);

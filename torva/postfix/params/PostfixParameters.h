@@ -9,8 +9,9 @@
 namespace torva::mail::postfix {
 
 /// Every operation throws PostfixConfigurationError with postconf's own text, or
-/// "unknown error", when postconf fails, and passes on the SystemError of a
-/// postconf that could not be started.
+/// "unknown error", when postconf fails, passes on the SystemError of a postconf that
+/// could not be started, and refuses, as std::invalid_argument "not a parameter: NAME",
+/// a name that is empty or begins with "-": postconf would run another command.
 class PostfixParameters {
 public:
     /// The instance that the whole process shares. It is made, and asks Postfix for
@@ -25,7 +26,8 @@ public:
     const std::string& path() const { return path_; }
 
     /// Value of a parameter (postconf -h), without trailing white space; empty when
-    /// it is set to nothing.
+    /// it is set to nothing. A parameter that Postfix does not know is empty, too: ask
+    /// hasParameter().
     ///
     /// \param name      parameter
     /// \param defaults  true: Postfix's built-in default instead (postconf -h -d)
@@ -33,7 +35,17 @@ public:
     /// within the value is replaced by a narrow host list, see LocalNetworks.h.
     std::string getParameter(const std::string& name, bool defaults = false);
 
+    /// The same with each reference to another parameter replaced by its value
+    /// (postconf -hx); "mynetworks" is as Postfix has it.
+    std::string getExpandedParameter(const std::string& name);
+
+    /// Whether Postfix knows a parameter, built in or by a line of main.cf.
+    bool hasParameter(const std::string& name);
+
     /// Sets a parameter in main.cf (postconf -e), under the lock of main.cf.
+    ///
+    /// \throws std::invalid_argument  the name contains "=", at which postconf would end
+    ///         it, too
     void setParameter(const std::string& name, const std::string& value);
 
     /// Asks Postfix for the path of main.cf: config_directory as configured, or as

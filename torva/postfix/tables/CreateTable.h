@@ -21,7 +21,8 @@ namespace torva::mail::postfix {
 ///         write PATH: REASON"), and is as it was, unless REASON is "somebody else has
 ///         put another file in its place"; or postmap failed (its own text, or
 ///         "unknown error"), and the source file is the new one
-/// \throws SystemError  no lock, an index cannot be removed, or postmap not started
+/// \throws SystemError  no lock, links in a circle, an index that cannot be removed, or
+///         postmap not started
 /// \throws std::invalid_argument "not a table: NAME": nothing was changed
 /// No scratch file is left, neither of ours nor of an index that postmap could not
 /// finish; one that an earlier, killed creation left is removed.

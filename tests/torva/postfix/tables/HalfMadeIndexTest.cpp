@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <unistd.h>
 
+using torva::mail::postfix::HalfMadeIndexGuard;
 using torva::mail::postfix::removeHalfMadeIndex;
 namespace fs = std::filesystem;
 
@@ -60,6 +61,21 @@ TEST_F(HalfMadeIndexTest, ErrnoStaysAsItWas) {
     errno = ENOSPC;
     removeHalfMadeIndex(directory_ / "nowhere" / "virtual");
     EXPECT_EQ(errno, ENOSPC);
+}
+
+TEST_F(HalfMadeIndexTest, GuardRemovesWhatWasThereAndWhatComesUnlessLetGo) {
+    const fs::path half = directory_ / "__db.virtual.db";
+    for (const bool letGo : {false, true}) {
+        {
+            HalfMadeIndexGuard guard(directory_ / "virtual");
+            EXPECT_EQ(names(), kept_);
+            std::ofstream(half) << "x";
+            if (letGo) {
+                guard.letGo();
+            }
+        }
+        EXPECT_EQ(fs::exists(half), letGo);
+    }
 }
 
 } // namespace

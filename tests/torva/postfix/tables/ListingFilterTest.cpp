@@ -164,4 +164,26 @@ TEST_F(DataStreamFilterTest, MillionChunksOfOneByteGiveTheLinesOfOneChunk) {
     EXPECT_TRUE(filtered(text, 1) == wanted);
 }
 
+// ---- quoted keys
+
+TEST(QuotedKeyTest, LineStaysToTheByteAndIsToldOnTheLog) {
+    for (const std::string text : {"\"john doe\"@example.org a@example.com",
+                                   "\"a\"@example.com  x@example.com,  ", "\"lonely\"", "\""}) {
+        const torva::test::CapturedClog log;
+        std::string line = text;
+        const ElementsFilter<NotInDomainFilter> filter(NotInDomainFilter("example.com", true));
+        EXPECT_TRUE(filter(line));
+        EXPECT_EQ(line, text);
+        EXPECT_EQ(log.str(), "quoted key left as it is '" + text + "'\n");
+    }
+}
+
+TEST(QuotedKeyTest, QuoteInsideALineIsNone) {
+    const torva::test::CapturedClog log;
+    std::string line = "a\"b@example.com x@example.org";
+    const ElementsFilter<NotInDomainFilter> filter(NotInDomainFilter("example.com", false));
+    EXPECT_FALSE(filter(line));
+    EXPECT_EQ(log.str(), "");
+}
+
 } // namespace

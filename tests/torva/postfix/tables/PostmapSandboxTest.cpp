@@ -1,68 +1,29 @@
 // The operations on lookup tables, with a fake in the place of postmap where its
 // behaviour is the point, and with the real one on real hash tables.
+#include "TablesFixture.h"
 #include "support/FakeTool.h"
-#include "torva/postfix/tables/Blacklist.h"
 #include "torva/postfix/tables/CreateTable.h"
-#include "torva/postfix/tables/DomainManager.h"
-#include "torva/postfix/tables/PopUser.h"
 #include "torva/postfix/tables/Postmap.h"
-#include "torva/postfix/tables/RecordCache.h"
+#include "torva/postfix/tables/TableRewrite.h"
 #include "torva/util/FileLock.h"
 #include "torva/util/PostfixError.h"
-#include "torva/util/SystemError.h"
 
 #include <gmock/gmock.h>
 
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
 #include <iostream>
 #include <sstream>
-#include <sys/mount.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 using namespace torva::mail::postfix;
+using namespace torva::test;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Pair;
-using testing::StartsWith;
 using testing::UnorderedElementsAre;
-using torva::test::contentOf;
-using torva::test::FakeTool;
-using torva::test::namesIn;
-using torva::test::writeFile;
 
 namespace {
 
-const char postmap[] = "/usr/sbin/postmap";
-const char directory[] = "/var/spool/postfix/torva";
-const char table[] = "hash:/var/spool/postfix/torva/virtual";
-const char source[] = "/var/spool/postfix/torva/virtual";
-
-template <class Error>
-std::string messageOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const Error& error) {
-        return error.what();
-    }
-    return "no error";
-}
-
-class TablesTest : public testing::Test {
-protected:
-    void SetUp() override {
-        ASSERT_NE(std::getenv("TORVA_SANDBOX"), nullptr);
-        ::mkdir(directory, 0755);
-        for (const std::string& name : namesIn(directory)) {
-            ::unlink((std::string(directory) + "/" + name).c_str());
-        }
-    }
-};
-
-// ---- the command lines and what postmap is fed
+// ---- the command lines, what postmap is fed, and how an outcome is judged
 
 using FakePostmapTest = TablesTest;
 
@@ -106,8 +67,6 @@ TEST_F(FakePostmapTest, ListAndRebuildHaveNoInput) {
     EXPECT_EQ(fake.input(), "");
 }
 
-// ---- how an outcome is judged
-
 TEST_F(FakePostmapTest, StatusOneWithoutTextIsAnUnknownError) {
     const FakeTool fake(postmap, "exit 1");
     const auto message = messageOf<PostfixConfigurationError>;
@@ -126,12 +85,6 @@ TEST_F(FakePostmapTest, FailureCarriesTheTextUntrimmed) {
     const auto databaseMessage = messageOf<PostfixDatabaseError>;
     EXPECT_EQ(databaseMessage([] { deleteKeys(table, {"a"}); }), "postmap: fatal: x\n");
     EXPECT_EQ(databaseMessage([] { createTable(table, {}); }), "postmap: fatal: x\n");
-}
-
-TEST_F(FakePostmapTest, FailedCreationLeavesNoHalfMadeIndex) {
-    const FakeTool fake(postmap, "touch /var/spool/postfix/torva/__db.virtual.db; exit 1");
-    EXPECT_THROW(createTable(table, {}), PostfixDatabaseError);
-    EXPECT_THAT(namesIn(directory), ElementsAre("virtual"));
 }
 
 TEST_F(FakePostmapTest, DeletingAKeyThatIsNotThereIsNoError) {
@@ -172,44 +125,54 @@ TEST_F(FakePostmapTest, ListingGoesThroughTheFilter) {
     EXPECT_THAT(dumpTable(table, filter), ElementsAre(Pair("c", "<3>")));
 }
 
+TEST_F(FakePostmapTest, RecordsInBracesAreNoRiddle) {
+    const FakeTool fake(postmap, "");
+    putRecords(table, {{"k", "v"}});
+    putRecords(table, {{"a", "1"}, {"b", "2"}});
+    putRecords(table, {});
+    EXPECT_EQ(fake.input(), "k v\na 1\nb 2\n");
+    EXPECT_EQ(fake.calls().size(), 2U);
+}
+
+TEST_F(FakePostmapTest, WhatIsNoTableNameIsRefusedBeforeAnythingHappens) {
+    const FakeTool fake(postmap, "");
+    for (const std::string name : {"", "virtual", "/a/b", ":/a/b", "hash:", "-s:x", "-d"}) {
+        const std::string refusal = "not a table: " + name;
+        const auto message = messageOf<std::invalid_argument>;
+        EXPECT_EQ(message([&] { createTable(name, {}); }), refusal);
+        EXPECT_EQ(message([&] { putRecords(name, {{"k", "v"}}); }), refusal);
+        EXPECT_EQ(message([&] { putRecords(name, Records()); }), refusal);
+        EXPECT_EQ(message([&] { deleteKeys(name, {"k"}); }), refusal);
+        EXPECT_EQ(message([&] { dumpTable(name); }), refusal);
+        EXPECT_EQ(message([&] { rebuildTable(name); }), refusal);
+        EXPECT_EQ(message([&] { removeDomainFromTable(name, "d.net", false); }), refusal);
+    }
+    EXPECT_THAT(fake.calls(), IsEmpty());
+}
+
+TEST_F(FakePostmapTest, DeletionThatOnlyAStrictJudgeWouldRefuseIsNoError) {
+    const FakeTool fake(postmap, "echo 'postmap: unusual: text' >&2; exit 1");
+    EXPECT_NO_THROW(deleteKeys(table, {"a"}));
+}
+
+TEST_F(FakePostmapTest, FailedPutOrRebuildLeavesNoHalfMadeIndex) {
+    const std::string half = directory + "/__db.virtual.db";
+    const FakeTool fake(postmap,
+                        "test -e " + half + " && echo found >&2; touch " + half + "; exit 1");
+    writeFile(half, "of a killed one");
+    EXPECT_EQ(messageOf<PostfixConfigurationError>([] {
+                  putRecords(table, {{"a", "b"}});
+              }),
+              "unknown error");
+    EXPECT_THAT(namesIn(directory), IsEmpty());
+    writeFile(half, "of a killed one");
+    EXPECT_EQ(messageOf<PostfixConfigurationError>([] { rebuildTable(table); }), "unknown error");
+    EXPECT_THAT(namesIn(directory), IsEmpty());
+}
+
 // ---- real tables
 
 using RealTableTest = TablesTest;
-
-TEST_F(RealTableTest, CreatedTableIsEmptyAndReadable) {
-    ::umask(077);
-    createTable(table, {});
-    ::umask(022);
-    EXPECT_THAT(dumpTable(table), IsEmpty());
-    EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
-    struct stat status = {};
-    ASSERT_EQ(::stat(source, &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0644U);
-    EXPECT_EQ(status.st_size, 0);
-}
-
-TEST_F(RealTableTest, CreatedTableHoldsTheGivenRecordsAndNothingElse) {
-    writeFile(source, "old record\n");
-    rebuildTable(table);
-    createTable(table, {{"alpha", "one"}, {"beta", "two, three"}});
-    EXPECT_EQ(contentOf(source), "alpha one\nbeta two, three\n");
-    EXPECT_THAT(dumpTable(table),
-                UnorderedElementsAre(Pair("alpha", "one"), Pair("beta", "two, three")));
-}
-
-TEST_F(RealTableTest, CreatingAgainEmptiesTheTable) {
-    createTable(table, {{"alpha", "one"}});
-    createTable(table, {});
-    EXPECT_EQ(contentOf(source), "");
-    EXPECT_THAT(dumpTable(table), IsEmpty());
-}
-
-TEST_F(RealTableTest, IndexThatAKilledCreationLeftHalfMadeDoesNotKeepItFromBeingMade) {
-    writeFile(std::string(directory) + "/__db.virtual.db", "");
-    createTable(table, {{"alpha", "one"}});
-    EXPECT_THAT(dumpTable(table), ElementsAre(Pair("alpha", "one")));
-    EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
-}
 
 TEST_F(RealTableTest, PutAddsAndReplacesAndDeleteTakesAway) {
     createTable(table, {});
@@ -245,134 +208,11 @@ TEST_F(RealTableTest, UnknownTypeFailsWithPostmapsOwnText) {
                 HasSubstr("unsupported dictionary type: nosuch"));
 }
 
-TEST_F(RealTableTest, LockHeldElsewhereEndsTheCreationAndNeverEmptiesTheTable) {
-    createTable(table, {{"alpha", "one"}});
-    const torva::FileLock held(source, torva::LockMode::wait);
-    EXPECT_EQ(messageOf<std::runtime_error>([] { createTable(table, {}); }),
-              std::string("lock(") + source + ") failed: file is already locked");
-    EXPECT_EQ(contentOf(source), "alpha one\n");
-    EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
-}
-
-TEST_F(RealTableTest, MissingDirectoryEndsTheCreationWithThePath) {
-    EXPECT_EQ(messageOf<PostfixDatabaseError>([] { createTable("hash:/var/nowhere/t", {}); }),
-              std::string("unable to write /var/nowhere/t: ") + std::strerror(ENOENT));
-}
-
-TEST_F(RealTableTest, FailedRenameLeavesTheScratchFileNowhere) {
-    ASSERT_EQ(::mkdir(source, 0755), 0);
-    EXPECT_THAT(messageOf<PostfixDatabaseError>([] {
-                    createTable(table, {{"a", "b"}});
-                }),
-                StartsWith(std::string("unable to write ") + source + ": "));
-    EXPECT_THAT(namesIn(directory), ElementsAre("virtual"));
-    ASSERT_EQ(::rmdir(source), 0);
-}
-
-TEST_F(RealTableTest, FailedPostmapLeavesTheScratchFileNowhere) {
-    const FakeTool fake(postmap, "exit 1");
-    EXPECT_THROW(createTable(table, {{"a", "b"}}), PostfixDatabaseError);
-    EXPECT_THAT(namesIn(directory), ElementsAre("virtual"));
-}
-
-TEST_F(RealTableTest, FullDiskLeavesTheOldSourceWhole) {
-    if (::mount("tmpfs", directory, "tmpfs", 0, "size=16k") != 0) {
-        GTEST_SKIP() << "no tmpfs here: " << std::strerror(errno);
-    }
-    writeFile(source, "old record\n");
-    Records records;
-    for (int i = 0; i < 2000; ++i) {
-        records.emplace_back("key" + std::to_string(i), "a value that takes some room");
-    }
-    EXPECT_EQ(messageOf<PostfixDatabaseError>([&] { createTable(table, records); }),
-              std::string("unable to write ") + source + ": " + std::strerror(ENOSPC));
-    EXPECT_EQ(contentOf(source), "old record\n");
-    EXPECT_THAT(namesIn(directory), ElementsAre("virtual"));
-    EXPECT_EQ(::umount(directory), 0);
-}
-
-// ---- what stands on them
-
-using OnTablesTest = TablesTest;
-
-TEST_F(OnTablesTest, DirectCacheGoesStraightToPostmap) {
-    const FakeTool fake(postmap, "case $1 in -s) echo a b;; esac");
-    RecordCache cache(table, CacheMode::direct);
-    cache.put({{"a", "b"}});
-    cache.remove({"c"});
-    EXPECT_THAT(cache.list(), ElementsAre(Pair("a", "b")));
-    cache.flush();
-    EXPECT_THAT(fake.calls(), ElementsAre("[-r][-i][hash:/var/spool/postfix/torva/virtual]",
-                                          "[-d][-][hash:/var/spool/postfix/torva/virtual]",
-                                          "[-s][hash:/var/spool/postfix/torva/virtual]"));
-}
-
-TEST_F(OnTablesTest, CollectingCacheWritesOnceAndForgets) {
-    createTable(table, {});
-    RecordCache cache(table, CacheMode::collecting);
-    cache.put({{"a", "1"}, {"b", "2"}});
-    cache.put({{"a", "3"}});
-    EXPECT_THAT(dumpTable(table), IsEmpty());
-    const FakeTool recording(postmap, torva::test::passThrough);
-    cache.flush();
-    cache.flush();
-    EXPECT_EQ(recording.input(), "a 3\nb 2\n");
-    EXPECT_EQ(recording.calls().size(), 1U);
-    EXPECT_THAT(cache.list(), IsEmpty());
-    EXPECT_THAT(dumpTable(table), UnorderedElementsAre(Pair("a", "3"), Pair("b", "2")));
-}
-
-TEST_F(OnTablesTest, CollectingCacheKeepsItsRecordsWhenTheyCannotBeWritten) {
-    RecordCache cache(table, CacheMode::collecting);
-    cache.put({{"a", "1"}});
-    {
-        const FakeTool fake(postmap, "exit 1");
-        EXPECT_THROW(cache.flush(), PostfixConfigurationError);
-    }
-    EXPECT_THAT(cache.list(), ElementsAre(Pair("a", "1")));
-}
-
-TEST_F(OnTablesTest, BlacklistedSendersAreRejected) {
-    createTable("hash:/var/spool/postfix/torva/blacklists", {});
-    addToBlacklist({"spam@example.com", "example.org"});
-    EXPECT_THAT(
-        dumpTable("hash:/var/spool/postfix/torva/blacklists"),
-        UnorderedElementsAre(Pair("spam@example.com", "REJECT"), Pair("example.org", "REJECT")));
-    removeFromBlacklist({"example.org"});
-    EXPECT_THAT(blacklist(), ElementsAre("spam@example.com"));
-}
-
-TEST_F(OnTablesTest, AliasDomainWithoutADatabaseHasItsReservedAddresses) {
-    const FakeTool fake(postmap, "");
-    const Records entry = DomainManager().addAliasDomain("example.com", "host.example.net");
-    EXPECT_EQ(fake.input(), "postmaster@host.example.net postmaster@localhost.localdomain\n"
-                            "mailer-daemon@host.example.net mailer-daemon@localhost.localdomain\n"
-                            "root@host.example.net root@localhost.localdomain\n"
-                            "anonymous@host.example.net anonymous@localhost.localdomain\n"
-                            "drweb@host.example.net drweb@localhost.localdomain\n");
-    EXPECT_EQ(fake.calls().size(), 1U);
-    EXPECT_THAT(entry, ElementsAre(Pair("host.example.net", "1")));
-}
-
-TEST_F(OnTablesTest, MissingPopUserHasItsWordsRunTogether) {
-    const std::string passwd = contentOf("/etc/passwd");
-    writeFile("/etc/passwd", "root:x:0:0:root:/root:/bin/sh\n");
-    try {
-        popUser();
-        ADD_FAILURE() << "no exception";
-    } catch (const torva::SystemError& error) {
-        EXPECT_THAT(error.what(), StartsWith("user popusernot found: "));
-    }
-    writeFile("/etc/passwd", passwd);
-}
-
-TEST_F(OnTablesTest, PopUserIsTheAccountOfThatName) {
-    const std::string passwd = contentOf("/etc/passwd");
-    writeFile("/etc/passwd", "root:x:0:0:root:/root:/bin/sh\n"
-                             "popuser:x:4711:4712::/var/qmail:/bin/false\n");
-    EXPECT_EQ(popUser().pw_uid, 4711U);
-    EXPECT_EQ(popUser().pw_gid, 4712U);
-    writeFile("/etc/passwd", passwd);
+TEST_F(RealTableTest, PutMakesTheIndexThatAKilledOneLeftHalfMade) {
+    writeFile(directory + "/__db.virtual.db", "");
+    putRecords(table, {{"a", "1"}});
+    EXPECT_THAT(dumpTable(table), ElementsAre(Pair("a", "1")));
+    EXPECT_THAT(namesIn(directory), ElementsAre("virtual.db"));
 }
 
 } // namespace

@@ -3,6 +3,9 @@
 
 #include <gmock/gmock.h>
 
+#include <functional>
+#include <vector>
+
 using namespace torva::mail::postfix;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -22,6 +25,15 @@ TEST(CollectingRecordCacheTest, MergedRecordTakesThePlaceOfThePendingOneOfItsKey
     cache.put({{"a", "1"}, {"b", "2"}});
     cache.put({{"a", "3"}, {"c", "4"}});
     EXPECT_THAT(cache.list(), ElementsAre(Pair("a", "3"), Pair("b", "2"), Pair("c", "4")));
+}
+
+TEST(CollectingRecordCacheTest, MergeReachesEveryPendingRecord) {
+    RecordCache cache("hash:/nowhere", CacheMode::collecting);
+    cache.put({{"a", "1"}, {"b", "2"}, {"c", "3"}});
+    cache.put({{"b", "4"}});
+    EXPECT_THAT(cache.list(), ElementsAre(Pair("a", "1"), Pair("b", "4"), Pair("c", "3")));
+    cache.put({{"c", "5"}, {"c", "6"}, {"a", "7"}});
+    EXPECT_THAT(cache.list(), ElementsAre(Pair("a", "7"), Pair("b", "4"), Pair("c", "6")));
 }
 
 TEST(CollectingRecordCacheTest, RemovedKeysAreNoLongerPending) {
@@ -51,12 +63,20 @@ TEST(CollectingRecordCacheTest, FreshCacheIsEmpty) {
 
 TEST(CollectingRecordCacheTest, WithoutATableNameItCannotBeFormed) {
     RecordCache cache("", CacheMode::collecting);
-    try {
-        cache.put({{"a", "1"}});
-        FAIL() << "no exception";
-    } catch (const PostfixDatabaseError& error) {
-        EXPECT_STREQ(error.what(), "unable to form record cache");
+    const std::vector<std::function<void()>> operations = {[&] {
+                                                               cache.put({{"a", "1"}});
+                                                           },
+                                                           [&] { cache.remove({"a"}); },
+                                                           [&] { cache.list(); }};
+    for (const auto& operation : operations) {
+        try {
+            operation();
+            ADD_FAILURE() << "no exception";
+        } catch (const PostfixDatabaseError& error) {
+            EXPECT_STREQ(error.what(), "unable to form record cache");
+        }
     }
+    EXPECT_NO_THROW(cache.flush());
 }
 
 TEST(TableFileTest, IsWhatFollowsTheFirstColon) {

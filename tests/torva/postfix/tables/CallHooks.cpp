@@ -1,0 +1,67 @@
+#include "CallHooks.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <utility>
+
+namespace torva::test {
+
+namespace {
+
+std::function<int(const std::string&, const std::string&)> hooked;
+
+/// Whether the call is to fail.
+bool fails(const char* call, const std::string& path) {
+    if (!hooked) {
+        return false;
+    }
+    // What the action itself calls goes through.
+    auto action = std::exchange(hooked, nullptr);
+    const int error = action(call, path);
+    hooked = std::move(action);
+    if (error != 0) {
+        errno = error;
+    }
+    return error != 0;
+}
+
+} // namespace
+
+CallHook::CallHook(std::function<int(const std::string&, const std::string&)> action) {
+    hooked = std::move(action);
+}
+
+CallHook::~CallHook() {
+    hooked = nullptr;
+}
+
+} // namespace torva::test
+
+extern "C" {
+
+using torva::test::fails;
+
+int chmod(const char* path, mode_t mode) noexcept {
+    return fails("chmod", path) ? -1 : ::fchmodat(AT_FDCWD, path, mode, 0);
+}
+
+int chown(const char* path, uid_t owner, gid_t group) noexcept {
+    return fails("chown", path) ? -1 : ::fchownat(AT_FDCWD, path, owner, group, 0);
+}
+
+int fchmod(int fd, mode_t mode) noexcept {
+    return fails("fchmod", "") ? -1 : static_cast<int>(::syscall(SYS_fchmod, fd, mode));
+}
+
+int fchown(int fd, uid_t owner, gid_t group) noexcept {
+    return fails("fchown", "") ? -1 : static_cast<int>(::syscall(SYS_fchown, fd, owner, group));
+}
+
+int rename(const char* from, const char* to) noexcept {
+    return fails("rename", from) ? -1 : ::renameat(AT_FDCWD, from, AT_FDCWD, to);
+}
+
+} // extern "C"

@@ -1,0 +1,225 @@
+// "As before" after a rewrite that failed: content, owner, mode, times, links; and what a
+// good one keeps.
+#include "CallHooks.h"
+#include "TablesFixture.h"
+#include "support/FakeTool.h"
+#include "torva/postfix/tables/CreateTable.h"
+#include "torva/postfix/tables/Postmap.h"
+#include "torva/postfix/tables/TableRewrite.h"
+#include "torva/util/PostfixError.h"
+#include "torva/util/SystemError.h"
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <fcntl.h>
+
+using namespace torva::mail::postfix;
+using namespace torva::test;
+using testing::ElementsAre;
+using testing::Pair;
+using testing::UnorderedElementsAre;
+
+namespace {
+
+/// All that is to be as before; the change time and the access time of the moment are
+/// nobody's to set.
+struct Seen {
+    explicit Seen(const std::string& path) : status(statusOf(path)), content(contentOf(path)) {}
+
+    struct stat status;
+    std::string content;
+};
+
+void expectSame(const Seen& now, const Seen& before) {
+    EXPECT_TRUE(now.content == before.content);
+    EXPECT_EQ(now.status.st_mode, before.status.st_mode);
+    EXPECT_EQ(now.status.st_uid, before.status.st_uid);
+    EXPECT_EQ(now.status.st_gid, before.status.st_gid);
+    EXPECT_EQ(now.status.st_nlink, before.status.st_nlink);
+    EXPECT_EQ(now.status.st_mtim.tv_sec, before.status.st_mtim.tv_sec);
+    EXPECT_EQ(now.status.st_mtim.tv_nsec, before.status.st_mtim.tv_nsec);
+}
+
+void makeOld(const std::string& path, time_t age) {
+    const timespec times[2] = {{age, 1}, {age, 2}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+}
+
+class TableRewriteFailureTest : public TablesTest {
+protected:
+    void SetUp() override {
+        TablesTest::SetUp();
+        createTable(table, {{"user@d.net", "a@e.net"}, {"user@e.net", "a@d.net, b@e.net"}});
+        ASSERT_EQ(::chown(source.c_str(), 0, 65534), 0);
+        ASSERT_EQ(::chmod(source.c_str(), 0640), 0);
+        ASSERT_EQ(::chown(index_.c_str(), 0, 65534), 0);
+        ASSERT_EQ(::chmod(index_.c_str(), 0604), 0);
+        makeOld(source, 1000000000);
+        makeOld(index_, 1000000007);
+    }
+
+    static void removeDomain() { removeDomainFromTable(table, "d.net", false); }
+
+    /// The removal fails, and all is as before; the files themselves, too, where they
+    /// were not touched.
+    template <class Error>
+    void expectAllAsBefore(bool indexTouched) {
+        const Seen sourceBefore(source);
+        const Seen indexBefore(index_);
+        EXPECT_THROW(removeDomain(), Error);
+        const Seen sourceNow(source);
+        const Seen indexNow(index_);
+        expectSame(sourceNow, sourceBefore);
+        expectSame(indexNow, indexBefore);
+        EXPECT_EQ(sourceNow.status.st_ino, sourceBefore.status.st_ino);
+        EXPECT_EQ(indexNow.status.st_ino != indexBefore.status.st_ino, indexTouched);
+        EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
+    }
+
+    const std::string failingRebuild_ =
+        "case $1 in -s) exec \"$REAL\" \"$@\";; esac\n: > " + index_ + "\nexit 1";
+};
+
+TEST_F(TableRewriteFailureTest, FailedListingTouchesNothing) {
+    const FakeTool fake(postmap, "exit 1");
+    expectAllAsBefore<PostfixConfigurationError>(false);
+}
+
+TEST_F(TableRewriteFailureTest, FailedRebuildBringsBothBack) {
+    const FakeTool fake(postmap, failingRebuild_);
+    expectAllAsBefore<PostfixConfigurationError>(true);
+}
+
+TEST_F(TableRewriteFailureTest, RebuildThatFailsBeforeItTouchesTheIndexLeavesIt) {
+    const FakeTool fake(postmap, "case $1 in -s) exec \"$REAL\" \"$@\";; esac\nexit 1");
+    expectAllAsBefore<PostfixConfigurationError>(false);
+}
+
+TEST_F(TableRewriteFailureTest, RebuildThatCannotBeStartedLeavesTheIndex) {
+    const FakeTool fake(postmap, "rm /usr/sbin/postmap; exec \"$REAL\" \"$@\"");
+    expectAllAsBefore<torva::SystemError>(false);
+}
+
+TEST_F(TableRewriteFailureTest, EveryCallThatFailsBeforeTheRebuildLeavesAllAlone) {
+    for (const std::string call : {"fchown", "fchmod", "rename"}) {
+        for (int nth = 1; nth <= (call == "rename" ? 1 : 2); ++nth) {
+            SCOPED_TRACE(call + std::to_string(nth));
+            int left = nth;
+            const CallHook hook([&](const std::string& called, const std::string&) {
+                return called == call && --left == 0 ? EIO : 0;
+            });
+            expectAllAsBefore<torva::SystemError>(false);
+            EXPECT_LE(left, 0);
+        }
+    }
+}
+
+TEST_F(TableRewriteFailureTest, FailedRebuildLeavesNoHalfMadeIndex) {
+    const FakeTool fake(postmap, "case $1 in -s) exec \"$REAL\" \"$@\";; esac\ntouch " + directory +
+                                     "/__db.virtual.db; exit 1");
+    expectAllAsBefore<PostfixConfigurationError>(false);
+}
+
+TEST_F(TableRewriteFailureTest, OtherNamesOfTheSourceAreItsOwnAgain) {
+    const std::string other = "/var/spool/postfix/other";
+    ASSERT_EQ(::link(source.c_str(), other.c_str()), 0);
+    const FakeTool fake(postmap, failingRebuild_);
+    expectAllAsBefore<PostfixConfigurationError>(true);
+    EXPECT_EQ(statusOf(other).st_ino, statusOf(source).st_ino);
+    ::unlink(other.c_str());
+}
+
+TEST_F(TableRewriteFailureTest, EmptySourceComesBackEmpty) {
+    createTable(table, {});
+    makeOld(source, 1000000000);
+    const FakeTool fake(postmap, failingRebuild_);
+    expectAllAsBefore<PostfixConfigurationError>(true);
+}
+
+TEST_F(TableRewriteFailureTest, AccessTimesComeBackToo) {
+    const FakeTool fake(postmap, failingRebuild_);
+    EXPECT_THROW(removeDomain(), PostfixConfigurationError);
+    EXPECT_EQ(statusOf(source).st_atim.tv_sec, 1000000000);
+    // Our own reading of the index is the last that it has seen.
+    EXPECT_GE(statusOf(index_).st_atim.tv_sec, 1000000007);
+}
+
+TEST_F(TableRewriteFailureTest, LinkOfTheAdministratorStaysOneWhetherItFailsOrNot) {
+    const std::string elsewhere = "/var/spool/postfix/elsewhere";
+    ASSERT_EQ(::rename(source.c_str(), elsewhere.c_str()), 0);
+    ASSERT_EQ(::symlink("../elsewhere", source.c_str()), 0);
+    const Seen before(elsewhere);
+    {
+        const FakeTool fake(postmap, failingRebuild_);
+        EXPECT_THROW(removeDomain(), PostfixConfigurationError);
+        expectSame(Seen(elsewhere), before);
+    }
+    EXPECT_TRUE(S_ISLNK(statusOf(source).st_mode));
+    removeDomain();
+    EXPECT_TRUE(S_ISLNK(statusOf(source).st_mode));
+    EXPECT_EQ(contentOf(elsewhere), "user@e.net\tb@e.net\n");
+    EXPECT_EQ(statusOf(elsewhere).st_mode & 07777, 0640U);
+    EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
+    ::unlink(elsewhere.c_str());
+}
+
+TEST_F(TableRewriteFailureTest, LinkOfTheAdministratorToTheIndexStaysOne) {
+    const std::string elsewhere = "/var/spool/postfix/elsewhere.db";
+    ASSERT_EQ(::rename(index_.c_str(), elsewhere.c_str()), 0);
+    ASSERT_EQ(::symlink("../elsewhere.db", index_.c_str()), 0);
+    const Seen before(elsewhere);
+    {
+        const FakeTool fake(postmap, failingRebuild_);
+        EXPECT_THROW(removeDomain(), PostfixConfigurationError);
+        expectSame(Seen(elsewhere), before);
+    }
+    for (const auto& change : std::vector<std::function<void()>>{
+             &removeDomain,
+             [] {
+                 putRecords(table, {{"k", "v"}});
+             },
+             [] { rebuildTable(table); },
+             [] {
+                 createTable(table, {{"k", "v"}});
+             },
+             [] { deleteKeys(table, {"k"}); }, [] { dumpTable(table); }}) {
+        change();
+        EXPECT_TRUE(S_ISLNK(statusOf(index_).st_mode));
+    }
+    ::unlink(elsewhere.c_str());
+}
+
+// ---- a good rewrite
+
+TEST_F(TableRewriteFailureTest, GoodRewriteKeepsModeAndOwnerOfTheSource) {
+    ASSERT_EQ(::chown(source.c_str(), 65534, 0), 0);
+    ASSERT_EQ(::chown(index_.c_str(), 65534, 65534), 0); // postmap runs as the source's owner
+    removeDomain();
+    EXPECT_EQ(statusOf(source).st_mode & 07777, 0640U);
+    EXPECT_EQ(statusOf(source).st_uid, 65534U);
+    EXPECT_EQ(statusOf(source).st_gid, 0U);
+    EXPECT_EQ(contentOf(source), "user@e.net\tb@e.net\n");
+    EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
+}
+
+TEST_F(TableRewriteFailureTest, EmptySourceMayBeRewritten) {
+    createTable(table, {});
+    removeDomain();
+    EXPECT_EQ(contentOf(source), "");
+    EXPECT_THAT(dumpTable(table), testing::IsEmpty());
+    EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
+}
+
+TEST_F(TableRewriteFailureTest, QuotedKeyIsStillFoundAfterwards) {
+    writeFile(source, "\"john doe\"@example.org x@e.net\nuser@d.net y\n");
+    rebuildTable(table);
+    removeDomain();
+    EXPECT_EQ(contentOf(source), "\"john doe\"@example.org\tx@e.net\n");
+    const std::string answer = directory + "/answer";
+    const std::string ask = "/usr/sbin/postmap -q '\"john doe\"@example.org' " + table;
+    ASSERT_EQ(std::system((ask + " > " + answer).c_str()), 0);
+    EXPECT_EQ(contentOf(answer), "x@e.net\n");
+}
+
+} // namespace

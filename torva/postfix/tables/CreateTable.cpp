@@ -58,35 +58,32 @@ void writeRecords(const ScratchFile& scratch, const Records& records, std::ofstr
 }
 
 /// Writes the records to the source file, whole or not at all.
-///
-/// \param named   for messages
-void writeSource(const ScratchFile& scratch, const std::string& source, const std::string& named,
-                 const Records& records) {
+void writeSource(const ScratchFile& scratch, const std::string& source, const Records& records) {
     AutocleanOFStream stream(scratch.path(), scratch.descriptor());
     try {
         writeRecords(scratch, records, stream);
     } catch (const std::ios_base::failure&) {
-        throwUnableToWrite(named, errno);
+        throwUnableToWrite(source, errno);
     } catch (const SystemError& error) {
-        throwUnableToWrite(named, error.code());
+        throwUnableToWrite(source, error.code());
     }
     // rename(2) knows names only. Who swaps the name after this look has the source
     // replaced by his own file, which he may do without us at any time; what postmap
     // is given is looked at once more.
     if (!isNameOf(scratch.path(), scratch.descriptor())) {
-        throwSwapped(named);
+        throwSwapped(source);
     }
     // From here on the scratch name is gone; the stream that removes it finds nothing.
     if (std::rename(scratch.path().c_str(), source.c_str()) != 0) {
-        throwUnableToWrite(named, errno);
+        throwUnableToWrite(source, errno);
     }
 }
 
-ScratchFile makeScratchFile(const std::string& source, const std::string& named) {
+ScratchFile makeScratchFile(const std::string& source) {
     try {
         return ScratchFile(source);
     } catch (const SystemError& error) {
-        throwUnableToWrite(named, error.code());
+        throwUnableToWrite(source, error.code());
     }
 }
 
@@ -94,16 +91,15 @@ ScratchFile makeScratchFile(const std::string& source, const std::string& named)
 
 void createTable(const std::string& table, const Records& records) {
     requireTableName(table);
-    const std::string named = tableFile(table);
-    const FileLock lock(named, LockMode::fail);
-    const std::string source = resolvedSource(named);
-    const ScratchFile scratch = makeScratchFile(source, named);
-    writeSource(scratch, source, named, records);
-    settleIndexes(named, IndexUse::madeAnew);
+    const std::string source = tableFile(table);
+    const FileLock lock(source, LockMode::fail);
+    const ScratchFile scratch = makeScratchFile(source);
+    writeSource(scratch, source, records);
+    settleIndexes(source, IndexUse::madeAnew);
     if (!isNameOf(source, scratch.descriptor())) {
-        throwSwapped(named);
+        throwSwapped(source);
     }
-    HalfMadeIndexGuard guard(named);
+    HalfMadeIndexGuard guard(source);
     const ToolResult result = runTool(postmapCommand({"-r"}, table));
     if (!result.succeeded()) {
         throw PostfixDatabaseError(result.message());

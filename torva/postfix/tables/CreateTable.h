@@ -10,8 +10,8 @@ namespace torva::mail::postfix {
 
 /// Replaces the source file of a table by the given records, mode 0644, and builds
 /// the indexed table from it (postmap -r). What the table held is gone. A source that is
-/// a symbolic link stays one where only root and we may write its directory; elsewhere
-/// it is replaced itself. Planted index files are removed, as by a rebuild (Postmap.h).
+/// a symbolic link is replaced itself: what it leads to may be more than this table's.
+/// Planted index files are removed, as by a rebuild (Postmap.h).
 ///
 /// \param table    "type:path"; the directory exists
 /// \param records  written in their order, one "KEY VALUE" line each
@@ -21,8 +21,8 @@ namespace torva::mail::postfix {
 ///         write PATH: REASON"), and is as it was, unless REASON is "somebody else has
 ///         put another file in its place"; or postmap failed (its own text, or
 ///         "unknown error"), and the source file is the new one
-/// \throws SystemError  no lock, links in a circle, an index that cannot be removed, or
-///         postmap not started
+/// \throws SystemError  no lock, an index that cannot be removed, or postmap not
+///         started
 /// \throws std::invalid_argument "not a table: NAME": nothing was changed
 /// No scratch file is left, neither of ours nor of an index that postmap could not
 /// finish; one that an earlier, killed creation left is removed.

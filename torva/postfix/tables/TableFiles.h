@@ -5,9 +5,9 @@
 //
 // Who may write a directory (torva/util/WritableByOthers.h) decides whose links are in
 // it. Where only root and we may, a link or a second hard link is the administrator's:
-// it is followed, and stays. Where somebody else may, it is planted. A FIFO, a socket
-// or a device is planted wherever it stands. The directories above are trusted to lead
-// where they lead.
+// it is followed, and stays (a table made afresh replaces a link to its source). Where somebody
+// else may, it is planted. A FIFO, a socket or a device is planted wherever it stands. The
+// directories above are trusted to lead where they lead.
 //
 // What is judged by name can be swapped before postmap opens that name: no tool can be
 // handed descriptors for its index files. That gap is left; here it is as narrow as it

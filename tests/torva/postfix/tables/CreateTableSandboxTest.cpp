@@ -7,7 +7,6 @@
 #include "torva/postfix/tables/Postmap.h"
 #include "torva/util/FileLock.h"
 #include "torva/util/PostfixError.h"
-#include "torva/util/SystemError.h"
 
 #include <gmock/gmock.h>
 
@@ -177,22 +176,15 @@ TEST_F(CreateTableTest, NoDescriptorStaysOpenHoweverItEnds) {
     EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST_F(CreateTableTest, LinkOfTheAdministratorStaysOne) {
+TEST_F(CreateTableTest, LinkIsReplacedItselfAndWhatItLeadsToIsKept) {
     const std::string elsewhere = "/var/spool/postfix/elsewhere";
     writeFile(elsewhere, "old record\n");
     ASSERT_EQ(::symlink("../elsewhere", source.c_str()), 0);
     createTable(table, {{"a", "b"}});
-    EXPECT_TRUE(S_ISLNK(statusOf(source).st_mode));
-    EXPECT_EQ(contentOf(elsewhere), "a b\n");
-    EXPECT_THAT(dumpTable(table), ElementsAre(Pair("a", "b")));
-    EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
+    EXPECT_TRUE(S_ISREG(statusOf(source).st_mode));
+    EXPECT_EQ(contentOf(source), "a b\n");
+    EXPECT_EQ(contentOf(elsewhere), "old record\n");
     ::unlink(elsewhere.c_str());
-}
-
-TEST_F(CreateTableTest, LinksInACircleAreAnError) {
-    ASSERT_EQ(::symlink("virtual", source.c_str()), 0);
-    EXPECT_EQ(messageOf<torva::SystemError>([] { createTable(table, {}); }),
-              std::string("stat: ") + std::strerror(ELOOP));
 }
 
 } // namespace

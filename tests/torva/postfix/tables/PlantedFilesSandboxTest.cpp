@@ -161,6 +161,22 @@ TEST_F(PlantedFilesTest, IndexWithASecondNameKeepsItsRecords) {
     ::unlink(other.c_str());
 }
 
+TEST_F(PlantedFilesTest, IndexWithASecondNameIsNotWrittenToWhenItIsMadeAnew) {
+    const std::string other = "/var/spool/postfix/other.db";
+    for (const std::size_t each : {0U, 4U, 5U}) {
+        SCOPED_TRACE(operations[each].name);
+        layOut();
+        ASSERT_EQ(::link(index_.c_str(), other.c_str()), 0);
+        const std::string bytes = contentOf(other);
+        const struct stat before = statusOf(other);
+        operations[each].run();
+        EXPECT_TRUE(contentOf(other) == bytes);
+        EXPECT_EQ(statusOf(other).st_mtim.tv_nsec, before.st_mtim.tv_nsec);
+        EXPECT_EQ(statusOf(other).st_nlink, 1U);
+        ::unlink(other.c_str());
+    }
+}
+
 TEST_F(PlantedFilesTest, LinkInThePlaceOfTheSourceIsReplacedItself) {
     for (const char* name : {"create", "rewrite"}) {
         SCOPED_TRACE(name);

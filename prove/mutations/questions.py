@@ -1,0 +1,129 @@
+"""Which tests are asked about a mistake in a file, in which order, and the asking."""
+
+import os
+import re
+import signal
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+from concurrent.futures import ThreadPoolExecutor, as_completed
+from dataclasses import dataclass
+
+from workcopy import target_name
+
+# What links to a layer, nearest first; the whole program is asked last.
+ABOVE = {
+    "torva/libc": ["torva/util", "torva/process", "torva/maildb", "torva/postfix/params", "torva/postfix/mastercf", "torva/postfix/tables", "app"],
+    "torva/util": ["torva/process", "torva/postfix/params", "torva/postfix/mastercf", "torva/postfix/tables", "app"],
+    "torva/process": ["torva/postfix/params", "torva/postfix/tables", "app"],
+    "torva/maildb": ["torva/postfix/tables", "app"],
+    "torva/postfix/params": ["torva/postfix/mastercf", "torva/postfix/tables", "app"],
+    "torva/postfix/mastercf": ["app"],
+    "torva/postfix/tables": ["app"],
+    "app": [],
+}
+WHOLE_RUNS = ["run.fake.transcript|run.fake.commands", "run.fake", "run.real"]
+# A mistake may fill the memory, or write without an end.
+LIMITS = ["prlimit", "--core=0", f"--data={3 << 30}", f"--fsize={1 << 30}"]
+
+
+@dataclass(frozen=True)
+class Question:
+    label: str
+    targets: tuple  # what it runs
+    command: tuple
+
+
+class Asker:
+    def __init__(self, copy):
+        self.copy, self.passed = copy, {}  # label -> seconds without a mistake
+
+    def waves(self, file, first=None):
+        """The questions in order; those of one wave are asked side by side, each in a world of
+        its own. The one that is known to notice goes first."""
+        folder = os.path.dirname(file)
+        waves = [self._programs(layer) for layer in [folder, *ABOVE[folder]]]
+        waves += [[self._whole_run(regex)] for regex in WHOLE_RUNS]
+        if first is not None:
+            known = next((one for wave in waves for one in wave if one.label == first), None) or self._whole_run(first)
+            waves = [[known]] + [[one for one in wave if one.label != first] for wave in waves]
+        return [wave for wave in waves if wave]
+
+    def _programs(self, layer):
+        """Unit tests, too, run in the sandbox: a mistake may end processes or remove files."""
+        found = []
+        sandbox = ["scripts/sandbox", "--with", str(self.copy.build), "--"]
+        for program, own in ((f"test_{target_name(layer)}", ["env", "-u", "TORVA_SANDBOX"]),
+                             (f"sandbox_test_{target_name(layer)}", [])):
+            if program in self.copy.targets:
+                found.append(Question(program, (program,), (*LIMITS, *sandbox, *own, str(self.copy.build / "bin" / program),
+                                                            "--gtest_brief=1", "--gtest_fail_fast=1")))
+        return found
+
+    def _whole_run(self, regex):
+        return Question(regex, ("torva-postfix-setup", "faketool"),
+                        (*LIMITS, "ctest", "--test-dir", str(self.copy.build), "-R", f"^({regex})", "-j", str(self.copy.jobs),
+                         "--stop-on-failure", "--no-tests=error", "--progress"))
+
+    def require_passing(self, wave):
+        """A test that fails without a mistake proves nothing."""
+        for question in wave:
+            if question.label not in self.passed:
+                self.copy.make_right(*question.targets)
+                begin = time.monotonic()
+                if answer := self.ask([question], lambda _: 1800):
+                    sys.exit(f"{answer} without any mistake")
+                self.passed[question.label] = time.monotonic() - begin
+
+    def patience(self, question):
+        """Seconds, far beyond what it takes: a busy machine is no catch."""
+        return 30 + 5 * self.passed[question.label]
+
+    def ask(self, wave, patience):
+        """None when all pass, else which one does not and how; then the others are ended."""
+        running, lock, answered = [], threading.Lock(), threading.Event()
+
+        def run(question):
+            with tempfile.TemporaryFile() as output:
+                with lock:
+                    if answered.is_set():
+                        return None
+                    process = subprocess.Popen(question.command, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT,
+                                               cwd=self.copy.tree, start_new_session=True)
+                    running.append(process)
+                try:
+                    if process.wait(patience(question)) == 0:
+                        return None
+                    output.seek(0)
+                    return f"{question.label} fails{named_failure(output.read())}"
+                except subprocess.TimeoutExpired:
+                    return f"{question.label} does not end"
+                finally:
+                    with lock:
+                        end(process)
+
+        with ThreadPoolExecutor(len(wave)) as pool:
+            for done in as_completed([pool.submit(run, question) for question in wave]):
+                if answer := done.result():
+                    with lock:
+                        answered.set()
+                        for process in running:
+                            end(process)
+                    return answer
+        return None
+
+
+def end(process):
+    """With all that it has started: the sandbox ends with its first process."""
+    if process.poll() is None:
+        os.killpg(process.pid, signal.SIGKILL)
+        process.wait()
+
+
+def named_failure(output):
+    """The test that failed, as the program has named it."""
+    found = re.search(rb"^\[  FAILED  \] (\S+)|\*\*\*(?:Failed|Timeout|Exception)[^\n]*|Test +#\d+: (\S+) \.+\*", output, re.MULTILINE)
+    name = found and (found.group(1) or found.group(2))
+    return f" ({name.decode()})" if name else ""

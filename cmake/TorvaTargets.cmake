@@ -59,7 +59,8 @@ target_compile_options(torva_test_warnings INTERFACE
 # a CTest test of its own; every *SandboxTest.cpp goes into
 # sandbox_test_<folder>, which is run whole by scripts/sandbox in its private
 # copy of the host, as the one CTest test sandbox.<folder>, and is skipped with
-# its reason where the machine does not allow that.
+# its reason where the machine does not allow that. Outside the sandbox, none of them
+# can start a program of Postfix (tests/support/PostfixGuard.h).
 function(torva_tests folder)
   cmake_parse_arguments(arg "" "" "DEPS" ${ARGN})
   torva_name_of(name ${folder})
@@ -72,7 +73,7 @@ function(torva_tests folder)
     list(REMOVE_ITEM plain ${sandboxed})
     add_executable(sandbox_test_${name} ${sandboxed} ${helpers})
     target_link_libraries(sandbox_test_${name}
-      PRIVATE ${arg_DEPS} torva_test_support torva_test_warnings GTest::gmock_main)
+      PRIVATE ${arg_DEPS} torva_test_support torva_test_guard torva_test_warnings GTest::gmock_main)
     target_include_directories(sandbox_test_${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
     target_compile_definitions(sandbox_test_${name}
       PRIVATE TORVA_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
@@ -83,7 +84,7 @@ function(torva_tests folder)
   if(plain)
     add_executable(test_${name} ${plain} ${helpers})
     target_link_libraries(test_${name}
-      PRIVATE ${arg_DEPS} torva_test_warnings GTest::gmock_main)
+      PRIVATE ${arg_DEPS} torva_test_guard torva_test_warnings GTest::gmock_main)
     target_include_directories(test_${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
     target_compile_definitions(test_${name}
       PRIVATE TORVA_SOURCE_DIR="${CMAKE_SOURCE_DIR}")

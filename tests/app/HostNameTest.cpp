@@ -19,9 +19,4 @@ TEST(DerivedDomainTest, NothingAfterTheDotIsNone) {
     EXPECT_EQ(derivedDomain("host."), "");
 }
 
-TEST(RepairHostNameTest, DottedNameIsLeftAlone) {
-    // No tool is run for it: this test would not find the world that one needs.
-    EXPECT_EQ(torva::app::repairHostName("host.example.net"), "host.example.net");
-}
-
 } // namespace

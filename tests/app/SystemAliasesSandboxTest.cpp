@@ -1,0 +1,125 @@
+// The check of the alias databases: the files that it makes or leaves alone. Which
+// commands it runs for which values is tests/run/fake/aliases_test.py.
+#include "app/SystemAliases.h"
+#include "support/FakeTool.h"
+#include "torva/postfix/params/PostfixParameters.h"
+#include "torva/util/SystemError.h"
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <functional>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using torva::SystemError;
+using torva::app::SystemAliases;
+using torva::mail::postfix::PostfixParameters;
+using torva::test::FakeTool;
+using torva::test::namesIn;
+
+namespace {
+
+const char postconf[] = "/usr/sbin/postconf";
+const char postalias[] = "/usr/sbin/postalias";
+
+class SystemAliasesTest : public testing::Test {
+protected:
+    SystemAliasesTest() {
+        ::mkdir(directory.c_str(), 0755);
+        mask_ = ::umask(0);
+    }
+    ~SystemAliasesTest() override {
+        ::umask(mask_);
+        for (const std::string& name : namesIn(directory)) {
+            ::unlink((directory + "/" + name).c_str());
+        }
+    }
+    static void SetUpTestSuite() {
+        ASSERT_NE(std::getenv("TORVA_SANDBOX"), nullptr) << "outside scripts/sandbox";
+        PostfixParameters::instance();
+    }
+
+    /// Checks a parameter that has this value.
+    static void check(const std::string& value) {
+        const FakeTool fake(postconf,
+                            "case $2 in alias_maps) echo '" + value + "';; *) echo hash; esac");
+        SystemAliases().check("alias_maps");
+    }
+
+    static struct stat statusOf(const std::string& path) {
+        struct stat found = {};
+        EXPECT_EQ(::stat(path.c_str(), &found), 0);
+        return found;
+    }
+
+    inline static const std::string directory = "/etc/aliases.test";
+    const std::string source = directory + "/aliases";
+    const std::string index = source + ".db";
+    const std::string halfMade = directory + "/__db.aliases.db";
+
+private:
+    mode_t mask_ = 0;
+};
+
+int codeOf(const std::function<void()>& action, const std::string& text) {
+    try {
+        action();
+    } catch (const SystemError& error) {
+        EXPECT_EQ(std::string(error.what()).substr(0, text.size()), text);
+        return error.code();
+    }
+    ADD_FAILURE() << "no error";
+    return -1;
+}
+
+} // namespace
+
+TEST_F(SystemAliasesTest, AMissingSourceIsMadeEmptyWithMode0644AndIndexed) {
+    check("hash:" + source);
+    EXPECT_EQ(statusOf(source).st_mode, S_IFREG | 0644U);
+    EXPECT_EQ(statusOf(source).st_size, 0);
+    EXPECT_THAT(namesIn(directory), ElementsAre("aliases", "aliases.db"));
+}
+
+TEST_F(SystemAliasesTest, APresentSourceKeepsContentsModeAndTimeOfChange) {
+    torva::test::writeFile(source, "root: admin\n");
+    ASSERT_EQ(::chmod(source.c_str(), 0640), 0);
+    const timespec times[2] = {{1000000000, 0}, {1000000001, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, source.c_str(), times, 0), 0);
+    check("hash:" + source);
+    EXPECT_EQ(torva::test::contentOf(source), "root: admin\n");
+    EXPECT_EQ(statusOf(source).st_mode, S_IFREG | 0640U);
+    EXPECT_EQ(statusOf(source).st_mtim.tv_sec, 1000000001);
+}
+
+TEST_F(SystemAliasesTest, SourcesOfOtherTypesAreNotMade) {
+    check("ldap:" + source + ", nis:" + source + "2, pcre:" + source + "3");
+    EXPECT_THAT(namesIn(directory), IsEmpty());
+}
+
+TEST_F(SystemAliasesTest, TheHalfMadeIndexOfAnEarlierCreationIsRemovedFirst) {
+    torva::test::writeFile(halfMade, "");
+    const FakeTool fake(postalias, "test ! -e " + halfMade);
+    check("hash:" + source);
+    EXPECT_THAT(fake.calls(), ElementsAre("[hash:" + source + "]"));
+    EXPECT_THAT(namesIn(directory), ElementsAre("aliases"));
+}
+
+TEST_F(SystemAliasesTest, AFailedCreationLeavesNoHalfMadeIndexAndNoCodeOfAnEarlierError) {
+    const FakeTool fake(postalias, ": > " + halfMade + "; exit 1");
+    errno = EIO;
+    EXPECT_EQ(codeOf([&] { check("hash:" + source); }, "unable to re-index system alias map"), 0);
+    EXPECT_THAT(namesIn(directory), ElementsAre("aliases"));
+}
+
+TEST_F(SystemAliasesTest, ACreationThatASignalEndsIsAFailure) {
+    const FakeTool fake(postalias, ": > " + halfMade + "; kill -KILL $$");
+    EXPECT_EQ(codeOf([&] { check("hash:" + source); }, "unable to re-index system alias map"), 0);
+    EXPECT_THAT(namesIn(directory), ElementsAre("aliases"));
+}

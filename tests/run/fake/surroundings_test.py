@@ -10,7 +10,8 @@ from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 from goldens import commands, golden, transcript
-from runworld import CAPTURE, FAKE, MAIN_CF, MASTER_CF, NO_DATABASE, TABLES, TORVA, RunTest, fatal, main, sanitized
+from runworld import (CAPTURE, FAKE, MAIN_CF, MASTER_CF, NO_DATABASE, TABLES, TORVA, RunTest, fatal, main, remove,
+                      sanitized)
 
 
 class SurroundingsTest(RunTest):
@@ -234,6 +235,17 @@ class PlacesTest(SurroundingsTest):
                 self.expectTheFirstRun(run)
                 modes = {path: path.stat().st_mode & 0o7777 for path in [MASTER_CF, *(TORVA / name for name in TABLES)]}
                 self.assertEqual(set(modes.values()), {0o644}, modes)
+
+    def test_a_main_cf_and_an_alias_source_that_had_to_be_made_have_mode_0644_whatever_the_umask(self):
+        aliases = Path("/etc/aliases")
+        for mask in (0o077, 0o000):
+            with self.subTest(oct(mask)):
+                self.world.reset()
+                os.chmod(FAKE, 0o777)
+                for path in (MAIN_CF, aliases):
+                    remove(path)
+                self.assertCompleted(self.world.run(umask=mask))
+                self.assertEqual([path.stat().st_mode & 0o7777 for path in (MAIN_CF, aliases)], [0o644, 0o644])
 
     def test_a_hostile_environment_changes_nothing(self):
         run = self.world.run(env={"LC_ALL": "xx_YY", "IFS": "/", "TMPDIR": "/nowhere", "HOME": "/nowhere",

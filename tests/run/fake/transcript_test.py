@@ -1,5 +1,6 @@
 """What a run says, and where it says it."""
 
+import os
 import sys
 from pathlib import Path
 
@@ -99,6 +100,16 @@ class MainCfFileTest(RunTest):
         self.assertCompleted(self.world.run())
         self.assertEqual(MAIN_CF.read_bytes(), text)
         self.assertEqual((MAIN_CF.stat().st_ino, MAIN_CF.stat().st_mode), (before.st_ino, before.st_mode))
+
+    def test_making_sure_of_a_present_main_cf_leaves_all_its_times_alone(self):
+        # An access older than the change: any reading would move its time.
+        os.utime(MAIN_CF, (1_000_000_000, 1_000_000_001))
+        before = MAIN_CF.stat()
+        self.world.rule(tool="postmap", exit=1)
+        self.assertEqual(self.world.run().status, 1)
+        after = MAIN_CF.stat()
+        self.assertEqual((after.st_atime_ns, after.st_mtime_ns, after.st_ctime_ns),
+                         (before.st_atime_ns, before.st_mtime_ns, before.st_ctime_ns))
 
     def test_a_main_cf_that_cannot_be_opened_is_left_to_postfix(self):
         MAIN_CF.unlink()

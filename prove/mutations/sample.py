@@ -116,8 +116,8 @@ class Sampler:
         return "" if changed else None
 
 
-def run(copy, asker, number, seed, say, stop):
-    """Draws and tries out. The numbers of the caught, of the argued and the survivors."""
+def run(copy, asker, number, seed, say, stop, only):
+    """Draws, and tries out those that have the text. The numbers of the caught, of the argued and the survivors."""
     lines = all_by_line(copy.tree)
     say(f"{sum(map(len, lines.values()))} mistakes can be made on {len(lines)} lines")
     equivalents, sampler = Equivalents(lines), Sampler(copy, asker)
@@ -129,6 +129,8 @@ def run(copy, asker, number, seed, say, stop):
             break
         begin = time.monotonic()
         change = f"{one.file}:{one.line}: {one.rule}: {one.before}  =>  {one.after}"
+        if only not in change:
+            continue
         if reason := equivalents.reason(one):
             argued += 1
             say(f"equivalent: {change} ({reason})")

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <memory>
+#include <sys/resource.h>
 
 using namespace torva::mail::postfix;
 
@@ -27,6 +29,22 @@ TEST(HostNetworksTest, HostWithLoopbackAddressesOnlyGetsAnEmptyAddress) {
 
 TEST(HostNetworksTest, FailedEnumerationLeavesTheLoopbackNetworkAlone) {
     EXPECT_EQ(hostNetworks(nullptr), "127.0.0.0/8");
+}
+
+TEST(HostNetworksTest, AKernelThatCannotBeAskedLeavesTheLoopbackNetworkAlone) {
+    rlimit usual = {};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &usual), 0);
+    const rlimit none = {0, usual.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    const std::string networks = hostNetworks();
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &usual), 0);
+    EXPECT_EQ(networks, "127.0.0.0/8");
+}
+
+TEST(HostNetworksTest, TheKernelIsAsked) {
+    const std::unique_ptr<ifaceinfo, decltype(&free_interfaces)> interfaces(
+        list_interfaces(nullptr), &free_interfaces);
+    EXPECT_EQ(hostNetworks(), hostNetworks(interfaces.get()));
 }
 
 struct Case {

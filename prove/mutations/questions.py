@@ -37,15 +37,17 @@ class Question:
 
 
 class Asker:
-    def __init__(self, copy):
-        self.copy, self.passed = copy, {}  # label -> seconds without a mistake
+    def __init__(self, copy, asks_whole_runs=True):
+        self.copy, self.asks_whole_runs = copy, asks_whole_runs
+        self.passed = {}  # label -> seconds without a mistake
 
     def waves(self, file, first=None):
         """The questions in order; those of one wave are asked side by side, each in a world of
         its own. The one that is known to notice goes first."""
         folder = os.path.dirname(file)
         waves = [self._programs(layer) for layer in [folder, *ABOVE[folder]]]
-        waves += [[self._whole_run(regex)] for regex in WHOLE_RUNS]
+        if self.asks_whole_runs:
+            waves += [[self._whole_run(regex)] for regex in WHOLE_RUNS]
         if first is not None:
             known = next((one for wave in waves for one in wave if one.label == first), None) or self._whole_run(first)
             waves = [[known]] + [[one for one in wave if one.label != first] for wave in waves]

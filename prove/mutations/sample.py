@@ -117,7 +117,7 @@ class Sampler:
 
 
 def run(copy, asker, number, seed, say, stop, only):
-    """Draws, and tries out those that have the text. The numbers of the caught, of the argued and the survivors."""
+    """Draws, and tries out those that have one of the texts. The numbers of the caught, of the argued and the survivors."""
     lines = all_by_line(copy.tree)
     say(f"{sum(map(len, lines.values()))} mistakes can be made on {len(lines)} lines")
     equivalents, sampler = Equivalents(lines), Sampler(copy, asker)
@@ -129,7 +129,7 @@ def run(copy, asker, number, seed, say, stop, only):
             break
         begin = time.monotonic()
         change = f"{one.file}:{one.line}: {one.rule}: {one.before}  =>  {one.after}"
-        if only not in change:
+        if not any(text in change for text in only):
             continue
         if reason := equivalents.reason(one):
             argued += 1

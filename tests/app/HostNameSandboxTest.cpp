@@ -1,6 +1,7 @@
 // The repair of the host name, with fakes in the places of postconf and hostname.
 #include "app/HostName.h"
 #include "support/FakeTool.h"
+#include "support/WaitingChild.h"
 #include "torva/postfix/params/PostfixParameters.h"
 #include "torva/util/PostfixError.h"
 
@@ -113,6 +114,18 @@ TEST_F(RepairHostNameTest, TheFullNameIsTheFirstLineTrimmedWhateverTheExitStatus
                         "printf ' \\t host.example.net \\r\\nother.example.net\\n'; exit 1");
     EXPECT_EQ(fullHostName(), "host.example.net");
     EXPECT_THAT(fake.calls(), ElementsAre("[-f]"));
+}
+
+TEST_F(RepairHostNameTest, AnAnswerOfOneCharacterIsAName) {
+    const FakeTool fake(hostname, "printf h");
+    EXPECT_EQ(fullHostName(), "h");
+}
+
+TEST_F(RepairHostNameTest, OtherChildrenOfTheProcessAreNotWaitedFor) {
+    const FakeTool fake(hostname, "echo host.example.net");
+    const torva::test::WaitingChild child;
+    EXPECT_EQ(fullHostName(), "host.example.net");
+    EXPECT_TRUE(child.isThere());
 }
 
 TEST_F(RepairHostNameTest, ANameThatCannotBeAskedForIsEmpty) {

@@ -2,6 +2,7 @@
 // commands it runs for which values is tests/run/fake/aliases_test.py.
 #include "app/SystemAliases.h"
 #include "support/FakeTool.h"
+#include "support/WaitingChild.h"
 #include "torva/postfix/params/PostfixParameters.h"
 #include "torva/util/SystemError.h"
 
@@ -122,4 +123,16 @@ TEST_F(SystemAliasesTest, ACreationThatASignalEndsIsAFailure) {
     const FakeTool fake(postalias, ": > " + halfMade + "; kill -KILL $$");
     EXPECT_EQ(codeOf([&] { check("hash:" + source); }, "unable to re-index system alias map"), 0);
     EXPECT_THAT(namesIn(directory), ElementsAre("aliases"));
+}
+
+TEST_F(SystemAliasesTest, OtherChildrenOfTheProcessAreNotWaitedFor) {
+    const FakeTool fake(postalias, "exit 0");
+    const FakeTool parameters(postconf, "case $2 in alias_maps) echo hash:" + source +
+                                            ";; *) echo hash; esac");
+    SystemAliases aliases;
+    const torva::test::WaitingChild child;
+    // The runs of postconf reap every child of the process; it has not ended by then.
+    aliases.check("alias_maps");
+    EXPECT_TRUE(child.isThere());
+    EXPECT_THAT(fake.calls(), ElementsAre("[hash:" + source + "]"));
 }

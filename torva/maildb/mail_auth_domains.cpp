@@ -36,8 +36,7 @@ Search search_domain(int type, const char* domain) {
         return Search::failed;
     }
     FoundDomain ignored;
-    const Search result = search_domain(database, domain, ignored);
-    return database.close() ? result : Search::failed;
+    return search_domain(database, domain, ignored);
 }
 
 bool find_domain(Database& database, const char* domain, FoundDomain& found, bool with_status) {

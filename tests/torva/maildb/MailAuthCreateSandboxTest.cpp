@@ -52,13 +52,15 @@ TEST_F(CreateAuthDatabase, MissingParentsAreMadeWhateverTheUmask) {
 }
 
 TEST_F(CreateAuthDatabase, TheFileIsRootsAloneUntilItIsHandedOver) {
-    umask(0);
-    std::string at_birth;
-    {
-        const OpenHook hook([&](sqlite3*) { at_birth = ownership(auth_path); });
-        EXPECT_EQ(0, mail_auth_create_db(MAIL_SERVER_POSTFIX));
+    for (const mode_t mask : {mode_t{0}, mode_t{0777}}) {
+        umask(mask);
+        std::string at_birth;
+        {
+            const OpenHook hook([&](sqlite3*) { at_birth = ownership(auth_path); });
+            EXPECT_EQ(0, mail_auth_create_db(MAIL_SERVER_POSTFIX));
+        }
+        EXPECT_EQ("root:0 0600", at_birth) << mask;
     }
-    EXPECT_EQ("root:0 0600", at_birth);
 }
 
 TEST_F(CreateAuthDatabase, TheNewDatabaseHasTheSchema) {

@@ -183,7 +183,7 @@ def mute_server(world):
 
 def babbling_server(world):
     """a server that sends garbage, ends at once, never ends"""
-    for serve in world.some(babble, babble_without_end, hang_up, rest=[babble_and_wait, babble_after_the_login]):
+    for serve in world.some(babble, hang_up, rest=[babble_without_end, babble_and_wait, babble_after_the_login]):
         odd_server(world, serve, False)
         if not world.short:
             odd_server(world, serve, True)

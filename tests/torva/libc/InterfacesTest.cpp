@@ -155,6 +155,23 @@ TEST(InterfacesTest, TheSocketIsNeverAStandardStream) {
     }
 }
 
+TEST(InterfacesTest, TheSocketIsCloseOnExecFromBirth) {
+    const auto outcome = inChild([] {
+        // Of exactly this type: without the flag.
+        if (!failSyscall(SYS_socket, EINVAL, 1, SOCK_STREAM)) {
+            return static_cast<int>(noFilters);
+        }
+        ifaceinfo* list = list_interfaces(nullptr);
+        const bool listed = list != nullptr;
+        free_interfaces(list);
+        return listed ? 0 : 1;
+    });
+    if (outcome.exited == noFilters) {
+        GTEST_SKIP() << "the kernel allows no system call filters";
+    }
+    EXPECT_EQ(outcome.exited, 0);
+}
+
 TEST(InterfacesTest, AFailedQueryIsReportedAndLeavesNoDescriptor) {
     const auto outcome = inChild([] {
         if (!failSyscall(SYS_ioctl, ENOBUFS, 1, SIOCGIFCONF)) {

@@ -143,15 +143,21 @@ TEST_F(CatcherFaultsTest, AfterAnInstallationThatFailedTheNextOneWorks) {
 }
 
 TEST_F(CatcherFaultsTest, HandlerThatCouldNotBeTakenAwayDoesNothing) {
-    EXPECT_EQ("alive", inSubprocess([](std::ostream& out) {
+    EXPECT_EQ("not reaped", inSubprocess([](std::ostream& out) {
                   {
                       ProcessSet children(1);
                       ProcessSetCatcher catcher(children);
                       catcher.install();
                       failingActions = 1;
                   }
+                  const pid_t pid = ::fork();
+                  if (pid == 0) {
+                      ::_exit(0);
+                  }
+                  siginfo_t info = {};
+                  ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
                   ::raise(SIGCHLD);
-                  out << (failingActions == 0 ? "alive" : "not tried");
+                  out << (::waitpid(pid, nullptr, WNOHANG) == pid ? "not reaped" : "reaped");
               }));
 }
 

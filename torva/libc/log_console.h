@@ -1,5 +1,6 @@
 // The console writers, to which the hooks of torva/libc/log.h point at first. Not to be
 // called by name: that is what the hooks are for.
+// Private to the library: not installed.
 #pragma once
 
 #include <stdarg.h>

@@ -1,5 +1,6 @@
 // The file of the panel's semaphores: opened where only root and the caller can have
 // put it. Part of torva/libc/semaphore.h.
+// Private to the library: not installed.
 #pragma once
 
 #ifdef __cplusplus

@@ -1,5 +1,6 @@
 // Writing to a pipe whose reader may have gone, without dying of it and without
 // touching the action of SIGPIPE, which belongs to the program: see signal(7), pipe(7).
+// Private to the library: not installed.
 #pragma once
 
 #ifdef __cplusplus

@@ -1,6 +1,7 @@
 // How SQLite reaches the mail-authentication database. Its directory belongs to the mail
 // server's account, which may put anything in the place of the database and its journal
 // at any moment, while root reads and writes there. For torva/maildb/mail_auth_sql.h only.
+// Private to the library: not installed.
 #pragma once
 
 #include <climits>

@@ -1,5 +1,6 @@
 // Boost's filesystem_error for our own failed system calls on paths, with one text under
 // every version of Boost: later ones put the category and number of the code into it.
+// Private to the library: not installed.
 #pragma once
 
 #include <boost/filesystem/exception.hpp>

@@ -1,6 +1,7 @@
 // The directory of the lock files, "/var/lock/files". It lies in a directory in which
 // every user may make names, so it is judged before each use. Taking a lock of it is
 // torva/util/FileLock.h.
+// Private to the library: not installed.
 #pragma once
 
 namespace torva {

@@ -1,6 +1,7 @@
 // Lock files that others could open before their directory was closed to them. A
 // descriptor outlives the change of a mode, and flock(2) asks for no more than one
 // that reads. Part of torva/util/LockDirectory.h.
+// Private to the library: not installed.
 #pragma once
 
 namespace torva {

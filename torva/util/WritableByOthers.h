@@ -1,5 +1,6 @@
 // Whose files stand in a directory: where another account may write, a link, a FIFO
 // or a second hard link may have been planted, and is to be judged before use.
+// Private to the library: not installed.
 #pragma once
 
 #include <string>

@@ -70,7 +70,7 @@ public:
     /// \param module   service entry, written as formatModule() does
     /// \param enabled  true: into master.cf; false: into the store
     /// \throws std::invalid_argument  the text would not be read back as this one
-    ///         service, see ReadBack.h
+    ///         service: an empty or ill-formed name, no words, a line feed anywhere
     void putModule(const MasterCfModule& module, bool enabled);
 
     /// Brings a service back from the store to the end of master.cf, with the text

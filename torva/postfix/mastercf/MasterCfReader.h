@@ -13,7 +13,7 @@ namespace torva::mail::postfix {
 /// Whose file is read. Opening never waits, whatever stands at the path.
 enum class FileOwner {
     any, ///< whoever could write it: master.cf, which may be a symbolic link
-    /// ours alone: where somebody else may write the directory (WritableByOthers.h),
+    /// ours alone: where somebody else may write the directory or one above it,
     /// only a regular file with one name that belongs to root or to the effective
     /// user, and that neither its group nor others may write, can be opened. In a
     /// directory that is ours alone, as any.

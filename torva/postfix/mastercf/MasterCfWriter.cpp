@@ -1,14 +1,12 @@
 #include "torva/postfix/mastercf/MasterCfWriter.h"
 
 #include "torva/util/FileLock.h"
+#include "torva/util/FilesystemError.h"
 #include "torva/util/SystemError.h"
 #include "torva/util/WritableByOthers.h"
 
-#include <boost/filesystem.hpp>
-
 #include <cerrno>
 #include <cstdio>
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,12 +14,6 @@
 namespace torva::mail::postfix {
 
 namespace {
-
-using boost::filesystem::filesystem_error;
-
-boost::system::error_code systemError(int code) {
-    return {code, boost::system::system_category()};
-}
 
 void writeLines(const MasterCfLines& lines, std::ostream& stream) {
     for (const std::string& line : lines.lines()) {
@@ -53,7 +45,7 @@ StagedFile::StagedFile(const MasterCfLines& lines, const std::string& targetPath
     // another file in the place of ours. Before the commit, so that the mode is on disk
     // when the name is.
     if (::fchmod(file_.descriptor(), 0644) != 0) {
-        throw filesystem_error("chmod", file_.path(), systemError(errno));
+        throw filesystemError("chmod", file_.path(), errno);
     }
     file_.commit();
     file_.setAutoclean(true);
@@ -68,7 +60,7 @@ void StagedFile::replaceTarget() {
         const int saved = errno;
         ::unlink(file_.path().c_str());
         errno = saved;
-        throw filesystem_error("rename", file_.path(), target_, systemError(saved));
+        throw filesystemError("rename", file_.path(), target_, saved);
     }
     syncDirectoryOf(target_);
 }

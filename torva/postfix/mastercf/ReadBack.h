@@ -1,6 +1,7 @@
 // Whether a service that is about to be written will be found again: a file that
 // cannot be parsed whole can never be edited again. The syntax itself is
 // MasterCfParser.cpp.
+// Private to the library: not installed.
 #pragma once
 
 #include "torva/postfix/mastercf/MasterCfModule.h"

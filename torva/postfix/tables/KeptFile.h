@@ -1,5 +1,6 @@
 // Files of a table that come back when what replaces them does not work out. For the
 // rewriting of tables (TableRewrite.h) only.
+// Private to the library: not installed.
 #pragma once
 
 #include "torva/util/TmpFile.h"

@@ -12,6 +12,7 @@
 // What is judged by name can be swapped before postmap opens that name: no tool can be
 // handed descriptors for its index files. That gap is left; here it is as narrow as it
 // gets, and closed for all that we write, give away or set modes on ourselves.
+// Private to the library: not installed.
 #pragma once
 
 #include "torva/util/TmpFile.h"

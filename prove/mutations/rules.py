@@ -5,6 +5,7 @@ import re
 
 from scanner import Token
 
+SAME_AS_EMPTY = ("return {};", "return 0;", "return nullptr;", "return false;", "return std::nullopt;", "return std::string();")
 SHIFTED = {"<": "<=", "<=": "<", ">": ">=", ">=": ">", "==": "!=", "!=": "=="}
 NUMBER = re.compile(r"(0[xX][0-9a-fA-F]+|0[0-7]*|[1-9][0-9]*)([uUlLzZ]*)$")
 CHARACTER = re.compile(r"\\(?:x[0-9a-fA-F]+|[0-7]{1,3}|.)|[^\\]", re.DOTALL)
@@ -166,7 +167,7 @@ def early_returns(source):
         text = text_of(source, one.first, one.last)
         if one.returns == "nothing" and text != "return;":
             yield "early return", start, start, "return; "
-        elif one.returns == "value" and text not in ("return {};", "return 0;", "return nullptr;", "return false;"):
+        elif one.returns == "value" and text not in SAME_AS_EMPTY:
             yield "early return", start, start, "return {}; "
 
 

@@ -132,6 +132,7 @@ TEST_F(FakePostconfTest, MissingToolIsAnErrorOfTheSystem) {
 TEST_F(FakePostconfTest, PathOfMainCfFallsBackToTheBuiltInDirectory) {
     const FakeTool fake(postconf, "[ \"$2\" = -d ] && echo /etc/postfix || exit 1");
     EXPECT_EQ(PostfixParameters().path(), "/etc/postfix/main.cf");
+    EXPECT_THAT(fake.calls(), ElementsAre("[-h][config_directory]", "[-h][-d][config_directory]"));
 }
 
 TEST_F(FakePostconfTest, PathOfMainCfKeepsATrailingSlash) {

@@ -1,0 +1,74 @@
+// The plain functions free by hand: nothing of theirs stays allocated.
+#include "torva/libc/Child.h"
+#include "torva/libc/HeapCensus.h"
+#include "torva/libc/interfaces.h"
+#include "torva/libc/log.h"
+#include "torva/libc/panel_conf_parse.h"
+
+#include <cstdio>
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+#include <vector>
+
+using torva::test::bytesLeftBy;
+using torva::test::inChild;
+
+namespace {
+
+void silent(int /*priority*/, const char* /*format*/, ...) {}
+
+class LeakTest : public testing::Test {
+protected:
+    void SetUp() override {
+        if (TORVA_TEST_ASAN != 0) {
+            GTEST_SKIP() << "the sanitizer's allocator keeps no books of this kind";
+        }
+    }
+};
+
+} // namespace
+
+TEST_F(LeakTest, TheCensusCounts) {
+    std::vector<std::unique_ptr<char[]>> kept;
+    kept.reserve(1000);
+    EXPECT_GE(bytesLeftBy([&kept] { kept.push_back(std::make_unique<char[]>(100)); }), 100U);
+    EXPECT_EQ(bytesLeftBy([] { std::make_unique<char[]>(100); }), 0U);
+}
+
+TEST_F(LeakTest, AConfigurationThatIsFreedLeavesNothing) {
+    std::string text = "A first\n# comment\nmalformed+\nB second\nA third\n";
+    for (int i = 0; i < 50; ++i) {
+        text += "NAME" + std::to_string(i) + " a value of some length\n";
+    }
+    const auto usual = torva_log;
+    torva_log = silent;
+    EXPECT_EQ(bytesLeftBy([&text] {
+                  std::FILE* stream = ::fmemopen(text.data(), text.size(), "r");
+                  panel_conf_free(panel_conf_parse(stream));
+                  std::fclose(stream);
+              }),
+              0U);
+    torva_log = usual;
+}
+
+TEST_F(LeakTest, ANameThatIsSetAgainLeavesNothingOfItsOldValue) {
+    panel_conf_file* file = panel_conf_new();
+    const std::string value(200, 'x');
+    EXPECT_EQ(bytesLeftBy([&] { panel_conf_put(file, "A", 1, value.data(), value.size()); }), 0U);
+    panel_conf_free(file);
+}
+
+TEST_F(LeakTest, MessagesLeaveNothing) {
+    const auto outcome = inChild([] {
+        const std::string text(500, 'x');
+        const std::size_t logged = bytesLeftBy([&text] { torva_log(3, "%s", text.c_str()); });
+        const std::size_t reported = bytesLeftBy([&text] { report_error(0, "%s", text.c_str()); });
+        return (logged != 0 ? 1 : 0) + (reported != 0 ? 2 : 0);
+    });
+    EXPECT_EQ(outcome.exited, 0);
+}
+
+TEST_F(LeakTest, AListOfInterfacesThatIsFreedLeavesNothing) {
+    EXPECT_EQ(bytesLeftBy([] { free_interfaces(list_interfaces(nullptr)); }), 0U);
+}

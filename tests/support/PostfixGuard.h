@@ -1,6 +1,6 @@
-// Keeps every test program away from the machine's own Postfix, whatever the code under
-// test does: outside scripts/sandbox, a program of Postfix in /usr/sbin is not started,
-// and the test that was running fails. It is linked into each test program.
+// Keeps every test program away from the machine's own Postfix, even when the code under
+// test is wrong: outside scripts/sandbox, "/usr/sbin/post*" is not started, and the test
+// that was running fails. It is linked into each test program.
 //
 // It stands in front of the C library's execve, execv, execvp, execvpe, execl, execlp,
 // fexecve, posix_spawn, posix_spawnp, system and popen, in the process and in what it

@@ -106,14 +106,19 @@ class Asker:
                     with lock:
                         end(process)
 
+        def end_all():
+            with lock:
+                answered.set()
+                for process in running:
+                    end(process)
+
         with ThreadPoolExecutor(len(wave)) as pool:
-            for done in as_completed([pool.submit(run, question) for question in wave]):
-                if answer := done.result():
-                    with lock:
-                        answered.set()
-                        for process in running:
-                            end(process)
-                    return answer
+            try:
+                for done in as_completed([pool.submit(run, question) for question in wave]):
+                    if answer := done.result():
+                        return answer
+            finally:
+                end_all()  # also when this script is told to end
         return None
 
 

@@ -148,7 +148,7 @@ def declares(source, first, last):
 def swapped_arguments(source):
     for opening, token in enumerate(source.tokens):
         is_call = token.text == "(" and opening > 0 and source.tokens[opening - 1].kind == "word" and \
-            source.tokens[opening - 1].text not in ("if", "while", "for", "switch", "catch", "return")
+            source.tokens[opening - 1].text not in ("if", "while", "for", "switch", "catch", "return", "min", "max")
         is_list = token.text == "{" and source.kinds[opening] == "list"
         if token.kind != "op" or not (is_call or is_list):
             continue

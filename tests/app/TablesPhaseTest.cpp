@@ -70,6 +70,14 @@ TEST_F(EnsureDirectoryTest, DirectoryThatIsThereIsNoErrorNorIsALinkToOne) {
     EXPECT_TRUE(isDirectory(top_));
 }
 
+TEST_F(EnsureDirectoryTest, DirectoryThatIsThereKeepsItsMode) {
+    ASSERT_EQ(::chmod(top_.c_str(), 0710), 0);
+    ensureDirectory(top_);
+    struct stat status = {};
+    ASSERT_EQ(::stat(top_.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode, S_IFDIR | 0710U);
+}
+
 TEST_F(EnsureDirectoryTest, FileInItsPlaceIsAnErrorAndStays) {
     const std::string file = makeFile();
     expectError(file, EEXIST, "File exists");

@@ -275,7 +275,11 @@ class FakeWorld(World):
 
     def calls(self):
         path = FAKE / "log"
-        return [Call(line) for line in path.read_text().splitlines()] if path.exists() else []
+        if not path.exists():
+            return []
+        # A tool that still runs may have written no more than half of its last line.
+        whole = path.read_text().rpartition("\n")[0]
+        return [Call(line) for line in whole.splitlines()]
 
     def expected_in_etc(self):
         return {"main.cf", "master.cf"} | self.extra_in_etc

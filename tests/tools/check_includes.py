@@ -13,6 +13,8 @@ ALLOWED = {
     "torva/postfix/params": ("torva/process", "torva/util", "torva/libc"),
     "torva/postfix/mastercf": ("torva/postfix/params", "torva/util"),
     "torva/postfix/tables": ("torva/maildb", "torva/postfix/params", "torva/process", "torva/util", "torva/libc"),
+    "ctl/report": (),
+    "ctl/rehearsal": ("ctl/report", "torva/process", "torva/util", "torva/libc"),
     "app": ("torva/postfix/tables", "torva/postfix/mastercf", "torva/postfix/params", "torva/maildb", "torva/process", "torva/util", "torva/libc"),
 }
 INCLUDE = re.compile(r'^\s*#\s*include\s*(["<])([^">]+)[">]', re.MULTILINE)

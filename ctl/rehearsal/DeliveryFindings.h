@@ -1,0 +1,56 @@
+// What the operator reads of a rehearsal: a finding for each message, for each program
+// that is missing, for each service that could not start. Pure; what happened comes from
+// Stage.cpp.
+#pragma once
+
+#include "ctl/rehearsal/LogLine.h"
+#include "ctl/rehearsal/MessageTrail.h"
+#include "ctl/rehearsal/ServiceFaults.h"
+#include "ctl/rehearsal/ServicePrograms.h"
+#include "ctl/rehearsal/SmtpDialogue.h"
+#include "ctl/report/Finding.h"
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace torva::ctl::rehearsal {
+
+/// One message, and what came of offering it.
+struct Attempt {
+    std::string what;         ///< for the reader: "from outside to postmaster@example.net"
+    bool relaying = false;    ///< to a domain that this host does not serve: to be refused
+    std::string messageId;    ///< with angle brackets
+    SmtpOutcome outcome;      ///< of sendmail(1): step "sendmail", its words as failure
+    std::size_t logBegin = 0; ///< lines of the log from here on, up to
+    std::size_t logEnd = 0;   ///< here, are those of its dialogue
+};
+
+/// What advice may refer to.
+struct Surroundings {
+    std::vector<MissingProgram> missing;
+    std::string hostName;
+    std::string myDestination; ///< as main.cf has it, not expanded
+};
+
+/// What became of a message.
+///
+/// \param log  all of it
+Finding tellAttempt(const Attempt& attempt, const std::vector<LogLine>& log,
+                    const Surroundings& around);
+
+/// That a program is missing, and who wants it.
+Finding tellMissing(const MissingProgram& program);
+
+/// That a service could not start, or ended.
+Finding tellFault(const ServiceFault& fault);
+
+/// That Postfix did not start, so that no message was sent.
+///
+/// \param said  what "postfix start" printed, if anything
+Finding tellNoStart(const std::string& said, const std::vector<LogLine>& log);
+
+/// That the rehearsal itself could not go on.
+Finding tellTrouble(const std::string& why);
+
+} // namespace torva::ctl::rehearsal

@@ -1,0 +1,50 @@
+// A TCP connection to an SMTP server, with an end to all waiting. What is said over it
+// is SmtpDialogue.h.
+#pragma once
+
+#include "ctl/rehearsal/MailLog.h"
+#include "ctl/rehearsal/SmtpDialogue.h"
+#include "torva/process/Descriptor.h"
+
+#include <string>
+
+namespace torva::ctl::rehearsal {
+
+/// A TCP socket of this network, for the constructor below.
+/// \throws SystemError  "socket"
+process::Descriptor openLocalSocket();
+
+class SmtpConnection : public SmtpChannel {
+public:
+    /// Begins to connect to port 25.
+    ///
+    /// \param log       is taken while this waits; has to live as long
+    /// \param socket    non-blocking, not connected
+    /// \param address   of the server, a dotted quad
+    /// \param deadline  by which all is said
+    SmtpConnection(MailLog& log, process::Descriptor socket, const std::string& address,
+                   const Deadline& deadline);
+
+    void send(const std::string& bytes) override;
+
+    /// As told there. Before the greeting it also ends when Postfix logs that it cannot
+    /// start its server: that connection is not answered for a minute.
+    bool await(SmtpReply& reply) override;
+
+    std::string failure() const override { return failure_; }
+
+private:
+    bool fail(const std::string& text);
+    bool receive();
+
+    MailLog& log_;
+    process::Descriptor socket_;
+    Deadline deadline_;
+    std::string address_;
+    std::string failure_; // once it is set nothing more is sent or awaited
+    SmtpReplyReader reader_;
+    bool connected_ = false;
+    bool greeted_ = false;
+};
+
+} // namespace torva::ctl::rehearsal

@@ -1,0 +1,84 @@
+#include "ctl/rehearsal/WatchedTool.h"
+
+#include "torva/process/Launch.h"
+#include "torva/process/SystemCall.h"
+
+#include <array>
+#include <csignal>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace torva::ctl::rehearsal {
+namespace {
+
+// The input as a file: a program that reads nothing of it leaves no writer waiting.
+process::Descriptor fileWith(const std::string& text) {
+    process::Descriptor file(
+        process::systemCall("memfd_create", [] { return ::memfd_create("input", MFD_CLOEXEC); }));
+    for (std::size_t done = 0; done < text.size();) {
+        done += static_cast<std::size_t>(process::systemCall("write", [&] {
+            return ::pwrite(file.get(), text.data() + done, text.size() - done,
+                            static_cast<off_t>(done));
+        }));
+    }
+    return file;
+}
+
+// Reads once; false at the end of the output.
+bool readSome(int fd, std::string& text) {
+    std::array<char, 4096> chunk;
+    const ssize_t size =
+        process::systemCall("read", [&] { return ::read(fd, chunk.data(), chunk.size()); });
+    text.append(chunk.data(), static_cast<std::size_t>(size));
+    return size > 0;
+}
+
+} // namespace
+
+bool ToolOutcome::succeeded() const {
+    return ended && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+ToolOutcome runWatched(MailLog& log, const std::vector<std::string>& command,
+                       const Deadline& deadline, const std::string& input) {
+    const process::Descriptor given = fileWith(input);
+    process::PipeEnds said = process::openPipe("pipe");
+    process::LaunchRequest request;
+    request.program = command.at(0);
+    request.arguments = command;
+    request.searchPath = true;
+    request.input = {process::ChildStream::Kind::descriptor, given.get()};
+    request.output = {process::ChildStream::Kind::descriptor, said.write.get()};
+    request.error = request.output;
+    // A session of its own: when it has to be killed, its children go with it.
+    request.newSession = true;
+    request.closeOtherDescriptors = true;
+    const process::LaunchResult started = process::launch(request);
+    said.write.release();
+
+    ToolOutcome outcome;
+    while (!outcome.ended) {
+        const Wake wake = log.wait(said.read.get(), POLLIN, deadline);
+        if (wake == Wake::late) {
+            break;
+        }
+        outcome.ended = wake == Wake::ready && !readSome(said.read.get(), outcome.output);
+    }
+    if (outcome.ended) {
+        outcome.status = process::waitForExit(started.pid);
+        return outcome;
+    }
+    // The output may be held open by a child that goes on, while the program has ended.
+    outcome.ended =
+        process::retried([&] { return ::waitpid(started.pid, &outcome.status, WNOHANG); }) != 0;
+    ::kill(-started.pid, SIGKILL);
+    if (!outcome.ended) {
+        outcome.status = process::waitForExit(started.pid);
+    }
+    return outcome;
+}
+
+} // namespace torva::ctl::rehearsal

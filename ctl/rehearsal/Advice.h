@@ -8,9 +8,13 @@
 
 namespace torva::ctl::rehearsal {
 
-/// Advice for a failure; empty when the words of Postfix are all there is.
+/// Advice for a message that was not delivered; empty when the words of Postfix are all
+/// there is.
 ///
 /// \param evidence  the reply, the reason and the lines of the log about it
 std::string adviceFor(const std::string& evidence, const Surroundings& around);
+
+/// The part of it that holds for a service, too: what is wrong on the host itself.
+std::string adviceForService(const std::string& evidence);
 
 } // namespace torva::ctl::rehearsal

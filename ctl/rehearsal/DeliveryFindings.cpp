@@ -3,7 +3,6 @@
 #include "ctl/rehearsal/Advice.h"
 
 #include <algorithm>
-#include <iterator>
 
 namespace torva::ctl::rehearsal {
 namespace {
@@ -16,6 +15,11 @@ Finding warning(const std::string& text, const std::string& advice) {
 
 std::string withLine(const std::string& text, const LogLine& line) {
     return line.text.empty() ? text + "." : text + ". Log: " + line.whole();
+}
+
+// What a program printed, perhaps over several lines.
+std::string oneLine(const std::string& said) {
+    return parseLogLine(said).whole();
 }
 
 // The part of the log that was written while the message was offered.
@@ -45,33 +49,54 @@ LogLine lineOfRefusal(const std::vector<LogLine>& dialogue, const SmtpReply& rep
     return reject == dialogue.end() ? worst : *reject;
 }
 
-std::string allOf(const std::vector<LogLine>& dialogue) {
-    std::string text;
-    for (const LogLine& line : dialogue) {
-        text += line.whole() + "\n";
+// Advice about what is told; the rest of the dialogue is asked only when that gives
+// none, for it holds much that has nothing to do with it.
+std::string adviceAbout(const std::string& told, const std::vector<LogLine>& dialogue,
+                        const Surroundings& around) {
+    const std::string advice = adviceFor(told, around);
+    if (!advice.empty()) {
+        return advice;
     }
-    return text;
+    std::string all;
+    for (const LogLine& line : dialogue) {
+        all += line.whole() + "\n";
+    }
+    return adviceFor(all, around);
 }
 
-Finding tellRefused(const Attempt& attempt, const std::vector<LogLine>& dialogue,
+// The server has gone or does not come: why is told once in the log, perhaps while
+// another message was offered.
+Finding tellNoAnswer(const Attempt& attempt, const std::vector<LogLine>& log,
+                     const Surroundings& around) {
+    const std::vector<LogLine> dialogue = dialogueOf(attempt, log);
+    LogLine line = worstLine(dialogue);
+    for (const ServiceFault& fault : findServiceFaults(log)) {
+        if (fault.daemon == "smtpd") {
+            line = fault.why;
+        }
+    }
+    const std::string text =
+        withLine(attempt.what + ": not accepted: " + attempt.outcome.failure, line);
+    return warning(text, adviceAbout(text, dialogue, around));
+}
+
+Finding tellRefused(const Attempt& attempt, const std::vector<LogLine>& log,
                     const Surroundings& around) {
-    const SmtpOutcome& outcome = attempt.outcome;
-    const LogLine line = lineOfRefusal(dialogue, outcome.reply);
-    if (!outcome.failure.empty()) {
-        return warning(withLine(attempt.what + ": not accepted: " + outcome.failure, line),
-                       adviceFor(outcome.failure + "\n" + allOf(dialogue), around));
+    const std::vector<LogLine> dialogue = dialogueOf(attempt, log);
+    const SmtpReply& reply = attempt.outcome.reply;
+    const std::string text =
+        withLine(attempt.what + ": refused: " + reply.text, lineOfRefusal(dialogue, reply));
+    const bool fault = isServerFault(reply);
+    if (attempt.relaying && !fault) {
+        return {Level::ok, subject, text, ""};
     }
-    const std::string text = withLine(attempt.what + ": refused: " + outcome.reply.text, line);
-    const std::string advice = adviceFor(outcome.reply.text + "\n" + allOf(dialogue), around);
-    if (!attempt.relaying) {
-        return warning(text, advice);
-    }
-    if (isServerFault(outcome.reply)) {
+    const std::string advice = adviceAbout(text, dialogue, around);
+    if (attempt.relaying) {
         return warning(text, "The server failed, it did not decide: this proves nothing about "
-                             "relaying. " +
-                                 advice);
+                             "relaying." +
+                                 (advice.empty() ? "" : " " + advice));
     }
-    return {Level::ok, subject, text, ""};
+    return warning(text, advice);
 }
 
 std::string stationsOf(const std::vector<Delivery>& deliveries) {
@@ -87,6 +112,28 @@ std::string stationsOf(const std::vector<Delivery>& deliveries) {
     return text;
 }
 
+std::string domainOf(const std::string& address) {
+    return address.substr(address.rfind('@') + 1);
+}
+
+// Whether Postfix has tried to pass the message on to another host, which cannot work
+// here: it has done its part.
+bool leavesHost(const Delivery& delivery, const Surroundings& around) {
+    const std::string domain = domainOf(delivery.recipient);
+    if (delivery.status != "deferred" || delivery.line.daemon() != "smtp" ||
+        domain == around.hostName || domain == "localhost.localdomain" ||
+        domain.find('.') == std::string::npos) {
+        return false;
+    }
+    for (const char* const mark :
+         {"Name service error", "Network is unreachable", "No route to host"}) {
+        if (delivery.reason.find(mark) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
 Finding tellUndelivered(const std::string& what, const Delivery& delivery,
                         const Surroundings& around) {
     const std::string by = delivery.relay.empty() || delivery.relay == "none"
@@ -98,22 +145,55 @@ Finding tellUndelivered(const std::string& what, const Delivery& delivery,
         adviceFor(delivery.line.whole(), around));
 }
 
-Finding tellUnsettled(const std::string& what, const MessageTrail& trail) {
-    if (!trail.queued) {
-        return warning(what + ": accepted, but no queue has seen it in time.",
-                       "pickup takes what sendmail leaves, cleanup puts it into the queue: look "
-                       "whether both can start.");
+// All that is left here is where it went.
+Finding tellDelivered(const std::string& what, const std::vector<Delivery>& deliveries) {
+    std::string leaving;
+    std::vector<Delivery> here;
+    for (const Delivery& delivery : deliveries) {
+        if (delivery.status == "sent") {
+            here.push_back(delivery);
+        } else {
+            leaving += (leaving.empty() ? "" : ", ") + delivery.recipient;
+        }
     }
-    return warning(withLine(what + ": accepted, but not delivered in time", trail.last),
-                   "It may be held by a rule, or its delivery takes long on this host.");
+    std::string text = what + ": ";
+    if (!here.empty()) {
+        text += "delivered to " + stationsOf(here);
+    }
+    if (!leaving.empty()) {
+        text += std::string(here.empty() ? "" : "; ") + "leaves this host for " + leaving +
+                " (not sent: nothing leaves the private world)";
+    }
+    return {Level::ok, subject, withLine(text, deliveries.back().line), ""};
+}
+
+Finding tellUnsettled(const std::string& what, const MessageTrail& trail,
+                      const std::vector<LogLine>& log) {
+    const std::string text = trail.queued ? what + ": accepted, but not delivered in time"
+                                          : what + ": accepted, but not taken into the queue";
+    for (const ServiceFault& fault : findServiceFaults(log)) {
+        if (fault.atStart) {
+            return warning(withLine(text + ": " + fault.daemon + " could not start", fault.why),
+                           adviceForService(fault.why.text));
+        }
+    }
+    if (!trail.queued) {
+        return warning(text + ".", "The service pickup takes what sendmail has left, cleanup puts "
+                                   "it into the queue: look at both in master.cf.");
+    }
+    return warning(withLine(text, trail.last),
+                   "It waits for another program or host, or takes longer than this.");
 }
 
 } // namespace
 
 Finding tellAttempt(const Attempt& attempt, const std::vector<LogLine>& log,
                     const Surroundings& around) {
+    if (!attempt.outcome.failure.empty()) {
+        return tellNoAnswer(attempt, log, around);
+    }
     if (!attempt.outcome.accepted) {
-        return tellRefused(attempt, dialogueOf(attempt, log), around);
+        return tellRefused(attempt, log, around);
     }
     const MessageTrail trail = followMessage(log, attempt.messageId);
     if (attempt.relaying) {
@@ -122,51 +202,53 @@ Finding tellAttempt(const Attempt& attempt, const std::vector<LogLine>& log,
             "Any stranger may send mail to anybody through this host: look at "
             "mynetworks and smtpd_recipient_restrictions.");
     }
-    const auto undelivered =
-        std::find_if(trail.deliveries.begin(), trail.deliveries.end(),
-                     [](const Delivery& delivery) { return delivery.status != "sent"; });
+    const auto undelivered = std::find_if(
+        trail.deliveries.begin(), trail.deliveries.end(), [&around](const Delivery& delivery) {
+            return delivery.status != "sent" && !leavesHost(delivery, around);
+        });
     if (undelivered != trail.deliveries.end()) {
         return tellUndelivered(attempt.what, *undelivered, around);
     }
-    if (!trail.delivered()) {
-        return tellUnsettled(attempt.what, trail);
+    if (!trail.settled || trail.deliveries.empty()) {
+        return tellUnsettled(attempt.what, trail, log);
     }
-    return {Level::ok, subject,
-            withLine(attempt.what + ": delivered to " + stationsOf(trail.deliveries),
-                     trail.deliveries.back().line),
-            ""};
+    return tellDelivered(attempt.what, trail.deliveries);
 }
 
 Finding tellMissing(const MissingProgram& program) {
     std::string services;
     for (const std::string& service : program.services) {
-        services += (services.empty() ? "" : ", ") + service;
+        services += (services.empty() ? "" : " and ") + service;
     }
-    const std::string wanted = " is missing, which these services of master.cf run: " + services;
+    const std::string text =
+        program.path + " is missing: " + (program.services.size() == 1 ? "service " : "services ") +
+        services + " of master.cf cannot do without it.";
     if (program.panels) {
-        return warning("The panel's " + program.path + wanted + ".",
-                       "Install the panel's mail programs; until then mail on this way fails.");
+        return warning("The panel's " + text, "Install the panel's mail programs.");
     }
-    return warning(program.path + wanted + ".",
-                   "Look at daemon_directory, and whether Postfix is installed whole.");
+    return warning(text, "Look at daemon_directory, and whether Postfix is installed whole.");
 }
 
 Finding tellFault(const ServiceFault& fault) {
     const std::string what = fault.atStart ? " could not start" : " ended with an error";
-    return warning(withLine(fault.daemon + what, fault.why), adviceFor(fault.why.text, {}));
+    return warning(withLine("The service program " + fault.daemon + what, fault.why),
+                   adviceForService(fault.why.text));
 }
 
 Finding tellNoStart(const std::string& said, const std::vector<LogLine>& log) {
     const LogLine worst = worstLine(log);
     const std::string text = "Postfix does not start, so no message was sent";
-    if (worst.text.empty() && !said.empty()) {
-        return warning(text + ": " + parseLogLine(said).text, "");
+    const std::string known = adviceForService(worst.text + said);
+    const std::string advice =
+        known.empty() ? "Correct what Postfix complains of, then rehearse again." : known;
+    if (worst.text.empty()) {
+        return warning(text + ": " + oneLine(said) + ".", advice);
     }
-    return warning(withLine(text, worst), adviceFor(worst.text, {}));
+    return warning(withLine(text, worst), advice);
 }
 
 Finding tellTrouble(const std::string& why) {
-    return warning("The rehearsal could not go on: " + parseLogLine(why).text + ".",
+    return warning("The rehearsal could not go on: " + oneLine(why) + ".",
                    "This tells nothing about mail. Correct the cause, then rehearse again.");
 }
 

@@ -10,9 +10,13 @@ namespace {
 
 // What is known of one queue id.
 struct Queued {
-    bool removed = false;
-    bool waits = false; // for another attempt, or for an administrator
+    bool removed = false; // from the queue
+    bool waits = false;   // for another attempt, for an administrator, or for nothing
+    bool ours = false;    // the Message-ID has been seen
     std::vector<Delivery> deliveries;
+    LogLine last;
+
+    bool settled() const { return removed || waits; }
 };
 
 bool startsWith(std::string_view text, std::string_view start) {
@@ -53,23 +57,24 @@ std::optional<Delivery> parseDelivery(const LogLine& line, std::string_view said
     return delivery;
 }
 
-// cleanup(8) dropped the message by a rule of the administrator or of a milter.
-bool wasDiscarded(std::string_view said) {
-    return startsWith(said, "discard: ") || startsWith(said, "milter-discard: ");
-}
-
-bool wasHeld(std::string_view said) {
-    return startsWith(said, "hold: ") || startsWith(said, "milter-hold: ");
+// cleanup(8) follows a rule of the administrator, or a milter: "hold: WHY", "discard:
+// WHY", both with "milter-" in front as well. Empty: it does not.
+std::string orderedStatus(std::string_view said) {
+    const std::string_view milter = "milter-";
+    if (startsWith(said, milter)) {
+        said.remove_prefix(milter.size());
+    }
+    return startsWith(said, "hold: ") ? "held" : startsWith(said, "discard: ") ? "discarded" : "";
 }
 
 void take(Queued& queued, const LogLine& line, std::string_view said) {
+    queued.last = line;
+    const std::string order = orderedStatus(said);
     if (said == "removed") {
         queued.removed = true;
-    } else if (wasHeld(said)) {
+    } else if (!order.empty()) {
         queued.waits = true;
-    } else if (wasDiscarded(said)) {
-        queued.removed = true;
-        queued.deliveries.push_back({"", "none", "discarded", std::string(said), line});
+        queued.deliveries.push_back({"", "none", order, std::string(said), line});
     } else if (std::optional<Delivery> delivery = parseDelivery(line, said)) {
         queued.waits = queued.waits || delivery->status == "deferred";
         queued.deliveries.push_back(*std::move(delivery));
@@ -93,37 +98,58 @@ bool leadsOn(const Delivery& delivery, const Queues& queues) {
     return false;
 }
 
-} // namespace
-
-bool MessageTrail::delivered() const {
-    return settled && !deliveries.empty() &&
-           std::all_of(deliveries.begin(), deliveries.end(),
-                       [](const Delivery& delivery) { return delivery.status == "sent"; });
+// A line "QUEUE-ID: WHAT IS SAID" in its two parts.
+bool split(const LogLine& line, std::string& id, std::string_view& said) {
+    const std::size_t colon = line.text.find(": ");
+    if (colon == std::string::npos) {
+        return false;
+    }
+    id = line.text.substr(0, colon);
+    said = std::string_view(line.text).substr(colon + 2);
+    return true;
 }
+
+// The queue ids that a message has had.
+Queues findQueues(const std::vector<LogLine>& log, const std::string& messageId) {
+    Queues queues;
+    std::string id;
+    std::string_view said;
+    for (const LogLine& line : log) {
+        if (split(line, id, said) && said == "message-id=" + messageId) {
+            queues[id] = {};
+        }
+    }
+    return queues;
+}
+
+} // namespace
 
 MessageTrail followMessage(const std::vector<LogLine>& log, const std::string& messageId) {
     MessageTrail trail;
-    Queues queues;
+    Queues queues = findQueues(log, messageId);
+    std::string id;
+    std::string_view said;
     for (const LogLine& line : log) {
-        const std::size_t colon = line.text.find(": ");
-        if (colon == std::string::npos) {
+        const auto found = split(line, id, said) ? queues.find(id) : queues.end();
+        if (found == queues.end()) {
             continue;
         }
-        const std::string id = line.text.substr(0, colon);
-        const std::string_view said = std::string_view(line.text).substr(colon + 2);
-        if (said == "message-id=" + messageId) {
-            queues[id] = {}; // queue ids are used again after a message is gone
-        }
-        const auto found = queues.find(id);
-        if (found != queues.end()) {
-            take(found->second, line, said);
-            trail.last = line;
+        Queued& queued = found->second;
+        // cleanup(8) may say something of a header that comes before the Message-ID.
+        queued.ours = queued.ours || said == "message-id=" + messageId;
+        take(queued, line, said);
+        if (queued.removed && !queued.ours) {
+            queued = {}; // that was another message, which had this id before
         }
     }
     trail.queued = !queues.empty();
     trail.settled = trail.queued;
-    for (const auto& [id, queued] : queues) {
-        trail.settled = trail.settled && (queued.removed || queued.waits);
+    for (const auto& [ignored, queued] : queues) {
+        // The line of what is still on its way tells more than that of what is done.
+        if (trail.last.text.empty() || (trail.settled && !queued.settled())) {
+            trail.last = queued.last;
+        }
+        trail.settled = trail.settled && queued.settled();
         for (const Delivery& delivery : queued.deliveries) {
             if (!leadsOn(delivery, queues)) {
                 trail.deliveries.push_back(delivery);

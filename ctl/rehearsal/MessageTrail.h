@@ -13,7 +13,8 @@ namespace torva::ctl::rehearsal {
 struct Delivery {
     std::string recipient; ///< after all rewriting
     std::string relay;     ///< delivery agent, or "NAME[ADDRESS]:PORT", or "none"
-    std::string status;    ///< "sent", "deferred", "bounced", "expired", "discarded"
+    std::string status;    ///< "sent", "deferred", "bounced", "expired"; "held" and
+                           ///< "discarded" by a rule, of the whole message
     std::string reason;    ///< in Postfix's words, without the parentheses
     LogLine line;
 };
@@ -25,10 +26,8 @@ struct MessageTrail {
     std::vector<Delivery> deliveries;
     bool queued = false;  ///< whether any queue has seen it
     bool settled = false; ///< whether nothing more is to come without a new attempt
-    LogLine last;         ///< last line about it; empty: none
-
-    /// Whether it reached every recipient.
-    bool delivered() const;
+    LogLine last;         ///< last line about a part of it that is not settled, or else about
+                          ///< any; empty: none
 };
 
 /// Follows a message through the log, also where a filter or an alias has it queued

@@ -27,8 +27,8 @@ public:
 
     void send(const std::string& bytes) override;
 
-    /// As told there. Before the greeting it also ends when Postfix logs that it cannot
-    /// start its server: that connection is not answered for a minute.
+    /// As told there. Without a greeting it ends a second after Postfix has logged that
+    /// it cannot start a server: such a connection is not answered for a minute.
     bool await(SmtpReply& reply) override;
 
     std::string failure() const override { return failure_; }

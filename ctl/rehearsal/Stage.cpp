@@ -8,11 +8,13 @@
 #include "ctl/rehearsal/SmtpConnection.h"
 #include "ctl/rehearsal/WatchedTool.h"
 
+#include <algorithm>
 #include <chrono>
 #include <ctime>
 #include <exception>
 #include <memory>
 #include <sstream>
+#include <stdexcept>
 
 namespace torva::ctl::rehearsal {
 namespace {
@@ -30,6 +32,7 @@ public:
     Stage(const RehearsalPlace& place, const Report& report, MailLog& log)
         : place_(place), report_(report), log_(log), deadline_(wholeTime) {}
 
+    bool readConfiguration();
     void prepare(const std::string& scratch, const std::string& logSocket);
     bool start();
     void sendAll();
@@ -58,10 +61,21 @@ private:
     std::vector<Attempt> attempts_;
 };
 
-void Stage::prepare(const std::string& scratch, const std::string& logSocket) {
+// False: Postfix refuses it, and that is told.
+bool Stage::readConfiguration() {
     step("asking Postfix for its configuration");
-    configuration_ = readConfiguration(log_, place_.configDirectory, deadline_.within(toolTime));
+    try {
+        configuration_ =
+            rehearsal::readConfiguration(log_, place_.configDirectory, deadline_.within(toolTime));
+    } catch (const std::runtime_error& refusal) {
+        report_(encode(tellNoStart(refusal.what(), log_.lines())));
+        return false;
+    }
     hostName_ = place_.hostName.empty() ? configuration_.get("myhostname") : place_.hostName;
+    return true;
+}
+
+void Stage::prepare(const std::string& scratch, const std::string& logSocket) {
     step("making the inner world");
     coverHost(scratch);
     emptyMailSpool(configuration_.get("mail_spool_directory"), scratch);
@@ -189,7 +203,16 @@ bool Stage::allSettled() const {
 
 void Stage::awaitAll() {
     step("waiting for the delivery");
-    while (!allSettled() && log_.wait(-1, 0, deadline_) == Wake::logged) {
+    while (!allSettled()) {
+        // A service that cannot start is not tried again for a minute: what waits for it
+        // will not come in our time.
+        const std::vector<ServiceFault> faults = findServiceFaults(log_.lines());
+        const bool hopeless = std::any_of(faults.begin(), faults.end(),
+                                          [](const ServiceFault& fault) { return fault.atStart; });
+        const Deadline limit = hopeless ? deadline_.within(dialogueTime) : deadline_;
+        if (log_.wait(-1, 0, limit) == Wake::late) {
+            return;
+        }
     }
 }
 
@@ -205,7 +228,12 @@ void Stage::tell() {
         report_(encode(tellMissing(program)));
     }
     for (const ServiceFault& fault : findServiceFaults(log_.lines())) {
-        report_(encode(tellFault(fault)));
+        const bool told = std::any_of(
+            around.missing.begin(), around.missing.end(),
+            [&fault](const MissingProgram& program) { return program.name() == fault.daemon; });
+        if (!told) {
+            report_(encode(tellFault(fault)));
+        }
     }
 }
 
@@ -216,6 +244,9 @@ void playStage(const RehearsalPlace& place, const Report& report) {
     const std::string socket = scratch + "/log";
     MailLog log(socket);
     Stage stage(place, report, log);
+    if (!stage.readConfiguration()) {
+        return;
+    }
     stage.prepare(scratch, socket);
     if (stage.start()) {
         stage.sendAll();

@@ -138,9 +138,11 @@ void Stage::sendBySendmail() {
                    deadline_.within(dialogueTime), textOf(attempt));
     attempt.outcome.step = "sendmail";
     attempt.outcome.accepted = outcome.succeeded();
-    if (!attempt.outcome.accepted) {
+    if (!outcome.ended) {
+        attempt.outcome.failure = "sendmail did not end in time";
+    } else if (!outcome.succeeded()) {
         attempt.outcome.failure =
-            outcome.output.empty() ? "sendmail failed" : parseLogLine(outcome.output).text;
+            outcome.output.empty() ? "sendmail failed" : parseLogLine(outcome.output).whole();
     }
     attempt.logEnd = log_.lines().size();
     attempts_.push_back(attempt);

@@ -5,9 +5,11 @@ A test file is started inside scripts/sandbox --panel-accounts, as
     python3 TEST.py TOOL STANDIN-DIRECTORY REHEARSE [TEST-NAME...]
 """
 
+import hashlib
 import json
 import os
 import shutil
+import stat
 import subprocess
 import sys
 import time
@@ -22,6 +24,7 @@ SPOOL = Path("/var/spool/postfix")
 TABLES = SPOOL / "torva"
 PANEL = Path("/usr/lib/torva-9.0")
 RECORDS = Path("/run/mailflow")  # what the stand-ins write down
+KEPT = Path("/run/rehearsal-kept")
 QUEUES = "maildrop incoming active deferred defer bounce hold trace flush corrupt saved".split()
 TOOL = STANDINS = REHEARSE = None
 
@@ -30,7 +33,7 @@ def main():
     global TOOL, STANDINS, REHEARSE
     if os.environ.get("TORVA_SANDBOX") != "namespaces":
         sys.exit("only to be run inside scripts/sandbox: it replaces files below /etc, /usr and /var")
-    for needed in ("/usr/sbin/postfix", "/usr/lib/postfix/postfix-pcre.so", "/usr/bin/openssl"):
+    for needed in ("/usr/sbin/postfix", "/usr/lib/postfix/postfix-pcre.so"):
         if not os.access(needed, os.R_OK):
             print(f"SKIP: {needed} is missing")
             sys.exit(77)
@@ -69,14 +72,12 @@ def program(path, text):
     path.chmod(0o755)
 
 
-def make_host(**parameters):
+def make_host():
     """A host with a domain, Debian's files, on which the tool has run and the panel has
-    done its part."""
+    done its part. Made once; keep() and restore() bring it back for each test."""
     for queue in QUEUES:
         for path in (SPOOL / queue).glob("*"):
             remove(path)
-    for path in (TABLES, Path("/var/mail/root"), RECORDS, *PANEL.iterdir()):
-        remove(path)
     shutil.copy("/usr/share/postfix/master.cf.dist", POSTFIX / "master.cf")
     parameters = {
         "compatibility_level": "3.6",
@@ -89,13 +90,11 @@ def make_host(**parameters):
         "recipient_delimiter": "+",
         "inet_interfaces": "all",
         "inet_protocols": "all",
-        **parameters,
     }
     text = Path("/usr/share/postfix/main.cf.debian").read_text()
     (POSTFIX / "main.cf").write_text(text + "".join(f"{name} = {value}\n" for name, value in parameters.items()))
     settle(POSTFIX / "main.cf")
-    Path("/etc/aliases").write_text("postmaster: root\n")
-    run("newaliases")
+    set_aliases("postmaster: root")
     for path in STANDINS.iterdir():
         shutil.copy(path, PANEL)
         (PANEL / path.name).chmod(0o755)
@@ -106,11 +105,27 @@ def make_host(**parameters):
     run_tool()
     for name in ("no_relay.re", "non_auth.re"):
         (TABLES / name).write_text("# nobody\n")
-    certificate = run("openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
-                      "-noenc", "-days", "30", "-subj", "/CN=" + HOST, "-keyout", "-", stderr=subprocess.DEVNULL)
-    (POSTFIX / "postfix_default.pem").write_text(certificate)
     run("postconf", "-MX", "pickup/unix")  # beside the tool's of type fifo
     settle(POSTFIX / "main.cf")
+    shutil.copytree(POSTFIX, KEPT / "postfix", symlinks=True)
+    shutil.copytree(PANEL, KEPT / "panel")
+    shutil.copytree(TABLES, KEPT / "tables")
+    for name in ("aliases", "aliases.db"):
+        shutil.copy2(f"/etc/{name}", KEPT / name)
+
+
+def restore():
+    for kept, place in (("postfix", POSTFIX), ("panel", PANEL), ("tables", TABLES)):
+        for path in place.iterdir():
+            remove(path)
+        shutil.copytree(KEPT / kept, place, symlinks=True, dirs_exist_ok=True)
+    for name in ("aliases", "aliases.db"):
+        shutil.copy2(KEPT / name, f"/etc/{name}")
+
+
+def set_aliases(*lines):
+    Path("/etc/aliases").write_text("\n".join(lines) + "\n")
+    run("newaliases")
 
 
 def run_tool():
@@ -152,13 +167,31 @@ def start_rehearsal(**how):
 
 
 def processes():
-    """What runs in this sandbox, by process id."""
+    """What runs in this sandbox, but for its process 1 and this test."""
     found = {}
     for path in Path("/proc").glob("[0-9]*"):
         try:
-            found[int(path.name)] = (path / "comm").read_text().strip()
+            if path.name not in ("1", str(os.getpid())):
+                found[int(path.name)] = (path / "comm").read_text().strip()
         except OSError:
             pass  # it has ended meanwhile
+    return found
+
+
+def described(path):
+    status = path.lstat()
+    kind = stat.S_IFMT(status.st_mode)
+    contents = hashlib.sha256(path.read_bytes()).hexdigest() if kind == stat.S_IFREG else None
+    return (oct(status.st_mode), status.st_uid, status.st_gid, status.st_mtime_ns, contents)
+
+
+def tree(*roots):
+    """All below some directories: type, mode, owner, time, contents."""
+    found = {}
+    for root in roots:
+        for directory, names, files in os.walk(root):
+            for name in names + files:
+                found[os.path.join(directory, name)] = described(Path(directory, name))
     return found
 
 

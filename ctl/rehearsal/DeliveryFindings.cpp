@@ -39,7 +39,7 @@ bool isServerFault(const SmtpReply& reply) {
 // The line in which smtpd(8) tells its refusal; after a fault, the one that tells the
 // cause.
 LogLine lineOfRefusal(const std::vector<LogLine>& dialogue, const SmtpReply& reply) {
-    const LogLine worst = worstLine(dialogue);
+    LogLine worst = worstLine(dialogue);
     if (isServerFault(reply) && !worst.text.empty()) {
         return worst;
     }
@@ -53,7 +53,7 @@ LogLine lineOfRefusal(const std::vector<LogLine>& dialogue, const SmtpReply& rep
 // none, for it holds much that has nothing to do with it.
 std::string adviceAbout(const std::string& told, const std::vector<LogLine>& dialogue,
                         const Surroundings& around) {
-    const std::string advice = adviceFor(told, around);
+    std::string advice = adviceFor(told, around);
     if (!advice.empty()) {
         return advice;
     }

@@ -89,7 +89,7 @@ std::string beginInnerWorld() {
         throw SystemError("mount /");
     }
     mountTmpfs(scratchPlace, "mode=1777");
-    const std::string scratch = std::string(scratchPlace) + "/rehearsal";
+    std::string scratch = std::string(scratchPlace) + "/rehearsal";
     makeDirectory(scratch);
     return scratch;
 }

@@ -46,7 +46,7 @@ void touch(const std::string& path) {
 }
 
 void mirrorEntry(const fs::path& entry, const std::string& to, bool fresh) {
-    const std::string from = entry.string();
+    const std::string& from = entry.native();
     const fs::file_type type = fs::symlink_status(entry).type();
     if (type == fs::symlink_file) {
         require(::symlink(fs::read_symlink(entry).c_str(), to.c_str()), "symlink " + to);

@@ -212,7 +212,7 @@ class NothingIsLeftTest(RehearsalTest):
             self.addCleanup(remove, path)
         Path("/var/mail/root").write_text("mail from before\n")
         self.addCleanup(remove, Path("/var/mail/root"))
-        roots = ("/etc", "/var", "/run", "/root", "/home", "/srv", "/dev/shm")
+        roots = ("/etc/postfix", "/var/spool", "/var/mail", "/var/lib/postfix", "/run", "/srv", "/dev")
         before = tree(*roots)
         self.assertLevels(rehearse(), "ok ok ok ok")
         self.assertEqual(tree(*roots), before)

@@ -89,6 +89,13 @@ def wrong_password():
     return lambda: shadow.write_text(text)
 
 
+def linked_main_cf():
+    pairs.links()
+    real = Path("/etc/postfix-site/main.real")
+    write(real, real.read_text().replace("    localhost\n", "    localhost, localhost.localdomain\n"), 0o640)
+    return link_clean_up
+
+
 # Name, what is prepared, level, subject, part of the text.
 DEFECTS = [
     ("no_postfix", replace_program("/usr/sbin/postconf", None), "stop", "program", "no Postfix"),
@@ -111,18 +118,18 @@ DEFECTS = [
     ("mounted_tables", mounted_tables, "stop", "directory", "torva is a mount point"),
     ("no_main_cf", without(MAIN_CF), "warning", "main.cf", "is missing"),
     ("main_cf_without_newline", append(MAIN_CF, "relayhost ="), "warning", "main.cf", "no newline"),
-    ("main_cf_link", lambda: pairs.links() or link_clean_up, "warning", "main.cf", "symbolic link"),
+    ("main_cf_link", linked_main_cf, "warning", "main.cf", "symbolic link"),
     ("main_cf_not_read", append(MAIN_CF, "inet_interfaces\n"), "stop", "main.cf", "missing '='"),
-    ("upper_case_name", master_cf("SMTPS inet n - y - - smtpd"), "stop", "master.cf", 'line 138: "SMTPS" in a service name'),
-    ("address_in_brackets", master_cf("[::1]:25 inet n - y - - smtpd"), "stop", "master.cf", 'line 138: "[::1]:25"'),
-    ("comment_behind_a_word", master_cf("a unix - - y - - smtp # fast"), "stop", "master.cf", "line 138: a comment behind"),
-    ("not_ascii", master_cf("a unix - - y - - smtp -o x=\u00e9"), "stop", "master.cf", "line 138: "),
-    ("entry_cut_short", master_cf("a unix - - y"), "stop", "main.cf", "bad field count"),
-    ("unknown_type", master_cf("a tcp - - y - - smtp"), "stop", "main.cf", 'invalid type field "tcp"'),
-    ("empty_master_cf", lambda: write(MASTER_CF, ""), "stop", "master.cf", "it is empty"),
+    ("entry_cut_short", master_cf("a unix - - y"), "stop", "master.cf", "bad field count"),
+    ("unknown_type", master_cf("a tcp - - y - - smtp"), "stop", "master.cf", 'invalid type field "tcp"'),
+    ("empty_master_cf", lambda: write(MASTER_CF, ""), "stop", "master.cf", "the file is empty"),
     ("empty_store", empty_store, "stop", "master.cf", "master.cf.disabled is not parsed"),
+    ("upper_case_name", master_cf("SMTPS inet n - y - - smtpd"), "ok", "master.cf", "SMTPS/inet: not for the tool"),
+    ("address_in_brackets", master_cf("[::1]:25 inet n - y - - smtpd"), "ok", "master.cf", "[::1]:25/inet"),
+    ("comment_behind_a_word", master_cf("a unix - - y - - smtp # fast"), "ok", "master.cf", "a/unix"),
+    ("not_ascii", master_cf("a unix - - y - - smtp -o x=\u00e9"), "ok", "master.cf", "a/unix"),
     ("foreign_type", master_cf("sub-x pass - - y - - smtpd"), "ok", "master.cf", "sub-x/pass"),
-    ("foreign_with_slash", master_cf("a/b pass - - y - - smtpd"), "stop", "master.cf", "a/b/pass: cannot be commented out"),
+    ("foreign_with_slash", master_cf("a/b pass - - y - - smtpd"), "ok", "master.cf", "a/b/pass"),
     ("private_inet", master_cf("587 inet - - y - - smtpd"), "warning", "service", "587/inet is private"),
     ("port_25_twice", master_cf("25 inet n - y - - smtpd"), "warning", "service", "one endpoint"),
     ("address_and_port_twice", master_cf("127.0.0.1:smtp inet n - y - - smtpd\n127.0.0.1:25 inet n - y - - smtpd"),
@@ -134,9 +141,9 @@ DEFECTS = [
     ("no_map_of_a_service", master_cf("587 inet n - y - - smtpd -o smtpd_client_restrictions=cidr:/etc/no.cidr"),
      "warning", "map", "no /etc/no.cidr"),
     ("alias_directory", main_cf("alias_maps = hash:/no/such/aliases"), "stop", "aliases", "hash:/no/such/aliases cannot"),
-    ("alias_variable", main_cf("alias_maps = hash:$config_directory/aliases"), "stop", "aliases", "cannot be rebuilt"),
+    ("alias_reference", main_cf("alias_maps = hash:$config_directory/aliases"), "ok", "aliases", "alias_maps"),
     ("alias_type", main_cf("alias_database = dbm:/etc/aliases"), "stop", "aliases", "dbm:/etc/aliases cannot"),
-    ("records", filled_table, "warning", "records", "virtual has records"),
+    ("records", filled_table, "ok", "records", "1 in virtual: the run drops them, apply puts them back"),
     ("no_database_password", without("/etc/kra/.kra.shadow"), "warning", "database", "does not answer"),
     ("wrong_database_password", wrong_password, "warning", "database", "mail names of localhost.localdomain"),
 ]
@@ -169,7 +176,8 @@ class CheckTest(CtlTest):
         self.assertEqual(outcome.err, "")
         subjects = {finding["subject"] for finding in outcome.findings("ok")}
         self.assertEqual(subjects, {"program", "map-type", "account", "panel", "pcre-table", "certificate", "network",
-                                    "directory", "main.cf", "records", "aliases", "master.cf", "database", "service", "map"})
+                                    "directory", "main.cf", "records", "aliases", "master.cf", "database", "service", "map", "room",
+                                    "mydestination"})
         self.assertIn("postlog/unix-dgram", "".join(f["text"] for f in outcome.findings("ok") if f["subject"] == "master.cf"))
         self.assertSame(before, "after check")
 
@@ -201,17 +209,6 @@ class CheckTest(CtlTest):
         text = outcome.findings("warning")[0]["text"]
         self.assertIn('hash:/no/"\\', text)
         self.assertIn("\xff\xc3\xa9", text)
-
-    def test_another_awk_finds_the_same(self):
-        if not os.access("/usr/bin/gawk", os.X_OK):
-            self.skipTest("no gawk on this machine")
-        master_cf("25 inet - - y - - no-such-daemon\nSMTPS inet n - y - - smtpd -o x=hash:/no/map")()
-        wanted = ctl("check", "--json").out
-        self.addCleanup(os.symlink, os.readlink("/usr/bin/awk"), "/usr/bin/awk")
-        self.addCleanup(remove, "/usr/bin/awk")
-        remove("/usr/bin/awk")
-        os.symlink("gawk", "/usr/bin/awk")
-        self.assertEqual(ctl("check", "--json").out, wanted)
 
 
 def promise(prepare, level, subject, text):

@@ -1,9 +1,8 @@
 """The world in which the tests of torva-postfixctl run.
 
 Every test file is started inside scripts/sandbox, as
-    python3 TEST.py PROGRAM [TEST-NAME...]
-installs the companion and PROGRAM the way the package does, and lays out Postfix's
-files anew for each test. Postfix is the machine's own.
+    python3 TEST.py COMPANION PROGRAM [TEST-NAME...]
+installs both the way the package does, and lays out Postfix's files anew for each test. Postfix is the machine's own.
 """
 
 import hashlib
@@ -32,10 +31,11 @@ MARKER = BACKUPS / "unfinished"
 KEPT = Path("/run/kept")
 ACCOUNTS_AND_NAMES = ("passwd", "group", "aliases", "hosts")
 PROGRAM = None
+COMPANION = None
 
 
 def main():
-    global PROGRAM
+    global COMPANION, PROGRAM
     mounts = {line.split()[4] for line in Path("/proc/self/mountinfo").read_text().splitlines()}
     if os.environ.get("TORVA_SANDBOX") != "namespaces" or not {"/etc", "/var", "/usr", "/run"} <= mounts:
         sys.exit("only to be run inside scripts/sandbox")
@@ -43,19 +43,16 @@ def main():
         print("SKIP: no Postfix on this machine")
         sys.exit(77)
     words = sys.argv[1:]
+    COMPANION = words.pop(0)
     PROGRAM = words.pop(0)
     install()
     unittest.main(argv=[sys.argv[0], *words], verbosity=2)
 
 
 def install():
-    for name in ("ctl", "scripts"):
-        shutil.copytree(CHECKOUT / name, INSTALLED / name, symlinks=True)
-    os.symlink("../lib/torva-postfix/ctl/torva-postfixctl", CTL)
+    shutil.copytree(CHECKOUT / "scripts", INSTALLED / "scripts", symlinks=True)
+    shutil.copy(COMPANION, CTL)
     shutil.copy(PROGRAM, TOOL)
-    if os.access("/usr/bin/mawk", os.X_OK):  # Debian's own; gawk knows more
-        remove("/usr/bin/awk")
-        os.symlink("mawk", "/usr/bin/awk")
     KEPT.mkdir()
     shutil.copytree(POSTFIX, KEPT / "postfix", symlinks=True)
     shutil.copytree("/var/spool/postfix", KEPT / "queue", symlinks=True,

@@ -15,6 +15,19 @@ from ctlworld import (BACKUPS, CTL, MAIN_CF, MARKER, MASTER_CF, POSTFIX, TABLES,
 LOCK = Path("/run/lock/torva-postfix/lock")
 
 
+def flip(path, offset):
+    """Changes one byte."""
+    data = bytearray(path.read_bytes())
+    data[offset] ^= 1
+    path.write_bytes(data)
+
+
+def replace(path, old, new):
+    text = path.read_text()
+    assert old in text
+    path.write_text(text.replace(old, new))
+
+
 class ApplyFailsTest(CtlTest):
     def setUp(self):
         super().setUp()
@@ -58,7 +71,7 @@ class ApplyFailsTest(CtlTest):
         self.wrap_tool("$real; sed -i /postlog/d /etc/postfix/master.cf")
         outcome = ctl("apply", "--json")
         self.assertStatus(1, outcome)
-        self.assertIn("a sheltered line is gone", outcome.err)
+        self.assertIn("a sheltered line is gone", outcome.findings("failed")[0]["text"])
         self.assertSame(self.before, "restored")
 
     def test_postfix_check_that_fails(self):
@@ -69,11 +82,11 @@ class ApplyFailsTest(CtlTest):
 
     def test_full_disk_before_the_backup(self):
         BACKUPS.mkdir(parents=True)
-        run("mount", "-t", "tmpfs", "-o", "size=24k", "none", BACKUPS)
+        run("mount", "-t", "tmpfs", "-o", "size=24k,mode=700", "none", BACKUPS)
         self.addCleanup(run, "umount", BACKUPS)
         outcome = ctl("apply", "--json")
         self.assertStatus(1, outcome)
-        self.assertEqual(outcome.findings("failed")[0]["subject"], "backup")
+        self.assertEqual([f["subject"] for f in outcome.findings("stop", "failed")], ["room", "apply"])
         self.assertSame(self.before, "nothing was changed")
         self.assertEqual(os.listdir(BACKUPS), [])
 
@@ -103,7 +116,7 @@ class ApplyFailsTest(CtlTest):
         self.assertSame(self.before, "after rollback")
 
     def test_stop_changes_nothing(self):
-        write(MASTER_CF, MASTER_CF.read_bytes() + b"\nSMTP inet n - - - - smtpd\n")
+        write(TABLES / "master.cf.disabled", "")
         self.before = tree()
         outcome = self.assertStatus(1, ctl("apply", "--json"))
         self.assertEqual([f["subject"] for f in outcome.findings("stop", "failed")], ["master.cf", "apply"])
@@ -199,17 +212,17 @@ class RollbackTest(CtlTest):
         self.assertIn("no backup of an apply", outcome.findings("failed")[0]["text"])
         self.assertSame(before, "nothing to do")
 
-    def test_named_backup_and_newest(self):
+    def test_named_backup_and_the_first_of_a_row_of_applies(self):
         first = tree()
         self.assertStatus(0, ctl("apply"))
         write(MAIN_CF, MAIN_CF.read_text() + "relayhost = [relay.example.net]\n")
         second = tree()
         self.assertStatus(0, ctl("apply"))
         oldest, newest = self.stamps()
+        self.assertStatus(0, ctl("rollback", newest))
+        self.assertSame(second, "named")
         self.assertStatus(0, ctl("rollback"))
-        self.assertSame(second, "newest")
-        self.assertStatus(0, ctl("rollback", oldest))
-        self.assertSame(first, "named")
+        self.assertSame(first, "before the first of the row")
         self.assertStatus(0, ctl("rollback", newest))
         self.assertSame(second, "named")
 
@@ -218,7 +231,7 @@ class RollbackTest(CtlTest):
         write(TABLES / "virtual", "a@example.com b@example.com\n")
         write("/etc/aliases", "root: me\n")
         applied = tree()
-        self.assertStatus(0, ctl("rollback"))
+        self.assertStatus(0, ctl("rollback", "--force"))
         objects = ctl("backups", "--json").objects()
         self.assertEqual([o["reason"] for o in objects], ["before apply", f"before rollback to {objects[0]['stamp']}"])
         self.assertStatus(0, ctl("rollback", objects[1]["stamp"]))
@@ -232,16 +245,14 @@ class RollbackTest(CtlTest):
         shutil.copytree(backup, kept, symlinks=True)
         self.addCleanup(remove, kept)
         changes = {
-            "contents": lambda: (backup / "tree/etc/postfix/main.cf").write_text("x\n"),
-            "mode": lambda: (backup / "tree/etc/postfix/main.cf").chmod(0o666),
-            "owner": lambda: os.chown(backup / "tree/etc/postfix/main.cf", 1, 0),
-            "missing file": lambda: remove(backup / "tree/etc/postfix/master.cf"),
-            "another file": lambda: (backup / "tree/etc/postfix/main.cf.tmp").write_text(""),
-            "manifest": lambda: (backup / "manifest").write_text("absent /etc/postfix/main.cf\n"),
+            "contents": lambda: flip(backup / "files.tar", 700),
+            "end of the archive": lambda: os.truncate(backup / "files.tar", 1000),
+            "no archive": lambda: remove(backup / "files.tar"),
+            "manifest": lambda: (backup / "manifest").write_text("{}"),
+            "a mode in the manifest": lambda: replace(backup / "manifest", '"100644"', '"100666"'),
             "no manifest": lambda: remove(backup / "manifest"),
-            "list of paths": lambda: (backup / "paths").write_text("/etc/passwd\n"),
+            "what the apply left": lambda: (backup / "left").write_text("{}"),
             "no sums": lambda: remove(backup / "sums"),
-            "no tree": lambda: remove(backup / "tree"),
         }
         for name, change in changes.items():
             with self.subTest(name):
@@ -263,7 +274,8 @@ class RollbackTest(CtlTest):
         self.assertStatus(0, ctl("apply"))
         write(MASTER_CF, "no service\n")
         write(MAIN_CF, "no parameter\n")
-        self.assertStatus(0, ctl("rollback"))
+        self.assertStatus(1, ctl("rollback"))
+        self.assertStatus(0, ctl("rollback", "--force"))
         self.assertSame(before, "repaired")
 
     def test_unknown_stamp(self):
@@ -271,6 +283,7 @@ class RollbackTest(CtlTest):
         before = tree()
         self.assertStatus(1, ctl("rollback", "20000101T000000Z"))
         self.assertStatus(1, ctl("rollback", "../../etc"))
+        self.assertStatus(1, ctl("rollback", "/etc/postfix"))
         self.assertSame(before, "nothing was done")
 
     def test_apply_killed_before_it_changed_anything(self):
@@ -299,9 +312,10 @@ class RunningPostfixTest(CtlTest):
         return len(re.findall("reload -- version", self.LOG.read_text()))
 
     def test_reload_is_done_only_when_it_is_asked_for(self):
-        self.assertIn("postfix reload", self.assertStatus(0, ctl("apply")).out)
+        self.assertStatus(0, ctl("apply", "--reload"))
+        self.assertEqual(self.reloads(), 0, "it was stopped and started")
+        self.assertIn("-> postfix reload", self.assertStatus(0, ctl("apply")).out)
         self.assertEqual(self.reloads(), 0)
-        self.assertStatus(0, ctl("rollback"))
         self.assertStatus(0, ctl("apply", "--reload"))
         wait_until(lambda: self.reloads() == 1, "the reload")
         self.assertStatus(1, ctl("rollback", "20000101T000000Z"))
@@ -311,6 +325,7 @@ class RunningPostfixTest(CtlTest):
         self.assertStatus(0, ctl("rollback"))
 
     def test_failing_reload_takes_it_back(self):
+        self.assertStatus(0, ctl("apply", "--reload")) # from here on a reload suffices
         script = Path("/usr/lib/postfix/sbin/postfix-script")
         text = script.read_text()
         self.addCleanup(write, script, text, 0o755)

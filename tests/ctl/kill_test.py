@@ -8,7 +8,7 @@ import time
 
 import ctlworld
 import pairs
-from ctlworld import BACKUPS, MARKER, CtlTest, ctl, kill_group, start, tree
+from ctlworld import BACKUPS, MARKER, CtlTest, ctl, kill_group, start, tree, wait_until
 
 MOMENTS = 20
 
@@ -78,14 +78,15 @@ class RollbackTest(Killed):
     def test_rollback_killed_is_finished_by_the_next(self):
         self.assertStatus(0, ctl("apply"))
         applied = tree()
-        duration = self.duration("rollback")
+        self.assertStatus(0, ctl("rollback"))
         self.assertSame(self.before, "after a whole rollback")
         amid = 0
         for moment in range(5):
             ctlworld.remove(BACKUPS)
             self.assertStatus(0, ctl("apply"))
             process = start("rollback")
-            time.sleep(duration * (moment + 0.5) / 5)
+            wait_until(lambda: MARKER.exists() or process.poll() is not None, "the first change")
+            time.sleep(0.02 * moment)
             kill_group(process)
             amid += MARKER.exists()
             self.assertStatus(0, ctl("rollback"))

@@ -111,7 +111,7 @@ def numeric_ports():
 
 
 def address_in_brackets():
-    """Addresses in brackets, which the tool does not parse until they are commented out."""
+    """Addresses in brackets, which the tool does not parse."""
     both(MAIN, SMTP + "[::1]:587 inet n - y - - smtpd\n  -o syslog_name=six\n" + SERVICES + POSTLOG +
          "[127.0.0.1]:465 inet n - y - - smtpd\n")
 
@@ -194,6 +194,6 @@ def no_main_cf():
     remove(MAIN_CF)
 
 
-ALL = [stock, crlf, no_final_newline, comments_inside, trailing_blanks, braces, numeric_ports, duplicates, links,
+ALL = [stock, crlf, no_final_newline, comments_inside, trailing_blanks, braces, numeric_ports, address_in_brackets, duplicates, links,
        mode_0640, used_by_the_panel, elsewhere, linked_directory,
        short_host_name, no_main_cf]

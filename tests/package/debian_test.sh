@@ -42,7 +42,7 @@ directories=$(grep -v '^#' "$work/tool/usr/lib/tmpfiles.d/torva-postfix.conf")
 
 # Each shared library that the program asks for is there by a dependency.
 depends=$(dpkg-deb -f "$tool" Depends)
-needed=$(objdump -p "$work/tool/usr/sbin/torva-postfix-setup" | awk '$1 == "NEEDED" { print $2 }')
+needed=$(objdump -p "$work"/tool/usr/sbin/torva-postfix* | awk '$1 == "NEEDED" { print $2 }' | sort -u)
 [[ $needed == *libc.so.6* ]] || fail "objdump tells of no library: $needed"
 for name in $needed; do
     packages=$(dpkg -S "*/$name" | sed 's/:.*//')

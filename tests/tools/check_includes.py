@@ -17,6 +17,17 @@ ALLOWED = {
     "ctl/rehearsal": ("ctl/report", "torva/process", "torva/util", "torva/libc"),
     "app": ("torva/postfix/tables", "torva/postfix/mastercf", "torva/postfix/params", "torva/maildb", "torva/process", "torva/util", "torva/libc"),
 }
+LIBRARY = ("torva/postfix/tables", "torva/postfix/mastercf", "torva/postfix/params", "torva/process", "torva/util",
+           "torva/libc")
+ALLOWED.update({
+    "ctl/report": LIBRARY,
+    "ctl/host": ("ctl/report", *LIBRARY),
+    "ctl/backup": ("ctl/host", "ctl/report", *LIBRARY),
+    "ctl/findings": ("ctl/backup", "ctl/host", "ctl/report", *LIBRARY),
+    "ctl/rehearsal": ("ctl/host", "ctl/report", *LIBRARY),
+    "ctl/verbs": ("ctl/rehearsal", "ctl/findings", "ctl/backup", "ctl/host", "ctl/report", *LIBRARY),
+    "ctl": ("ctl/verbs", "ctl/host", "ctl/report"),
+})
 INCLUDE = re.compile(r'^\s*#\s*include\s*(["<])([^">]+)[">]', re.MULTILINE)
 
 

@@ -34,7 +34,7 @@ case $linter in
         ;;
     clang-tidy)
         sources=$(sed -n 's/^ *"file": "\(.*\)".*/\1/p' "$3/compile_commands.json" | sort -u |
-            grep -E "^$PWD/(app|torva)/")
+            grep -E "^$PWD/(app|ctl|torva)/")
         grammar=$PWD/torva/postfix/mastercf/MasterCfParser.cpp
         # Following every path through the templates of the grammar would take minutes.
         clang-tidy --quiet -p "$3" --checks='-clang-analyzer-*' "$grammar" 2>&1 |

@@ -103,6 +103,24 @@ private:
     MasterCfLines& target_;
 };
 
+/// Action, in front of a column: notes that it is tried here, for whoever wants to know.
+class FieldNoter {
+public:
+    FieldNoter(MasterCfProgress* progress, MasterCfField field)
+        : progress_(progress), field_(field) {}
+
+    void operator()(const char* first, const char*) const {
+        if (progress_ != nullptr) {
+            progress_->field = field_;
+            progress_->fieldAt = first;
+        }
+    }
+
+private:
+    MasterCfProgress* progress_;
+    MasterCfField field_;
+};
+
 /// The grammar. Alternatives are tried in order and the first that matches counts;
 /// repetitions take all they can get and give nothing back.
 ///
@@ -116,21 +134,22 @@ class MasterCfParser : public spirit::grammar<MasterCfParser> {
 public:
     /// \param record  working record, not owned
     /// \param target  where lines and services are appended, not owned
-    MasterCfParser(MasterCfModule& record, MasterCfLines& target)
-        : record_(record), target_(target) {}
+    /// \param progress  takes the column that was tried last, not owned; null: not wanted
+    MasterCfParser(MasterCfModule& record, MasterCfLines& target, MasterCfProgress* progress)
+        : record_(record), target_(target), progress_(progress) {}
 
     template <class Scanner>
     class definition {
     public:
         explicit definition(const MasterCfParser& self) {
-            defineFields(self.record_);
+            defineFields(self.record_, self.progress_);
             defineLines(self.record_, self.target_);
         }
 
         const spirit::rule<Scanner>& start() const { return file; }
 
     private:
-        void defineFields(MasterCfModule& record);
+        void defineFields(MasterCfModule& record, MasterCfProgress* progress);
         void defineLines(MasterCfModule& record, MasterCfLines& target);
 
         definition_of<empty_line_parser, Scanner> emptyLine;
@@ -143,10 +162,12 @@ public:
 private:
     MasterCfModule& record_;
     MasterCfLines& target_;
+    MasterCfProgress* progress_;
 };
 
 template <class Scanner>
-void MasterCfParser::definition<Scanner>::defineFields(MasterCfModule& record) {
+void MasterCfParser::definition<Scanner>::defineFields(MasterCfModule& record,
+                                                       MasterCfProgress* progress) {
     using spirit::ch_p;
     using spirit::str_p;
 
@@ -161,25 +182,31 @@ void MasterCfParser::definition<Scanner>::defineFields(MasterCfModule& record) {
         return str_p(spelling)[ConstAssigner<ModuleType>(record.type, value)];
     };
 
+    const auto noted = [progress](MasterCfField field) {
+        return spirit::epsilon_p[FieldNoter(progress, field)];
+    };
+
     // one or more name characters
-    name = (+name_character)[TextAssigner(record.name)];
+    name = noted(MasterCfField::name) >> (+name_character)[TextAssigner(record.name)];
     // "inet", "unix" or "fifo"
-    type = typeNamed("inet", ModuleType::inet) | typeNamed("unix", ModuleType::unix) |
-           typeNamed("fifo", ModuleType::fifo);
+    type = noted(MasterCfField::type) >>
+           (typeNamed("inet", ModuleType::inet) | typeNamed("unix", ModuleType::unix) |
+            typeNamed("fifo", ModuleType::fifo));
     // 'y', 'n', or '-' for the default
-    private_ = flag(record.private_);
+    private_ = noted(MasterCfField::private_) >> (flag(record.private_));
     // 'y', 'n', or '-' for the default
-    unpriv = flag(record.unpriv);
+    unpriv = noted(MasterCfField::unpriv) >> (flag(record.unpriv));
     // 'y', 'n', or '-' for the default
-    chroot = flag(record.chroot);
+    chroot = noted(MasterCfField::chroot) >> (flag(record.chroot));
     // '-', or a number of seconds, which a '?' may follow
-    wakeup = ch_p('-') | (number[NumberAssigner(record.wakeup)] >>
-                          !ch_p('?')[ConstAssigner<bool>(record.wakeupConditional, true)]);
+    wakeup = noted(MasterCfField::wakeup) >>
+             (ch_p('-') | (number[NumberAssigner(record.wakeup)] >>
+                           !ch_p('?')[ConstAssigner<bool>(record.wakeupConditional, true)]));
     // '-', or a number
-    maxproc = ch_p('-') | number[NumberAssigner(record.maxproc)];
+    maxproc = noted(MasterCfField::maxproc) >> (ch_p('-') | number[NumberAssigner(record.maxproc)]);
     // one or more words, which are one or more word characters each
     const auto word = (+word_character)[WordAppender<std::vector<std::string>>(record.words)];
-    words = word >> *(spaces.start() >> word);
+    words = noted(MasterCfField::words) >> word >> *(spaces.start() >> word);
 }
 
 template <class Scanner>
@@ -204,7 +231,7 @@ void MasterCfParser::definition<Scanner>::defineLines(MasterCfModule& record,
 
 bool parseMasterCf(const char* first, const char* last, MasterCfLines& target) {
     MasterCfModule record;
-    const MasterCfParser grammar(record, target);
+    const MasterCfParser grammar(record, target, nullptr);
     return spirit::parse(first, last, grammar).full;
 }
 
@@ -221,6 +248,17 @@ bool isWordCharacter(char c) {
 bool isBlank(char c) {
     static const spirit::chset<char> characters(parser::blanks());
     return characters.test(c);
+}
+
+MasterCfProgress progressOfMasterCf(const char* first, const char* last) {
+    MasterCfProgress progress;
+    MasterCfModule record;
+    MasterCfLines dropped;
+    const MasterCfParser grammar(record, dropped, &progress);
+    const auto result = spirit::parse(first, last, grammar);
+    progress.whole = result.full;
+    progress.stop = result.stop;
+    return progress;
 }
 
 } // namespace torva::mail::postfix

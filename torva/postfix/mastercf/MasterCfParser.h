@@ -22,4 +22,20 @@ bool isNameCharacter(char c);
 bool isWordCharacter(char c);
 bool isBlank(char c);
 
+/// The columns of a service, in their order.
+enum class MasterCfField { name, type, private_, unpriv, chroot, wakeup, maxproc, words };
+
+/// How far the syntax goes in a text.
+struct MasterCfProgress {
+    bool whole = false;         ///< all of the text is in this syntax
+    const char* stop = nullptr; ///< where it ends; in a service that lacks a column: at the
+                                ///< first character of its line that is no blank
+    MasterCfField field = MasterCfField::name; ///< the column that was tried last
+    const char* fieldAt = nullptr;             ///< where it was tried; null: none was
+};
+
+/// Parses a text as parseMasterCf() does, to tell where it is refused. What that means
+/// in words is MasterCfDiagnosis.h.
+MasterCfProgress progressOfMasterCf(const char* first, const char* last);
+
 } // namespace torva::mail::postfix

@@ -1,0 +1,256 @@
+#include "ctl/backup/Backups.h"
+
+#include "ctl/backup/Archive.h"
+#include "ctl/backup/Directory.h"
+#include "ctl/host/Files.h"
+#include "torva/util/SystemError.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <regex>
+#include <stdexcept>
+#include <unistd.h>
+
+namespace torva::ctl {
+
+using process::Descriptor;
+
+namespace {
+
+const char partial[] = ".partial";
+const char archiveName[] = "files.tar";
+const char manifestName[] = "manifest";
+const char leftName[] = "left";
+const char sumsName[] = "sums";
+
+std::string stampOfNow() {
+    const std::time_t now = std::time(nullptr);
+    std::tm parts{};
+    ::gmtime_r(&now, &parts);
+    char text[32];
+    std::strftime(text, sizeof(text), "%Y%m%dT%H%M%SZ", &parts);
+    return text;
+}
+
+Descriptor openAt(int directory, const std::string& name, int flags) {
+    Descriptor file(::openat(directory, name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!file) {
+        throwSystemError("open " + name, errno);
+    }
+    return file;
+}
+
+Descriptor openBackup(int directory, const std::string& stamp) {
+    return openAt(directory, stamp, O_RDONLY | O_DIRECTORY);
+}
+
+/// A line for each file as sha256sum(1) writes and checks it.
+std::string sumsOf(int backup, const std::vector<std::string>& names) {
+    std::string sums;
+    for (const std::string& name : names) {
+        const Descriptor file = openAt(backup, name, O_RDONLY | O_NONBLOCK);
+        sums += checksumOf(file.get()) + "  " + name + "\n";
+    }
+    return sums;
+}
+
+bool holdsLine(const std::string& sums, const std::string& name) {
+    return sums.find("  " + name + "\n") != std::string::npos;
+}
+
+/// Whether every file that the sums name is what it was.
+bool matchesSums(int backup, const std::string& sums) {
+    std::vector<std::string> names{archiveName, manifestName};
+    if (holdsLine(sums, leftName)) {
+        names.emplace_back(leftName);
+    }
+    try {
+        return !sums.empty() && sumsOf(backup, names) == sums;
+    } catch (const SystemError&) {
+        return false;
+    }
+}
+
+std::uint64_t bytesIn(int backup) {
+    std::uint64_t bytes = 0;
+    for (const std::string& name : namesIn(backup)) {
+        struct stat status {};
+        if (::fstatat(backup, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
+            bytes += static_cast<std::uint64_t>(status.st_size);
+        }
+    }
+    return bytes;
+}
+
+std::time_t timeOf(int backup, const std::string& name) {
+    struct stat status {};
+    if (::fstatat(backup, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        ::fstat(backup, &status);
+    }
+    return status.st_mtime;
+}
+
+std::string firstLine(const std::string& text) {
+    return text.substr(0, text.find('\n'));
+}
+
+Backup readBackup(int directory, const std::string& stamp) {
+    Backup backup;
+    backup.stamp = stamp;
+    const Descriptor opened = openBackup(directory, stamp);
+    backup.made = timeOf(opened.get(), manifestName);
+    backup.bytes = bytesIn(opened.get());
+    const std::vector<std::string> names = namesIn(opened.get());
+    const std::string sums = readOwnFile(opened.get(), sumsName);
+    backup.earlier = std::binary_search(names.begin(), names.end(), "tree");
+    backup.whole = !backup.earlier && matchesSums(opened.get(), sums);
+    backup.hasLeftState = backup.whole && holdsLine(sums, leftName);
+    try {
+        backup.manifest = parseManifest(readOwnFile(opened.get(), manifestName));
+    } catch (const std::exception&) {
+        backup.whole = false;
+        backup.manifest.reason = firstLine(readOwnFile(opened.get(), "reason"));
+    }
+    return backup;
+}
+
+/// Reads the archive back: what cannot be read is no backup.
+void requireReadable(int archive, const Snapshot& wanted) {
+    Snapshot left = wanted;
+    std::string path;
+    Checksum* sum = nullptr;
+    readArchive(archive, [&](const std::string& file) -> ContentsConsumer {
+        path = file;
+        delete sum;
+        sum = new Checksum;
+        return [&](const char* bytes, std::size_t size) {
+            sum->add(bytes, size);
+            if (size == 0 && sum->result() == left[path].checksum) {
+                left.erase(path);
+            }
+        };
+    });
+    delete sum;
+    if (std::any_of(left.begin(), left.end(),
+                    [](const auto& one) { return one.second.isFile(); })) {
+        throw std::runtime_error("the archive does not read back");
+    }
+}
+
+} // namespace
+
+const char* const Backups::path = "/var/backups/torva-postfix";
+
+Backups::Backups() : directory_(openOwnDirectory(path)) {}
+
+bool Backups::exist() {
+    return exists(path);
+}
+
+std::string Backups::take(Manifest manifest) {
+    removePartial();
+    if (::mkdirat(directory(), partial, 0700) != 0) {
+        throwSystemError(std::string("mkdir ") + path + "/" + partial, errno);
+    }
+    const Descriptor backup = openBackup(directory(), partial);
+    {
+        Descriptor archive = openAt(backup.get(), archiveName, O_RDWR | O_CREAT | O_EXCL);
+        manifest.entries = writeArchive(archive.get(), manifest.paths);
+        requireReadable(archive.get(), manifest.entries);
+        if (::fsync(archive.get()) != 0) {
+            throwSystemError("fsync", errno);
+        }
+        archive.release();
+    }
+    writeOwnFile(backup.get(), manifestName, textOf(manifest));
+    writeOwnFile(backup.get(), sumsName, sumsOf(backup.get(), {archiveName, manifestName}));
+    if (!sameSnapshot(describe(manifest.paths), manifest.entries)) {
+        throw std::runtime_error("somebody changed a file meanwhile");
+    }
+    for (;;) {
+        const std::string stamp = stampOfNow();
+        if (::renameat2(directory(), partial, directory(), stamp.c_str(), RENAME_NOREPLACE) == 0) {
+            ::fsync(directory());
+            return stamp;
+        }
+        if (errno != EEXIST) {
+            throwSystemError("rename " + stamp, errno);
+        }
+        ::usleep(50000); // two in one second: the next has a name of its own
+    }
+}
+
+std::vector<Backup> Backups::list() const {
+    std::vector<Backup> backups;
+    for (const std::string& name : namesIn(directory())) {
+        if (isStamp(name)) {
+            backups.push_back(readBackup(directory(), name));
+        }
+    }
+    return backups;
+}
+
+std::optional<Backup> Backups::find(const std::string& stamp) const {
+    const std::vector<std::string> names = namesIn(directory());
+    if (!isStamp(stamp) || !std::binary_search(names.begin(), names.end(), stamp)) {
+        return std::nullopt;
+    }
+    return readBackup(directory(), stamp);
+}
+
+std::optional<Backup> Backups::beforeNewestRow() const {
+    std::optional<Backup> found;
+    std::vector<Backup> backups = list();
+    for (auto backup = backups.rbegin(); backup != backups.rend(); ++backup) {
+        if (backup->ofApply()) {
+            found = *backup;
+            if (!backup->manifest.configured) {
+                break;
+            }
+        }
+    }
+    return found;
+}
+
+std::optional<Backup> Backups::newestWithLeftState() const {
+    std::vector<Backup> backups = list();
+    const auto found = std::find_if(backups.rbegin(), backups.rend(),
+                                    [](const Backup& one) { return one.hasLeftState; });
+    return found == backups.rend() ? std::nullopt : std::optional<Backup>(*found);
+}
+
+void Backups::keepLeftState(const std::string& stamp, const LeftState& state) {
+    const Descriptor backup = openBackup(directory(), stamp);
+    writeOwnFile(backup.get(), leftName, textOf(state));
+    // A call that ends here has kept nothing, and the backup is whole.
+    writeOwnFile(backup.get(), sumsName,
+                 sumsOf(backup.get(), {archiveName, manifestName, leftName}));
+}
+
+LeftState Backups::leftState(const std::string& stamp) const {
+    const Descriptor backup = openBackup(directory(), stamp);
+    return parseLeftState(readOwnFile(backup.get(), leftName));
+}
+
+Descriptor Backups::openArchive(const std::string& stamp) const {
+    const Descriptor backup = openBackup(directory(), stamp);
+    return openAt(backup.get(), archiveName, O_RDONLY | O_NONBLOCK);
+}
+
+void Backups::remove(const std::string& stamp) {
+    removeAll(directory(), stamp);
+    ::fsync(directory());
+}
+
+void Backups::removePartial() {
+    removeAll(directory(), partial);
+}
+
+bool isStamp(const std::string& text) {
+    static const std::regex form("[0-9]{8}T[0-9]{6}Z");
+    return std::regex_match(text, form);
+}
+
+} // namespace torva::ctl

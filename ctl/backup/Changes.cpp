@@ -1,0 +1,159 @@
+#include "ctl/backup/Changes.h"
+
+#include "ctl/host/Files.h"
+#include "ctl/host/PanelRun.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <set>
+
+namespace torva::ctl {
+
+namespace {
+
+using Texts = std::map<std::string, std::string>;
+
+void compareTexts(const std::string& kind, const std::string& prefix, const Texts& left,
+                  const Texts& now, std::vector<Change>& changes) {
+    const auto valueIn = [](const Texts& texts, const std::string& name) {
+        const auto found = texts.find(name);
+        return found == texts.end() ? std::string() : found->second;
+    };
+    Texts all = left;
+    all.insert(now.begin(), now.end());
+    for (const auto& one : all) {
+        const std::string& name = one.first;
+        const std::string before = valueIn(left, name);
+        const std::string after = valueIn(now, name);
+        if (before != after || left.count(name) != now.count(name)) {
+            changes.push_back({kind, prefix + name, before, after});
+        }
+    }
+}
+
+std::string octal(mode_t mode) {
+    char text[16];
+    std::snprintf(text, sizeof(text), "%04o", mode & 07777);
+    return text;
+}
+
+/// What a file is, in words.
+std::string described(const Entry& entry) {
+    if (!entry.isThere()) {
+        return std::string();
+    }
+    if (entry.isLink()) {
+        return "link to " + entry.target;
+    }
+    const std::string access =
+        octal(entry.mode) + " " + std::to_string(entry.owner) + ":" + std::to_string(entry.group);
+    return entry.isFile() ? access + ", " + std::to_string(entry.size) + " bytes"
+                          : access + (entry.isDirectory() ? ", directory" : ", no file");
+}
+
+/// As the times of change alone are no edit.
+bool isSameButForTime(Entry left, const Entry& right) {
+    left.seconds = right.seconds;
+    left.nanoseconds = right.nanoseconds;
+    return sameEntry(left, right);
+}
+
+bool isListedIndex(const std::string& path) {
+    const auto& names = tableNames();
+    return std::any_of(names.begin(), names.end(), [&](const std::string& name) {
+        return path == resolved(tablesDirectory) + "/" + name + ".db";
+    });
+}
+
+void compareFiles(const Snapshot& left, const Snapshot& now, std::vector<Change>& changes) {
+    Snapshot all = left;
+    all.insert(now.begin(), now.end());
+    const auto entryIn = [](const Snapshot& snapshot, const std::string& path) {
+        const auto found = snapshot.find(path);
+        return found == snapshot.end() ? Entry() : found->second;
+    };
+    for (const auto& one : all) {
+        const std::string& path = one.first;
+        const Entry before = entryIn(left, path);
+        const Entry after = entryIn(now, path);
+        if (!isSameButForTime(before, after) && !isListedIndex(path)) {
+            changes.push_back({"file", path, described(before), described(after)});
+        }
+    }
+}
+
+Settings servicesOf(const Postfix& postfix) {
+    const MasterCfText masterCf = readMasterCf(postfix);
+    Settings services;
+    for (const MasterCfTextEntry& entry : masterCf.entries()) {
+        std::string text = masterCf.textOf(entry);
+        text.erase(text.find_last_not_of("\r\n") + 1);
+        services[entry.key()] = text;
+    }
+    return services;
+}
+
+/// Whether a run writes this file, as far as its name tells.
+bool isWrittenByRun(const std::string& path, const Manifest& backup) {
+    const std::string tables = resolved(tablesDirectory);
+    const std::string configuration = resolved(backup.configuration);
+    if (path.compare(0, tables.size() + 1, tables + "/") == 0) {
+        const std::string name = nameOf(path);
+        return std::any_of(tableNames().begin(), tableNames().end(),
+                           [&](const std::string& table) {
+                               return name.find(table) != std::string::npos;
+                           }) ||
+               name.find("master.cf.disabled") != std::string::npos;
+    }
+    return path == tables || path.find(".db") != std::string::npos ||
+           nameOf(path).find(".cf") != std::string::npos ||
+           path.compare(0, configuration.size() + 1, configuration + "/") == 0;
+}
+
+} // namespace
+
+LeftState captureState(const Postfix& postfix, const std::vector<std::string>& paths) {
+    LeftState state;
+    state.settings = askSettings(postfix);
+    state.services = servicesOf(postfix);
+    state.records = readRecords();
+    state.entries = describe(paths);
+    return state;
+}
+
+std::vector<Change> changesBetween(const LeftState& left, const LeftState& now) {
+    std::vector<Change> changes;
+    if (!now.settings.empty()) {
+        compareTexts("setting", "", left.settings, now.settings, changes);
+    }
+    compareTexts("service", "", left.services, now.services, changes);
+    for (const std::string& table : tableNames()) {
+        const auto before = left.records.find(table);
+        const auto after = now.records.find(table);
+        compareTexts("record", table + ": ",
+                     before == left.records.end() ? Records() : before->second,
+                     after == now.records.end() ? Records() : after->second, changes);
+    }
+    compareFiles(left.entries, now.entries, changes);
+    return changes;
+}
+
+std::vector<Change> foreignChanges(const Manifest& backup, const LeftState& before,
+                                   const LeftState& now) {
+    const std::set<std::string> own(panelParameters().begin(), panelParameters().end());
+    std::vector<Change> foreign;
+    for (Change& change : changesBetween(before, now)) {
+        const bool byRun = (change.kind == "setting" && own.count(change.name) != 0) ||
+                           (change.kind == "service" && (panelServiceOf(change.name) != nullptr ||
+                                                         change.name == "pickup/unix")) ||
+                           change.kind == "record" ||
+                           (change.kind == "file" && isWrittenByRun(change.name, backup)) ||
+                           (change.kind == "file" && change.before.empty());
+        if (!byRun) {
+            foreign.push_back(std::move(change));
+        }
+    }
+    return foreign;
+}
+
+} // namespace torva::ctl

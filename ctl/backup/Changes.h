@@ -1,0 +1,35 @@
+// What has changed on the host since an apply has left it.
+#pragma once
+
+#include "ctl/backup/Manifest.h"
+#include "ctl/host/Postfix.h"
+
+#include <string>
+#include <vector>
+
+namespace torva::ctl {
+
+/// The host as it is now.
+///
+/// \param paths  see touchedPaths()
+/// \throws std::exception  it cannot be read
+LeftState captureState(const Postfix& postfix, const std::vector<std::string>& paths);
+
+struct Change {
+    std::string kind; ///< "setting", "service", "record" or "file"
+    std::string name;
+    std::string before; ///< value, text, "TABLE: VALUE"; for a file what it was
+    std::string after;  ///< the same; empty: it is gone
+};
+
+/// What differs; for a file, its contents, mode, owner, link or attributes: not the time
+/// of its last change alone, and not the index of a table whose records are listed. Where
+/// main.cf is not readable now, its settings are not compared, the file is.
+std::vector<Change> changesBetween(const LeftState& left, const LeftState& now);
+
+/// Of the changes between the host before a run and after one that failed, those that
+/// somebody else must have made: what a run does not write.
+std::vector<Change> foreignChanges(const Manifest& backup, const LeftState& before,
+                                   const LeftState& now);
+
+} // namespace torva::ctl

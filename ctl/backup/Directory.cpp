@@ -1,0 +1,148 @@
+#include "ctl/backup/Directory.h"
+
+#include "ctl/host/Files.h"
+#include "torva/util/SystemError.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <memory>
+#include <stdexcept>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace torva::ctl {
+
+using process::Descriptor;
+
+namespace {
+
+constexpr int directoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+/// Makes a directory and what it lies in.
+void makeDirectories(const std::string& path, mode_t mode) {
+    if (::mkdir(path.c_str(), mode) == 0 || errno != ENOENT) {
+        return; // opening it tells what is wrong
+    }
+    makeDirectories(directoryOf(path), 0755);
+    static_cast<void>(::mkdir(path.c_str(), mode));
+}
+
+void judge(const Descriptor& directory, const std::string& path) {
+    struct stat status {};
+    if (::fstat(directory.get(), &status) != 0) {
+        throwSystemError("fstat " + path, errno);
+    }
+    if (status.st_uid != ::geteuid()) {
+        throw std::runtime_error(path + " is not root's: remove it");
+    }
+    if ((status.st_mode & 0022) != 0) {
+        throw std::runtime_error(path + " can be written by others: remove it");
+    }
+    if ((status.st_mode & 07777) != 0700 && ::fchmod(directory.get(), 0700) != 0) {
+        throwSystemError("fchmod " + path, errno);
+    }
+}
+
+Descriptor opened(int directory, const char* name, int flags, const std::string& what) {
+    Descriptor file(::openat(directory, name, flags, 0600));
+    if (!file) {
+        throwSystemError("open " + what, errno);
+    }
+    return file;
+}
+
+} // namespace
+
+Descriptor openDirectory(const std::string& path) {
+    return opened(AT_FDCWD, path.c_str(), directoryFlags, path);
+}
+
+Descriptor openOwnDirectory(const std::string& path) {
+    makeDirectories(path, 0700);
+    Descriptor directory = openDirectory(path);
+    judge(directory, path);
+    return directory;
+}
+
+Descriptor openOwnDirectoryIfThere(const std::string& path) {
+    Descriptor directory(::open(path.c_str(), directoryFlags));
+    if (directory) {
+        judge(directory, path);
+    } else if (errno != ENOENT) {
+        throwSystemError("open " + path, errno);
+    }
+    return directory;
+}
+
+std::vector<std::string> namesIn(int directory) {
+    // A descriptor of its own: the listing moves it, and closes it.
+    const int copy = ::openat(directory, ".", directoryFlags);
+    const std::unique_ptr<DIR, int (*)(DIR*)> listing(copy < 0 ? nullptr : ::fdopendir(copy),
+                                                      &::closedir);
+    if (!listing) {
+        Descriptor(copy).closeQuietly();
+        throwSystemError("opendir", errno);
+    }
+    std::vector<std::string> names;
+    errno = 0;
+    while (const dirent* entry = ::readdir(listing.get())) {
+        if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) {
+            names.emplace_back(entry->d_name);
+        }
+        errno = 0;
+    }
+    if (errno != 0) {
+        throwSystemError("readdir", errno);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+void removeAll(int directory, const std::string& name) {
+    if (::unlinkat(directory, name.c_str(), 0) == 0 || errno == ENOENT) {
+        return;
+    }
+    if (errno != EISDIR) {
+        throwSystemError("unlink " + name, errno);
+    }
+    const Descriptor inner = opened(directory, name.c_str(), directoryFlags, name);
+    for (const std::string& below : namesIn(inner.get())) {
+        removeAll(inner.get(), below);
+    }
+    if (::unlinkat(directory, name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) {
+        throwSystemError("rmdir " + name, errno);
+    }
+}
+
+void writeOwnFile(int directory, const std::string& name, const std::string& text) {
+    const std::string scratch = "." + name;
+    static_cast<void>(::unlinkat(directory, scratch.c_str(), 0)); // of a killed call
+    Descriptor file = opened(directory, scratch.c_str(),
+                             O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, name);
+    try {
+        writeAll(file.get(), text);
+        if (::fsync(file.get()) != 0) {
+            throwSystemError("fsync " + name, errno);
+        }
+        file.release();
+        if (::renameat(directory, scratch.c_str(), directory, name.c_str()) != 0 ||
+            ::fsync(directory) != 0) {
+            throwSystemError("rename " + name, errno);
+        }
+    } catch (...) {
+        static_cast<void>(::unlinkat(directory, scratch.c_str(), 0));
+        throw;
+    }
+}
+
+std::string readOwnFile(int directory, const std::string& name) {
+    const Descriptor file(
+        ::openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    return file ? readAll(file.get()).value_or("") : std::string();
+}
+
+} // namespace torva::ctl

@@ -1,0 +1,100 @@
+#include "ctl/backup/Lock.h"
+
+#include "ctl/backup/Directory.h"
+#include "ctl/host/Files.h"
+#include "torva/util/SystemError.h"
+
+#include <cerrno>
+#include <ctime>
+#include <fcntl.h>
+#include <stdexcept>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace torva::ctl {
+
+using process::Descriptor;
+
+namespace {
+
+const char directoryPath[] = "/run/lock/torva-postfix";
+constexpr int minute = 600; ///< in tenths of a second
+
+/// \param extra  O_CLOEXEC, or 0 for a lock that children inherit
+Descriptor openLockFile(const char* name, int extra) {
+    const Descriptor directory = openOwnDirectory(directoryPath);
+    Descriptor file(
+        ::openat(directory.get(), name, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | extra, 0600));
+    struct stat status {};
+    if (!file || ::fstat(file.get(), &status) != 0) {
+        throwSystemError(std::string("open ") + directoryPath + "/" + name, errno);
+    }
+    if (!S_ISREG(status.st_mode)) {
+        throw std::runtime_error(std::string(directoryPath) + "/" + name +
+                                 " is no file: remove it");
+    }
+    return file;
+}
+
+/// \return whether it was taken in time
+bool take(const Descriptor& file, int patience) {
+    while (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK && errno != EINTR) {
+            throwSystemError("flock", errno);
+        }
+        if (patience-- == 0) {
+            return false;
+        }
+        ::usleep(100000);
+    }
+    return true;
+}
+
+std::string heldBy(const Descriptor& file) {
+    ::lseek(file.get(), 0, SEEK_SET);
+    const std::string text = readAll(file.get()).value_or("");
+    return text.substr(0, text.find('\n'));
+}
+
+std::string ownMark() {
+    const std::time_t now = std::time(nullptr);
+    std::tm parts{};
+    ::localtime_r(&now, &parts);
+    char date[32];
+    std::strftime(date, sizeof(date), "%Y-%m-%d %H:%M:%S", &parts);
+    return "process " + std::to_string(::getpid()) + ", since " + date + ",\n";
+}
+
+} // namespace
+
+HostLock::HostLock(int patience) : lock_(openLockFile("lock", O_CLOEXEC)) {
+    if (!take(lock_, patience)) {
+        throw Locked(heldBy(lock_) + " is at work; nothing was done");
+    }
+    if (::ftruncate(lock_.get(), 0) != 0) {
+        throwSystemError("ftruncate", errno);
+    }
+    writeAll(lock_.get(), ownMark());
+}
+
+std::string HostLock::holder() {
+    const Descriptor directory = openOwnDirectoryIfThere(directoryPath);
+    if (!directory) {
+        return std::string();
+    }
+    const Descriptor file(
+        ::openat(directory.get(), "lock", O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!file || ::flock(file.get(), LOCK_SH | LOCK_NB) == 0) {
+        return std::string();
+    }
+    return heldBy(file);
+}
+
+RunLock::RunLock() : lock_(openLockFile("run", 0)) {
+    if (!take(lock_, minute)) {
+        throw std::runtime_error("what an earlier run has started is still at work");
+    }
+}
+
+} // namespace torva::ctl

@@ -1,0 +1,37 @@
+#include "ctl/backup/Marker.h"
+
+#include "ctl/backup/Directory.h"
+
+#include <sstream>
+#include <unistd.h>
+
+namespace torva::ctl {
+
+namespace {
+
+const char name[] = "unfinished";
+
+} // namespace
+
+Marker readMarker() {
+    Marker marker;
+    if (Backups::exist()) {
+        const process::Descriptor directory = openOwnDirectory(Backups::path);
+        std::istringstream text(readOwnFile(directory.get(), name));
+        text >> marker.verb >> marker.stamp;
+    }
+    return marker;
+}
+
+void setMarker(Backups& backups, const Marker& marker) {
+    writeOwnFile(backups.directory(), name, marker.verb + " " + marker.stamp + "\n");
+}
+
+void clearMarker(Backups& backups) {
+    removeAll(backups.directory(), std::string(".") + name);
+    removeAll(backups.directory(), name);
+    backups.removePartial();
+    ::fsync(backups.directory());
+}
+
+} // namespace torva::ctl

@@ -1,0 +1,30 @@
+// The marker of what has begun to change the host and not ended: a file beside the
+// backups, on disk before the first change.
+#pragma once
+
+#include "ctl/backup/Backups.h"
+
+#include <string>
+
+namespace torva::ctl {
+
+struct Marker {
+    std::string verb;  ///< "apply" or "rollback"; empty: there is no marker
+    std::string stamp; ///< of the backup that repairs; "-": nothing had been changed yet
+
+    bool isSet() const { return !verb.empty(); }
+    bool beforeAnyChange() const { return stamp == "-"; }
+};
+
+/// The marker of this host; none when there are no backups either.
+Marker readMarker();
+
+/// \throws SystemError  the marker is as it was
+void setMarker(Backups& backups, const Marker& marker);
+
+/// Takes the marker away, and what an unfinished backup has left.
+///
+/// \throws SystemError
+void clearMarker(Backups& backups);
+
+} // namespace torva::ctl

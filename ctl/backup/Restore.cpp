@@ -1,0 +1,113 @@
+#include "ctl/backup/Restore.h"
+
+#include "ctl/backup/Archive.h"
+#include "ctl/backup/Directory.h"
+#include "ctl/backup/Replacement.h"
+#include "ctl/host/Files.h"
+#include "torva/util/SystemError.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <memory>
+#include <stdexcept>
+#include <unistd.h>
+
+namespace torva::ctl {
+
+using process::Descriptor;
+
+namespace {
+
+/// Writes the contents of all files that are to be replaced, in one reading of the
+/// archive.
+void fillReplacements(int archive, std::vector<std::unique_ptr<Replacement>>& replacements) {
+    readArchive(archive, [&](const std::string& path) -> ContentsConsumer {
+        for (const auto& replacement : replacements) {
+            if (replacement->holds(path)) {
+                return replacement->contentsOf(path);
+            }
+        }
+        return ContentsConsumer();
+    });
+}
+
+bool isScratchOfMasterCf(const std::string& name) {
+    return name.size() == 16 && name.compare(0, 10, "master.cf.") == 0;
+}
+
+/// Moves a scratch file of a killed run into the backup.
+void setAside(int configuration, const std::string& name, int backup) {
+    const Descriptor file(
+        ::openat(configuration, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    const std::optional<std::string> text = file ? readAll(file.get()) : std::nullopt;
+    if (text) {
+        writeOwnFile(backup, "set-aside." + name, *text);
+        removeAll(configuration, name);
+    }
+}
+
+bool wasPresent(const Backup& backup, const std::string& path) {
+    const auto& present = backup.manifest.present;
+    return std::find(present.begin(), present.end(), path) != present.end();
+}
+
+} // namespace
+
+void restore(const Backups& backups, const Backup& backup) {
+    const Snapshot& wanted = backup.manifest.entries;
+    std::vector<std::unique_ptr<Replacement>> replacements;
+    for (const std::string& path : backup.manifest.paths) {
+        removeReplacement(path); // of a restoration that was killed
+        const Snapshot now = describe({path});
+        const Snapshot then = partOf(wanted, path);
+        if (!sameSnapshot(now, then) && !correctInPlace(path, now.at(path), then.at(path))) {
+            replacements.push_back(std::make_unique<Replacement>(path, then));
+        }
+    }
+    fillReplacements(backups.openArchive(backup.stamp).get(), replacements);
+    for (const auto& replacement : replacements) {
+        replacement->complete();
+    }
+    for (const auto& replacement : replacements) {
+        replacement->moveIntoPlace();
+    }
+    if (!matchesHost(backup)) {
+        throw std::runtime_error("it is not what the backup says");
+    }
+}
+
+void setScratchAside(const Backups& backups, const Backup& backup) {
+    const std::string& configuration = backup.manifest.configuration;
+    const Descriptor kept(::openat(backups.directory(), backup.stamp.c_str(),
+                                   O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    const Descriptor directory(::open(configuration.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!kept || !directory) {
+        throwSystemError("open " + configuration, errno);
+    }
+    for (const std::string& name : namesIn(directory.get())) {
+        if (isScratchOfMasterCf(name) && !wasPresent(backup, configuration + "/" + name)) {
+            setAside(directory.get(), name, kept.get());
+        }
+    }
+}
+
+void removeQueueDirectories(const Backup& backup) {
+    const Descriptor queue(
+        ::open(backup.manifest.queue.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!queue) {
+        return;
+    }
+    for (const std::string& name : namesIn(queue.get())) {
+        if (!wasPresent(backup, backup.manifest.queue + "/" + name)) {
+            // Fails for what is not empty or no directory, which is meant.
+            static_cast<void>(::unlinkat(queue.get(), name.c_str(), AT_REMOVEDIR));
+        }
+    }
+}
+
+bool matchesHost(const Backup& backup) {
+    return sameSnapshot(describe(backup.manifest.paths), backup.manifest.entries);
+}
+
+} // namespace torva::ctl

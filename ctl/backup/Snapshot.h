@@ -1,0 +1,81 @@
+// What stands at some paths of the host: contents, modes, owners, times, links, extended
+// attributes (access control lists are such). Reading follows no link and is blocked by
+// no FIFO. Keeping the contents themselves is Archive.h.
+#pragma once
+
+#include "torva/process/Descriptor.h"
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+namespace torva::ctl {
+
+/// One file, directory, link or node.
+struct Entry {
+    mode_t mode = 0; ///< type and permissions, see inode(7); 0: nothing is there
+    uid_t owner = 0;
+    gid_t group = 0;
+    std::int64_t seconds = 0; ///< time of the last change
+    std::int64_t nanoseconds = 0;
+    std::uint64_t size = 0;   ///< bytes of a regular file
+    std::uint64_t device = 0; ///< of a device node
+    std::string checksum;     ///< SHA-256 of a regular file, in hexadecimal
+    std::string target;       ///< of a symbolic link
+    std::map<std::string, std::string> attributes;
+
+    bool isThere() const { return mode != 0; }
+    bool isFile() const { return S_ISREG(mode); }
+    bool isDirectory() const { return S_ISDIR(mode); }
+    bool isLink() const { return S_ISLNK(mode); }
+};
+
+/// Whether type and contents are the same; whether all else is, too.
+bool sameContents(const Entry& left, const Entry& right);
+bool sameEntry(const Entry& left, const Entry& right);
+
+/// By path. What was asked for and is not there has an entry of mode 0.
+using Snapshot = std::map<std::string, Entry>;
+
+/// The part of a snapshot at a path and below it.
+Snapshot partOf(const Snapshot& snapshot, const std::string& path);
+
+bool sameSnapshot(const Snapshot& left, const Snapshot& right);
+
+/// Takes what a walk comes to; `contents` is open for a regular file, else -1. A visitor
+/// that reads the contents sets the checksum.
+using Visitor = std::function<void(const std::string& path, Entry& entry, int contents)>;
+
+/// Visits all at the paths and below, each directory before what it holds.
+///
+/// \throws SystemError  something cannot be read
+void walk(const std::vector<std::string>& paths, const Visitor& visitor);
+
+/// \throws as walk()
+Snapshot describe(const std::vector<std::string>& paths);
+
+/// SHA-256 in hexadecimal, made piece by piece.
+class Checksum {
+public:
+    Checksum();
+    ~Checksum();
+    Checksum(const Checksum&) = delete;
+    Checksum& operator=(const Checksum&) = delete;
+
+    void add(const char* bytes, std::size_t size);
+    std::string result();
+
+private:
+    struct State;
+    State* state_;
+};
+
+/// The checksum of all that can be read from a descriptor.
+///
+/// \throws SystemError "read"
+std::string checksumOf(int fd);
+
+} // namespace torva::ctl

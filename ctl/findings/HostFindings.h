@@ -1,0 +1,38 @@
+// What on this host would stop a run, or the mail after it. Each function looks at one
+// group of subjects and changes nothing; checkHost() is all of them, in the order in which
+// they are read.
+#pragma once
+
+#include "ctl/findings/Findings.h"
+#include "ctl/host/Host.h"
+
+namespace torva::ctl {
+
+/// Everything. Where Postfix itself cannot be asked, the reason is one finding, and
+/// nothing that would build on the answer follows.
+///
+/// \param host  takes what was asked
+Findings checkHost(const OwnPrograms& programs, Host& host);
+
+/// "root", "program".
+void findPrograms(const OwnPrograms& programs, Findings& findings);
+
+/// "map-type", "account", "panel", "pcre-table", "certificate", "network".
+void findSurroundings(const Host& host, Findings& findings);
+
+/// "directory", "room".
+void findPlaces(const Host& host, Findings& findings);
+
+/// "main.cf", "records", "aliases".
+void findMainCf(const Host& host, Findings& findings);
+
+/// "master.cf".
+void findMasterCf(const Host& host, Findings& findings);
+
+/// "database".
+void findDatabase(Findings& findings);
+
+/// "service", "map", "mydestination": of the configuration after a run.
+void findOutcome(const Postfix& postfix, const MasterCfText& masterCf, Findings& findings);
+
+} // namespace torva::ctl

@@ -1,0 +1,118 @@
+#include "ctl/findings/HostFindings.h"
+#include "ctl/host/Files.h"
+#include "ctl/host/Records.h"
+#include "ctl/host/TouchedPaths.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace torva::ctl {
+
+namespace {
+
+void findMainCfItself(const Postfix& postfix, Findings& findings) {
+    const std::string path = postfix.mainCf();
+    const std::string text = readFile(path).value_or("");
+    if (!text.empty() && text.back() != '\n') {
+        findings.warning("main.cf",
+                         path + " has no newline at its end: postconf -e glues the next setting "
+                                "to the last",
+                         "apply and preview supply it; else: echo >>" + path);
+    }
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode)) {
+        findings.warning("main.cf",
+                         path + " is a symbolic link, which postconf -e replaces by a file",
+                         "apply and preview keep it; else make it a file");
+    }
+    findings.fine("main.cf", path);
+}
+
+void findHardLinks(const std::string& path, const std::string& subject, Findings& findings) {
+    struct stat status {};
+    const std::string target = resolved(path);
+    if (::stat(target.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink > 1) {
+        findings.warning(subject,
+                         target + " has " + std::to_string(status.st_nlink) +
+                             " names (hard links): the run changes this one only",
+                         "cp -p " + target + " " + target + ".new && mv " + target + ".new " +
+                             target);
+    }
+}
+
+void findRecords(const Postfix& postfix, Findings& findings) {
+    RecordsByTable others;
+    try {
+        others = readRecords();
+    } catch (const std::runtime_error& error) {
+        findings.stop("records",
+                      std::string("a table of the panel cannot be read: ") + error.what(),
+                      "have the panel write it again");
+        return;
+    }
+    // The run's own are those of the host's name.
+    const std::string own = "@" + postfix.value("myhostname");
+    for (auto& [table, records] : others) {
+        for (auto one = records.begin(); one != records.end();) {
+            const std::string& key = one->first;
+            const bool isOwn = key == postfix.value("myhostname") ||
+                               (key.size() >= own.size() &&
+                                key.compare(key.size() - own.size(), own.size(), own) == 0);
+            one = isOwn ? records.erase(one) : std::next(one);
+        }
+    }
+    const std::string counted = countedRecords(others);
+    findings.ok("records", counted.empty()
+                               ? "none in the panel's tables that the run would drop"
+                               : counted + ": the run drops them, apply puts them back");
+}
+
+bool isPlain(const std::string& text) {
+    return std::all_of(text.begin(), text.end(), [](char character) {
+        return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
+               (character >= '0' && character <= '9') ||
+               std::string("_.@%+=/-").find(character) != std::string::npos;
+    });
+}
+
+/// Whether the run, which calls postalias through the shell, can rebuild it.
+bool isBuildable(const AliasDatabase& database, const std::vector<std::string>& types) {
+    return isPlain(database.path) && ::access(directoryOf(database.path).c_str(), W_OK) == 0 &&
+           std::find(types.begin(), types.end(), database.type) != types.end();
+}
+
+bool isReadableFile(const std::string& path) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode);
+}
+
+void findAliases(const Host& host, Findings& findings) {
+    for (const AliasDatabase& database : aliasDatabases(host.postfix)) {
+        if (!host.mapTypesFailure.empty()) {
+            continue; // told already
+        }
+        if (!isReadableFile(database.path)) {
+            findings.stop("aliases", database.path + " is no file: the run would wait for it",
+                          "make it a file, or take it out of alias_maps and alias_database");
+        } else if (!isBuildable(database, host.mapTypes)) {
+            findings.stop("aliases", database.text + " cannot be rebuilt by the run",
+                          "correct alias_maps and alias_database: a type of postconf -m, a "
+                          "directory that is there, plain characters");
+        }
+    }
+    findings.fine("aliases", "alias_maps, alias_database");
+}
+
+} // namespace
+
+void findMainCf(const Host& host, Findings& findings) {
+    findMainCfItself(host.postfix, findings);
+    findHardLinks(host.postfix.mainCf(), "main.cf", findings);
+    findHardLinks(host.postfix.masterCf(), "master.cf", findings);
+    findRecords(host.postfix, findings);
+    findAliases(host, findings);
+}
+
+} // namespace torva::ctl

@@ -1,0 +1,43 @@
+#include "ctl/findings/HostFindings.h"
+#include "ctl/host/Files.h"
+#include "ctl/host/PanelRun.h"
+#include "ctl/host/Shelter.h"
+#include "torva/postfix/mastercf/MasterCfDiagnosis.h"
+
+#include <boost/algorithm/string/join.hpp>
+
+namespace torva::ctl {
+
+namespace {
+
+void findStore(Findings& findings) {
+    const std::string store = std::string(tablesDirectory) + "/master.cf.disabled";
+    if (!exists(store)) {
+        return;
+    }
+    if (const auto diagnosis = mail::postfix::diagnoseMasterCf(readFile(store).value_or(""))) {
+        findings.stop("master.cf",
+                      store + " is not parsed by torva-postfix-setup: " + diagnosis->text(),
+                      "correct it, or move it away");
+    }
+}
+
+} // namespace
+
+void findMasterCf(const Host& host, Findings& findings) {
+    const std::string path = host.postfix.masterCf();
+    const Sheltered sheltered = shelter(host.masterCf.text());
+    if (!sheltered.refusal.empty()) {
+        findings.stop("master.cf",
+                      "torva-postfix-setup does not parse " + path + ": " + sheltered.refusal,
+                      "correct it, or comment the entry out for the run");
+    }
+    findStore(findings);
+    findings.fine("master.cf", path);
+    if (!sheltered.keys.empty()) {
+        findings.ok("master.cf", boost::algorithm::join(sheltered.keys, " ") +
+                                     ": not for the tool; apply and preview shelter it");
+    }
+}
+
+} // namespace torva::ctl

@@ -1,0 +1,103 @@
+#include "ctl/backup/Backups.h"
+#include "ctl/findings/HostFindings.h"
+#include "ctl/host/Files.h"
+#include "ctl/host/Mounts.h"
+#include "ctl/host/PanelRun.h"
+#include "ctl/host/TouchedPaths.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <ftw.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+namespace torva::ctl {
+
+namespace {
+
+constexpr std::uint64_t margin = 1024 * 1024; ///< bytes that a run makes from nothing
+constexpr std::uint64_t marginOfInodes = 100;
+
+/// What a copy of the files takes.
+struct Need {
+    std::uint64_t bytes = margin;
+    std::uint64_t inodes = marginOfInodes;
+};
+
+Need needOf(const Postfix& postfix) {
+    static Need need;
+    need = Need();
+    const auto add = [](const char*, const struct stat* status, int, FTW*) {
+        need.bytes += static_cast<std::uint64_t>(status->st_blocks) * 512;
+        ++need.inodes;
+        return 0;
+    };
+    for (const std::string& path : touchedPaths(postfix)) {
+        static_cast<void>(::nftw(path.c_str(), add, 16, FTW_PHYS));
+    }
+    return need;
+}
+
+/// The path itself or the nearest directory above it that is there.
+std::string nearest(std::string path) {
+    while (!exists(path)) {
+        path = directoryOf(path);
+    }
+    return path;
+}
+
+std::string megabytes(std::uint64_t bytes) {
+    return std::to_string(bytes / (1024 * 1024)) + " MB";
+}
+
+void findRoomIn(const std::string& place, const Need& need, std::string& told, Findings& findings) {
+    struct statvfs system {};
+    if (::statvfs(nearest(place).c_str(), &system) != 0) {
+        return;
+    }
+    const std::uint64_t bytes = std::uint64_t{system.f_bavail} * system.f_frsize;
+    const bool countsInodes = system.f_files != 0;
+    const std::string free =
+        megabytes(bytes) +
+        (countsInodes ? ", " + std::to_string(system.f_favail) + " inodes" : std::string());
+    if (bytes < need.bytes || (countsInodes && system.f_favail < need.inodes)) {
+        findings.stop("room", place + " has " + free + " free: too little for a copy of the files",
+                      "make room: " + std::to_string(need.bytes / 1024) + " kB and " +
+                          std::to_string(need.inodes) + " inodes");
+    }
+    told += (told.empty() ? "" : "; ") + place + ": " + free;
+}
+
+bool isWritable(const std::string& path) {
+    return ::access(nearest(path).c_str(), W_OK) == 0;
+}
+
+} // namespace
+
+void findPlaces(const Host& host, Findings& findings) {
+    const Postfix& postfix = host.postfix;
+    for (const std::string& path :
+         {postfix.directory, std::string("/var/spool/postfix"), std::string(Backups::path)}) {
+        if (!isWritable(path)) {
+            findings.stop("directory", path + " cannot be written",
+                          "have it on a file system that is not read-only");
+        }
+    }
+    if (isMountPoint(tablesDirectory)) {
+        findings.stop("directory",
+                      std::string(tablesDirectory) +
+                          " is a mount point: apply could not take a run back",
+                      "unmount it, or mount the directory above it");
+    }
+    findings.fine("directory", "Postfix's own can be written");
+    std::string told;
+    const Need need = needOf(postfix);
+    for (const std::string& place :
+         {std::string(Backups::path), std::string(tablesDirectory), postfix.directory}) {
+        findRoomIn(place, need, told, findings);
+    }
+    findings.fine("room", "free in " + told);
+}
+
+} // namespace torva::ctl

@@ -1,0 +1,178 @@
+#include "ctl/findings/HostFindings.h"
+#include "ctl/host/Files.h"
+#include "ctl/host/PanelRun.h"
+#include "ctl/host/Program.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cstdlib>
+#include <grp.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace torva::ctl {
+
+namespace {
+
+bool holds(const std::vector<std::string>& list, const std::string& element) {
+    return std::find(list.begin(), list.end(), element) != list.end();
+}
+
+void findMapTypes(const Host& host, Findings& findings) {
+    if (!host.mapTypesFailure.empty()) {
+        findings.stop("map-type", "postconf -m fails: " + host.mapTypesFailure,
+                      "correct its cause");
+        return;
+    }
+    if (!holds(host.mapTypes, "hash")) {
+        findings.stop("map-type", "hash is not in postconf -m",
+                      "install a Postfix with Berkeley DB");
+    }
+    if (!holds(host.mapTypes, "pcre")) {
+        findings.warning("map-type",
+                         "pcre is not in postconf -m: smtpd answers 451 to every client",
+                         "apt-get install postfix-pcre");
+    }
+    findings.fine("map-type", "hash, pcre");
+}
+
+void findAccounts(Findings& findings) {
+    const char advice[] = "create the user; the panel's installer does";
+    for (const char* name : {"popuser", "postfix"}) {
+        if (::getpwnam(name) == nullptr) {
+            findings.stop("account", std::string(name) + " is missing: the run ends", advice);
+        }
+    }
+    for (const char* name : {"mhandlers-user", "mailman"}) {
+        if (::getpwnam(name) == nullptr) {
+            findings.warning("account", std::string(name) + " is missing: its service fails",
+                             advice);
+        }
+    }
+    for (const char* name : {"popuser", "mailman"}) {
+        if (::getgrnam(name) == nullptr) {
+            findings.warning("account",
+                             std::string(name) + " (group) is missing: its service fails",
+                             "create the group; the panel's installer does");
+        }
+    }
+    findings.fine("account", "popuser, postfix, mhandlers-user, mailman");
+}
+
+void findPanel(Findings& findings) {
+    for (const char* name : {"postfix-local", "postfix-queue", "postfix-mailman"}) {
+        const std::string path = std::string("/usr/lib/torva-9.0/") + name;
+        if (::access(path.c_str(), X_OK) != 0) {
+            findings.warning("panel", path + " is missing", "install the panel's mail programs");
+        }
+    }
+    findings.fine("panel", "programs in /usr/lib/torva-9.0");
+}
+
+void findPcreTables(Findings& findings) {
+    for (const char* name : {"no_relay.re", "non_auth.re"}) {
+        const std::string path = std::string(tablesDirectory) + "/" + name;
+        if (!exists(path)) {
+            findings.warning("pcre-table", path + " is missing: smtpd answers 451 to every client",
+                             "have the panel write it; an empty one will do");
+        }
+    }
+    findings.fine("pcre-table", "no_relay.re, non_auth.re");
+}
+
+void findCertificate(const Postfix& postfix, Findings& findings) {
+    const std::string path = postfix.directory + "/postfix_default.pem";
+    if (!exists(path)) {
+        findings.warning("certificate", path + " is missing: no TLS",
+                         "put certificate and key there");
+    }
+    findings.fine("certificate", "postfix_default.pem");
+}
+
+bool hasAddress() {
+    ifaddrs* list = nullptr;
+    if (::getifaddrs(&list) != 0) {
+        return false;
+    }
+    bool found = false;
+    for (const ifaddrs* one = list; one != nullptr; one = one->ifa_next) {
+        if (one->ifa_addr != nullptr && one->ifa_addr->sa_family == AF_INET) {
+            sockaddr_in address{};
+            std::copy_n(reinterpret_cast<const char*>(one->ifa_addr), sizeof(address),
+                        reinterpret_cast<char*>(&address));
+            found = found || (ntohl(address.sin_addr.s_addr) >> 24) != IN_LOOPBACKNET;
+        }
+    }
+    ::freeifaddrs(list);
+    return found;
+}
+
+void findNetwork(Findings& findings) {
+    if (!hasAddress()) {
+        findings.warning("network",
+                         "this host has only loopback addresses: the mynetworks of the run is "
+                         "unusable",
+                         "first bring the network up");
+    }
+    findings.fine("network", "an address that is not loopback");
+}
+
+/// The client of the panel's database; empty: there is none.
+std::string databaseClient() {
+    for (const char* path : {"/usr/bin/mariadb", "/usr/bin/mysql"}) {
+        if (::access(path, X_OK) == 0) {
+            return path;
+        }
+    }
+    return std::string();
+}
+
+/// Without a client, a socket has to do.
+bool databaseAnswers() {
+    const char socket[] = "/run/mysqld/mysqld.sock";
+    struct stat status {};
+    if (::stat(socket, &status) != 0 || !S_ISSOCK(status.st_mode)) {
+        return false;
+    }
+    const std::string shadow = readFile("/etc/kra/.kra.shadow").value_or("");
+    const std::string client = databaseClient();
+    if (shadow.empty() || client.empty()) {
+        return !shadow.empty();
+    }
+    // Not among the arguments, which everybody may read.
+    ::setenv("MYSQL_PWD", shadow.substr(0, shadow.find('\n')).c_str(), 1);
+    const ToolResult result =
+        run({"timeout", "10", client, "--no-defaults", std::string("--socket=") + socket,
+             "--user=admin", "--execute=SELECT 1", "kra"});
+    ::unsetenv("MYSQL_PWD");
+    return result.succeeded();
+}
+
+} // namespace
+
+void findSurroundings(const Host& host, Findings& findings) {
+    findMapTypes(host, findings);
+    findAccounts(findings);
+    findPanel(findings);
+    findPcreTables(findings);
+    findCertificate(host.postfix, findings);
+    findNetwork(findings);
+}
+
+void findDatabase(Findings& findings) {
+    if (!databaseAnswers()) {
+        findings.warning(
+            "database",
+            std::string("kra does not answer (/run/mysqld/mysqld.sock, /etc/kra/.kra.shadow): ") +
+                tablesDirectory +
+                "/virtual will miss the mail names of localhost.localdomain and their aliases",
+            "start the panel's database before the run");
+    }
+    findings.fine("database", "the panel's database");
+}
+
+} // namespace torva::ctl

@@ -1,0 +1,14 @@
+// The mounts of this mount namespace, see mountinfo in proc(5).
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace torva::ctl {
+
+/// The mount points, in the order of mounting; none where there is no /proc.
+std::vector<std::string> mountPoints();
+
+bool isMountPoint(const std::string& path);
+
+} // namespace torva::ctl

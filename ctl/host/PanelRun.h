@@ -1,0 +1,33 @@
+// What a run of torva-postfix-setup does to a host, as data: for the findings about its
+// outcome, and for what has to be put back after it.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace torva::ctl {
+
+/// A service that a run installs.
+struct PanelService {
+    const char* key;       ///< NAME/TYPE
+    const char* isPrivate; ///< "y", "n" or "-"
+    const char* command;
+    bool replaces; ///< true: an entry of the host is replaced; false: it stays
+};
+
+const std::vector<PanelService>& panelServices();
+
+/// The service of this key; null when a run installs none.
+const PanelService* panelServiceOf(const std::string& key);
+
+/// The parameters that a run sets.
+const std::vector<std::string>& panelParameters();
+
+/// The directory of the panel's tables, and the names of those that a run makes anew.
+extern const char* const tablesDirectory;
+const std::vector<std::string>& tableNames();
+
+/// "hash:PATH" of a table of the panel.
+std::string tableOf(const std::string& name);
+
+} // namespace torva::ctl

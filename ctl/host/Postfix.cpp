@@ -1,0 +1,126 @@
+#include "ctl/host/Postfix.h"
+
+#include "ctl/host/Files.h"
+#include "ctl/host/Program.h"
+#include "ctl/host/Scratch.h"
+#include "torva/process/Descriptor.h"
+
+#include <boost/algorithm/string/replace.hpp>
+#include <boost/algorithm/string/trim.hpp>
+
+#include <cstdlib>
+#include <fcntl.h>
+#include <sstream>
+#include <sys/file.h>
+
+namespace torva::ctl {
+
+namespace {
+
+const char postconf[] = "/usr/sbin/postconf";
+
+/// Lines "NAME = VALUE".
+Settings parsed(const std::string& output) {
+    Settings settings;
+    std::istringstream lines(output);
+    std::string line;
+    while (std::getline(lines, line)) {
+        const std::string::size_type equals = line.find(" =");
+        if (equals != std::string::npos) {
+            settings[line.substr(0, equals)] = boost::algorithm::trim_copy(line.substr(equals + 2));
+        }
+    }
+    return settings;
+}
+
+std::string configurationDirectory() {
+    const char* chosen = std::getenv("MAIL_CONFIG");
+    if (chosen != nullptr && *chosen != '\0') {
+        return chosen;
+    }
+    const std::string builtIn =
+        boost::algorithm::trim_copy(run({postconf, "-d", "-h", "config_directory"}).output);
+    return builtIn.empty() ? "/etc/postfix" : builtIn;
+}
+
+/// Entries without options for the services whose names main.cf mentions: settings such
+/// as NAME_destination_recipient_limit are known to postconf only beside their service.
+std::string shortMasterCf(const MasterCfText& masterCf, const std::string& mainCf) {
+    std::string text;
+    for (const MasterCfTextEntry& entry : masterCf.entries()) {
+        if (entry.fields.size() > 7 && mainCf.find(entry.name() + "_") != std::string::npos) {
+            text += entry.name() + " " + entry.type() + " - - - - - " + entry.command() + "\n";
+        }
+    }
+    return text;
+}
+
+/// A copy of main.cf that postconf reads in no time.
+class MainCfCopy {
+public:
+    explicit MainCfCopy(const Postfix& postfix) : directory_(postfix.directory) {
+        const std::string mainCf = readFile(postfix.mainCf()).value_or("");
+        scratch_.write("main.cf", mainCf);
+        scratch_.write("master.cf", shortMasterCf(readMasterCf(postfix), mainCf));
+    }
+
+    ToolResult ask(const std::string& option) const {
+        ToolResult result =
+            run({postconf, "-c", scratch_.path(), "-o", "config_directory=" + directory_, option});
+        boost::algorithm::replace_all(result.error, scratch_.path(), directory_);
+        return result;
+    }
+
+private:
+    std::string directory_;
+    ScratchDirectory scratch_;
+};
+
+} // namespace
+
+std::string Postfix::value(const std::string& name) const {
+    const auto found = values.find(name);
+    return found == values.end() ? std::string() : found->second;
+}
+
+Postfix askPostfix() {
+    Postfix postfix;
+    postfix.directory = configurationDirectory();
+    const MainCfCopy copy(postfix);
+    const ToolResult values = copy.ask("-x");
+    if (values.succeeded() && !values.output.empty()) {
+        postfix.values = parsed(values.output);
+        postfix.settings = parsed(copy.ask("-n").output);
+        postfix.settings.erase("config_directory"); // the copy's own
+    } else {
+        postfix.failure = wordsOf(values);
+        postfix.values = parsed(run({postconf, "-d"}).output);
+    }
+    postfix.values["config_directory"] = postfix.directory;
+    if (postfix.queueDirectory().empty()) {
+        postfix.values["queue_directory"] = "/var/spool/postfix";
+    }
+    return postfix;
+}
+
+Settings askSettings(const Postfix& postfix) {
+    Settings settings = parsed(MainCfCopy(postfix).ask("-n").output);
+    settings.erase("config_directory");
+    return settings;
+}
+
+MasterCfText readMasterCf(const Postfix& postfix) {
+    return MasterCfText(readFile(postfix.masterCf()).value_or(""));
+}
+
+int masterProcess(const Postfix& postfix) {
+    const std::string path = postfix.queueDirectory() + "/pid/master.pid";
+    const process::Descriptor file(
+        ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+    if (!file || ::flock(file.get(), LOCK_SH | LOCK_NB) == 0) {
+        return 0; // the daemon holds the lock for as long as it lives
+    }
+    return std::atoi(boost::algorithm::trim_copy(readFile(path).value_or("0")).c_str());
+}
+
+} // namespace torva::ctl

@@ -1,0 +1,122 @@
+#include "ctl/host/Program.h"
+
+#include "torva/util/SystemError.h"
+
+#include <boost/algorithm/string/join.hpp>
+#include <boost/algorithm/string/replace.hpp>
+#include <boost/algorithm/string/trim.hpp>
+
+#include <csignal>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace torva::ctl {
+
+namespace {
+
+bool wanted = false;      ///< see announceWaits()
+std::string announcement; ///< what the handler writes; not changed while the timer runs
+
+void writeAnnouncement(int) {
+    const ssize_t ignored = ::write(STDERR_FILENO, announcement.data(), announcement.size());
+    static_cast<void>(ignored);
+}
+
+void setTimer(long seconds) {
+    itimerval timer{};
+    timer.it_value.tv_sec = seconds;
+    ::setitimer(ITIMER_REAL, &timer, nullptr);
+}
+
+/// Tells, once, what is being waited for when it takes longer than a second. A timer
+/// is not inherited by children.
+class WaitNotice {
+public:
+    explicit WaitNotice(const std::vector<std::string>& words) {
+        if (wanted) {
+            announcement =
+                "torva-postfixctl: waiting for " + boost::algorithm::join(words, " ") + "\n";
+            setTimer(1);
+        }
+    }
+    ~WaitNotice() {
+        if (wanted) {
+            setTimer(0);
+        }
+    }
+    WaitNotice(const WaitNotice&) = delete;
+    WaitNotice& operator=(const WaitNotice&) = delete;
+};
+
+void append(std::string& text, const std::vector<char>& chunk) {
+    text.append(chunk.data(), chunk.size());
+}
+
+process::CommonFlags flagsFor(const Program& program, ToolResult& result) {
+    process::CommonFlags flags;
+    flags.searchPath = true;
+    flags.input = [&program](std::vector<char>& buffer) {
+        buffer.assign(program.input.begin(), program.input.end());
+        return false;
+    };
+    flags.outputFd = program.output;
+    flags.errorFd = program.error;
+    if (program.output == -1) {
+        flags.output = [&result](const std::vector<char>& chunk) { append(result.output, chunk); };
+    }
+    if (program.error == -1) {
+        flags.error = [&result](const std::vector<char>& chunk) { append(result.error, chunk); };
+    }
+    return flags;
+}
+
+constexpr int notStarted = 127;
+
+} // namespace
+
+ToolResult run(const Program& program) {
+    const WaitNotice notice(program.words);
+    ToolResult result;
+    process::Pipe pipe;
+    try {
+        pipe.addProcess(program.words.at(0), program.words, flagsFor(program, result));
+        pipe.launch();
+        result.status = pipe.status(0);
+    } catch (const SystemError& error) {
+        result.status = W_EXITCODE(notStarted, 0);
+        result.error = program.words.at(0) + ": " + error.what();
+    }
+    return result;
+}
+
+ToolResult run(std::vector<std::string> words) {
+    Program program;
+    program.words = std::move(words);
+    return run(program);
+}
+
+std::string wordsOf(const ToolResult& result) {
+    std::string words = boost::algorithm::trim_copy(result.error);
+    if (words.empty()) {
+        words = boost::algorithm::trim_copy(result.output);
+    }
+    if (words.empty()) {
+        words = result.signaled() ? "ended by signal " + std::to_string(WTERMSIG(result.status))
+                                  : "exit status " + std::to_string(exitStatus(result));
+    }
+    return boost::algorithm::replace_all_copy(words, "\n", "; ");
+}
+
+int exitStatus(const ToolResult& result) {
+    return result.signaled() ? 128 + WTERMSIG(result.status) : WEXITSTATUS(result.status);
+}
+
+void announceWaits() {
+    struct sigaction action {};
+    action.sa_handler = &writeAnnouncement;
+    action.sa_flags = SA_RESTART;
+    wanted = ::sigaction(SIGALRM, &action, nullptr) == 0;
+}
+
+} // namespace torva::ctl

@@ -1,0 +1,116 @@
+#include "ctl/host/Shelter.h"
+
+#include "ctl/host/PanelRun.h"
+#include "torva/postfix/mastercf/MasterCfDiagnosis.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+namespace torva::ctl {
+
+using mail::postfix::diagnoseMasterCf;
+
+namespace {
+
+bool startsWith(const std::string& line, const std::string& beginning) {
+    return line.compare(0, beginning.size(), beginning) == 0;
+}
+
+/// A comment that no line of the text begins with yet.
+std::string unusedMark(const MasterCfText& text) {
+    const auto& lines = text.lines();
+    std::string mark = "#sheltered by torva-postfixctl: ";
+    while (std::any_of(lines.begin(), lines.end(),
+                       [&](const std::string& line) { return startsWith(line, mark); })) {
+        mark.insert(1, "#");
+    }
+    return mark;
+}
+
+std::string withLineFeed(std::string line) {
+    if (line.empty() || line.back() != '\n') {
+        line += '\n';
+    }
+    return line;
+}
+
+/// Takes the mark off every line that has it.
+std::vector<std::string> takeMarkOff(MasterCfText& text, const std::string& mark) {
+    std::vector<std::string> found;
+    for (std::string& line : text.lines()) {
+        if (startsWith(line, mark)) {
+            line.erase(0, mark.size());
+            found.push_back(line);
+        }
+    }
+    return found;
+}
+
+bool sameLines(const std::vector<std::string>& left, const std::vector<std::string>& right) {
+    return std::equal(left.begin(), left.end(), right.begin(), right.end(),
+                      [](const std::string& one, const std::string& other) {
+                          // What was last in the file may have another behind it now.
+                          return withLineFeed(one) == withLineFeed(other);
+                      });
+}
+
+bool holds(const std::vector<std::string>& keys, const std::string& key) {
+    return std::find(keys.begin(), keys.end(), key) != keys.end();
+}
+
+/// Removes what the run has added where a sheltered service stands already.
+void dropAdded(MasterCfText& text, const std::vector<std::string>& shelteredKeys) {
+    for (const MasterCfTextEntry& entry : text.entries()) {
+        const PanelService* service = panelServiceOf(entry.key());
+        if (service != nullptr && !service->replaces && holds(shelteredKeys, entry.key())) {
+            text.drop(entry);
+        }
+    }
+}
+
+/// Makes those comments again that the run has replaced by its own.
+void commentReplaced(MasterCfText& text, const std::vector<std::string>& shelteredKeys,
+                     std::vector<std::string>& replaced) {
+    for (const MasterCfTextEntry& entry : text.entries()) {
+        const PanelService* service = panelServiceOf(entry.key());
+        if (service != nullptr && service->replaces && holds(shelteredKeys, entry.key()) &&
+            diagnoseMasterCf(text.textOf(entry))) {
+            replaced.push_back(entry.key());
+            text.commentOut(entry, "#");
+        }
+    }
+}
+
+} // namespace
+
+Sheltered shelter(const std::string& masterCf) {
+    MasterCfText text(masterCf);
+    Sheltered sheltered;
+    sheltered.mark = unusedMark(text);
+    for (const MasterCfTextEntry& entry : text.entries()) {
+        if (diagnoseMasterCf(text.textOf(entry))) {
+            sheltered.keys.push_back(entry.key());
+            text.commentOut(entry, sheltered.mark);
+        }
+    }
+    sheltered.text = text.text();
+    sheltered.lines = takeMarkOff(text, sheltered.mark);
+    if (const auto diagnosis = diagnoseMasterCf(sheltered.text)) {
+        sheltered.refusal = diagnosis->text();
+    }
+    return sheltered;
+}
+
+std::string unshelter(const std::string& masterCf, const Sheltered& sheltered,
+                      std::vector<std::string>& replaced) {
+    MasterCfText text(masterCf);
+    dropAdded(text, sheltered.keys);
+    if (!sameLines(takeMarkOff(text, sheltered.mark), sheltered.lines)) {
+        throw std::runtime_error("a sheltered line is gone");
+    }
+    MasterCfText whole(text.text());
+    commentReplaced(whole, sheltered.keys, replaced);
+    return whole.text();
+}
+
+} // namespace torva::ctl

@@ -1,0 +1,105 @@
+// torva-postfixctl: looks at the host, previews a run of torva-postfix-setup, carries it
+// out with a backup, takes it back.
+#include "ctl/verbs/CommandLine.h"
+#include "ctl/verbs/Failure.h"
+#include "ctl/verbs/Verbs.h"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+using torva::ctl::Call;
+
+/// A reader that leaves is no reason to end half-way. A handler and not SIG_IGN, which
+/// children would inherit.
+void doNothing(int) {}
+
+/// The same surroundings whoever calls: descriptors 0 to 2 open, messages in English,
+/// programs where they belong, new files with the usual modes.
+void makeWorldSane() {
+    // open() takes the lowest free number, so going upwards fills exactly the gaps.
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (::fcntl(fd, F_GETFD) == -1 && errno == EBADF) {
+            static_cast<void>(::open("/dev/null", fd == STDIN_FILENO ? O_RDONLY : O_WRONLY));
+        }
+    }
+    std::signal(SIGCHLD, SIG_DFL);
+    struct sigaction action {};
+    action.sa_handler = &doNothing;
+    ::sigaction(SIGPIPE, &action, nullptr);
+    ::setenv("PATH", "/usr/local/sbin:/usr/sbin:/sbin:/usr/local/bin:/usr/bin:/bin", 1);
+    ::setenv("LC_ALL", "C", 1);
+    ::umask(022);
+}
+
+struct Verb {
+    const char* name;
+    int (*perform)(Call&);
+};
+
+const std::array<Verb, 6> verbs{{{"check", &torva::ctl::check},
+                                 {"preview", &torva::ctl::preview},
+                                 {"apply", &torva::ctl::apply},
+                                 {"diff", &torva::ctl::diff},
+                                 {"rollback", &torva::ctl::rollback},
+                                 {"backups", &torva::ctl::backups}}};
+
+int perform(Call& call) {
+    if (!call.request.inside.empty()) {
+        return torva::ctl::previewInside(call);
+    }
+    for (const Verb& verb : verbs) {
+        if (call.request.verb == verb.name) {
+            return verb.perform(call);
+        }
+    }
+    return 1;
+}
+
+int performAsRoot(Call& call) {
+    const bool isRoot = ::geteuid() == 0;
+    if (!isRoot && call.request.verb != "check") {
+        torva::ctl::complain(call.request.verb + " must run as root");
+        return 1;
+    }
+    if (isRoot && call.request.inside.empty()) {
+        torva::ctl::noteUnfinished(call.report);
+    }
+    return perform(call);
+}
+
+} // namespace
+
+int main(int count, char** arguments) {
+    makeWorldSane();
+    torva::ctl::Request request = torva::ctl::readCommandLine(count, arguments);
+    if (request.verb.empty()) {
+        return request.status;
+    }
+    if (!request.keep.empty() && request.keep[0] != '/') {
+        char directory[4096];
+        request.keep =
+            std::string(::getcwd(directory, sizeof(directory)) == nullptr ? "" : directory) + "/" +
+            request.keep;
+    }
+    // Where a relative path in main.cf begins, for the run.
+    static_cast<void>(::chdir("/"));
+    const torva::ctl::OwnPrograms programs = torva::ctl::ownPrograms();
+    torva::ctl::Report report(request.verb, request.json);
+    Call call{request, programs, report};
+    try {
+        return performAsRoot(call);
+    } catch (const torva::ctl::Failure& failure) {
+        report.finding(failure.finding());
+    } catch (const std::exception& error) {
+        torva::ctl::complain(error.what());
+    }
+    return 1;
+}

@@ -1,0 +1,147 @@
+#include "ctl/report/Report.h"
+
+#include "ctl/report/JsonText.h"
+#include "ctl/report/Wrap.h"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace torva::ctl {
+
+namespace {
+
+constexpr std::size_t defaultWidth = 80;
+constexpr std::size_t leastWidth = 40;
+constexpr std::size_t textColumn = 21;
+
+struct LevelStyle {
+    const char* name;
+    const char* colour; ///< number of an escape sequence, see console_codes(4)
+};
+
+LevelStyle styleOf(Level level) {
+    switch (level) {
+    case Level::ok:
+        return {"ok", "32"};
+    case Level::warning:
+        return {"warning", "33"};
+    case Level::stop:
+        return {"stop", "31"};
+    case Level::done:
+        return {"done", "32"};
+    case Level::failed:
+        break;
+    }
+    return {"failed", "31"};
+}
+
+void writeAll(int fd, const std::string& text) {
+    const char* at = text.data();
+    std::size_t left = text.size();
+    while (left > 0) {
+        const ssize_t written = ::write(fd, at, left);
+        if (written < 0 && errno != EINTR) {
+            return; // nobody reads: no reason to end half-way
+        }
+        if (written > 0) {
+            at += written;
+            left -= static_cast<std::size_t>(written);
+        }
+    }
+}
+
+std::size_t widthOfOutput() {
+    winsize size{};
+    if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) {
+        return defaultWidth;
+    }
+    return std::max<std::size_t>(size.ws_col, leastWidth);
+}
+
+bool wantsColour() {
+    const char* refused = std::getenv("NO_COLOR");
+    return ::isatty(STDOUT_FILENO) == 1 && (refused == nullptr || *refused == '\0');
+}
+
+/// What a tool said in several lines stands in one.
+std::string inOneLine(const std::string& text) {
+    std::string line;
+    for (const char character : text.substr(0, text.find_last_not_of('\n') + 1)) {
+        if (character == '\n') {
+            line += "; ";
+        } else {
+            line += character;
+        }
+    }
+    return line;
+}
+
+std::string padded(std::string text, std::size_t width) {
+    text.resize(std::max(text.size(), width), ' ');
+    return text + ' ';
+}
+
+} // namespace
+
+Report::Report(std::string verb, bool json)
+    : verb_(std::move(verb)), json_(json), coloured_(wantsColour()), width_(widthOfOutput()) {}
+
+void Report::finding(const Finding& finding) {
+    stopped_ = stopped_ || finding.level == Level::stop;
+    const LevelStyle style = styleOf(finding.level);
+    const std::string text = inOneLine(finding.text);
+    std::vector<Field> fields{{"level", style.name}, {"subject", finding.subject}, {"text", text}};
+    if (!finding.advice.empty()) {
+        fields.emplace_back("action", finding.advice);
+    }
+    std::string line = padded(style.name, 8);
+    if (coloured_) {
+        line = std::string("\x1b[") + style.colour + "m" + padded(style.name, 7) + "\x1b[m ";
+    }
+    line += padded(finding.subject, 11) + wrapped(text, width_, textColumn) + '\n';
+    if (!finding.advice.empty()) {
+        line += std::string(textColumn, ' ') + "-> " +
+                wrapped(finding.advice, width_, textColumn + 3) + '\n';
+    }
+    object(fields, line);
+}
+
+void Report::findings(const std::vector<Finding>& findings) {
+    for (const Finding& one : findings) {
+        finding(one);
+    }
+}
+
+void Report::heading(const std::string& text) {
+    if (!json_) {
+        writeAll(STDOUT_FILENO, "\n=== " + text + "\n");
+    }
+}
+
+void Report::object(const std::vector<Field>& fields, const std::string& line) {
+    if (!json_) {
+        writeAll(STDOUT_FILENO, line);
+        return;
+    }
+    nlohmann::ordered_json object;
+    object["verb"] = verb_;
+    for (const Field& field : fields) {
+        if (field.isNumber) {
+            object[field.name] = field.number;
+        } else {
+            object[field.name] = textOfBytes(field.text);
+        }
+    }
+    writeAll(STDOUT_FILENO, object.dump(-1, ' ', true) + '\n');
+}
+
+void complain(const std::string& text) {
+    writeAll(STDERR_FILENO, "torva-postfixctl: " + text + '\n');
+}
+
+} // namespace torva::ctl

@@ -1,0 +1,223 @@
+#include "ctl/backup/Backups.h"
+#include "ctl/backup/Changes.h"
+#include "ctl/backup/Lock.h"
+#include "ctl/backup/Marker.h"
+#include "ctl/backup/Restore.h"
+#include "ctl/findings/HostFindings.h"
+#include "ctl/verbs/Activation.h"
+#include "ctl/verbs/Describe.h"
+#include "ctl/verbs/Failure.h"
+#include "ctl/verbs/Run.h"
+#include "ctl/verbs/Signals.h"
+#include "ctl/verbs/Verbs.h"
+
+#include <memory>
+#include <optional>
+#include <unistd.h>
+
+namespace torva::ctl {
+
+namespace {
+
+constexpr int patience = 3; ///< in tenths of a second: "check" may hold the lock for an instant
+
+class Apply {
+public:
+    Apply(Call& call, const Host& host) : call_(call), report_(call.report), host_(host) {}
+
+    int perform() {
+        try {
+            backUp();
+            runTool();
+            verify();
+            activate();
+            finish();
+            return 0;
+        } catch (const Failure& failure) {
+            report_.finding(failure.finding());
+        } catch (const std::exception& error) {
+            report_.finding({Level::failed, "apply", error.what(), "see the messages above"});
+        }
+        return takeBack();
+    }
+
+private:
+    void backUp();
+    void runTool();
+    void verify();
+    void activate();
+    void finish();
+    int takeBack();
+    void restoreBackup();
+    bool keepForeignChanges();
+    FixedAtStart fixedNow() const;
+
+    Call& call_;
+    Report& report_;
+    Host host_;
+    Backups backups_;
+    std::string stamp_; ///< of the backup; empty: none yet
+    std::optional<LeftState> before_;
+    std::unique_ptr<Activation> activation_;
+};
+
+FixedAtStart Apply::fixedNow() const {
+    return fixedAtStart(askPostfix(), readMasterCf(host_.postfix));
+}
+
+void Apply::backUp() {
+    setMarker(backups_, {"apply", "-"});
+    activation_ =
+        std::make_unique<Activation>(host_.postfix, fixedAtStart(host_.postfix, host_.masterCf));
+    std::string stamp;
+    try {
+        const Manifest manifest = manifestOf(host_.postfix, "before apply");
+        before_ = captureState(host_.postfix, manifest.paths);
+        stamp = backups_.take(manifest);
+    } catch (const std::exception& error) {
+        throw Failure("backup", std::string("it cannot be made: ") + error.what(),
+                      std::string("is there room in ") + Backups::path + "?");
+    }
+    setMarker(backups_, {"apply", stamp});
+    stamp_ = stamp;
+    report_.finding({Level::done, "backup", std::string(Backups::path) + "/" + stamp_,
+                     "to take the run back: torva-postfixctl rollback"});
+    throwIfSignalled();
+}
+
+void Apply::runTool() {
+    const Manifest before = backups_.find(stamp_).value().manifest;
+    const int progress = report_.json() ? STDERR_FILENO : STDOUT_FILENO;
+    const RunResult result = performRun(host_, before, progress, call_.request.emptyTables);
+    throwIfSignalled();
+    if (result.status != 0) {
+        throw Failure("run",
+                      "torva-postfix-setup ended with status " + std::to_string(result.status),
+                      "see its message above");
+    }
+    report_.findings(result.findings);
+}
+
+void Apply::verify() {
+    const Verdict verdict = [] {
+        const RunLock lock; // it makes directories, even when we are killed
+        return postfixCheck();
+    }();
+    throwIfSignalled();
+    if (verdict.status != 0) {
+        throw Failure("postfix-check", "failed: " + verdict.text, "correct it");
+    }
+    if (!verdict.text.empty()) {
+        report_.finding({Level::warning, "postfix-check", verdict.text, "correct it"});
+    }
+}
+
+void Apply::activate() {
+    if (!call_.request.reload) {
+        return;
+    }
+    const std::string failure = activation_->activate(fixedNow());
+    if (!failure.empty()) {
+        throw Failure("reload", "failed: " + failure, "see the mail log");
+    }
+    throwIfSignalled();
+}
+
+void Apply::finish() {
+    const Postfix after = askPostfix();
+    const Manifest manifest = backups_.find(stamp_).value().manifest;
+    backups_.keepLeftState(stamp_, captureState(after, manifest.paths));
+    ::sync();
+    clearMarker(backups_);
+    Findings findings;
+    findOutcome(after, readMasterCf(after), findings);
+    report_.findings(findings.all());
+    const bool isUp = call_.request.reload && activation_->wasRunning();
+    report_.finding({Level::done, "apply", "torva-postfix-setup has configured Postfix",
+                     isUp ? "" : activation_->command(fixedNow())});
+}
+
+/// What somebody else has changed meanwhile would be lost with the restoration: it is
+/// backed up.
+///
+/// \return whether there was something
+bool Apply::keepForeignChanges() {
+    try {
+        const Backup backup = backups_.find(stamp_).value();
+        const LeftState now = captureState(askPostfix(), backup.manifest.paths);
+        const auto changes = foreignChanges(backup.manifest, before_.value(), now);
+        if (changes.empty()) {
+            return false;
+        }
+        const std::string kept = backups_.take(manifestOf(
+            host_.postfix, "before taking back the apply of " + stamp_, backup.manifest.paths));
+        report_.finding({Level::warning, "backup",
+                         "somebody else changed " + changes.front().name +
+                             " meanwhile; what was there is backup " + kept,
+                         "torva-postfixctl rollback " + kept + ", or change it again"});
+        return true;
+    } catch (const std::exception&) {
+        return false; // the host may be unreadable half-way; the restoration matters more
+    }
+}
+
+void Apply::restoreBackup() {
+    const RunLock lock; // a killed run may have left a child at work
+    const Backup backup = backups_.find(stamp_).value();
+    const bool isForeign = keepForeignChanges();
+    restore(backups_, backup);
+    setScratchAside(backups_, backup);
+    if (masterProcess(host_.postfix) == 0) { // a running Postfix needs them
+        removeQueueDirectories(backup);
+    }
+    clearMarker(backups_);
+    if (!isForeign) {
+        backups_.remove(stamp_); // the host is its copy
+    }
+}
+
+/// The end of a failed apply, whatever ended it.
+int Apply::takeBack() {
+    ignoreSignals();
+    try {
+        if (stamp_.empty()) {
+            clearMarker(backups_);
+        } else {
+            restoreBackup();
+        }
+    } catch (const std::exception& error) {
+        report_.finding({Level::failed, "rollback",
+                         "the backup " + stamp_ + " could not be restored whole: " + error.what(),
+                         "make room, then torva-postfixctl rollback"});
+        return 2;
+    }
+    if (activation_ && activation_->tried()) {
+        const std::string failure = activation_->activate(fixedNow());
+        if (!failure.empty()) {
+            report_.finding(
+                {Level::failed, "reload", "failed: " + failure, activation_->command(fixedNow())});
+        }
+    }
+    report_.finding({Level::failed, "apply", "everything is as it was before",
+                     "remove the cause, then torva-postfixctl apply"});
+    return 1;
+}
+
+} // namespace
+
+int apply(Call& call) {
+    const HostLock lock = lockHost(patience);
+    const Marker marker = readMarker();
+    if (marker.isSet() && !marker.beforeAnyChange()) {
+        return 2; // told already
+    }
+    Host host;
+    call.report.findings(checkHost(call.programs, host).all());
+    if (call.report.stopped()) {
+        throw Failure("apply", "nothing was changed", "follow the lines above that say stop");
+    }
+    holdSignals();
+    return Apply(call, host).perform();
+}
+
+} // namespace torva::ctl

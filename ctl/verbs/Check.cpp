@@ -1,0 +1,53 @@
+#include "ctl/backup/Marker.h"
+#include "ctl/findings/HostFindings.h"
+#include "ctl/host/Program.h"
+#include "ctl/verbs/Failure.h"
+#include "ctl/verbs/Verbs.h"
+
+namespace torva::ctl {
+
+int check(Call& call) {
+    announceWaits();
+    Host host;
+    call.report.findings(checkHost(call.programs, host).all());
+    return call.report.stopped() ? 1 : 0;
+}
+
+namespace {
+
+/// Who is at work; nothing where the lock cannot be asked, which is told.
+std::string lockHolder(Report& report) {
+    try {
+        return HostLock::holder();
+    } catch (const std::exception& error) {
+        report.finding({Level::stop, "lock", error.what(), "see who made it"});
+        return std::string();
+    }
+}
+
+} // namespace
+
+void noteUnfinished(Report& report) {
+    const std::string holder = lockHolder(report);
+    const Marker marker = readMarker();
+    if (!holder.empty()) {
+        report.finding({Level::warning, "lock", holder + " is at work", "wait for its end"});
+    } else if (marker.isSet() && marker.beforeAnyChange()) {
+        report.finding({Level::warning, "unfinished", "apply was killed before it changed anything",
+                        "torva-postfixctl rollback, or apply"});
+    } else if (marker.isSet()) {
+        report.finding({Level::stop, "unfinished",
+                        marker.verb + " was killed half-way; its backup is " + marker.stamp,
+                        "torva-postfixctl rollback"});
+    }
+}
+
+HostLock lockHost(int patience) {
+    try {
+        return HostLock(patience);
+    } catch (const Locked& locked) {
+        throw Failure("lock", locked.what(), "wait for its end");
+    }
+}
+
+} // namespace torva::ctl

@@ -1,0 +1,61 @@
+#include "ctl/verbs/Describe.h"
+
+#include "ctl/backup/Directory.h"
+#include "ctl/host/Files.h"
+#include "ctl/host/TouchedPaths.h"
+
+namespace torva::ctl {
+
+namespace {
+
+/// The paths of all that is in a directory.
+void appendPresent(const std::string& directory, std::vector<std::string>& present) {
+    if (!exists(directory)) {
+        return;
+    }
+    for (const std::string& name : namesIn(openDirectory(resolved(directory)).get())) {
+        present.push_back(directory + "/" + name);
+    }
+}
+
+std::string lineFor(const Change& change) {
+    const std::string what = change.kind + " " + change.name;
+    std::string line;
+    if (!change.before.empty() || change.after.empty()) {
+        line += "- " + what + ": " + change.before + "\n";
+    }
+    if (!change.after.empty() || change.before.empty()) {
+        line += "+ " + what + ": " + change.after + "\n";
+    }
+    return line;
+}
+
+} // namespace
+
+Manifest manifestOf(const Postfix& postfix, const std::string& reason,
+                    const std::vector<std::string>& more) {
+    Manifest manifest;
+    manifest.reason = reason;
+    manifest.configuration = postfix.directory;
+    manifest.queue = postfix.queueDirectory();
+    manifest.configured = isConfigured(postfix, readMasterCf(postfix));
+    manifest.running = masterProcess(postfix) != 0;
+    manifest.paths = touchedPaths(postfix);
+    manifest.paths.insert(manifest.paths.end(), more.begin(), more.end());
+    manifest.paths = withoutNested(manifest.paths);
+    appendPresent(manifest.configuration, manifest.present);
+    appendPresent(manifest.queue, manifest.present);
+    return manifest;
+}
+
+void printChanges(Report& report, const std::vector<Change>& changes) {
+    for (const Change& change : changes) {
+        report.object({{"change", change.kind},
+                       {"name", change.name},
+                       {"before", change.before},
+                       {"after", change.after}},
+                      lineFor(change));
+    }
+}
+
+} // namespace torva::ctl

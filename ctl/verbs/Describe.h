@@ -1,0 +1,24 @@
+// What a backup tells about the host beside its files.
+#pragma once
+
+#include "ctl/backup/Changes.h"
+#include "ctl/backup/Manifest.h"
+#include "ctl/host/Host.h"
+#include "ctl/report/Report.h"
+
+#include <string>
+#include <vector>
+
+namespace torva::ctl {
+
+/// A manifest of this host, for Backups::take().
+///
+/// \param more  paths beside those that a run may touch
+/// \throws SystemError  a directory cannot be read
+Manifest manifestOf(const Postfix& postfix, const std::string& reason,
+                    const std::vector<std::string>& more = {});
+
+/// Prints changes, a line or an object each.
+void printChanges(Report& report, const std::vector<Change>& changes);
+
+} // namespace torva::ctl

@@ -1,0 +1,23 @@
+// The end of a verb before its time.
+#pragma once
+
+#include "ctl/report/Finding.h"
+
+#include <stdexcept>
+#include <string>
+
+namespace torva::ctl {
+
+/// What failed, why, and what to do: a finding of the level "failed".
+class Failure : public std::runtime_error {
+public:
+    Failure(const std::string& subject, const std::string& text, const std::string& advice)
+        : std::runtime_error(text), finding_{Level::failed, subject, text, advice} {}
+
+    const Finding& finding() const { return finding_; }
+
+private:
+    Finding finding_;
+};
+
+} // namespace torva::ctl

@@ -1,0 +1,11 @@
+// The texts of --help, for the whole and for each verb. Lines of at most 80 columns.
+#pragma once
+
+#include <string>
+
+namespace torva::ctl {
+
+/// \param verb  empty: all verbs
+std::string helpFor(const std::string& verb);
+
+} // namespace torva::ctl

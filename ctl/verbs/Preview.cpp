@@ -1,0 +1,129 @@
+#include "ctl/backup/Archive.h"
+#include "ctl/host/Files.h"
+#include "ctl/host/PrivateWorld.h"
+#include "ctl/host/Program.h"
+#include "ctl/host/TouchedPaths.h"
+#include "ctl/verbs/Failure.h"
+#include "ctl/verbs/Verbs.h"
+#include "torva/util/SystemError.h"
+
+#include <boost/filesystem/operations.hpp>
+
+#include <algorithm>
+#include <cerrno>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace torva::ctl {
+
+namespace {
+
+constexpr int refused = 1;
+
+/// Stops unless the directory to keep the files in is new or empty, and makes it.
+///
+/// \return its absolute path
+std::string prepareKept(const std::string& path) {
+    boost::system::error_code code;
+    const std::string absolute = boost::filesystem::absolute(path).string();
+    boost::filesystem::create_directories(absolute, code);
+    if (code || !boost::filesystem::is_empty(absolute, code) || code) {
+        throw Failure("preview", absolute + " is not empty, or cannot be made", "name another");
+    }
+    return absolute;
+}
+
+/// Takes the resulting files out of the private world: memory, which a child inherits.
+process::Descriptor openArchive() {
+    process::Descriptor archive(::memfd_create("torva-postfixctl", 0));
+    if (!archive) {
+        throwSystemError("memfd_create", errno);
+    }
+    return archive;
+}
+
+void appendWith(std::vector<std::string>& words, const std::string& path) {
+    words.emplace_back("--with");
+    words.push_back(path);
+}
+
+/// What a chroot on a copied tree would lack, and the panel's database, which answers
+/// through its socket.
+void appendNeeded(std::vector<std::string>& words, const OwnPrograms& programs) {
+    appendWith(words, programs.tool);
+    appendWith(words, programs.self);
+    if (exists("/run/mysqld")) {
+        appendWith(words, "/run/mysqld");
+    }
+    const std::vector<std::string> copied{"/etc/", "/var/", "/usr/", "/run/"};
+    for (const std::string& path : touchedPaths(askPostfix())) {
+        const bool isCopied =
+            std::any_of(copied.begin(), copied.end(), [&](const std::string& directory) {
+                return path.compare(0, directory.size(), directory) == 0;
+            });
+        if (!isCopied && boost::filesystem::is_regular_file(path)) {
+            appendWith(words, path);
+        }
+    }
+}
+
+std::vector<std::string> commandFor(const Call& call, int archive) {
+    const Request& request = call.request;
+    std::vector<std::string> words{call.programs.sandbox, "--or-chroot", "--loopback-only"};
+    appendNeeded(words, call.programs);
+    if (request.panelAccounts) {
+        words.emplace_back("--panel-accounts");
+    }
+    words.insert(words.end(), {"--", call.programs.self});
+    if (request.json) {
+        words.emplace_back("--json");
+    }
+    words.emplace_back("preview");
+    if (request.deliver) {
+        words.emplace_back("--deliver");
+    }
+    if (request.emptyTables) {
+        words.emplace_back("--empty-tables");
+    }
+    const HostNames names = namesOfHost();
+    words.insert(words.end(), {"--archive", std::to_string(archive), "--inside", names.node,
+                               names.full, names.addresses});
+    return words;
+}
+
+void keepFiles(int archive, const std::string& directory) {
+    if (::chdir(directory.c_str()) != 0) {
+        throwSystemError("chdir " + directory, errno);
+    }
+    unpackArchive(archive);
+}
+
+} // namespace
+
+int preview(Call& call) {
+    if (::access(call.programs.tool.c_str(), X_OK) != 0) {
+        complain("there is no " + call.programs.tool + ": build it, or install the package");
+        return refused;
+    }
+    try {
+        const std::string kept =
+            call.request.keep.empty() ? std::string() : prepareKept(call.request.keep);
+        const process::Descriptor archive = openArchive();
+        Program program;
+        program.words = commandFor(call, archive.get());
+        program.output = STDOUT_FILENO;
+        program.error = STDERR_FILENO;
+        const int status = exitStatus(run(program));
+        if (!kept.empty()) {
+            keepFiles(archive.get(), kept);
+        }
+        return status;
+    } catch (const Failure& failure) {
+        complain(failure.what());
+    } catch (const std::exception& error) {
+        complain(std::string("no preview: ") + error.what());
+    }
+    return refused;
+}
+
+} // namespace torva::ctl

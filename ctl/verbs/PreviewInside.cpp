@@ -1,0 +1,177 @@
+#include "ctl/backup/Archive.h"
+#include "ctl/backup/Backups.h"
+#include "ctl/findings/HostFindings.h"
+#include "ctl/host/Files.h"
+#include "ctl/host/PrivateWorld.h"
+#include "ctl/host/Program.h"
+#include "ctl/rehearsal/Rehearsal.h"
+#include "ctl/verbs/Describe.h"
+#include "ctl/verbs/Run.h"
+#include "ctl/verbs/Verbs.h"
+
+#include <boost/algorithm/string/trim.hpp>
+
+#include <cstdio>
+#include <grp.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace torva::ctl {
+
+namespace {
+
+/// The host in the private world before the run.
+struct Before {
+    Settings settings;
+    std::string masterCf;
+    Manifest manifest; ///< of a backup in the private world
+};
+
+Before lookBefore(const Host& host) {
+    Backups backups;
+    const std::string stamp = backups.take(manifestOf(host.postfix, "before preview"));
+    return {askSettings(host.postfix), readFile(host.postfix.masterCf()).value_or(""),
+            backups.find(stamp).value().manifest};
+}
+
+void showSettings(Report& report, const Settings& before, const Settings& after) {
+    report.heading("main.cf: settings that differ (postconf -n)");
+    Settings all = before;
+    all.insert(after.begin(), after.end());
+    for (const auto& one : all) {
+        const std::string& name = one.first;
+        const auto old = before.find(name);
+        const auto now = after.find(name);
+        const std::string oldValue = old == before.end() ? "" : old->second;
+        const std::string newValue = now == after.end() ? "" : now->second;
+        if (old != before.end() && now != after.end() && oldValue == newValue) {
+            continue;
+        }
+        std::string line;
+        if (old != before.end()) {
+            line += "- " + boost::algorithm::trim_right_copy(name + " = " + oldValue) + "\n";
+        }
+        if (now != after.end()) {
+            line += "+ " + boost::algorithm::trim_right_copy(name + " = " + newValue) + "\n";
+        }
+        report.object(
+            {{"change", "setting"}, {"name", name}, {"before", oldValue}, {"after", newValue}},
+            line);
+    }
+}
+
+void showMasterCf(Report& report, const Postfix& postfix, const std::string& before) {
+    report.heading("master.cf");
+    Program diff;
+    diff.words = {"diff", "-u", "--label", "before", "--label", "after", "-", postfix.masterCf()};
+    diff.input = before;
+    const ToolResult result = run(diff);
+    std::string text = result.output + result.error;
+    text.erase(text.find_last_not_of('\n') + 1);
+    report.object({{"change", "master.cf"}, {"diff", text}},
+                  (text.empty() ? "(no difference)" : text) + "\n");
+}
+
+/// The mode as ls(1) has it.
+std::string modeText(mode_t mode) {
+    std::string text(1, S_ISLNK(mode) ? 'l' : S_ISDIR(mode) ? 'd' : S_ISREG(mode) ? '-' : '?');
+    const char letters[] = "rwxrwxrwx";
+    for (int bit = 0; bit < 9; ++bit) {
+        text += (mode & (0400U >> bit)) != 0 ? letters[bit] : '-';
+    }
+    return text;
+}
+
+std::string ownerText(const Entry& entry) {
+    const passwd* user = ::getpwuid(entry.owner);
+    const group* group = ::getgrgid(entry.group);
+    return (user == nullptr ? std::to_string(entry.owner) : user->pw_name) + std::string(":") +
+           (group == nullptr ? std::to_string(entry.group) : group->gr_name);
+}
+
+void showFiles(Report& report, const Snapshot& before, const Snapshot& after) {
+    report.heading("files created or changed");
+    for (const auto& [path, entry] : after) {
+        const auto old = before.find(path);
+        const bool isNew = old == before.end() || !old->second.isThere();
+        if (!entry.isThere() || entry.isDirectory() ||
+            (!isNew && sameContents(old->second, entry))) {
+            continue;
+        }
+        const char* kind = isNew ? "created" : "changed";
+        char head[128];
+        std::snprintf(head, sizeof(head), "%-8s %s %-16s %9llu ", kind,
+                      modeText(entry.mode).c_str(), ownerText(entry).c_str(),
+                      static_cast<unsigned long long>(entry.size));
+        report.object({{"change", kind},
+                       {"mode", modeText(entry.mode)},
+                       {"owner", ownerText(entry)},
+                       {"bytes", static_cast<long long>(entry.size)},
+                       {"path", path}},
+                      head + path + "\n");
+    }
+}
+
+void showVerdict(Report& report) {
+    report.heading("postfix check, and what it does not see");
+    const Verdict verdict = postfixCheck();
+    report.object({{"change", "postfix-check"}, {"status", verdict.status}, {"text", verdict.text}},
+                  "exit status " + std::to_string(verdict.status) +
+                      (verdict.text.empty() ? "" : ": " + verdict.text) + "\n");
+}
+
+void showOutcome(Report& report, const Postfix& after) {
+    Findings findings;
+    findOutcome(after, readMasterCf(after), findings);
+    report.findings(findings.all());
+}
+
+void showDelivery(Report& report, const Postfix& after) {
+    report.heading("delivery");
+    report.findings(rehearse({after.directory, after.value("myhostname"), hasNamespaces()}));
+}
+
+HostNames namesIn(const std::vector<std::string>& texts) {
+    return {texts.at(0), texts.at(1), texts.at(2)};
+}
+
+} // namespace
+
+int previewInside(Call& call) {
+    if (!inPrivateWorld()) {
+        complain("--inside is for this program's own use");
+        return 1;
+    }
+    Report& report = call.report;
+    for (const std::string& missing : imitate(namesIn(call.request.inside))) {
+        complain(missing);
+    }
+    Host host = askHost(call.programs);
+    if (hasNamespaces()) {
+        coverRest(host.postfix);
+    }
+    const Before before = lookBefore(host);
+    report.heading("torva-postfix-setup");
+    const int progress = report.json() ? STDERR_FILENO : STDOUT_FILENO;
+    const RunResult result = performRun(host, before.manifest, progress, call.request.emptyTables);
+    report.findings(result.findings);
+    const Postfix after = askPostfix();
+    showSettings(report, before.settings, askSettings(after));
+    showMasterCf(report, after, before.masterCf);
+    showFiles(report, before.manifest.entries, describe(before.manifest.paths));
+    showVerdict(report);
+    showOutcome(report, after);
+    if (call.request.deliver) {
+        showDelivery(report, after);
+    }
+    if (call.request.archive >= 0) {
+        writeArchive(call.request.archive, before.manifest.paths);
+    }
+    report.object({{"change", "exit"}, {"status", result.status}},
+                  "\n=== exit status of torva-postfix-setup: " + std::to_string(result.status) +
+                      "\n");
+    return result.status;
+}
+
+} // namespace torva::ctl

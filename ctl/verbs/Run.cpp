@@ -1,0 +1,222 @@
+#include "ctl/verbs/Run.h"
+
+#include "ctl/backup/Lock.h"
+#include "ctl/host/Files.h"
+#include "ctl/host/Program.h"
+#include "ctl/host/Records.h"
+#include "ctl/host/Shelter.h"
+#include "torva/util/SystemError.h"
+
+#include <boost/algorithm/string/join.hpp>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+#include <fcntl.h>
+#include <set>
+#include <sstream>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+namespace torva::ctl {
+
+using process::Descriptor;
+
+namespace {
+
+constexpr std::time_t changeWindow = 5; ///< in seconds
+
+void requireSuccess(int result, const std::string& operation) {
+    if (result != 0) {
+        throwSystemError(operation, errno);
+    }
+}
+
+/// Supplies a last newline, without which postconf -e glues the next setting to the
+/// last, and makes the file old enough that Postfix does not wait for it.
+void prepareMainCf(const Postfix& postfix) {
+    const std::string path = postfix.mainCf();
+    const std::optional<std::string> text = readFile(path);
+    if (!text) {
+        return; // the run makes it
+    }
+    const bool isCut = !text->empty() && text->back() != '\n';
+    struct stat status {};
+    requireSuccess(::stat(path.c_str(), &status), "stat " + path);
+    const bool isYoung = status.st_mtim.tv_sec > std::time(nullptr) - changeWindow;
+    if (isCut || isYoung) {
+        // A copy, even for the time alone: another name of the file keeps what it has.
+        replaceText(path, *text + (isCut ? "\n" : ""));
+    }
+    if (isYoung) {
+        const timespec times[2] = {{0, UTIME_OMIT}, {std::time(nullptr) - 2 * changeWindow, 0}};
+        requireSuccess(::utimensat(AT_FDCWD, path.c_str(), times, 0), "utimensat " + path);
+    }
+}
+
+/// Makes a reader that leaves no reason for the tool to end half-way, by what a child
+/// inherits.
+class NoBrokenPipe {
+public:
+    NoBrokenPipe() : previous_(std::signal(SIGPIPE, SIG_IGN)) {}
+    ~NoBrokenPipe() { std::signal(SIGPIPE, previous_); }
+    NoBrokenPipe(const NoBrokenPipe&) = delete;
+    NoBrokenPipe& operator=(const NoBrokenPipe&) = delete;
+
+private:
+    void (*previous_)(int);
+};
+
+int runTool(const std::string& tool, int progress) {
+    const NoBrokenPipe noBrokenPipe;
+    const Descriptor nothing = process::openNullDevice(O_WRONLY, "open /dev/null");
+    ::setenv("TORVA_INSTALLER_DEBUG", "1", 1);
+    Program program;
+    program.words = {tool};
+    program.output = nothing.get();
+    program.error = progress;
+    return exitStatus(run(program));
+}
+
+/// Gives a file that was a link its place back: the text goes where the link leads.
+void restoreLink(const std::string& path, const Entry& link) {
+    const std::string text = readFile(path).value_or("");
+    const std::string scratch = path + ".torva-new";
+    ::unlink(scratch.c_str());
+    requireSuccess(::symlink(link.target.c_str(), scratch.c_str()), "symlink " + scratch);
+    requireSuccess(::lchown(scratch.c_str(), link.owner, link.group), "lchown " + scratch);
+    replaceText(resolved(scratch), text);
+    requireSuccess(std::rename(scratch.c_str(), path.c_str()), "rename " + scratch);
+}
+
+/// Mode, owner and attributes as they were; postconf leaves a file of its own making.
+void restoreAttributes(const std::string& path, const Entry& before) {
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!file) {
+        throwSystemError("open " + path, errno);
+    }
+    requireSuccess(::fchown(file.get(), before.owner, before.group), "fchown " + path);
+    requireSuccess(::fchmod(file.get(), before.mode & 07777), "fchmod " + path);
+    for (const auto& [name, value] : before.attributes) {
+        requireSuccess(::fsetxattr(file.get(), name.c_str(), value.data(), value.size(), 0),
+                       "fsetxattr " + path);
+    }
+}
+
+void settle(const std::string& path, const Snapshot& before) {
+    const auto entry = before.find(path);
+    struct stat status {};
+    if (entry == before.end() || ::lstat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        return;
+    }
+    if (entry->second.isLink()) {
+        restoreLink(path, entry->second);
+    } else if (entry->second.isFile()) {
+        restoreAttributes(path, entry->second);
+    }
+}
+
+/// Comments out the entry "pickup unix" beside the run's "pickup fifo": with both, mail
+/// that waits while Postfix starts is picked up twice.
+std::string withOnePickup(const std::string& masterCf, std::vector<Finding>& findings) {
+    MasterCfText text(masterCf);
+    bool hasFifo = false;
+    for (const MasterCfTextEntry& entry : text.entries()) {
+        hasFifo = hasFifo || entry.key() == "pickup/fifo";
+    }
+    for (const MasterCfTextEntry& entry : text.entries()) {
+        if (hasFifo && entry.key() == "pickup/unix") {
+            text.commentOut(entry, "#");
+            findings.push_back({Level::done, "pickup",
+                                "pickup/unix is commented out: the run adds pickup/fifo, and with "
+                                "both, mail would be picked up twice",
+                                ""});
+        }
+    }
+    return text.text();
+}
+
+void shelterServices(const Postfix& postfix, const Sheltered& sheltered) {
+    if (!sheltered.keys.empty()) {
+        replaceText(postfix.masterCf(), sheltered.text);
+    }
+}
+
+void restoreServices(const Postfix& postfix, const Sheltered& sheltered,
+                     std::vector<Finding>& findings) {
+    const std::string now = readFile(postfix.masterCf()).value_or("");
+    std::vector<std::string> replaced;
+    const std::string whole = withOnePickup(unshelter(now, sheltered, replaced), findings);
+    if (whole != now) {
+        replaceText(postfix.masterCf(), whole);
+    }
+    if (!replaced.empty()) {
+        findings.push_back({Level::warning, "master.cf",
+                            boost::algorithm::join(replaced, " ") +
+                                ": replaced by the run; the entry that was there is a comment now",
+                            "move its options to the new entry where they are still needed"});
+    }
+}
+
+void putRecordsBack(const RecordsByTable& before, std::vector<Finding>& findings) {
+    const RecordsByTable missing = missingRecords(before, readRecords());
+    const std::vector<std::string> refused = putBack(missing);
+    const std::string counted = countedRecords(missing);
+    if (!counted.empty()) {
+        findings.push_back(
+            {Level::done, "records", "put back what the run dropped: " + counted, ""});
+    }
+    if (!refused.empty()) {
+        findings.push_back(
+            {Level::warning, "records",
+             "not put back, for white space in the key: " + boost::algorithm::join(refused, ", "),
+             "have the panel write these again"});
+    }
+}
+
+} // namespace
+
+RunResult performRun(const Host& host, const Manifest& before, int progress, bool emptyTables) {
+    const Postfix& postfix = host.postfix;
+    RunResult result;
+    const RunLock lock; // inherited by all that changes files, even when we are killed
+    prepareMainCf(postfix);
+    const Sheltered sheltered = shelter(readFile(postfix.masterCf()).value_or(""));
+    shelterServices(postfix, sheltered);
+    const RecordsByTable records = emptyTables ? RecordsByTable() : readRecords();
+    result.status = runTool(host.programs.tool, progress);
+    restoreServices(postfix, sheltered, result.findings);
+    const std::string directory = resolved(postfix.directory);
+    settle(directory + "/main.cf", before.entries);
+    settle(directory + "/master.cf", before.entries);
+    if (result.status == 0) {
+        putRecordsBack(records, result.findings);
+    }
+    return result;
+}
+
+Verdict postfixCheck() {
+    // It tells to terminals only what it finds; script(1) is one.
+    const bool hasTerminals = exists("/dev/ptmx");
+    const ToolResult result = hasTerminals
+                                  ? run({"script", "-qec", "/usr/sbin/postfix check", "/dev/null"})
+                                  : run({"/usr/sbin/postfix", "check"});
+    Verdict verdict;
+    verdict.status = exitStatus(result);
+    std::istringstream lines(result.output + result.error);
+    std::string line;
+    std::set<std::string> seen;
+    while (std::getline(lines, line)) {
+        if (!line.empty() && line.back() == '\r') {
+            line.pop_back();
+        }
+        if (!line.empty() && seen.insert(line).second) {
+            verdict.text += (verdict.text.empty() ? "" : "\n") + line;
+        }
+    }
+    return verdict;
+}
+
+} // namespace torva::ctl

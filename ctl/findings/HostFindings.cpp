@@ -28,6 +28,12 @@ bool findReadable(const Host& host, Findings& findings) {
                       "correct it; nothing else was looked at");
         return false;
     }
+    if (!host.mapTypesFailure.empty()) {
+        // What this tool dies of, the others die of, too.
+        findings.stop("main.cf", "Postfix's programs end with: " + host.mapTypesFailure,
+                      "correct it; nothing else was looked at");
+        return false;
+    }
     if (!host.masterFailure.empty()) {
         findings.stop("master.cf", "Postfix does not read it: " + host.masterFailure,
                       "correct it; nothing else was looked at");

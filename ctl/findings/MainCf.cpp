@@ -90,9 +90,6 @@ bool isReadableFile(const std::string& path) {
 
 void findAliases(const Host& host, Findings& findings) {
     for (const AliasDatabase& database : aliasDatabases(host.postfix)) {
-        if (!host.mapTypesFailure.empty()) {
-            continue; // told already
-        }
         if (!isReadableFile(database.path)) {
             findings.stop("aliases", database.path + " is no file: the run would wait for it",
                           "make it a file, or take it out of alias_maps and alias_database");

@@ -23,11 +23,6 @@ bool holds(const std::vector<std::string>& list, const std::string& element) {
 }
 
 void findMapTypes(const Host& host, Findings& findings) {
-    if (!host.mapTypesFailure.empty()) {
-        findings.stop("map-type", "postconf -m fails: " + host.mapTypesFailure,
-                      "correct its cause");
-        return;
-    }
     if (!holds(host.mapTypes, "hash")) {
         findings.stop("map-type", "hash is not in postconf -m",
                       "install a Postfix with Berkeley DB");

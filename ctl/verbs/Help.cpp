@@ -39,7 +39,7 @@ change, and exits with its exit status.
   --deliver         starts Postfix in the copy, sends four messages, and tells
                     what became of them
   --empty-tables    as the option of apply
-  --panel-accounts  for a machine without the panel: as if its accounts were there
+  --panel-accounts  for a machine without the panel: as if its accounts existed
 )";
 
 const char apply[] = R"(usage: torva-postfixctl [--json] apply [OPTION...]

@@ -1,0 +1,326 @@
+"""Hosts as they are found: odd lists, services that the program does not take, tools that
+die, full and read-only file systems, hard links, many services, odd surroundings."""
+
+import os
+import subprocess
+from pathlib import Path
+
+import ctlworld
+import pairs
+from ctlworld import (BACKUPS, CTL, MAIN_CF, MASTER_CF, POSTFIX, TABLES, CtlTest, ctl, postconf, program, remove, run,
+                      tree, write)
+
+
+def add(path, text):
+    write(path, Path(path).read_bytes() + text.encode())
+
+
+class FindingsTest(CtlTest):
+    def setUp(self):
+        super().setUp()
+        ctlworld.make_good_host()
+
+    def found(self, subject):
+        return [f for f in ctl("check", "--json").findings("warning", "stop") if f["subject"] == subject]
+
+    def carry_out(self, subject):
+        """Does what the finding advises; the finding is gone then."""
+        findings = self.found(subject)
+        self.assertEqual(len(findings), 1, findings)
+        run("sh", "-c", findings[0]["action"].split(", or ")[0])
+        self.assertEqual(self.found(subject), [])
+        return findings[0]
+
+    def test_mail_to_root_after_a_run(self):
+        pairs.both(pairs.MAIN, pairs.SMTP + pairs.SERVICES)
+        finding = self.carry_out("mydestination")
+        self.assertIn("root@, postmaster@ and mailer-daemon@mail.example.net", finding["text"])
+        self.assertEqual(postconf("-h", "mydestination").strip(),
+                         "$myhostname, localhost.example.net, localhost, localhost.localdomain")
+        self.assertStatus(0, ctl("apply"))
+        self.assertEqual(self.found("mydestination"), [])
+
+    def test_advice_for_a_hard_link(self):
+        os.link(MAIN_CF, POSTFIX / "main.cf.other")
+        self.assertIn("2 names", self.carry_out("main.cf")["text"])
+
+    def test_advice_for_a_missing_index(self):
+        write("/etc/postfix/virtual", "a@example.com b@example.com\n")
+        add(MAIN_CF, "virtual_alias_maps = hash:/etc/postfix/virtual\n")
+        self.carry_out("map")
+
+    def test_advice_for_a_private_inet_service(self):
+        add(MASTER_CF, "587 inet - - y - - smtpd\n")
+        self.carry_out("service")
+
+    def test_advice_for_one_endpoint_names_the_operators_entry(self):
+        add(MASTER_CF, "25 inet n - y - - smtpd\n")
+        self.assertEqual(self.carry_out("service")["action"], "postconf -MX 25/inet")
+
+    def test_advice_for_a_missing_newline(self):
+        write(MAIN_CF, MAIN_CF.read_bytes() + b"relayhost =")
+        finding = self.found("main.cf")[0]
+        run("sh", "-c", finding["action"].split("else: ")[1])
+        self.assertEqual(self.found("main.cf"), [])
+
+    def test_advice_for_a_wrong_daemon_directory_is_one_finding(self):
+        add(MAIN_CF, "daemon_directory = /no/such/directory\n")
+        finding = self.found("service")
+        self.assertEqual(len(finding), 1, finding)
+        run("postconf", "-X", "daemon_directory")
+        self.assertEqual(self.found("service"), [])
+
+    def test_tables_that_postmap_does_not_build_and_those_of_postfix(self):
+        add(MAIN_CF, "smtpd_client_restrictions = check_client_access cidr:/etc/no.cidr\n"
+            "address_verify_map = btree:$data_directory/verify_cache\n")
+        finding = self.found("map")
+        self.assertEqual(len(finding), 1, finding)
+        self.assertNotIn("postmap", finding[0]["action"])
+
+    def test_tool_that_dies_is_one_finding_with_its_words(self):
+        for line, words in (("myorigin = /etc/no-mailname\n", "/etc/no-mailname"),
+                            ("setgid_group =\n", "setgid_group"), ("default_privs = nobody-here\n", "nobody-here")):
+            with self.subTest(line):
+                kept = MAIN_CF.read_bytes()
+                add(MAIN_CF, line)
+                findings = ctl("check", "--json").findings("warning", "stop")
+                troubled = [f for f in findings if f["subject"] not in ("database",)]
+                self.assertEqual(len(troubled), 1, troubled)
+                self.assertEqual(troubled[0]["subject"], "main.cf")
+                self.assertIn(words, troubled[0]["text"])
+                write(MAIN_CF, kept)
+
+    def test_master_cf_that_postfix_refuses_is_told_in_its_words(self):
+        add(MASTER_CF, "a unix - - y\n")
+        before = tree()
+        finding = self.found("master.cf")
+        self.assertIn("bad field count", finding[0]["text"])
+        self.assertStatus(1, ctl("apply"))
+        self.assertSame(before, "stopped")
+
+
+class ShelterTest(CtlTest):
+    LINES = [
+        "[::1]:587 inet n - y - - smtpd\n  -o syslog_name=six\n",
+        "SMTPS inet n - y - - smtpd -o smtpd_tls_wrappermode=yes\n",
+        "a@b+c unix - - y - - smtp\n",
+        "dir/name unix - - y - - smtp\n",
+        "behind unix - - y - - smtp # comment\n",
+        "options unix - - y - - smtp\n  -o a=b # comment\n# between\n  -o c=d\n",
+        "bytes unix - - y - - smtp -o syslog_name=caf\u00e9\n",
+        "sub pass - - y - - smtpd\n",
+        "postlog2 unix-dgram n - n - 1 postlogd\n",
+    ]
+
+    def test_comes_back_in_place_byte_for_byte(self):
+        write(MASTER_CF, "# head\n" + pairs.SMTP + "".join(
+            line + service + "\n" for line, service in zip(self.LINES, pairs.SERVICES.splitlines())) +
+            "\n".join(pairs.SERVICES.splitlines()[len(self.LINES):]) + "\n" + pairs.POSTLOG)
+        before = tree()
+        text = MASTER_CF.read_text()
+        self.assertStatus(0, ctl("check"))
+        self.assertStatus(0, ctl("apply"))
+        after = MASTER_CF.read_text()
+        self.assertNotIn("sheltered by", after)
+        # Line by line but for what the run replaces and for the old pickup.
+        kept = [line for line in text.splitlines() if not line.startswith(("smtp      inet", "pickup"))]
+        self.assertEqual([line for line in after.splitlines() if line in kept], kept)
+        self.assertStatus(0, ctl("rollback"))
+        self.assertSame(before, "after rollback")
+
+    def test_limits_beyond_32_bits(self):
+        add(MASTER_CF, "big unix - - y 4294967296 9999999999 smtp\n")
+        if subprocess.run(["postconf", "-M"], stdout=subprocess.DEVNULL).returncode != 0:
+            self.skipTest("this Postfix refuses them, too")
+        self.assertStatus(0, ctl("apply"))
+        self.assertIn("big unix - - y 4294967296 9999999999 smtp\n", MASTER_CF.read_text())
+
+    def test_entry_that_the_run_replaces_stays_as_a_comment(self):
+        write(MASTER_CF, MASTER_CF.read_text().replace("       smtpd\n", "       smtpd -o syslog_name=\u00e9\n", 1))
+        line = next(line for line in MASTER_CF.read_text().splitlines() if "\u00e9" in line)
+        outcome = self.assertStatus(0, ctl("apply", "--json"))
+        self.assertIn("#" + line, MASTER_CF.read_text().splitlines())
+        self.assertIn("smtp/inet: replaced by the run", " ".join(f["text"] for f in outcome.findings("warning")))
+
+    def test_entry_that_the_run_would_only_add_stays(self):
+        write(MASTER_CF, MASTER_CF.read_text().replace(" tlsmgr\n", " tlsmgr # mine\n"))
+        self.assertStatus(0, ctl("apply"))
+        lines = [line for line in MASTER_CF.read_text().splitlines() if line.startswith("tlsmgr")]
+        self.assertEqual(len(lines), 1, lines)
+        self.assertTrue(lines[0].endswith("# mine"))
+
+
+class PrivateCopyTest(CtlTest):
+    def setUp(self):
+        super().setUp()
+        run("mount", "-t", "tmpfs", "none", "/home")
+        self.addCleanup(run, "umount", "/home")
+        write("/home/list/aliases", "list: somebody\n")
+
+    def home(self):
+        return sorted((str(path), path.lstat().st_mtime_ns) for path in Path("/home").rglob("*"))
+
+    def test_preview_writes_nothing_on_another_file_system(self):
+        for value in ("hash:/etc/aliases hash:/home/list/aliases", "hash:/etc/aliases,hash:/home/list/aliases",
+                      "$alias_database", "hash:/home/list/aliases"):
+            with self.subTest(value):
+                database = "hash:/home/list/aliases" if "$" in value else "hash:/etc/aliases"
+                run("postconf", "-e", f"alias_maps = {value}", f"alias_database = {database}")
+                before = self.home(), tree()
+                self.assertIn("exit status of torva-postfix-setup", ctl("preview").out)
+                self.assertEqual(before[0], self.home())
+                self.assertSame(before[1], "after preview")
+
+    def test_tool_that_writes_elsewhere_gets_an_error(self):
+        program(ctlworld.TOOL, "#!/bin/sh\necho x >/home/written && exit 3\nexit 0\n")
+        self.assertStatus(0, ctl("preview"))
+        self.assertFalse(Path("/home/written").exists())
+
+    def test_what_the_run_builds_elsewhere_is_taken_back(self):
+        run("postconf", "-e", "alias_maps = hash:/etc/aliases hash:/home/list/aliases")
+        home, before = [path for path, _ in self.home()], tree()
+        self.assertStatus(0, ctl("apply"))
+        self.assertIn("/home/list/aliases.db", [path for path, _ in self.home()])
+        self.assertStatus(0, ctl("rollback"))
+        self.assertEqual(home, [path for path, _ in self.home()])
+        self.assertSame(before, "after rollback")
+
+    def test_fifo_among_the_files_blocks_nothing(self):
+        TABLES.mkdir()
+        os.mkfifo(TABLES / "fifo", 0o600)
+        os.mkfifo("/home/list/fifo")
+        run("postconf", "-e", "alias_maps = hash:/home/list/fifo")
+        before = tree()
+        outcome = self.assertStatus(1, ctl("check", "--json", timeout=60))
+        self.assertIn("/home/list/fifo is no file", outcome.findings("stop")[0]["text"])
+        run("postconf", "-e", "alias_maps = hash:/etc/aliases")
+        before = tree()
+        self.assertStatus(0, ctl("apply", timeout=60))
+        self.assertStatus(0, ctl("rollback", timeout=60))
+        self.assertSame(before, "after rollback")
+
+
+class RoomTest(CtlTest):
+    def test_check_tells_what_is_free(self):
+        told = [f["text"] for f in ctl("check", "--json").findings("ok") if f["subject"] == "room"]
+        self.assertRegex(told[0], r"/var/backups/torva-postfix: \d+ MB, \d+ inodes; .*/etc/postfix: \d+ MB")
+
+    def test_too_little_room_is_told(self):
+        BACKUPS.mkdir(parents=True)
+        run("mount", "-t", "tmpfs", "-o", "size=64k,mode=700", "none", BACKUPS)
+        self.addCleanup(run, "umount", BACKUPS)
+        outcome = self.assertStatus(1, ctl("check", "--json"))
+        self.assertEqual([f["subject"] for f in outcome.findings("stop")], ["room"])
+
+    def test_metadata_is_restored_when_the_disk_is_full(self):
+        run("sh", "-c", "cp -a /etc/postfix /run/etc-copy && mount -t tmpfs -o size=2m none /etc/postfix &&"
+            " cp -a /run/etc-copy/. /etc/postfix/")
+        self.addCleanup(remove, "/run/etc-copy")
+        self.addCleanup(run, "umount", "/etc/postfix")
+        before = tree()
+        self.assertStatus(0, ctl("apply"))
+        for name in ("main.cf", "master.cf"):
+            write(POSTFIX / name, Path("/run/etc-copy", name).read_bytes(), 0o600)
+        run("sh", "-c", "cat /dev/zero >/etc/postfix/filler; :")
+        self.assertStatus(0, ctl("rollback", "--force"))
+        remove("/etc/postfix/filler")
+        self.assertSame(before, "after rollback")
+
+    def test_other_names_of_a_file_keep_what_they_have(self):
+        text = MAIN_CF.read_bytes() + b"relayhost ="
+        write(MAIN_CF, text)
+        other = POSTFIX / "main.cf.other"
+        os.link(MAIN_CF, other)
+        os.link(MASTER_CF, POSTFIX / "master.cf.other")
+        kept = (other.stat().st_mtime_ns, (POSTFIX / "master.cf.other").read_bytes())
+        self.assertStatus(0, ctl("apply"))
+        self.assertEqual(other.read_bytes(), text)
+        self.assertEqual((other.stat().st_mtime_ns, (POSTFIX / "master.cf.other").read_bytes()), kept)
+        self.assertStatus(0, ctl("rollback"))
+        self.assertEqual(MAIN_CF.read_bytes(), text)
+
+
+class SurroundingsTest(CtlTest):
+    def test_check_of_three_thousand_services_ends(self):
+        add(MASTER_CF, "".join(f"svc{number} unix - - y - - smtp\n" for number in range(3000)))
+        self.assertStatus(0, ctl("check", timeout=120)) # one postconf for each would take an hour
+
+    def test_asks_postfix_about_services_once(self):
+        real = Path("/usr/sbin/postconf.real")
+        os.rename("/usr/sbin/postconf", real)
+        self.addCleanup(os.rename, real, "/usr/sbin/postconf")
+        program("/usr/sbin/postconf", f'#!/bin/sh\necho "$@" >>/run/asked\nexec {real} "$@"\n')
+        self.addCleanup(remove, "/run/asked")
+        self.assertStatus(0, ctl("check"))
+        asked = Path("/run/asked").read_text().splitlines()
+        whole = [line for line in asked if not line.startswith(("-c ", "-d", "-m"))]
+        self.assertEqual(whole, ["-M"])
+
+    def test_tells_what_it_waits_for(self):
+        real = Path("/usr/sbin/postconf.real")
+        os.rename("/usr/sbin/postconf", real)
+        self.addCleanup(os.rename, real, "/usr/sbin/postconf")
+        program("/usr/sbin/postconf", f'#!/bin/sh\ntest "$1" != -M || sleep 1.5\nexec {real} "$@"\n')
+        outcome = self.assertStatus(0, ctl("check"))
+        self.assertIn("waiting for /usr/sbin/postconf -M\n", outcome.err)
+
+    def test_lines_fit_on_80_columns(self):
+        for words in (["check"], ["--help"], *([verb, "--help"] for verb in
+                      ("check", "preview", "apply", "diff", "rollback", "backups"))):
+            for line in ctl(*words).out.splitlines():
+                self.assertTrue(len(line) <= 80 or " " not in line.strip(), line)
+
+    def test_unset_home_other_umask_and_locale_and_mail_config(self):
+        before = tree()
+        odd = ["env", "-i", "LC_ALL=de_DE.UTF-8", "COLUMNS=40", "sh", "-c", "umask 077; exec \"$@\"", "sh"]
+        self.assertStatus(0, ctl("apply", argv=odd))
+        self.assertEqual(oct((TABLES / "virtual.db").stat().st_mode & 0o777), oct(0o644))
+        self.assertStatus(0, ctl("rollback", argv=odd))
+        self.assertSame(before, "after rollback")
+
+    def test_mail_config_names_another_directory(self):
+        run("cp", "-a", "/etc/postfix", "/etc/postfix-other")
+        self.addCleanup(remove, "/etc/postfix-other")
+        run("postconf", "-e", "alternate_config_directories = /etc/postfix-other")
+        other = ["env", "MAIL_CONFIG=/etc/postfix-other"]
+        write("/etc/postfix-other/main.cf", Path("/etc/postfix-other/main.cf").read_text() + "broken\n")
+        outcome = self.assertStatus(1, ctl("check", "--json", argv=other))
+        self.assertIn("/etc/postfix-other/main.cf", outcome.findings("stop")[0]["text"])
+
+    def test_hostile_lock_directory_is_refused_and_a_fifo_blocks_nothing(self):
+        directory = Path("/run/lock/torva-postfix")
+        victim = Path("/run/victim")
+        victim.write_text("mine\n")
+        self.addCleanup(remove, victim)
+
+        def link():
+            directory.mkdir(mode=0o755)
+            os.symlink(victim, directory / "lock")
+
+        def fifo():
+            directory.mkdir(mode=0o700)
+            os.mkfifo(directory / "lock")
+
+        def wide():
+            directory.mkdir()
+            directory.chmod(0o777)
+
+        def linked():
+            os.symlink("/run/elsewhere", directory)
+
+        for prepare in (link, fifo, wide, linked):
+            with self.subTest(prepare.__name__):
+                remove(directory)
+                prepare()
+                before = tree()
+                self.assertStatus(1, ctl("apply", timeout=60))
+                self.assertEqual(victim.read_text(), "mine\n")
+                self.assertSame(before, prepare.__name__)
+        remove(directory)
+        directory.mkdir(mode=0o755)
+        self.assertStatus(0, ctl("apply"))
+        self.assertEqual(oct(directory.stat().st_mode & 0o777), oct(0o700))
+
+
+if __name__ == "__main__":
+    ctlworld.main()

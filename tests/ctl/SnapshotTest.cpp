@@ -1,0 +1,151 @@
+#include "ctl/backup/Archive.h"
+#include "ctl/backup/Directory.h"
+#include "ctl/backup/Manifest.h"
+#include "ctl/backup/Replacement.h"
+#include "ctl/host/Files.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace torva::ctl {
+namespace {
+
+class SnapshotTest : public testing::Test {
+protected:
+    SnapshotTest() {
+        char name[] = "/tmp/snapshot-test.XXXXXX";
+        top_ = resolved(::mkdtemp(name));
+    }
+    ~SnapshotTest() override { removeAll(openDirectory("/tmp").get(), nameOf(top_)); }
+
+    std::string path(const std::string& name) const { return top_ + "/" + name; }
+
+    void write(const std::string& name, const std::string& text) const {
+        std::ofstream(path(name)) << text;
+    }
+
+    /// A tree with one of everything that root is not needed for.
+    std::string makeTree() const {
+        ::mkdir(path("tree").c_str(), 0750);
+        write("tree/file", std::string(200000, 'x'));
+        write("tree/empty", "");
+        write("tree/a name\nof two lines", "text");
+        ::mkdir(path("tree/inner").c_str(), 0700);
+        write("tree/inner/file", "inside");
+        EXPECT_EQ(::symlink("no such file", path("tree/link").c_str()), 0);
+        EXPECT_EQ(::mkfifo(path("tree/fifo").c_str(), 0600), 0);
+        EXPECT_EQ(::chmod(path("tree/file").c_str(), 0640), 0);
+        return path("tree");
+    }
+
+    std::string top_;
+};
+
+TEST_F(SnapshotTest, WhatIsNotThereIsInIt) {
+    const Snapshot snapshot = describe({path("nothing"), path("no/directory")});
+    EXPECT_EQ(snapshot.size(), 2U);
+    EXPECT_FALSE(snapshot.at(path("nothing")).isThere());
+}
+
+TEST_F(SnapshotTest, EveryKindOfChangeIsSeen) {
+    const std::string tree = makeTree();
+    const Snapshot before = describe({tree});
+    EXPECT_TRUE(sameSnapshot(before, describe({tree})));
+    ::chmod(path("tree/empty").c_str(), 0600);
+    EXPECT_FALSE(sameSnapshot(before, describe({tree})));
+    const Snapshot later = describe({tree});
+    write("tree/inner/file", "INSIDE");
+    EXPECT_FALSE(sameSnapshot(later, describe({tree})));
+}
+
+TEST_F(SnapshotTest, ManifestKeepsIt) {
+    Manifest manifest;
+    manifest.reason = "before \xff";
+    manifest.paths = {makeTree()};
+    manifest.entries = describe(manifest.paths);
+    const Manifest read = parseManifest(textOf(manifest));
+    EXPECT_EQ(read.reason, manifest.reason);
+    EXPECT_EQ(read.paths, manifest.paths);
+    EXPECT_TRUE(sameSnapshot(read.entries, manifest.entries));
+}
+
+TEST_F(SnapshotTest, ReplacementBringsBackWhatTheArchiveHolds) {
+    const std::string tree = makeTree();
+    const process::Descriptor archive(::memfd_create("archive", MFD_CLOEXEC));
+    const Snapshot before = writeArchive(archive.get(), {tree});
+    EXPECT_TRUE(sameSnapshot(before, describe({tree})));
+    write("tree/file", "changed");
+    write("tree/new", "new");
+    ::unlink(path("tree/link").c_str());
+
+    Replacement replacement(tree, before);
+    readArchive(archive.get(), [&](const std::string& file) {
+        return replacement.holds(file) ? replacement.contentsOf(file) : ContentsConsumer();
+    });
+    replacement.complete();
+    replacement.moveIntoPlace();
+    EXPECT_TRUE(sameSnapshot(before, describe({tree})));
+    EXPECT_EQ(namesIn(openDirectory(top_).get()).size(), 1U);
+}
+
+TEST_F(SnapshotTest, ReplacementThatIsNotMovedLeavesNothing) {
+    const std::string tree = makeTree();
+    const Snapshot before = describe({tree});
+    { const Replacement replacement(tree, before); }
+    EXPECT_TRUE(sameSnapshot(before, describe({tree})));
+    EXPECT_EQ(namesIn(openDirectory(top_).get()).size(), 1U);
+}
+
+TEST_F(SnapshotTest, MetadataAloneIsCorrectedInTheVeryFile) {
+    write("file", "text");
+    const Snapshot before = describe({path("file")});
+    ::chmod(path("file").c_str(), 0600);
+    struct stat status {};
+    ::stat(path("file").c_str(), &status);
+    const Snapshot now = describe({path("file")});
+    EXPECT_TRUE(correctInPlace(path("file"), now.at(path("file")), before.at(path("file"))));
+    struct stat after {};
+    ::stat(path("file").c_str(), &after);
+    EXPECT_EQ(status.st_ino, after.st_ino);
+    EXPECT_TRUE(sameSnapshot(before, describe({path("file")})));
+}
+
+TEST_F(SnapshotTest, FileWithAnotherNameIsNotCorrectedInPlace) {
+    write("file", "text");
+    const Snapshot before = describe({path("file")});
+    ::chmod(path("file").c_str(), 0600);
+    EXPECT_EQ(::link(path("file").c_str(), path("other").c_str()), 0);
+    const Snapshot now = describe({path("file")});
+    EXPECT_FALSE(correctInPlace(path("file"), now.at(path("file")), before.at(path("file"))));
+    EXPECT_TRUE(sameSnapshot(now, describe({path("file")})));
+}
+
+TEST_F(SnapshotTest, OwnDirectoryIsMadeTightenedOrRefused) {
+    openOwnDirectory(path("own"));
+    EXPECT_EQ(describe({path("own")}).at(path("own")).mode & 07777, 0700U);
+    ::chmod(path("own").c_str(), 0755);
+    openOwnDirectory(path("own"));
+    EXPECT_EQ(describe({path("own")}).at(path("own")).mode & 07777, 0700U);
+    ::chmod(path("own").c_str(), 0770);
+    EXPECT_THROW(openOwnDirectory(path("own")), std::runtime_error);
+    EXPECT_EQ(::symlink("own", path("link").c_str()), 0);
+    EXPECT_THROW(openOwnDirectory(path("link")), std::runtime_error);
+}
+
+TEST_F(SnapshotTest, ResolvedPathGoesThroughNoLink) {
+    EXPECT_EQ(::symlink("target", path("link").c_str()), 0);
+    EXPECT_EQ(::symlink("link", path("second").c_str()), 0);
+    EXPECT_EQ(resolved(path("second")), path("target"));
+    EXPECT_EQ(resolved(path("second/below/../x")), path("target/x"));
+    EXPECT_EQ(resolved("relative"), "/relative");
+    EXPECT_EQ(::symlink("round", path("round").c_str()), 0);
+    EXPECT_EQ(resolved(path("round")), path("round"));
+}
+
+} // namespace
+} // namespace torva::ctl

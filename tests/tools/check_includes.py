@@ -13,8 +13,6 @@ ALLOWED = {
     "torva/postfix/params": ("torva/process", "torva/util", "torva/libc"),
     "torva/postfix/mastercf": ("torva/postfix/params", "torva/util"),
     "torva/postfix/tables": ("torva/maildb", "torva/postfix/params", "torva/process", "torva/util", "torva/libc"),
-    "ctl/report": (),
-    "ctl/rehearsal": ("ctl/report", "torva/process", "torva/util", "torva/libc"),
     "app": ("torva/postfix/tables", "torva/postfix/mastercf", "torva/postfix/params", "torva/maildb", "torva/process", "torva/util", "torva/libc"),
 }
 LIBRARY = ("torva/postfix/tables", "torva/postfix/mastercf", "torva/postfix/params", "torva/process", "torva/util",
@@ -24,7 +22,7 @@ ALLOWED.update({
     "ctl/host": ("ctl/report", *LIBRARY),
     "ctl/backup": ("ctl/host", "ctl/report", *LIBRARY),
     "ctl/findings": ("ctl/backup", "ctl/host", "ctl/report", *LIBRARY),
-    "ctl/rehearsal": ("ctl/host", "ctl/report", *LIBRARY),
+    "ctl/rehearsal": ("ctl/report", "torva/process", "torva/util", "torva/libc"),
     "ctl/verbs": ("ctl/rehearsal", "ctl/findings", "ctl/backup", "ctl/host", "ctl/report", *LIBRARY),
     "ctl": ("ctl/verbs", "ctl/host", "ctl/report"),
 })

@@ -23,7 +23,7 @@ const PanelService* panelServiceOf(const std::string& key);
 /// The parameters that a run sets.
 const std::vector<std::string>& panelParameters();
 
-/// The directory of the panel's tables, and the names of those that a run makes anew.
+/// The directory of the panel's tables, and the names of those that a run empties.
 extern const char* const tablesDirectory;
 const std::vector<std::string>& tableNames();
 

@@ -109,7 +109,7 @@ bool makeInterface(const std::string& name, int number) {
 }
 
 bool giveAddress(const std::string& name, const std::string& address, const std::string& nodad) {
-    run({"ip", "link", "set", name, "addrgenmode", "none"}); // no address of its own making
+    run({"ip", "link", "set", name, "addrgenmode", "none"}); // no automatic address
     std::vector<std::string> words{"ip", "address", "add", address, "dev", name};
     if (!nodad.empty()) {
         words.push_back(nodad);

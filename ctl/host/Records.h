@@ -12,7 +12,7 @@ namespace torva::ctl {
 using Records = std::map<std::string, std::string>;
 using RecordsByTable = std::map<std::string, Records>; ///< by name of the table
 
-/// The records of the tables that a run makes anew, as postmap(1) lists them; none of a
+/// The records of the tables that a run empties, as postmap(1) lists them; none of a
 /// table that is not there. Takes no lock.
 ///
 /// \throws std::runtime_error  postmap failed, with its words

@@ -16,7 +16,7 @@
 
 namespace torva::ctl::rehearsal {
 
-/// One message, and what came of offering it.
+/// One message, and the result of offering it.
 struct Attempt {
     std::string what;         ///< for the reader: "from outside to postmaster@example.net"
     bool relaying = false;    ///< to a domain that this host does not serve: to be refused

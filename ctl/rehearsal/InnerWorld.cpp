@@ -68,7 +68,7 @@ void cover(const Place& place) {
     if (fs::is_directory(place.low()) && coverWithOverlay(place.path, place.low(), place.scratch)) {
         return;
     }
-    // Its parent may have been covered: it has to be brought back in any case.
+    // Its parent may have been covered: it must always be brought back.
     bindMount(place.low(), place.path);
     if (privateAlready.count(place.path) == 0) {
         makeReadOnly(place.path);

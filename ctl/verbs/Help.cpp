@@ -47,7 +47,7 @@ const char apply[] = R"(usage: torva-postfixctl [--json] apply [OPTION...]
 Check, backup, the run, "postfix check". Any failure brings the backup back
 (exit status 1; 2 when that failed too).
 
-  --reload          has a running Postfix take up the change; it is stopped and
+  --reload          reloads a running Postfix; it is stopped and
                     started where a reload does not suffice
   --empty-tables    leaves the panel's tables as the run makes them; else the
                     records that it drops are put back
@@ -67,7 +67,7 @@ in a row, or the backup STAMP. What there is now is backed up first. Where
 something has changed since the apply, it is listed, and nothing is done.
 
   --force           goes on all the same
-  --reload          has a running Postfix take up the change, as for apply
+  --reload          reloads a running Postfix, as for apply
 )";
 
 const char backups[] = R"(usage: torva-postfixctl [--json] backups [--prune N]

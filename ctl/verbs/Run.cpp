@@ -91,7 +91,7 @@ void restoreLink(const std::string& path, const Entry& link) {
     requireSuccess(std::rename(scratch.c_str(), path.c_str()), "rename " + scratch);
 }
 
-/// Mode, owner and attributes as they were; postconf leaves a file of its own making.
+/// Mode, owner and attributes as they were; postconf leaves a new file.
 void restoreAttributes(const std::string& path, const Entry& before) {
     const Descriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!file) {

@@ -36,7 +36,7 @@ shelter_services() {
 }
 
 # restore_services STORE: makes the lines that were commented out what they were,
-# in place, in a master.cf that may have changed round them since. A line is known
+# in place, in a master.cf that may have changed around them since. A line is known
 # by its text and by how many equal ones stand above it, for the file may hold the
 # same comment on its own account. Dies, and leaves the file alone, when one of
 # them is gone.
@@ -58,7 +58,7 @@ restore_services() {
         END { exit wanted != 0 }
     ' "$store/before" "$store/sheltered" "$file" >"$store/result" ||
         die "$file: a sheltered line is gone"
-    # awk ends the last line in any case.
+    # awk always ends the last line.
     [[ -z $(tail -c 1 "$file") ]] || truncate -s -1 "$store/result"
     cmp -s "$store/result" "$file" || mv "$store/result" "$file"
 }

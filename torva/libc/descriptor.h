@@ -12,7 +12,7 @@ extern "C" {
 ///
 /// \param fd  open descriptor, consumed; negative: the result of a failed open
 /// \return a descriptor above 2, close-on-exec where it had to move; -1 with errno
-///         when there is none to be had (`fd` is closed then) or `fd` is negative
+///         when none is available (`fd` is closed then) or `fd` is negative
 int fd_above_standard(int fd);
 
 #ifdef __cplusplus

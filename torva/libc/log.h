@@ -15,7 +15,7 @@ extern "C" {
 /// then stands in place of the library's. Initially a console writer: a message whose
 /// priority is at most the level (6) goes, with a line feed, to standard error
 /// and then to standard output; any other goes nowhere. Output errors are ignored,
-/// a reader that has gone among them: no SIGPIPE comes of it.
+/// also those of a reader that has left: there is no SIGPIPE.
 extern void (*torva_log)(int priority, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
 

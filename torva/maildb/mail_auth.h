@@ -32,7 +32,7 @@ int mail_auth_server_type(void);
 /// Path of the database, a constant; null, reported, for an unknown type.
 const char* mail_auth_db_path(int type);
 
-/// Creates the database afresh, with its directory, owners and modes: what stood at
+/// Creates an empty database, with its directory, owners and modes: what stood at
 /// the path is removed first. Needs root. The umask does not matter, and is not touched.
 ///
 /// \return 0 or -1. Without the right to hand files over, without the account that is to

@@ -30,7 +30,7 @@ public:
     explicit operator bool() const noexcept { return fd_ != -1; }
 
     /// Closes, and says so when that fails; the way to release on every planned
-    /// path. Nothing is owned afterwards in any case.
+    /// path. Nothing is owned afterwards, even on failure.
     ///
     /// \param operation  the message of the error
     /// \throws SystemError  close(2) failed; never while an exception is

@@ -32,7 +32,7 @@ private:
     file_lock* handle_;
 };
 
-/// The throwing wrapper round the two plain functions, which makes the lock directory,
+/// The throwing wrapper around the two plain functions, which makes the lock directory,
 /// with mode 0700, when `in_lock_dir` is set and it is missing.
 ///
 /// \return handle with a locked descriptor, owned by the caller

@@ -18,7 +18,7 @@ public:
     virtual ~Traceback();
 
     /// Writes "Traceback:" and a line for each frame, names demangled, or, when
-    /// the names cannot be had, "Traceback addresses:" and the bare addresses;
+    /// the names are not available, "Traceback addresses:" and the bare addresses;
     /// nothing when no frame is left to print. Not for several threads.
     void print(std::ostream& stream) const;
 

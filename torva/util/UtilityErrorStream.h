@@ -1,6 +1,6 @@
 // The process-wide stream for fatal messages: each character reaches standard
 // error at once, each finished line is repeated on standard output. Output errors are
-// ignored, a reader that has gone among them: no SIGPIPE comes of it. Everything else
+// ignored, also those of a reader that has left: there is no SIGPIPE. Everything else
 // that reports goes through torva/libc/log.h.
 #pragma once
 

@@ -16,7 +16,7 @@ struct file_lock {
 /// Takes the lock without waiting.
 ///
 /// \param name         the file to lock
-/// \param in_lock_dir  not 0: lock, in its stead, the file of "/var/lock/files"
+/// \param in_lock_dir  not 0: lock instead the file of "/var/lock/files"
 ///                     whose name is `name` with every "/" turned into "_". The
 ///                     directory is not made, but judged, and one that others may
 ///                     read is closed to them (mode 0700)

@@ -48,7 +48,7 @@ public:
     ///
     /// \param reload  false: do nothing when master.cf has been read already
     /// \throws as MasterCfReader::read(). When only the store's file fails,
-    ///         master.cf has been read afresh already; else all is as before.
+    ///         master.cf has been read again already; else all is as before.
     void load(bool reload);
 
     /// Whether there is a service.

@@ -35,7 +35,7 @@ const char wordCharacters[] = "a-zA-Z0-9"
                               "/!@$%$^&*()-_=+\\|[]{}:;'\"<>.,?*~`";
 
 /// Action: returns the working record to its defaults, but for the memory that the
-/// list of words has: each service would grow it anew.
+/// list of words has: it would grow again for each service.
 class RecordResetter {
 public:
     explicit RecordResetter(MasterCfModule& record) : record_(record) {}

@@ -30,7 +30,7 @@ struct ToolResult {
 ///
 /// \param command  path of the program, then its arguments
 /// \param input    its standard input; empty: end of file at once, so that no tool
-///                 ever reads from the terminal of whoever started this process
+///                 ever reads from the terminal of the caller of this process
 /// \param output   takes its standard output; empty: it is captured
 /// \throws SystemError  the tool could not be started, or did not take its input
 ///         and exited 0 all the same; std::logic_error: another pipe is running

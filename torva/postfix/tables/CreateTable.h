@@ -1,4 +1,4 @@
-// Making a lookup table afresh, source file and index. Changing a table that is
+// Creating a lookup table, source file and index. Changing a table that is
 // there is Postmap.h.
 #pragma once
 

@@ -1,4 +1,4 @@
-// What a creation of an index file that was cut short leaves behind, and its removal.
+// What a killed or failed creation of an index file leaves behind, and its removal.
 // Creating tables is CreateTable.h; the system's aliases are the application's.
 // Private to the library: not installed.
 #pragma once

@@ -1,7 +1,7 @@
 // Lookup tables through postmap(1), the only program that opens an indexed table
 // here. Tables are named as Postfix names them, "type:path". Each operation runs
 // one postmap under the lock of the table's file, waiting for that lock, and feeds
-// or reads it record by record. Creating a table afresh is CreateTable.h; a cache
+// or reads it record by record. Creating a table is CreateTable.h; a cache
 // of records in front of these operations is RecordCache.h.
 //
 // Keys and values go out as they are, "KEY VALUE\n": pass no key with white space

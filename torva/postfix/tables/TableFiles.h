@@ -5,7 +5,7 @@
 //
 // Who may write a directory (torva/util/WritableByOthers.h) decides whose links are in
 // it. Where only root and we may, a link or a second hard link is the administrator's:
-// it is followed, and stays (a table made afresh replaces a link to its source). Where somebody
+// it is followed, and stays (a created table replaces a link to its source). Where somebody
 // else may, it is planted. A FIFO, a socket or a device is planted wherever it stands. The
 // directories above are trusted to lead where they lead.
 //
@@ -34,7 +34,7 @@ enum class IndexUse {
 std::vector<std::string> indexFiles(const std::string& source);
 
 /// Takes planted index files out of postmap's way. Links and files that are not
-/// regular are removed. A second hard link is removed when the index is made anew,
+/// regular are removed. A second hard link is removed when the index is rebuilt,
 /// replaced by a copy of its own when it is changed, and left when it is only read.
 ///
 /// \throws SystemError  a file cannot be removed, or not be copied

@@ -91,7 +91,7 @@ int main(int count, char** arguments) {
     }
     // Where a relative path in main.cf begins, for the run.
     static_cast<void>(::chdir("/"));
-    const torva::ctl::OwnPrograms programs = torva::ctl::ownPrograms();
+    const torva::ctl::OwnPrograms programs = torva::ctl::ownPrograms(arguments[0]);
     torva::ctl::Report report(request.verb, request.json);
     Call call{request, programs, report};
     try {

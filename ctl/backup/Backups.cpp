@@ -170,7 +170,7 @@ std::string Backups::take(Manifest manifest) {
         throw std::runtime_error("somebody changed a file meanwhile");
     }
     for (;;) {
-        const std::string stamp = stampOfNow();
+        std::string stamp = stampOfNow();
         if (::renameat2(directory(), partial, directory(), stamp.c_str(), RENAME_NOREPLACE) == 0) {
             ::fsync(directory());
             return stamp;

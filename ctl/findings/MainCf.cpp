@@ -83,14 +83,9 @@ bool isBuildable(const AliasDatabase& database, const std::vector<std::string>& 
            std::find(types.begin(), types.end(), database.type) != types.end();
 }
 
-bool isReadableFile(const std::string& path) {
-    struct stat status {};
-    return ::stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode);
-}
-
 void findAliases(const Host& host, Findings& findings) {
     for (const AliasDatabase& database : aliasDatabases(host.postfix)) {
-        if (!isReadableFile(database.path)) {
+        if (isNoFile(database.path)) {
             findings.stop("aliases", database.path + " is no file: the run would wait for it",
                           "make it a file, or take it out of alias_maps and alias_database");
         } else if (!isBuildable(database, host.mapTypes)) {

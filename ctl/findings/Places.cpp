@@ -16,7 +16,8 @@ namespace torva::ctl {
 
 namespace {
 
-constexpr std::uint64_t margin = 1024 * 1024; ///< bytes that a run makes from nothing
+constexpr std::uint64_t megabyte = 1048576;
+constexpr std::uint64_t margin = megabyte; ///< bytes that a run makes from nothing
 constexpr std::uint64_t marginOfInodes = 100;
 
 /// What a copy of the files takes.
@@ -48,7 +49,7 @@ std::string nearest(std::string path) {
 }
 
 std::string megabytes(std::uint64_t bytes) {
-    return std::to_string(bytes / (1024 * 1024)) + " MB";
+    return std::to_string(bytes / megabyte) + " MB";
 }
 
 void findRoomIn(const std::string& place, const Need& need, std::string& told, Findings& findings) {

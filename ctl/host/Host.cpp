@@ -31,13 +31,12 @@ std::string sandboxFor(const std::string& directory) {
 
 } // namespace
 
-OwnPrograms ownPrograms() {
+OwnPrograms ownPrograms(const std::string& called) {
     OwnPrograms programs;
     char path[4096];
     const ssize_t size = ::readlink("/proc/self/exe", path, sizeof(path));
-    // A chroot has no /proc; there it is where it was installed.
-    programs.self = size > 0 ? std::string(path, static_cast<std::size_t>(size))
-                             : std::string("/usr/sbin/torva-postfixctl");
+    // In a chroot, which has no /proc, we are called by our path.
+    programs.self = size > 0 ? std::string(path, static_cast<std::size_t>(size)) : called;
     const std::string directory = directoryOf(programs.self);
     programs.tool = directory + "/torva-postfix-setup";
     programs.sandbox = sandboxFor(directory);

@@ -18,7 +18,9 @@ struct OwnPrograms {
 
 /// Finds them from the place of this program: in an installation below lib/torva-postfix,
 /// in a checkout above the build folder.
-OwnPrograms ownPrograms();
+///
+/// \param called  what this program was called as; its path where there is no /proc to ask
+OwnPrograms ownPrograms(const std::string& called);
 
 struct Host {
     OwnPrograms programs;

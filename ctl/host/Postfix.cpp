@@ -120,7 +120,8 @@ int masterProcess(const Postfix& postfix) {
     if (!file || ::flock(file.get(), LOCK_SH | LOCK_NB) == 0) {
         return 0; // the daemon holds the lock for as long as it lives
     }
-    return std::atoi(boost::algorithm::trim_copy(readFile(path).value_or("0")).c_str());
+    const std::string text = readFile(path).value_or("");
+    return static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
 }
 
 } // namespace torva::ctl

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <iterator>
 #include <set>
+#include <sys/stat.h>
 
 namespace torva::ctl {
 
@@ -53,6 +54,11 @@ std::vector<AliasDatabase> aliasDatabases(const Postfix& postfix) {
         }
     }
     return databases;
+}
+
+bool isNoFile(const std::string& path) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
 }
 
 std::vector<std::string> touchedPaths(const Postfix& postfix) {

@@ -18,6 +18,10 @@ struct AliasDatabase {
 /// Those of alias_maps and alias_database, references expanded, each once.
 std::vector<AliasDatabase> aliasDatabases(const Postfix& postfix);
 
+/// Whether a path is something else than a file, links followed: a FIFO or device, which
+/// whoever reads it would wait for.
+bool isNoFile(const std::string& path);
+
 /// What a run, a killed one too, may change: main.cf, master.cf, the directory of the
 /// panel's tables, the alias databases; with what symbolic links lead to. Each path goes
 /// through no link itself, and none lies below another. A directory stands for all in it.

@@ -12,7 +12,7 @@ namespace torva::ctl {
 
 namespace {
 
-const char version[] = "torva-postfixctl 9.0.0\n";
+const char version[] = "torva-postfixctl " TORVA_VERSION "\n";
 
 /// The texts of Help.h in place of those that CLI11 makes up.
 class OwnHelp : public CLI::Formatter {

@@ -5,6 +5,7 @@
 #include "ctl/host/Program.h"
 #include "ctl/host/Records.h"
 #include "ctl/host/Shelter.h"
+#include "ctl/host/TouchedPaths.h"
 #include "torva/util/SystemError.h"
 
 #include <boost/algorithm/string/join.hpp>
@@ -16,6 +17,7 @@
 #include <fcntl.h>
 #include <set>
 #include <sstream>
+#include <stdexcept>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -176,12 +178,22 @@ void putRecordsBack(const RecordsByTable& before, std::vector<Finding>& findings
     }
 }
 
+/// \throws std::runtime_error  the run would wait for something
+void requireFiles(const Postfix& postfix) {
+    for (const AliasDatabase& database : aliasDatabases(postfix)) {
+        if (isNoFile(database.path)) {
+            throw std::runtime_error(database.path + " is no file: the run would wait for it");
+        }
+    }
+}
+
 } // namespace
 
 RunResult performRun(const Host& host, const Manifest& before, int progress, bool emptyTables) {
     const Postfix& postfix = host.postfix;
     RunResult result;
     const RunLock lock; // inherited by all that changes files, even when we are killed
+    requireFiles(postfix);
     prepareMainCf(postfix);
     const Sheltered sheltered = shelter(readFile(postfix.masterCf()).value_or(""));
     shelterServices(postfix, sheltered);

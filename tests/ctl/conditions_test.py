@@ -193,6 +193,8 @@ class PrivateCopyTest(CtlTest):
         before = tree()
         outcome = self.assertStatus(1, ctl("check", "--json", timeout=60))
         self.assertIn("/home/list/fifo is no file", outcome.findings("stop")[0]["text"])
+        self.assertIn("/home/list/fifo is no file", self.assertStatus(1, ctl("preview", timeout=60)).err)
+        self.assertSame(before, "after check and preview")
         run("postconf", "-e", "alias_maps = hash:/etc/aliases")
         before = tree()
         self.assertStatus(0, ctl("apply", timeout=60))

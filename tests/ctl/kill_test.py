@@ -3,6 +3,7 @@
     kill_test.py PROGRAM GroupTest|CompanionTest|RollbackTest
 """
 
+import fcntl
 import signal
 import time
 
@@ -84,9 +85,14 @@ class RollbackTest(Killed):
         for moment in range(5):
             ctlworld.remove(BACKUPS)
             self.assertStatus(0, ctl("apply"))
-            process = start("rollback")
-            wait_until(lambda: MARKER.exists() or process.poll() is not None, "the first change")
-            time.sleep(0.02 * moment)
+            # While somebody holds this lock, a rollback waits before its first change.
+            with open("/run/lock/torva-postfix/run", "w") as held:
+                fcntl.flock(held, fcntl.LOCK_EX)
+                process = start("rollback")
+                wait_until(lambda: MARKER.exists() or process.poll() is not None, "the first change")
+                if moment == 0:
+                    kill_group(process)
+            time.sleep(0.01 * moment)
             kill_group(process)
             amid += MARKER.exists()
             self.assertStatus(0, ctl("rollback"))

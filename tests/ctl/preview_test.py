@@ -85,6 +85,13 @@ class CommandLineTest(CtlTest):
     def test_help(self):
         self.assertIn("usage: torva-postfixctl", self.assertStatus(0, ctl("--help")).out)
 
+    def test_help_of_each_verb_and_version(self):
+        for verb in ("check", "preview", "apply", "diff", "rollback", "backups"):
+            for option in ("-h", "--help"):
+                out = self.assertStatus(0, ctl(verb, option)).out
+                self.assertRegex(out, rf"\Ausage: torva-postfixctl \[--json\] {verb}\b")
+        self.assertRegex(self.assertStatus(0, ctl("--version")).out, r"\Atorva-postfixctl \d+\.\d+\.\d+\n\Z")
+
     def test_what_is_not_understood_ends_with_status_1(self):
         for words in ([], ["nonsense"], ["check", "--reload"], ["apply", "now"], ["rollback", "yesterday"], ["preview", "--keep"]):
             outcome = self.assertStatus(1, ctl(*words))
@@ -113,6 +120,8 @@ class CommandLineTest(CtlTest):
         shutil.move(TOOL, built / "torva-postfix-setup")
         self.assertIn(str(built), run(str(built / "torva-postfixctl"), "check"))
         run(str(built / "torva-postfixctl"), "preview")
+        container = ["setpriv", "--bounding-set", "-sys_admin", "--inh-caps", "-sys_admin", "--"]
+        self.assertIn("exit status of torva-postfix-setup: 0", run(*container, str(built / "torva-postfixctl"), "preview"))
 
 
 if __name__ == "__main__":

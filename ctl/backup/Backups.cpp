@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <memory>
 #include <regex>
 #include <stdexcept>
 #include <unistd.h>
@@ -118,23 +119,20 @@ Backup readBackup(int directory, const std::string& stamp) {
 
 /// Reads the archive back: what cannot be read is no backup.
 void requireReadable(int archive, const Snapshot& wanted) {
-    Snapshot left = wanted;
-    std::string path;
-    Checksum* sum = nullptr;
-    readArchive(archive, [&](const std::string& file) -> ContentsConsumer {
-        path = file;
-        delete sum;
-        sum = new Checksum;
-        return [&](const char* bytes, std::size_t size) {
+    std::size_t files = 0;
+    readArchive(archive, [&](const std::string& path) -> ContentsConsumer {
+        const auto sum = std::make_shared<Checksum>();
+        return [&files, &wanted, path, sum](const char* bytes, std::size_t size) {
             sum->add(bytes, size);
-            if (size == 0 && sum->result() == left[path].checksum) {
-                left.erase(path);
+            const bool isEnd = size == 0;
+            if (isEnd && sum->result() == wanted.at(path).checksum) {
+                ++files;
             }
         };
     });
-    delete sum;
-    if (std::any_of(left.begin(), left.end(),
-                    [](const auto& one) { return one.second.isFile(); })) {
+    const auto wantedFiles = std::count_if(wanted.begin(), wanted.end(),
+                                           [](const auto& one) { return one.second.isFile(); });
+    if (files != static_cast<std::size_t>(wantedFiles)) {
         throw std::runtime_error("the archive does not read back");
     }
 }

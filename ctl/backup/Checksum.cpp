@@ -10,32 +10,24 @@
 
 namespace torva::ctl {
 
-struct Checksum::State {
-    EVP_MD_CTX* context;
-};
+void Checksum::Release::operator()(evp_md_ctx_st* context) const noexcept {
+    EVP_MD_CTX_free(context);
+}
 
-Checksum::Checksum() : state_(new State{EVP_MD_CTX_new()}) {
-    if (state_->context == nullptr ||
-        EVP_DigestInit_ex(state_->context, EVP_sha256(), nullptr) != 1) {
-        EVP_MD_CTX_free(state_->context);
-        delete state_;
+Checksum::Checksum() : context_(EVP_MD_CTX_new()) {
+    if (!context_ || EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) != 1) {
         throw std::bad_alloc();
     }
 }
 
-Checksum::~Checksum() {
-    EVP_MD_CTX_free(state_->context);
-    delete state_;
-}
-
 void Checksum::add(const char* bytes, std::size_t size) {
-    EVP_DigestUpdate(state_->context, bytes, size);
+    EVP_DigestUpdate(context_.get(), bytes, size);
 }
 
 std::string Checksum::result() {
     unsigned char bytes[EVP_MAX_MD_SIZE];
     unsigned int size = 0;
-    EVP_DigestFinal_ex(state_->context, bytes, &size);
+    EVP_DigestFinal_ex(context_.get(), bytes, &size);
     const char digits[] = "0123456789abcdef";
     std::string text;
     for (unsigned int at = 0; at < size; ++at) {

@@ -8,9 +8,12 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 #include <sys/stat.h>
 #include <vector>
+
+struct evp_md_ctx_st; // of OpenSSL
 
 namespace torva::ctl {
 
@@ -60,17 +63,19 @@ Snapshot describe(const std::vector<std::string>& paths);
 /// SHA-256 in hexadecimal, made piece by piece.
 class Checksum {
 public:
+    /// \throws std::bad_alloc
     Checksum();
-    ~Checksum();
-    Checksum(const Checksum&) = delete;
-    Checksum& operator=(const Checksum&) = delete;
 
     void add(const char* bytes, std::size_t size);
+
+    /// The sum of all that was added; nothing more may be added.
     std::string result();
 
 private:
-    struct State;
-    State* state_;
+    struct Release {
+        void operator()(evp_md_ctx_st* context) const noexcept;
+    };
+    std::unique_ptr<evp_md_ctx_st, Release> context_;
 };
 
 /// The checksum of all that can be read from a descriptor.

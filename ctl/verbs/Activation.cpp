@@ -73,20 +73,26 @@ std::string Activation::activate(const FixedAtStart& now) {
         return std::string();
     }
     tried_ = true;
-    if (!unit_.empty()) {
-        return failureOf(
-            run({"systemctl", needsRestart(now) ? "restart" : "reload-or-restart", unit_}));
+    const std::string failure = unit_.empty() ? activateItself(now) : activateUnit(now);
+    if (failure.empty()) {
+        before_ = now; // what the daemon has from here on
     }
-    if (masterProcess(postfix_) != 0 && !needsRestart(now)) {
+    return failure;
+}
+
+std::string Activation::activateUnit(const FixedAtStart& now) const {
+    return failureOf(
+        run({"systemctl", needsRestart(now) ? "restart" : "reload-or-restart", unit_}));
+}
+
+std::string Activation::activateItself(const FixedAtStart& now) const {
+    const bool runs = masterProcess(postfix_) != 0;
+    if (runs && !needsRestart(now)) {
         return failureOf(run({"/usr/sbin/postfix", "reload"}));
     }
-    if (masterProcess(postfix_) != 0) {
-        const std::string failure = failureOf(run({"/usr/sbin/postfix", "stop"}));
-        if (!failure.empty()) {
-            return failure;
-        }
-    }
-    return failureOf(run({"/usr/sbin/postfix", "start"}));
+    const std::string failure =
+        runs ? failureOf(run({"/usr/sbin/postfix", "stop"})) : std::string();
+    return failure.empty() ? failureOf(run({"/usr/sbin/postfix", "start"})) : failure;
 }
 
 } // namespace torva::ctl

@@ -36,7 +36,8 @@ public:
     /// The one command that makes Postfix take up what has changed.
     std::string command(const FixedAtStart& now) const;
 
-    /// Does it, if Postfix ran; starts it when it has stopped meanwhile.
+    /// Does it, if Postfix ran; starts it when it has stopped meanwhile. May be called
+    /// again, to go back: what it has activated is what the next call begins with.
     ///
     /// \return why it failed; empty: it did not
     std::string activate(const FixedAtStart& now);
@@ -46,9 +47,11 @@ public:
 
 private:
     bool needsRestart(const FixedAtStart& now) const;
+    std::string activateUnit(const FixedAtStart& now) const;
+    std::string activateItself(const FixedAtStart& now) const;
 
     Postfix postfix_;
-    FixedAtStart before_;
+    FixedAtStart before_; ///< what the daemon that runs has
     bool wasRunning_;
     bool tried_ = false;
     std::string unit_; ///< of systemd; empty: not run by it

@@ -74,6 +74,20 @@ class ActivationTest(CtlTest):
         self.assertEqual(run("postfix", "status", check=False).strip().splitlines()[-1:], [])
         self.assertPickedUp("after a failed apply")
 
+    def test_after_an_apply_that_was_ended_when_it_had_activated(self):
+        real = Path("/usr/sbin/postfix.real")
+        Path("/usr/sbin/postfix").rename(real)
+        self.addCleanup(real.rename, "/usr/sbin/postfix")
+        self.addCleanup(remove, "/run/started")
+        program("/usr/sbin/postfix", f"#!/bin/sh\n{real} \"$@\"; status=$?\n"
+                "test \"$1\" != start || { touch /run/started; sleep 1; }\nexit $status\n")
+        process = start("apply", "--reload")
+        wait_until(lambda: Path("/run/started").exists(), "the start")
+        process.terminate()
+        self.assertEqual(process.wait(), 1)
+        self.assertFalse(listens())
+        self.assertPickedUp("after an apply that was ended")
+
     def test_without_reload_the_one_command_is_printed(self):
         outcome = self.assertStatus(0, ctl("apply", "--json"))
         self.assertEqual(outcome.findings("done")[-1]["action"], "postfix stop && postfix start")

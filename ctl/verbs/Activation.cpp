@@ -73,7 +73,7 @@ std::string Activation::activate(const FixedAtStart& now) {
         return std::string();
     }
     tried_ = true;
-    const std::string failure = unit_.empty() ? activateItself(now) : activateUnit(now);
+    std::string failure = unit_.empty() ? activateItself(now) : activateUnit(now);
     if (failure.empty()) {
         before_ = now; // what the daemon has from here on
     }

@@ -25,7 +25,7 @@ constexpr int refused = 1;
 /// \return its absolute path
 std::string prepareKept(const std::string& path) {
     boost::system::error_code code;
-    const std::string absolute = boost::filesystem::absolute(path).string();
+    std::string absolute = boost::filesystem::absolute(path).string();
     boost::filesystem::create_directories(absolute, code);
     if (code || !boost::filesystem::is_empty(absolute, code) || code) {
         throw Failure("preview", absolute + " is not empty, or cannot be made", "name another");

@@ -185,6 +185,24 @@ class PrivateCopyTest(CtlTest):
         self.assertEqual(home, [path for path, _ in self.home()])
         self.assertSame(before, "after rollback")
 
+    def test_links_that_an_owner_plants_before_a_rollback_are_not_followed(self):
+        victim = Path("/run/victim")
+        victim.write_text("mine\n")
+        victim.chmod(0o600)
+        self.addCleanup(remove, victim)
+        run("chown", "-R", "nobody", "/home/list")
+        run("postconf", "-e", "alias_maps = hash:/etc/aliases hash:/home/list/aliases")
+        before = tree()
+        home = {path: ctlworld.described(path) for path in Path("/home").rglob("*")}
+        self.assertStatus(0, ctl("apply"))
+        for name in ("aliases", "aliases.db", "aliases.torva-new", "aliases.torva-old", "__db.aliases.db"):
+            remove(f"/home/list/{name}")
+            os.symlink(victim, f"/home/list/{name}")
+        self.assertStatus(0, ctl("rollback", "--force"))
+        self.assertEqual((victim.read_text(), victim.stat().st_mode & 0o777, victim.stat().st_uid), ("mine\n", 0o600, 0))
+        self.assertEqual(home, {path: ctlworld.described(path) for path in Path("/home").rglob("*")})
+        self.assertSame(before, "after rollback")
+
     def test_fifo_among_the_files_blocks_nothing(self):
         TABLES.mkdir()
         os.mkfifo(TABLES / "fifo", 0o600)

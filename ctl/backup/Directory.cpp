@@ -31,16 +31,25 @@ void makeDirectories(const std::string& path, mode_t mode) {
     static_cast<void>(::mkdir(path.c_str(), mode));
 }
 
+[[noreturn]] void refuse(const std::string& path) {
+    throw std::runtime_error(path + " is not root's alone: remove it");
+}
+
+/// The error of an own directory that could not be opened.
+[[noreturn]] void throwUnopened(const std::string& path, int code) {
+    if (code == ELOOP || code == ENOTDIR) {
+        refuse(path); // a link or a file in its place
+    }
+    throwSystemError("open " + path, code);
+}
+
 void judge(const Descriptor& directory, const std::string& path) {
     struct stat status {};
     if (::fstat(directory.get(), &status) != 0) {
         throwSystemError("fstat " + path, errno);
     }
-    if (status.st_uid != ::geteuid()) {
-        throw std::runtime_error(path + " is not root's: remove it");
-    }
-    if ((status.st_mode & 0022) != 0) {
-        throw std::runtime_error(path + " can be written by others: remove it");
+    if (status.st_uid != ::geteuid() || (status.st_mode & 0022) != 0) {
+        refuse(path);
     }
     if ((status.st_mode & 07777) != 0700 && ::fchmod(directory.get(), 0700) != 0) {
         throwSystemError("fchmod " + path, errno);
@@ -63,7 +72,10 @@ Descriptor openDirectory(const std::string& path) {
 
 Descriptor openOwnDirectory(const std::string& path) {
     makeDirectories(path, 0700);
-    Descriptor directory = openDirectory(path);
+    Descriptor directory(::open(path.c_str(), directoryFlags));
+    if (!directory) {
+        throwUnopened(path, errno);
+    }
     judge(directory, path);
     return directory;
 }
@@ -73,7 +85,7 @@ Descriptor openOwnDirectoryIfThere(const std::string& path) {
     if (directory) {
         judge(directory, path);
     } else if (errno != ENOENT) {
-        throwSystemError("open " + path, errno);
+        throwUnopened(path, errno);
     }
     return directory;
 }

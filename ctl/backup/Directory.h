@@ -18,8 +18,8 @@ process::Descriptor openDirectory(const std::string& path);
 /// it lies in, 0755), opens it once, and judges what was opened. A wider mode than 0700
 /// is tightened, unless others could write already.
 ///
-/// \throws std::runtime_error "PATH is not root's: remove it", "PATH can be written by
-///         others: remove it"; SystemError by errno
+/// \throws std::runtime_error "PATH is not root's alone: remove it": a link or a file in
+///         its place, somebody else's, or writable by others; SystemError by errno
 process::Descriptor openOwnDirectory(const std::string& path);
 
 /// The same for one that need not be there; closed when it is missing.

@@ -1,22 +1,23 @@
 #!/bin/bash
 # What scripts/demo promises, with the real program and the machine's own Postfix.
-#     demo_test.sh TEST PROGRAM
+#     demo_test.sh TEST PROGRAM COMPANION
 set -euo pipefail
 source "${BASH_SOURCE[0]%/*}/shell_test.sh"
 
-# make_checkout PROGRAM: a copy of the scripts in $scratch/checkout, and in front of
-# PATH a cmake that tells its arguments to $scratch/asked and "builds" PROGRAM.
+# make_checkout PROGRAM COMPANION: a copy of the scripts in $scratch/checkout, and in front
+# of PATH a cmake that tells its arguments to $scratch/asked and "builds" the two.
 make_checkout() {
     need_chroot
     [[ -x /usr/sbin/postconf ]] || skip_test "no Postfix on this machine"
     [[ -n ${scratch:-} ]] || make_scratch
     mkdir "$scratch/checkout" "$scratch/bin"
-    cp -a "$checkout/scripts" "$checkout/ctl" "$scratch/checkout/"
+    cp -a "$checkout/scripts" "$scratch/checkout/"
     cat >"$scratch/bin/cmake" <<END
 #!/bin/bash
 printf '%s\n' "\$*" >>"$scratch/asked"
 [[ \$1 == --build ]] || exit 0
 mkdir -p build/release/bin && cp "$1" build/release/bin/torva-postfix-setup
+cp "$2" build/release/bin/torva-postfixctl
 END
     chmod 755 "$scratch/bin/cmake"
     PATH=$scratch/bin:$PATH
@@ -37,11 +38,11 @@ shown() {
 }
 
 test_builds_the_program_alone_and_shows_a_whole_run() {
-    make_checkout "$1"
+    make_checkout "$1" "$2"
     local text
     text=$("$demo" 2>&1)
     expect_equal "asked for" "--preset release -DTORVA_TESTS=OFF -DTORVA_BENCH=OFF
---build --preset release --target torva-postfix-setup" "$(<"$scratch/asked")"
+--build --preset release --target torva-postfix-setup torva-postfixctl" "$(<"$scratch/asked")"
     expect_contains "run" "Torva-specific configuration of Postfix completed successfully" \
         "$(shown torva-postfix-setup "$text")"
     expect_contains "difference" $'\n+127.0.0.1:10026 inet ' "$(shown master.cf "$text")"
@@ -52,16 +53,16 @@ test_builds_the_program_alone_and_shows_a_whole_run() {
 }
 
 test_takes_a_build_folder_that_is_there_as_it_is() {
-    make_checkout "$1"
+    make_checkout "$1" "$2"
     mkdir -p "$scratch/checkout/build/release"
     : >"$scratch/checkout/build/release/build.ninja"
     "$demo" >/dev/null 2>&1
-    expect_equal "asked for" "--build --preset release --target torva-postfix-setup" "$(<"$scratch/asked")"
+    expect_equal "asked for" "--build --preset release --target torva-postfix-setup torva-postfixctl" "$(<"$scratch/asked")"
 }
 
 test_exit_status_and_text_are_those_of_the_program() {
     stand_in 'echo "Fatal error: X(y), input $(wc -c)" >&2; exit 2'
-    make_checkout "$tool"
+    make_checkout "$tool" "$2"
     local text status=0
     text=$(echo input | "$demo" 2>&1) || status=$?
     expect_equal "exit status" 2 "$status"
@@ -71,7 +72,7 @@ test_exit_status_and_text_are_those_of_the_program() {
 }
 
 test_changes_nothing_on_the_machine() {
-    make_checkout "$1"
+    make_checkout "$1" "$2"
     local before after
     before=$(find /etc /var/spool/postfix -xdev -printf '%p %y %m %U %G %s %T@ %i\n' | sort)
     "$demo" >/dev/null 2>&1

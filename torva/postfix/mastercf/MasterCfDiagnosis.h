@@ -3,6 +3,7 @@
 // says of a whole file is MasterCfReader.h.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 

@@ -1,14 +1,13 @@
 #include "ctl/backup/Backups.h"
+#include "ctl/backup/Snapshot.h"
 #include "ctl/findings/HostFindings.h"
 #include "ctl/host/Files.h"
 #include "ctl/host/Mounts.h"
 #include "ctl/host/PanelRun.h"
 #include "ctl/host/TouchedPaths.h"
+#include "torva/util/SystemError.h"
 
-#include <cerrno>
 #include <cstdint>
-#include <ftw.h>
-#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -26,17 +25,13 @@ struct Need {
     std::uint64_t inodes = marginOfInodes;
 };
 
+/// \throws SystemError  something cannot be read
 Need needOf(const Postfix& postfix) {
-    static Need need;
-    need = Need();
-    const auto add = [](const char*, const struct stat* status, int, FTW*) {
-        need.bytes += static_cast<std::uint64_t>(status->st_blocks) * 512;
+    Need need;
+    walk(touchedPaths(postfix), [&](const std::string&, const Entry& entry, int) {
+        need.bytes += entry.size;
         ++need.inodes;
-        return 0;
-    };
-    for (const std::string& path : touchedPaths(postfix)) {
-        static_cast<void>(::nftw(path.c_str(), add, 16, FTW_PHYS));
-    }
+    });
     return need;
 }
 
@@ -92,8 +87,15 @@ void findPlaces(const Host& host, Findings& findings) {
                       "unmount it, or mount the directory above it");
     }
     findings.fine("directory", "Postfix's own can be written");
+    Need need;
+    try {
+        need = needOf(postfix);
+    } catch (const SystemError& error) {
+        findings.stop("directory", std::string("a backup cannot be made: ") + error.what(),
+                      "have it readable");
+        return;
+    }
     std::string told;
-    const Need need = needOf(postfix);
     for (const std::string& place :
          {std::string(Backups::path), std::string(tablesDirectory), postfix.directory}) {
         findRoomIn(place, need, told, findings);

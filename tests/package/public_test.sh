@@ -57,6 +57,14 @@ while read -r header; do
         "$work/prefix/include/$header")
 done <"$work/installed"
 
+# Whoever has children of their own must read what becomes of them in each header whose
+# operations start a tool: those that run one, and those that are built on them.
+for header in params/{PostfixParameters,PostfixTool,RelayPolicy} mastercf/MasterCf \
+    tables/{Blacklist,CreateTable,DomainManager,Postmap,RecordCache,TableRewrite}; do
+    grep -qF 'every child of the process is reaped' "$tree/torva/postfix/$header.h" ||
+        fail "torva/postfix/$header.h does not tell that children are reaped"
+done
+
 sed -n 's/^\.B #include <\(.*\)>$/\1/p' "$tree/man/torva-mail.3" | LC_ALL=C sort >"$work/manual"
 difference=$(diff "$work/manual" "$work/installed") ||
     fail "the headers that man/torva-mail.3 names (<) and the installed ones (>):

@@ -1,7 +1,7 @@
-// Postfix's service table as this system edits it: the services of master.cf,
-// and beside them a store of services that are kept but do not run. In messages
-// the table is "modules configuration", a service a "module". Which services the
-// run installs is app/; the syntax is MasterCfParser.cpp.
+// Postfix's service table as this system edits it: the services of master.cf, and
+// beside them a store of services that are kept but do not run. In messages the table
+// is "modules configuration", a service a "module". The syntax is MasterCfParser.cpp.
+// Finding master.cf runs a tool: meanwhile every child of the process is reaped (Pipe.h).
 #pragma once
 
 #include "torva/postfix/mastercf/MasterCfLines.h"

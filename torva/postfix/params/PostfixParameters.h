@@ -2,6 +2,9 @@
 // own postconf(1). Holds no values: what was written a moment ago is read back as
 // Postfix sees it. The pure text work behind it is ListValue.h, LocalNetworks.h
 // and MessageScan.h; fixed policies on top of it are RelayPolicy.h.
+//
+// While a tool of Postfix runs here, every child of the process is reaped, the caller's
+// own among them: see torva/process/Pipe.h.
 #pragma once
 
 #include <string>

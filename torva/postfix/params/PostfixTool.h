@@ -1,6 +1,9 @@
 // One run of a Postfix command-line tool to its end, with its output captured.
 // What its outcome means is the caller's business: PostfixParameters.h for
 // postconf(1), torva/postfix/tables/Postmap.h for postmap(1).
+//
+// While a tool of Postfix runs here, every child of the process is reaped, the caller's
+// own among them: see torva/process/Pipe.h.
 #pragma once
 
 #include "torva/process/Pipe.h"

@@ -3,6 +3,9 @@
 // failure in a later step leaves the earlier ones applied. The table that every
 // policy consults, "pcre:/var/spool/postfix/torva/no_relay.re", is not written
 // here; the blacklist of senders is torva/postfix/tables/Blacklist.h.
+//
+// While a tool of Postfix runs here, every child of the process is reaped, the caller's
+// own among them: see torva/process/Pipe.h.
 #pragma once
 
 namespace torva::mail::postfix {

@@ -15,6 +15,9 @@
 // its own by put and delete, and left alone by a listing. What cannot be removed or
 // copied is a SystemError. In a directory that only root and we may write, links are
 // the administrator's, are followed, and stay.
+//
+// While a tool of Postfix runs here, every child of the process is reaped, the caller's
+// own among them: see torva/process/Pipe.h.
 #pragma once
 
 #include "torva/postfix/tables/Records.h"

@@ -1,6 +1,9 @@
 // Taking records out of a lookup table by rule: the table is listed through a
 // filter, and what stays becomes its new source. Adding and deleting single records
 // is Postmap.h; the filters are ListingFilter.h.
+//
+// While a tool of Postfix runs here, every child of the process is reaped, the caller's
+// own among them: see torva/process/Pipe.h.
 #pragma once
 
 #include <boost/function.hpp>

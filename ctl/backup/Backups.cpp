@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <memory>
-#include <regex>
 #include <stdexcept>
 #include <unistd.h>
 
@@ -247,8 +246,12 @@ void Backups::removePartial() {
 }
 
 bool isStamp(const std::string& text) {
-    static const std::regex form("[0-9]{8}T[0-9]{6}Z");
-    return std::regex_match(text, form);
+    std::string form = text;
+    for (char& c : form) {
+        c = c >= '0' && c <= '9' ? '9' : c;
+    }
+    // No digit but 9 is left, so a text with this very form is one of digits, T and Z.
+    return form == "99999999T999999Z";
 }
 
 } // namespace torva::ctl

@@ -1,5 +1,5 @@
 // Makes chosen system calls of this process fail, see seccomp(2), for failures
-// that cannot be had otherwise. For good and for all children: only in a
+// that cannot be produced otherwise. For good and for all children: only in a
 // subprocess made for it.
 #pragma once
 

@@ -260,7 +260,7 @@ TEST_F(PipeSystemCallTest, FailureWhileServingLeavesNothing) {
                   true));
 }
 
-// For failures after which the census cannot be had either.
+// For failures after which there is no census either.
 std::string thrownWith(const CallsFor& calls) {
     const std::string text = runWith(calls, true);
     return text.substr(0, text.find(", "));

@@ -14,24 +14,24 @@ using mail::postfix::PostfixParameters;
 
 namespace {
 
-/// What the steps share.
-struct Context {
+/// What the servicesSteps share.
+struct ServicesContext {
     MasterCf& services;
     MasterCfModule virtualDelivery;
 };
 
-struct Step {
+struct ServicesStep {
     const char* text;
-    void (*action)(Context&);
+    void (*action)(ServicesContext&);
 };
 
 /// The service has this text from now on, whatever it was.
-void replace(Context& run, const MasterCfModule& service) {
+void replace(ServicesContext& run, const MasterCfModule& service) {
     run.services.putModule(service, true);
 }
 
 /// The service runs; one that the host has, even disabled, keeps its text.
-void installIfMissing(Context& run, const MasterCfModule& service) {
+void installIfMissing(ServicesContext& run, const MasterCfModule& service) {
     if (run.services.hasModule(service.name, service.type, boost::logic::indeterminate)) {
         run.services.enableModule(service.name, service.type);
     } else {
@@ -39,47 +39,47 @@ void installIfMissing(Context& run, const MasterCfModule& service) {
     }
 }
 
-void replaceVirtualDelivery(Context& run) {
+void replaceVirtualDelivery(ServicesContext& run) {
     replace(run, run.virtualDelivery);
 }
 
-void setVirtualTransport(Context& run) {
+void setVirtualTransport(ServicesContext& run) {
     PostfixParameters::instance().setParameter("virtual_transport", run.virtualDelivery.name);
 }
 
-void setRecipientLimit(Context& run) {
+void setRecipientLimit(ServicesContext& run) {
     PostfixParameters::instance().setParameter(
         run.virtualDelivery.name + "_destination_recipient_limit", "1");
 }
 
-void replaceMailman(Context& run) {
+void replaceMailman(ServicesContext& run) {
     replace(run, mailmanTransport());
 }
 
-void configureBeforeQueue(Context& run) {
+void configureBeforeQueue(ServicesContext& run) {
     replace(run, smtpServer());
     installIfMissing(run, beforeQueueFilter());
     installIfMissing(run, cleanReinjection());
 }
 
-void configureBeforeRemote(Context& run) {
+void configureBeforeRemote(ServicesContext& run) {
     installIfMissing(run, beforeRemoteFilter());
     replace(run, pickupService());
 }
 
-void installSaslDaemon(Context& run) {
+void installSaslDaemon(ServicesContext& run) {
     installIfMissing(run, saslDaemon());
 }
 
-void installTlsManager(Context& run) {
+void installTlsManager(ServicesContext& run) {
     installIfMissing(run, tlsManager());
 }
 
-void saveServices(Context& run) {
+void saveServices(ServicesContext& run) {
     run.services.save(false);
 }
 
-const Step steps[] = {
+const ServicesStep servicesSteps[] = {
     {" configuring Torva-specific virtual delivery transport", replaceVirtualDelivery},
     {" adjusting Postfix configuration for Torva-specific virtual delivery transport",
      setVirtualTransport},
@@ -98,8 +98,8 @@ void servicesPhase(const Progress& progress) {
     progress.header("Configuring Postfix services/modules for Torva:");
     MasterCf& services = MasterCf::instance();
     services.load(false);
-    Context run{services, virtualDelivery(panel_conf_get(TORVA_MAILNAMES_D))};
-    for (const Step& step : steps) {
+    ServicesContext run{services, virtualDelivery(panel_conf_get(TORVA_MAILNAMES_D))};
+    for (const ServicesStep& step : servicesSteps) {
         progress.step(step.text, [&] { step.action(run); });
     }
 }

@@ -6,7 +6,9 @@ add_library(torva_warnings INTERFACE)
 add_library(torva::warnings ALIAS torva_warnings)
 target_compile_options(torva_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wold-style-cast -Wnon-virtual-dtor
-  $<$<BOOL:${TORVA_WERROR}>:-Werror>)
+  $<$<BOOL:${TORVA_WERROR}>:-Werror>
+  # Where the sources of a folder are compiled together, GCC takes each for a header.
+  $<$<AND:$<BOOL:${CMAKE_UNITY_BUILD}>,$<CXX_COMPILER_ID:GNU>>:-Wno-subobject-linkage>)
 
 # What the targets of a folder are called after.
 function(torva_name_of variable folder)

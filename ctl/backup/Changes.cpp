@@ -31,7 +31,7 @@ void compareTexts(const std::string& kind, const std::string& prefix, const Text
     }
 }
 
-std::string octal(mode_t mode) {
+std::string octalMode(mode_t mode) {
     char text[16];
     std::snprintf(text, sizeof(text), "%04o", mode & 07777);
     return text;
@@ -45,8 +45,8 @@ std::string described(const Entry& entry) {
     if (entry.isLink()) {
         return "link to " + entry.target;
     }
-    const std::string access =
-        octal(entry.mode) + " " + std::to_string(entry.owner) + ":" + std::to_string(entry.group);
+    const std::string access = octalMode(entry.mode) + " " + std::to_string(entry.owner) + ":" +
+                               std::to_string(entry.group);
     return entry.isFile() ? access + ", " + std::to_string(entry.size) + " bytes"
                           : access + (entry.isDirectory() ? ", directory" : ", no file");
 }

@@ -42,7 +42,7 @@ void appendFields(const std::string& line, std::vector<std::string>& fields) {
     }
 }
 
-std::vector<std::string> linesOf(const std::string& text) {
+std::vector<std::string> linesWithEnds(const std::string& text) {
     std::vector<std::string> lines;
     std::string::size_type begin = 0;
     while (begin < text.size()) {
@@ -90,7 +90,7 @@ std::vector<std::string> MasterCfTextEntry::options() const {
     return found;
 }
 
-MasterCfText::MasterCfText(const std::string& text) : lines_(linesOf(text)) {
+MasterCfText::MasterCfText(const std::string& text) : lines_(linesWithEnds(text)) {
     findEntries();
 }
 

@@ -11,7 +11,7 @@ namespace torva::ctl {
 
 namespace {
 
-Records parsed(const std::string& listing) {
+Records recordsIn(const std::string& listing) {
     Records records;
     std::istringstream lines(listing);
     std::string line;
@@ -36,7 +36,7 @@ RecordsByTable readRecords() {
         if (!listing.succeeded()) {
             throw std::runtime_error(wordsOf(listing));
         }
-        records[name] = parsed(listing.output);
+        records[name] = recordsIn(listing.output);
     }
     return records;
 }

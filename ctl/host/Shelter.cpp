@@ -54,7 +54,7 @@ bool sameLines(const std::vector<std::string>& left, const std::vector<std::stri
                       });
 }
 
-bool holds(const std::vector<std::string>& keys, const std::string& key) {
+bool holdsLine(const std::vector<std::string>& keys, const std::string& key) {
     return std::find(keys.begin(), keys.end(), key) != keys.end();
 }
 
@@ -62,7 +62,7 @@ bool holds(const std::vector<std::string>& keys, const std::string& key) {
 void dropAdded(MasterCfText& text, const std::vector<std::string>& shelteredKeys) {
     for (const MasterCfTextEntry& entry : text.entries()) {
         const PanelService* service = panelServiceOf(entry.key());
-        if (service != nullptr && !service->replaces && holds(shelteredKeys, entry.key())) {
+        if (service != nullptr && !service->replaces && holdsLine(shelteredKeys, entry.key())) {
             text.drop(entry);
         }
     }
@@ -73,7 +73,7 @@ void commentReplaced(MasterCfText& text, const std::vector<std::string>& shelter
                      std::vector<std::string>& replaced) {
     for (const MasterCfTextEntry& entry : text.entries()) {
         const PanelService* service = panelServiceOf(entry.key());
-        if (service != nullptr && service->replaces && holds(shelteredKeys, entry.key()) &&
+        if (service != nullptr && service->replaces && holdsLine(shelteredKeys, entry.key()) &&
             diagnoseMasterCf(text.textOf(entry))) {
             replaced.push_back(entry.key());
             text.commentOut(entry, "#");

@@ -7,10 +7,10 @@
 namespace torva::ctl::rehearsal {
 namespace {
 
-const char* const subject = "delivery";
+const char* const deliverySubject = "delivery";
 
 Finding warning(const std::string& text, const std::string& advice) {
-    return {Level::warning, subject, text, advice};
+    return {Level::warning, deliverySubject, text, advice};
 }
 
 std::string withLine(const std::string& text, const LogLine& line) {
@@ -88,7 +88,7 @@ Finding tellRefused(const Attempt& attempt, const std::vector<LogLine>& log,
         withLine(attempt.what + ": refused: " + reply.text, lineOfRefusal(dialogue, reply));
     const bool fault = isServerFault(reply);
     if (attempt.relaying && !fault) {
-        return {Level::ok, subject, text, ""};
+        return {Level::ok, deliverySubject, text, ""};
     }
     const std::string advice = adviceAbout(text, dialogue, around);
     if (attempt.relaying) {
@@ -164,7 +164,7 @@ Finding tellDelivered(const std::string& what, const std::vector<Delivery>& deli
         text += std::string(here.empty() ? "" : "; ") + "leaves this host for " + leaving +
                 " (not sent: nothing leaves the private world)";
     }
-    return {Level::ok, subject, withLine(text, deliveries.back().line), ""};
+    return {Level::ok, deliverySubject, withLine(text, deliveries.back().line), ""};
 }
 
 Finding tellUnsettled(const std::string& what, const MessageTrail& trail,

@@ -27,9 +27,9 @@ const std::set<std::string> privateAlready = {"/etc", "/run", "/usr", "/var"};
 
 // What Postfix itself makes and fills in its queue directory. Files move between these
 // by rename(2), so they have to be on one file system.
-const std::set<std::string> queues = {"active",  "bounce", "corrupt",  "defer",    "deferred",
-                                      "flush",   "hold",   "incoming", "maildrop", "pid",
-                                      "private", "public", "saved",    "trace"};
+const std::set<std::string> queueDirectories = {
+    "active",   "bounce",   "corrupt", "defer",   "deferred", "flush", "hold",
+    "incoming", "maildrop", "pid",     "private", "public",   "saved", "trace"};
 
 std::vector<std::string> topLevelDirectories() {
     std::vector<std::string> names;
@@ -106,7 +106,7 @@ void emptyQueue(const std::string& queueDirectory, const std::string& scratch) {
     const std::string fresh = scratch + "/queue";
     makeDirectory(fresh);
     copyOwnership(queueDirectory, fresh);
-    mirror(queueDirectory, fresh, queues);
+    mirror(queueDirectory, fresh, queueDirectories);
     bindMount(fresh, queueDirectory);
 }
 

@@ -19,7 +19,8 @@ namespace torva::ctl {
 
 namespace {
 
-constexpr int patience = 3; ///< in tenths of a second: "check" may hold the lock for an instant
+constexpr int applyPatience =
+    3; ///< in tenths of a second: "check" may hold the lock for an instant
 
 class Apply {
 public:
@@ -206,7 +207,7 @@ int Apply::takeBack() {
 } // namespace
 
 int apply(Call& call) {
-    const HostLock lock = lockHost(patience);
+    const HostLock lock = lockHost(applyPatience);
     const Marker marker = readMarker();
     if (marker.isSet() && !marker.beforeAnyChange()) {
         return 2; // told already

@@ -23,14 +23,14 @@ const char general[] = R"(usage: torva-postfixctl [--json] VERB [ARGUMENT...]
 One apply or rollback at a time; when one was killed, rollback finishes the job.
 )";
 
-const char check[] = R"(usage: torva-postfixctl [--json] check
+const char checkHelp[] = R"(usage: torva-postfixctl [--json] check
 
 Looks at the host, changes nothing. A line for each finding: ok, warning (the
 run will work, mail will not) or stop (the run would fail), with what to do.
 Exit status 1 when a line says stop.
 )";
 
-const char preview[] = R"(usage: torva-postfixctl [--json] preview [OPTION...]
+const char previewHelp[] = R"(usage: torva-postfixctl [--json] preview [OPTION...]
 
 Runs torva-postfix-setup in a private copy of this host, shows what would
 change, and exits with its exit status.
@@ -42,7 +42,7 @@ change, and exits with its exit status.
   --panel-accounts  for a machine without the panel: as if its accounts existed
 )";
 
-const char apply[] = R"(usage: torva-postfixctl [--json] apply [OPTION...]
+const char applyHelp[] = R"(usage: torva-postfixctl [--json] apply [OPTION...]
 
 Check, backup, the run, "postfix check". Any failure brings the backup back
 (exit status 1; 2 when that failed too).
@@ -53,14 +53,14 @@ Check, backup, the run, "postfix check". Any failure brings the backup back
                     records that it drops are put back
 )";
 
-const char diff[] = R"(usage: torva-postfixctl [--json] diff [STAMP]
+const char diffHelp[] = R"(usage: torva-postfixctl [--json] diff [STAMP]
 
 Lists what has changed since an apply ended, by setting, service, table record
 and file: the newest apply, or the one whose backup is STAMP. Exit status 0:
 nothing; 1: what is listed; 2: it cannot be told.
 )";
 
-const char rollback[] = R"(usage: torva-postfixctl [--json] rollback [OPTION...] [STAMP]
+const char rollbackHelp[] = R"(usage: torva-postfixctl [--json] rollback [OPTION...] [STAMP]
 
 Brings back the state before the newest apply, or before the first of several
 in a row, or the backup STAMP. What there is now is backed up first. Where
@@ -70,7 +70,7 @@ something has changed since the apply, it is listed, and nothing is done.
   --reload          reloads a running Postfix, as for apply
 )";
 
-const char backups[] = R"(usage: torva-postfixctl [--json] backups [--prune N]
+const char backupsHelp[] = R"(usage: torva-postfixctl [--json] backups [--prune N]
 
 Lists the backups, /var/backups/torva-postfix/STAMP.
 
@@ -82,8 +82,8 @@ Lists the backups, /var/backups/torva-postfix/STAMP.
 
 std::string helpFor(const std::string& verb) {
     static const std::map<std::string, const char*> texts{
-        {"check", check}, {"preview", preview},   {"apply", apply},
-        {"diff", diff},   {"rollback", rollback}, {"backups", backups}};
+        {"check", checkHelp}, {"preview", previewHelp},   {"apply", applyHelp},
+        {"diff", diffHelp},   {"rollback", rollbackHelp}, {"backups", backupsHelp}};
     const auto found = texts.find(verb);
     return found == texts.end() ? general : found->second;
 }

@@ -8,7 +8,7 @@ namespace torva::ctl {
 
 namespace {
 
-constexpr int patience = 600; ///< in tenths of a second
+constexpr int listPatience = 600; ///< in tenths of a second
 
 std::string dateOf(std::time_t time) {
     std::tm parts{};
@@ -47,7 +47,7 @@ void print(const Backup& backup, Report& report) {
 
 /// Keeps the newest, the one that rollback goes to, and the one that repairs.
 void prune(std::size_t kept, Report& report) {
-    const HostLock lock = lockHost(patience);
+    const HostLock lock = lockHost(listPatience);
     Backups backups;
     const std::vector<Backup> all = backups.list();
     const auto wanted = backups.beforeNewestRow();

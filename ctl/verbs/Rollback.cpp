@@ -16,7 +16,7 @@ namespace torva::ctl {
 
 namespace {
 
-constexpr int patience = 600; ///< in tenths of a second
+constexpr int rollbackPatience = 600; ///< in tenths of a second
 
 class Rollback {
 public:
@@ -157,7 +157,7 @@ void Rollback::takeUp(Activation& activation) {
 } // namespace
 
 int rollback(Call& call) {
-    const HostLock lock = lockHost(patience);
+    const HostLock lock = lockHost(rollbackPatience);
     holdSignals();
     Rollback(call).perform();
     return 0;

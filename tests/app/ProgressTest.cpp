@@ -44,17 +44,17 @@ TEST_F(ProgressTest, SwitchedOffItIsSilentAndTheStepsRun) {
     EXPECT_EQ(log_.str(), "");
 }
 
-struct Case {
+struct ProgressCase {
     const char* name;
     const char* value; ///< null: not set
     bool wanted;
 };
 
-void PrintTo(const Case& tested, std::ostream* out) {
+void PrintTo(const ProgressCase& tested, std::ostream* out) {
     *out << tested.name;
 }
 
-class ProgressSwitchTest : public testing::TestWithParam<Case> {};
+class ProgressSwitchTest : public testing::TestWithParam<ProgressCase> {};
 
 TEST_P(ProgressSwitchTest, FollowsTheEnvironment) {
     if (GetParam().value == nullptr) {
@@ -66,11 +66,11 @@ TEST_P(ProgressSwitchTest, FollowsTheEnvironment) {
     ::unsetenv("TORVA_INSTALLER_DEBUG");
 }
 
-INSTANTIATE_TEST_SUITE_P(Values, ProgressSwitchTest,
-                         testing::Values(Case{"Unset", nullptr, false}, Case{"Zero", "0", false},
-                                         Case{"One", "1", true}, Case{"Empty", "", true},
-                                         Case{"TwoZeros", "00", true},
-                                         Case{"ZeroAndBlank", "0 ", true}),
-                         [](const auto& tested) { return std::string(tested.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    Values, ProgressSwitchTest,
+    testing::Values(ProgressCase{"Unset", nullptr, false}, ProgressCase{"Zero", "0", false},
+                    ProgressCase{"One", "1", true}, ProgressCase{"Empty", "", true},
+                    ProgressCase{"TwoZeros", "00", true}, ProgressCase{"ZeroAndBlank", "0 ", true}),
+    [](const auto& tested) { return std::string(tested.param.name); });
 
 } // namespace

@@ -26,7 +26,7 @@ void closeAndRepair(int modes[3]) {
 
 /// Runs a check in a child, which spoils its own streams: 0 is good.
 template <class Check>
-int inAChild(Check check) {
+int runInAChild(Check check) {
     const pid_t pid = ::fork();
     if (pid == 0) {
         ::_exit(check());
@@ -39,7 +39,7 @@ int inAChild(Check check) {
 } // namespace
 
 TEST(RepairedStreamsTest, InputCanBeReadAndOutputWrittenByChildrenToo) {
-    EXPECT_EQ(inAChild([] {
+    EXPECT_EQ(runInAChild([] {
                   int modes[3];
                   closeAndRepair(modes);
                   return modes[0] == O_RDONLY && modes[1] == O_WRONLY && modes[2] == O_WRONLY ? 0
@@ -49,7 +49,7 @@ TEST(RepairedStreamsTest, InputCanBeReadAndOutputWrittenByChildrenToo) {
 }
 
 TEST(RepairedStreamsTest, NothingElseIsOpened) {
-    EXPECT_EQ(inAChild([] {
+    EXPECT_EQ(runInAChild([] {
                   const int next = ::dup(STDIN_FILENO);
                   ::close(next);
                   int modes[3];
@@ -60,7 +60,7 @@ TEST(RepairedStreamsTest, NothingElseIsOpened) {
 }
 
 TEST(RepairedStreamsTest, AFlagOfAnOpenStreamStays) {
-    EXPECT_EQ(inAChild([] {
+    EXPECT_EQ(runInAChild([] {
                   ::fcntl(STDIN_FILENO, F_SETFD, FD_CLOEXEC);
                   makeWorldSane();
                   return ::fcntl(STDIN_FILENO, F_GETFD) == FD_CLOEXEC ? 0 : 1;

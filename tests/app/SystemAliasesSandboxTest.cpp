@@ -26,7 +26,7 @@ using torva::test::namesIn;
 
 namespace {
 
-const char postconf[] = "/usr/sbin/postconf";
+const char postconfPath[] = "/usr/sbin/postconf";
 const char postalias[] = "/usr/sbin/postalias";
 
 class SystemAliasesTest : public testing::Test {
@@ -48,7 +48,7 @@ protected:
 
     /// Checks a parameter that has this value.
     static void check(const std::string& value) {
-        const FakeTool fake(postconf,
+        const FakeTool fake(postconfPath,
                             "case $2 in alias_maps) echo '" + value + "';; *) echo hash; esac");
         SystemAliases().check("alias_maps");
     }
@@ -127,8 +127,8 @@ TEST_F(SystemAliasesTest, ACreationThatASignalEndsIsAFailure) {
 
 TEST_F(SystemAliasesTest, OtherChildrenOfTheProcessAreNotWaitedFor) {
     const FakeTool fake(postalias, "exit 0");
-    const FakeTool parameters(postconf, "case $2 in alias_maps) echo hash:" + source +
-                                            ";; *) echo hash; esac");
+    const FakeTool parameters(postconfPath, "case $2 in alias_maps) echo hash:" + source +
+                                                ";; *) echo hash; esac");
     SystemAliases aliases;
     const torva::test::WaitingChild child;
     // The runs of postconf reap every child of the process; it has not ended by then.

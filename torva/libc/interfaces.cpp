@@ -16,7 +16,7 @@
 
 namespace {
 
-const int reportPriority = 3;
+const int interfacePriority = 3;
 
 in_addr addressOf(const ifreq& request) {
     sockaddr_in address;
@@ -65,7 +65,7 @@ void fillHardware(int socket_fd, const ifreq& entry, ifaceinfo* record) {
     std::strcpy(record->hardware_text, "00:00:00:00:00:00");
     ifreq request = entry;
     if (::ioctl(socket_fd, SIOCGIFHWADDR, &request) == -1) {
-        torva_log(reportPriority, "Can't get Mac-addr with SIOCGIFHWADDR\n");
+        torva_log(interfacePriority, "Can't get Mac-addr with SIOCGIFHWADDR\n");
         return;
     }
     unsigned char bytes[6];
@@ -93,7 +93,7 @@ ifaceinfo* makeRecords(int socket_fd, const ifreq* entries, int entry_count, int
     auto* records = static_cast<ifaceinfo*>(
         std::calloc(static_cast<size_t>(entry_count) + 1, sizeof(ifaceinfo)));
     if (records == nullptr) {
-        torva_log(reportPriority, "Can't allocate ifaceinfo buffer from %d elements\n",
+        torva_log(interfacePriority, "Can't allocate ifaceinfo buffer from %d elements\n",
                   entry_count);
         return nullptr;
     }
@@ -129,7 +129,7 @@ struct ifaceinfo* list_interfaces(int* count) {
     // Never 0 to 2 where one of these is closed: a report would be written into it.
     const int socket_fd = fd_above_standard(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (socket_fd == -1) {
-        torva_log(reportPriority, "Can't create socket: %s\n", std::strerror(errno));
+        torva_log(interfacePriority, "Can't create socket: %s\n", std::strerror(errno));
         return nullptr;
     }
     ifaceinfo* records = nullptr;
@@ -138,7 +138,7 @@ struct ifaceinfo* list_interfaces(int* count) {
         records = makeRecords(socket_fd, entries, size / static_cast<int>(sizeof(ifreq)), count);
         std::free(entries);
     } else {
-        torva_log(reportPriority, "unable to query SIOCGIFCONF: %s\n", std::strerror(errno));
+        torva_log(interfacePriority, "unable to query SIOCGIFCONF: %s\n", std::strerror(errno));
     }
     ::close(socket_fd);
     return records;

@@ -10,7 +10,7 @@
 namespace {
 
 const char configurationFile[] = "/etc/kra/kra.conf";
-const int reportPriority = 12;
+const int configurationPriority = 12;
 
 struct Variable {
     const char* name;
@@ -71,8 +71,8 @@ int panel_conf_load(void) {
     FILE* stream = std::fopen(configurationFile, "rte");
     if (stream == nullptr) {
         const int saved_errno = errno;
-        torva_log(reportPriority, "unable to open configuration file %s: %s\n", configurationFile,
-                  std::strerror(saved_errno));
+        torva_log(configurationPriority, "unable to open configuration file %s: %s\n",
+                  configurationFile, std::strerror(saved_errno));
         errno = saved_errno;
         return -1;
     }
@@ -100,7 +100,7 @@ const char* panel_conf_get_by_name(const char* name) {
             return panel_conf_get(index);
         }
     }
-    torva_log(reportPriority,
+    torva_log(configurationPriority,
               "variable '%s' isn't found neither in %s nor in compile-time defaults\n", name,
               configurationFile);
     return nullptr;

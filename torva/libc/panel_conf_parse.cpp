@@ -11,7 +11,7 @@
 
 namespace {
 
-const int reportPriority = 12;
+const int parsePriority = 12;
 const size_t firstCapacity = 20;
 
 bool isSpace(char c) {
@@ -25,7 +25,7 @@ bool isNameCharacter(char c) {
 /// Reports a failure that errno tells about, and leaves errno at that.
 void reportFailure(const char* format) {
     const int saved_errno = errno;
-    torva_log(reportPriority, format, std::strerror(saved_errno));
+    torva_log(parsePriority, format, std::strerror(saved_errno));
     errno = saved_errno;
 }
 
@@ -80,7 +80,7 @@ bool parseLine(panel_conf_file* file, const char* line) {
         ++end;
     }
     if (*end != '\0' && !isSpace(*end)) {
-        torva_log(reportPriority,
+        torva_log(parsePriority,
                   "Invalid variable definition %s\nExpected a space after variable name\n", line);
         return true;
     }
@@ -89,7 +89,7 @@ bool parseLine(panel_conf_file* file, const char* line) {
         ++value;
     }
     if (*value == '\0' || *value == '#') {
-        torva_log(reportPriority, "Invalid variable definition %s\nExpected a value", line);
+        torva_log(parsePriority, "Invalid variable definition %s\nExpected a value", line);
         return true;
     }
     // At least the first character is neither white space nor a comment, so the
@@ -136,7 +136,7 @@ extern "C" {
 struct panel_conf_file* panel_conf_new(void) {
     auto* file = static_cast<panel_conf_file*>(std::calloc(1, sizeof(panel_conf_file)));
     if (file == nullptr) {
-        torva_log(reportPriority,
+        torva_log(parsePriority,
                   "Not enough memory to allocate Torva runtime configuration structure\n");
         errno = ENOMEM;
         return nullptr;

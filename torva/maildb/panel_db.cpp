@@ -16,7 +16,7 @@ using torva::maildb::format_text;
 using torva::maildb::ResultHolder;
 using torva::maildb::Text;
 
-constexpr std::size_t error_size = 1024;
+constexpr std::size_t query_error_size = 1024;
 
 using ResultList = torva::maildb::TerminatedArray<char*, db_free_list>;
 
@@ -84,7 +84,7 @@ int db_query_list(struct st_mysql* connection, const char* query, char*** list) 
     if (connection != nullptr) {
         return run_list_query(connection, query, list);
     }
-    char error[error_size] = "";
+    char error[query_error_size] = "";
     const ConnectionHolder own(db_open(error, sizeof error));
     if (error[0] != '\0') {
         torva_log(3, "%s", error);

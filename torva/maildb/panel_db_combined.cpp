@@ -71,7 +71,7 @@ int set_user(int type, const char* name, const char* domain, const char* passwor
 }
 
 /// Whether there is no such password.
-bool is_empty(const char* password) {
+bool has_no_text(const char* password) {
     return password == nullptr || *password == '\0';
 }
 
@@ -82,7 +82,7 @@ int clone_user(int type, const char* name, const char* from, const char* to) {
     if (address == nullptr || mail_auth_read_user(type, address.get(), &user) != 0) {
         return -1;
     }
-    const bool encrypted = is_empty(user.password) && !is_empty(user.encrypted_password);
+    const bool encrypted = has_no_text(user.password) && !has_no_text(user.encrypted_password);
     const int result = set_user(type, name, to, encrypted ? user.encrypted_password : user.password,
                                 encrypted ? 1 : 0, user.status);
     mail_auth_free_user(&user);

@@ -6,7 +6,7 @@ using namespace torva::ctl::rehearsal;
 
 namespace {
 
-std::vector<LogLine> logOf(const std::vector<const char*>& lines) {
+std::vector<LogLine> logWith(const std::vector<const char*>& lines) {
     std::vector<LogLine> log;
     for (const char* line : lines) {
         log.push_back(parseLogLine(line));
@@ -15,7 +15,7 @@ std::vector<LogLine> logOf(const std::vector<const char*>& lines) {
 }
 
 TEST(ServiceFaultsTest, ServiceThatCannotStartIsToldWithItsOwnLastWords) {
-    const std::vector<ServiceFault> faults = findServiceFaults(logOf(
+    const std::vector<ServiceFault> faults = findServiceFaults(logWith(
         {"postfix/smtpd[7]: warning: no mechanisms", "postfix/smtpd[7]: fatal: no SASL",
          "postfix/master[1]: warning: process /usr/lib/postfix/sbin/smtpd pid 7 exit status 1",
          "postfix/master[1]: warning: /usr/lib/postfix/sbin/smtpd: bad command startup -- "
@@ -28,15 +28,15 @@ TEST(ServiceFaultsTest, ServiceThatCannotStartIsToldWithItsOwnLastWords) {
 
 TEST(ServiceFaultsTest, ServiceIsToldOnceHoweverOftenItEnds) {
     EXPECT_EQ(findServiceFaults(
-                  logOf({"postfix/master[1]: warning: process /a/smtpd pid 7 exit status 1",
-                         "postfix/master[1]: warning: process /a/smtpd pid 8 exit status 1"}))
+                  logWith({"postfix/master[1]: warning: process /a/smtpd pid 7 exit status 1",
+                           "postfix/master[1]: warning: process /a/smtpd pid 8 exit status 1"}))
                   .size(),
               1U);
 }
 
 TEST(ServiceFaultsTest, DeathBySignalIsToldInTheWordsOfMaster) {
     const std::vector<ServiceFault> faults = findServiceFaults(
-        logOf({"postfix/master[1]: warning: process /a/local pid 9 killed by signal 11"}));
+        logWith({"postfix/master[1]: warning: process /a/local pid 9 killed by signal 11"}));
     ASSERT_EQ(faults.size(), 1U);
     EXPECT_FALSE(faults[0].atStart);
     EXPECT_EQ(faults[0].why.text, "warning: process /a/local pid 9 killed by signal 11");
@@ -44,24 +44,24 @@ TEST(ServiceFaultsTest, DeathBySignalIsToldInTheWordsOfMaster) {
 
 TEST(ServiceFaultsTest, OthersThanMasterTellOfNoEnd) {
     EXPECT_TRUE(
-        findServiceFaults(logOf({"postfix/local[2]: warning: process /a/x pid 9 exit status 1"}))
+        findServiceFaults(logWith({"postfix/local[2]: warning: process /a/x pid 9 exit status 1"}))
             .empty());
 }
 
 TEST(ServiceFaultsTest, HeldBackStartIsKnownByTheNameOfTheProgram) {
     const auto log =
-        logOf({"postfix/master[1]: warning: /a/smtpd: bad command startup -- throttling"});
+        logWith({"postfix/master[1]: warning: /a/smtpd: bad command startup -- throttling"});
     EXPECT_TRUE(startIsThrottled(log, "smtpd"));
     EXPECT_FALSE(startIsThrottled(log, "smtp"));
 }
 
 TEST(ServiceFaultsTest, WorstLineIsTheFirstOfTheHighestKind) {
-    const auto log = logOf({"a[1]: warning: w1", "a[1]: error: e1", "a[1]: error: e2",
-                            "a[1]: text with fatal: inside"});
+    const auto log = logWith({"a[1]: warning: w1", "a[1]: error: e1", "a[1]: error: e2",
+                              "a[1]: text with fatal: inside"});
     EXPECT_EQ(worstLine(log).text, "error: e1");
     EXPECT_EQ(worstLine(log, 2).text, "error: e2");
-    EXPECT_EQ(worstLine(logOf({"a[1]: error: e", "a[1]: fatal: f"})).text, "fatal: f");
-    EXPECT_EQ(worstLine(logOf({"a[1]: fine"})).text, "");
+    EXPECT_EQ(worstLine(logWith({"a[1]: error: e", "a[1]: fatal: f"})).text, "fatal: f");
+    EXPECT_EQ(worstLine(logWith({"a[1]: fine"})).text, "");
 }
 
 } // namespace

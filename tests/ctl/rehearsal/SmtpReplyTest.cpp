@@ -8,17 +8,17 @@ using torva::ctl::rehearsal::SmtpReplyReader;
 
 namespace {
 
-struct Case {
+struct ReplyCase {
     const char* name;
     std::string bytes;
     std::vector<std::pair<int, std::string>> replies;
 };
 
-void PrintTo(const Case& tested, std::ostream* out) {
+void PrintTo(const ReplyCase& tested, std::ostream* out) {
     *out << tested.name;
 }
 
-const Case cases[] = {
+const ReplyCase replyCases[] = {
     {"OneLine", "250 2.1.0 Ok\r\n", {{250, "250 2.1.0 Ok"}}},
     {"SeveralLinesAreOneReply", "250-a\r\n250-b\r\n250 c\r\n", {{250, "250 a b c"}}},
     {"CodeAlone", "354\r\n", {{354, "354"}}},
@@ -34,7 +34,7 @@ const Case cases[] = {
     {"ControlCharacters", "250 a\033b\r\n", {{250, "250 a b"}}},
 };
 
-class SmtpReplyTest : public testing::TestWithParam<Case> {};
+class SmtpReplyTest : public testing::TestWithParam<ReplyCase> {};
 
 std::vector<std::pair<int, std::string>> allReplies(SmtpReplyReader& reader) {
     std::vector<std::pair<int, std::string>> replies;
@@ -59,7 +59,7 @@ TEST_P(SmtpReplyTest, IsReadByteByByte) {
     EXPECT_EQ(allReplies(reader), GetParam().replies);
 }
 
-INSTANTIATE_TEST_SUITE_P(Servers, SmtpReplyTest, testing::ValuesIn(cases),
+INSTANTIATE_TEST_SUITE_P(Servers, SmtpReplyTest, testing::ValuesIn(replyCases),
                          [](const auto& tested) { return std::string(tested.param.name); });
 
 TEST(SmtpReplyTest, EndlessLineFillsNoMemory) {

@@ -21,7 +21,7 @@ const char path[] = "/etc/kra/kra.conf";
 
 void ignore(int, const char*, ...) {}
 
-void reportOut(int priority, const char* format, ...) {
+void reportToError(int priority, const char* format, ...) {
     std::fprintf(stderr, "%d: ", priority);
     va_list arguments;
     va_start(arguments, format);
@@ -35,7 +35,7 @@ protected:
     void SetUp() override {
         ASSERT_NE(std::getenv("TORVA_SANDBOX"), nullptr) << "outside scripts/sandbox";
         ASSERT_EQ(std::system("rm -rf /etc/kra && mkdir /etc/kra"), 0);
-        torva_log = reportOut;
+        torva_log = reportToError;
     }
     void TearDown() override { torva_log = previousHook_; }
 

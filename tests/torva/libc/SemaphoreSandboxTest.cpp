@@ -26,7 +26,7 @@ using torva::test::waitsForLock;
 namespace {
 
 const char directory[] = "/usr/local/kra";
-const char path[] = "/usr/local/kra/var/utilities.sem";
+const char semaphorePath[] = "/usr/local/kra/var/utilities.sem";
 
 #ifdef SYS_mkdir
 const long makeDirectoryCall = SYS_mkdir;
@@ -77,7 +77,7 @@ TEST_F(SemaphoreSandboxTest, TheFileAndItsDirectoriesAreMadeWhenMissing) {
         return 0;
     });
     EXPECT_EQ(outcome.exited, 0) << outcome.err;
-    EXPECT_EQ(modeOf(path), "100600");
+    EXPECT_EQ(modeOf(semaphorePath), "100600");
     EXPECT_EQ(modeOf("/usr/local/kra/var"), "40755");
     EXPECT_EQ(modeOf("/usr/local/kra"), "40755");
 }
@@ -88,9 +88,9 @@ TEST_F(SemaphoreSandboxTest, APresentFileStaysAsItIs) {
               0);
     const Outcome outcome = inChild([] { return sem_lock(3) + sem_unlock(3); });
     EXPECT_EQ(outcome.exited, 0) << outcome.err;
-    EXPECT_EQ(modeOf(path), "100640");
+    EXPECT_EQ(modeOf(semaphorePath), "100640");
     std::string text;
-    std::ifstream(path) >> text;
+    std::ifstream(semaphorePath) >> text;
     EXPECT_EQ(text, "data");
 }
 
@@ -101,7 +101,7 @@ TEST_F(SemaphoreSandboxTest, TheProductRootOfThePanelConfigurationIsUsed) {
     const Outcome outcome = inChild([] { return sem_lock(1); });
     EXPECT_EQ(outcome.exited, 0) << outcome.err;
     EXPECT_EQ(modeOf("/usr/local/kra/else/where/var/utilities.sem"), "100600");
-    EXPECT_EQ(modeOf(path), "missing");
+    EXPECT_EQ(modeOf(semaphorePath), "missing");
 }
 
 TEST_F(SemaphoreSandboxTest, TheDescriptorIsOpenedOnceAboveTheStandardStreamsCloseOnExec) {
@@ -325,9 +325,9 @@ TEST_F(SemaphoreSandboxTest, AFileThatCannotBeOpenedIsFatal) {
             sem_lock(1);
             return 7;
         });
-        const std::string text = std::string("failed to open semaphore file ") + path + ": " +
-                                 c.reason + "\nSystem error " + std::to_string(c.error) + ": " +
-                                 c.reason + "\n";
+        const std::string text = std::string("failed to open semaphore file ") + semaphorePath +
+                                 ": " + c.reason + "\nSystem error " + std::to_string(c.error) +
+                                 ": " + c.reason + "\n";
         EXPECT_EQ(outcome.exited, 1);
         EXPECT_EQ(outcome.err, text);
         EXPECT_EQ(outcome.out, text);
@@ -335,7 +335,7 @@ TEST_F(SemaphoreSandboxTest, AFileThatCannotBeOpenedIsFatal) {
 }
 
 TEST_F(SemaphoreSandboxTest, WhatOthersCouldHavePutThereIsFatalAndNamed) {
-    const std::string fatal = std::string("failed to open semaphore file ") + path + ": ";
+    const std::string fatal = std::string("failed to open semaphore file ") + semaphorePath + ": ";
     const std::string owner = "belongs to user 4711, not to root or to this program's user.";
     const struct {
         const char* command;
@@ -345,18 +345,20 @@ TEST_F(SemaphoreSandboxTest, WhatOthersCouldHavePutThereIsFatalAndNamed) {
         {"chown 4711 var", "\"/usr/local/kra/var\" " + owner, EPERM},
         {"chown 4711 .", "\"/usr/local/kra\" " + owner, EPERM},
         {"touch var/utilities.sem && chown 4711 var/utilities.sem",
-         std::string("\"") + path + "\" " + owner, EPERM},
+         std::string("\"") + semaphorePath + "\" " + owner, EPERM},
         {"chmod 1777 var",
          "\"/usr/local/kra/var\" is writable by its group or by others (mode 1777).", EPERM},
         {"chmod 0775 .", "\"/usr/local/kra\" is writable by its group or by others (mode 0775).",
          EPERM},
         {"touch var/utilities.sem && chmod 606 var/utilities.sem",
-         std::string("\"") + path + "\" is writable by its group or by others (mode 0606).", EPERM},
+         std::string("\"") + semaphorePath +
+             "\" is writable by its group or by others (mode 0606).",
+         EPERM},
         {"ln -s /usr/local/kra/target var/utilities.sem", "", ELOOP},
         {"touch target && ln -s /usr/local/kra/target var/utilities.sem", "", ELOOP},
         {"mkfifo var/utilities.sem", "", ENXIO},
         {"mkfifo var/utilities.sem && (sleep 600 <>var/utilities.sem & echo $! >pid)",
-         std::string("\"") + path + "\" is no regular file.", EPERM},
+         std::string("\"") + semaphorePath + "\" is no regular file.", EPERM},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.command);
@@ -390,13 +392,14 @@ TEST_F(SemaphoreSandboxTest, DirectoriesMayBeLinks) {
 TEST_F(SemaphoreSandboxTest, OnlyTheFileStaysOpenAndNothingDoesAfterARefusal) {
     const Outcome outcome = inChild([] {
         const auto before = openDescriptors();
-        if (open_semaphore_file(path) == -1 || openDescriptors().size() != before.size() + 1) {
+        if (open_semaphore_file(semaphorePath) == -1 ||
+            openDescriptors().size() != before.size() + 1) {
             return 1;
         }
         const auto opened = openDescriptors();
         for (const char* command : {"chmod 666 /usr/local/kra/var/utilities.sem",
                                     "chmod 777 /usr/local/kra/var", "chmod 777 /usr/local/kra"}) {
-            if (std::system(command) != 0 || open_semaphore_file(path) != -1) {
+            if (std::system(command) != 0 || open_semaphore_file(semaphorePath) != -1) {
                 return 2;
             }
         }
@@ -412,7 +415,7 @@ TEST_F(SemaphoreSandboxTest, WithoutUmaskFileAndDirectoriesHaveTheirModesNeverth
         return 0;
     });
     EXPECT_EQ(outcome.exited, 0) << outcome.err;
-    EXPECT_EQ(modeOf(path), "100600");
+    EXPECT_EQ(modeOf(semaphorePath), "100600");
     EXPECT_EQ(modeOf("/usr/local/kra/var"), "40755");
 }
 
@@ -428,7 +431,7 @@ TEST_F(SemaphoreSandboxTest, ADirectoryThatCannotBeMadeIsFatalWithItsOwnReason) 
         GTEST_SKIP() << "the kernel allows no system call filters";
     }
     EXPECT_EQ(outcome.exited, 1);
-    EXPECT_EQ(outcome.err, std::string("failed to open semaphore file ") + path +
+    EXPECT_EQ(outcome.err, std::string("failed to open semaphore file ") + semaphorePath +
                                ": Read-only file system\nSystem error 30: Read-only file system\n");
 }
 

@@ -29,7 +29,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr int type = postfix_type;
 const std::string path = auth_path;
 const std::string journal = path + "-journal";
 const std::string aside = "/var/tmp/aside.db"; // where the real database is meanwhile
@@ -37,13 +36,13 @@ const std::string victim = "/var/tmp/victim";
 
 int look_up() {
     mail_auth_user user;
-    const int result = mail_auth_lookup(type, "joe@example.com", &user);
+    const int result = mail_auth_lookup(postfix_type, "joe@example.com", &user);
     mail_auth_free_user(&user);
     return result;
 }
 
 int add_domain() {
-    return mail_auth_add_domain(type, "new.example", 0);
+    return mail_auth_add_domain(postfix_type, "new.example", 0);
 }
 
 /// Contents, owner, group, mode and number of links.
@@ -64,8 +63,8 @@ uid_t postfix_id() {
 class HostileDirectory : public AuthDatabase {
 protected:
     HostileDirectory() {
-        EXPECT_EQ(0, mail_auth_add_domain(type, "example.com", 0));
-        EXPECT_EQ(0, mail_auth_set_user(type, "joe@example.com", "p", 0, 0));
+        EXPECT_EQ(0, mail_auth_add_domain(postfix_type, "example.com", 0));
+        EXPECT_EQ(0, mail_auth_set_user(postfix_type, "joe@example.com", "p", 0, 0));
         write_file(victim, "somebody else's");
         chmod(victim.c_str(), 0640);
     }
@@ -137,7 +136,7 @@ TEST_F(HostileDirectory, TheDirectoryItselfMayBeALink) {
     fs::create_directory_symlink(real, auth_directory_path);
     EXPECT_EQ(0, look_up());
     EXPECT_EQ(0, add_domain());
-    EXPECT_EQ(0, mail_auth_create_db(type));
+    EXPECT_EQ(0, mail_auth_create_db(postfix_type));
     EXPECT_EQ(-1, look_up()) << "it is a new one";
     EXPECT_EQ(0, add_domain());
     fs::remove(auth_directory_path);
@@ -269,7 +268,7 @@ TEST_F(HostileDirectory, AJournalThatNamesAnotherFileHasNothingDeleted) {
         EXPECT_THAT(bounded(operation), testing::StartsWith("-1\n3 "));
         EXPECT_EQ(before, state(victim));
         fs::remove(journal);
-        EXPECT_EQ(0, mail_auth_create_db(type));
+        EXPECT_EQ(0, mail_auth_create_db(postfix_type));
     }
 }
 
@@ -279,7 +278,7 @@ TEST_F(HostileDirectory, AJournalThatNamesAnotherFileHasNothingDeleted) {
 int work() {
     for (int turn = 0; turn < 500; ++turn) {
         look_up();
-        mail_auth_set_user(type, "joe@example.com", "p", 0, turn);
+        mail_auth_set_user(postfix_type, "joe@example.com", "p", 0, turn);
     }
     return 0;
 }
@@ -328,7 +327,7 @@ int create_with(const Swap& swap) {
             swap();
         }
     });
-    return mail_auth_create_db(type);
+    return mail_auth_create_db(postfix_type);
 }
 
 TEST_F(HostileDirectory, WhatIsPutInThePlaceOfANewDatabaseIsNotGivenAway) {
@@ -381,7 +380,7 @@ TEST_F(HostileDirectory, WhatIsPutThereBeforeANewDatabaseIsReplacedNotFilled) {
     for (const Swap& plant : plants) {
         fs::remove(path);
         plant();
-        EXPECT_EQ("0\n", bounded([] { return mail_auth_create_db(type); }));
+        EXPECT_EQ("0\n", bounded([] { return mail_auth_create_db(postfix_type); }));
         EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(path)));
         EXPECT_EQ(before, state(victim));
     }
@@ -389,7 +388,7 @@ TEST_F(HostileDirectory, WhatIsPutThereBeforeANewDatabaseIsReplacedNotFilled) {
 
 TEST_F(HostileDirectory, AFifoInThePlaceOfTheJournalDoesNotBlockCreating) {
     ASSERT_EQ(0, mkfifo(journal.c_str(), 0666));
-    EXPECT_EQ("0\n", bounded([] { return mail_auth_create_db(type); }));
+    EXPECT_EQ("0\n", bounded([] { return mail_auth_create_db(postfix_type); }));
     EXPECT_FALSE(fs::exists(fs::symlink_status(journal)));
 }
 

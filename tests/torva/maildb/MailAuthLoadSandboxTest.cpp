@@ -22,8 +22,6 @@ using testing::IsEmpty;
 
 namespace {
 
-constexpr int type = postfix_type;
-
 std::string numbered(const char* prefix, int number) {
     return prefix + std::to_string(number);
 }
@@ -49,13 +47,14 @@ class AuthLoad : public AuthDatabase {};
 TEST_F(AuthLoad, AWriterAndAReaderShareTheFileWithoutLoss) {
     constexpr int changes = 2000;
     constexpr int lookups = 20000;
-    EXPECT_EQ(0, mail_auth_add_domain(type, "d.example", 0));
-    EXPECT_EQ(0, mail_auth_set_user(type, "steady@d.example", "p", 0, 0));
+    EXPECT_EQ(0, mail_auth_add_domain(postfix_type, "d.example", 0));
+    EXPECT_EQ(0, mail_auth_set_user(postfix_type, "steady@d.example", "p", 0, 0));
     const pid_t writer = start([] {
         for (int i = 0; i < changes; ++i) {
             const std::string address = numbered("u", i % 100) + "@d.example";
             const std::string password = numbered("p", i);
-            if (mail_auth_set_user(type, address.c_str(), password.c_str(), i % 2, i) != 0) {
+            if (mail_auth_set_user(postfix_type, address.c_str(), password.c_str(), i % 2, i) !=
+                0) {
                 return 1;
             }
         }
@@ -64,7 +63,7 @@ TEST_F(AuthLoad, AWriterAndAReaderShareTheFileWithoutLoss) {
     int failures = 0;
     for (int i = 0; i < lookups; ++i) {
         mail_auth_user user;
-        if (mail_auth_lookup(type, "steady@d.example", &user) != 0 ||
+        if (mail_auth_lookup(postfix_type, "steady@d.example", &user) != 0 ||
             std::string("p") != user.password) {
             ++failures;
         }
@@ -91,7 +90,8 @@ TEST_F(AuthLoad, AWriterAndAReaderShareTheFileWithoutLoss) {
 [[noreturn]] void change_for_ever(int first, int acknowledgements) {
     for (int i = first;; ++i) {
         const std::string address = numbered("u", i) + "@d.example";
-        if (mail_auth_set_user(type, address.c_str(), numbered("p", i).c_str(), 0, i) != 0 ||
+        if (mail_auth_set_user(postfix_type, address.c_str(), numbered("p", i).c_str(), 0, i) !=
+                0 ||
             write(acknowledgements, ".", 1) != 1) {
             _exit(1);
         }
@@ -128,8 +128,8 @@ int killed_writer(int first, int changes, unsigned microseconds) {
 }
 
 TEST_F(AuthLoad, AWriterKilledAtAnyMomentLeavesEveryAcknowledgedChange) {
-    EXPECT_EQ(0, mail_auth_add_domain(type, "d.example", 0));
-    EXPECT_EQ(0, mail_auth_set_user(type, "steady@d.example", "p", 0, 0));
+    EXPECT_EQ(0, mail_auth_add_domain(postfix_type, "d.example", 0));
+    EXPECT_EQ(0, mail_auth_set_user(postfix_type, "steady@d.example", "p", 0, 0));
     std::mt19937 random(4711);
     std::uniform_int_distribution<int> changes(0, 5);
     std::uniform_int_distribution<unsigned> moment(0, 2000);
@@ -138,7 +138,7 @@ TEST_F(AuthLoad, AWriterKilledAtAnyMomentLeavesEveryAcknowledgedChange) {
         const int next = first + killed_writer(first, changes(random), moment(random));
         // The first to come by is a reader: it must cope with the journal that was left.
         mail_auth_user user;
-        ASSERT_EQ(0, mail_auth_lookup(type, "steady@d.example", &user)) << log.text();
+        ASSERT_EQ(0, mail_auth_lookup(postfix_type, "steady@d.example", &user)) << log.text();
         mail_auth_free_user(&user);
         SqliteFile file(auth_path);
         ASSERT_THAT(file.rows("PRAGMA integrity_check"), ElementsAre("ok")) << "turn " << turn;
@@ -155,8 +155,8 @@ TEST_F(AuthLoad, AWriterKilledAtAnyMomentLeavesEveryAcknowledgedChange) {
 }
 
 TEST_F(AuthLoad, AReaderRollsBackWhatAKilledWriterLeft) {
-    EXPECT_EQ(0, mail_auth_add_domain(type, "d.example", 0));
-    EXPECT_EQ(0, mail_auth_set_user(type, "steady@d.example", "p", 0, 0));
+    EXPECT_EQ(0, mail_auth_add_domain(postfix_type, "d.example", 0));
+    EXPECT_EQ(0, mail_auth_set_user(postfix_type, "steady@d.example", "p", 0, 0));
     const pid_t writer = start([] {
         SqliteFile file(auth_path);
         // The cache is too small for the change: half of it is in the file already.
@@ -169,7 +169,7 @@ TEST_F(AuthLoad, AReaderRollsBackWhatAKilledWriterLeft) {
     EXPECT_EQ(-1, exit_status(writer));
     ASSERT_TRUE(std::filesystem::exists(std::string(auth_path) + "-journal"));
     mail_auth_user user;
-    EXPECT_EQ(0, mail_auth_lookup(type, "steady@d.example", &user));
+    EXPECT_EQ(0, mail_auth_lookup(postfix_type, "steady@d.example", &user));
     mail_auth_free_user(&user);
     EXPECT_THAT(log.take(), IsEmpty());
     EXPECT_FALSE(std::filesystem::exists(std::string(auth_path) + "-journal"));
@@ -205,26 +205,28 @@ TEST_F(AuthLoad, HostileBytesComeBackAsTheyWere) {
         }
         const std::string address = name + "@" + given;
         for (const int encrypted : {0, 1}) {
-            EXPECT_EQ(0, mail_auth_add_domain(type, given.c_str(), 0));
-            EXPECT_EQ(0, mail_auth_set_user(type, address.c_str(), given.c_str(), encrypted, 0));
+            EXPECT_EQ(0, mail_auth_add_domain(postfix_type, given.c_str(), 0));
+            EXPECT_EQ(
+                0, mail_auth_set_user(postfix_type, address.c_str(), given.c_str(), encrypted, 0));
             mail_auth_user user;
-            ASSERT_EQ(0, mail_auth_read_user(type, address.c_str(), &user));
+            ASSERT_EQ(0, mail_auth_read_user(postfix_type, address.c_str(), &user));
             EXPECT_TRUE(name == user.name);
             const char* password = encrypted != 0 ? user.encrypted_password : user.password;
             ASSERT_NE(nullptr, password);
             EXPECT_TRUE(given == password);
             mail_auth_free_user(&user);
-            ASSERT_EQ(0, mail_auth_lookup(type, address.c_str(), &user));
+            ASSERT_EQ(0, mail_auth_lookup(postfix_type, address.c_str(), &user));
             EXPECT_TRUE(address == user.name);
             mail_auth_free_user(&user);
             mail_auth_user* users = nullptr;
-            ASSERT_EQ(0, mail_auth_list(type, &users, nullptr));
+            ASSERT_EQ(0, mail_auth_list(postfix_type, &users, nullptr));
             EXPECT_TRUE(address == users[0].name);
             mail_auth_free_list(users);
-            EXPECT_EQ(0, mail_auth_rename_user(type, address.c_str(), (name + "2").c_str()));
-            EXPECT_EQ(0, mail_auth_delete_user(type, (name + "2@" + given).c_str()));
+            EXPECT_EQ(0,
+                      mail_auth_rename_user(postfix_type, address.c_str(), (name + "2").c_str()));
+            EXPECT_EQ(0, mail_auth_delete_user(postfix_type, (name + "2@" + given).c_str()));
             EXPECT_THAT(rows("SELECT count(*) FROM users"), ElementsAre("0"));
-            EXPECT_EQ(0, mail_auth_delete_domain(type, given.c_str()));
+            EXPECT_EQ(0, mail_auth_delete_domain(postfix_type, given.c_str()));
         }
     }
     EXPECT_THAT(rows("SELECT count(*) FROM domains"), ElementsAre("0"));
@@ -243,7 +245,7 @@ TEST_F(AuthLoad, AListOf200000UsersComesOutWholeAndIsFreedWhole) {
     run(many_users);
     mail_auth_user* users = nullptr;
     size_t count = 0;
-    ASSERT_EQ(0, mail_auth_list(type, &users, &count));
+    ASSERT_EQ(0, mail_auth_list(postfix_type, &users, &count));
     ASSERT_EQ(200000U, count);
     long long sum = 0;
     for (size_t i = 0; i < count; ++i) {
@@ -260,19 +262,19 @@ TEST_F(AuthLoad, NoMemoryIsReportedAndGivesNothing) {
     if (!allocation_faults_work) {
         GTEST_SKIP() << no_allocation_faults;
     }
-    EXPECT_EQ(0, mail_auth_add_domain(type, "d.example", 0));
+    EXPECT_EQ(0, mail_auth_add_domain(postfix_type, "d.example", 0));
     const std::string password(77777, 'p');
-    EXPECT_EQ(0, mail_auth_set_user(type, "u@d.example", password.c_str(), 0, 0));
+    EXPECT_EQ(0, mail_auth_set_user(postfix_type, "u@d.example", password.c_str(), 0, 0));
     mail_auth_user user;
     mail_auth_user* users = nullptr;
     {
         const AllocationFaults faults(77778, 77778); // the copy of the password
-        EXPECT_EQ(-1, mail_auth_read_user(type, "u@d.example", &user));
+        EXPECT_EQ(-1, mail_auth_read_user(postfix_type, "u@d.example", &user));
         EXPECT_EQ(ENOMEM, errno);
         EXPECT_EQ(nullptr, user.name);
-        EXPECT_EQ(-1, mail_auth_lookup(type, "u@d.example", &user));
+        EXPECT_EQ(-1, mail_auth_lookup(postfix_type, "u@d.example", &user));
         EXPECT_EQ(nullptr, user.name);
-        EXPECT_EQ(-1, mail_auth_list(type, &users, nullptr));
+        EXPECT_EQ(-1, mail_auth_list(postfix_type, &users, nullptr));
         EXPECT_EQ(nullptr, users);
     }
     {
@@ -280,7 +282,7 @@ TEST_F(AuthLoad, NoMemoryIsReportedAndGivesNothing) {
         run("DELETE FROM domains");
         run(many_users);
         const AllocationFaults faults(grown_array, grown_array);
-        EXPECT_EQ(-1, mail_auth_list(type, &users, nullptr));
+        EXPECT_EQ(-1, mail_auth_list(postfix_type, &users, nullptr));
     }
     const LogLine no_memory(2, "Memory allocation error");
     const LogLine no_list(3, "Unable to get users list from MTA password database");

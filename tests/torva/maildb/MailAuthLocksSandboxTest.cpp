@@ -16,35 +16,34 @@ using testing::IsEmpty;
 
 namespace {
 
-constexpr int type = postfix_type;
-
 class AuthLocks : public AuthDatabase {};
 
 TEST_F(AuthLocks, EveryOperationWaitsForALockHeldElsewhere) {
-    EXPECT_EQ(0, mail_auth_add_domain(type, "d.example", 0));
-    EXPECT_EQ(0, mail_auth_set_user(type, "u@d.example", "p", 0, 0));
+    EXPECT_EQ(0, mail_auth_add_domain(postfix_type, "d.example", 0));
+    EXPECT_EQ(0, mail_auth_set_user(postfix_type, "u@d.example", "p", 0, 0));
     mail_auth_user user;
     mail_auth_user* users = nullptr;
     const struct {
         const char* name;
         std::function<int()> operation;
     } cases[] = {
-        {"add domain", [] { return mail_auth_add_domain(type, "new.example", 0); }},
-        {"find domain", [] { return mail_auth_find_domain(type, "d.example", nullptr, nullptr); }},
-        {"set user", [] { return mail_auth_set_user(type, "v@d.example", "p", 0, 0); }},
+        {"add domain", [] { return mail_auth_add_domain(postfix_type, "new.example", 0); }},
+        {"find domain",
+         [] { return mail_auth_find_domain(postfix_type, "d.example", nullptr, nullptr); }},
+        {"set user", [] { return mail_auth_set_user(postfix_type, "v@d.example", "p", 0, 0); }},
         {"lookup",
          [&] {
-             const int result = mail_auth_lookup(type, "u@d.example", &user);
+             const int result = mail_auth_lookup(postfix_type, "u@d.example", &user);
              mail_auth_free_user(&user);
              return result;
          }},
         {"list",
          [&] {
-             const int result = mail_auth_list(type, &users, nullptr);
+             const int result = mail_auth_list(postfix_type, &users, nullptr);
              mail_auth_free_list(users);
              return result;
          }},
-        {"delete user", [] { return mail_auth_delete_user(type, "v@d.example"); }},
+        {"delete user", [] { return mail_auth_delete_user(postfix_type, "v@d.example"); }},
     };
     for (const auto& test : cases) {
         const LockHolder holder(auth_path, "BEGIN EXCLUSIVE", 200);
@@ -57,7 +56,7 @@ TEST_F(AuthLocks, EveryOperationWaitsForALockHeldElsewhere) {
 TEST_F(AuthLocks, AChangeWaitsForReadersAndOtherWriters) {
     for (const char* lock : {"BEGIN; SELECT * FROM domains", "BEGIN IMMEDIATE"}) {
         const LockHolder holder(auth_path, lock, 200);
-        EXPECT_EQ(0, mail_auth_add_domain(type, lock, 0)) << lock;
+        EXPECT_EQ(0, mail_auth_add_domain(postfix_type, lock, 0)) << lock;
         EXPECT_TRUE(holder.released()) << lock;
     }
     EXPECT_THAT(log.take(), IsEmpty());
@@ -78,7 +77,7 @@ TEST_F(AuthLocks, AnInterruptedSleepEndsTheAttempts) {
     for (const auto& test : cases) {
         const LockHolder holder(auth_path, test.lock, -1);
         const Interruptions interruptions;
-        EXPECT_EQ(-1, mail_auth_add_domain(type, "example.com", 0)) << test.lock;
+        EXPECT_EQ(-1, mail_auth_add_domain(postfix_type, "example.com", 0)) << test.lock;
         EXPECT_THAT(log.take(), ElementsAre(LogLine(3, test.message))) << test.lock;
     }
     EXPECT_THAT(rows("SELECT name FROM domains"), IsEmpty());
@@ -109,7 +108,7 @@ TEST_F(AuthLocks, ClosingWaitsForWhoeverUsesTheHandle) {
             straggler.let_go();
         });
     });
-    EXPECT_EQ(0, mail_auth_add_domain(type, "example.com", 0));
+    EXPECT_EQ(0, mail_auth_add_domain(postfix_type, "example.com", 0));
     EXPECT_EQ(before, descriptor_count());
     other.join();
     EXPECT_THAT(log.take(), IsEmpty());
@@ -121,7 +120,7 @@ TEST_F(AuthLocks, AnInterruptedSleepEndsTheAttemptsToClose) {
     {
         const OpenHook hook([&](sqlite3* handle) { straggler.attach(handle); });
         const Interruptions interruptions;
-        EXPECT_EQ(-1, mail_auth_add_domain(type, "example.com", 0));
+        EXPECT_EQ(-1, mail_auth_add_domain(postfix_type, "example.com", 0));
     }
     EXPECT_THAT(log.take(),
                 ElementsAre(LogLine(3, std::string("Unable to close database ") + auth_path +

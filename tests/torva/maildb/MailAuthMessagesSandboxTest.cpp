@@ -20,8 +20,6 @@ using testing::Not;
 
 namespace {
 
-constexpr int type = postfix_type;
-
 class MailAuthMessages : public AuthDatabase {};
 
 using Operation = std::function<int()>;
@@ -44,42 +42,42 @@ std::vector<OperationCase> operation_cases() {
     };
     return {
         {"add domain",
-         [] { return mail_auth_add_domain(type, "d.example", 0); },
+         [] { return mail_auth_add_domain(postfix_type, "d.example", 0); },
          {"INSERT INTO domains (name, status) VALUES(?, ?)"},
          false},
         {"find domain",
-         [] { return mail_auth_find_domain(type, "d.example", nullptr, nullptr); },
+         [] { return mail_auth_find_domain(postfix_type, "d.example", nullptr, nullptr); },
          {find_statement},
          true},
         {"find domain with status",
          [] {
              int status = 0;
-             return mail_auth_find_domain(type, "d.example", nullptr, &status);
+             return mail_auth_find_domain(postfix_type, "d.example", nullptr, &status);
          },
          {"SELECT id, status FROM domains WHERE name=?"},
          true},
         {"set domain status",
-         [] { return mail_auth_set_domain_status(type, "d.example", 1); },
+         [] { return mail_auth_set_domain_status(postfix_type, "d.example", 1); },
          {"UPDATE domains SET status=? WHERE name=?"},
          false},
         {"set user, plain",
-         [] { return mail_auth_set_user(type, "u@d.example", "pa55phrase", 0, 0); },
+         [] { return mail_auth_set_user(postfix_type, "u@d.example", "pa55phrase", 0, 0); },
          {find_statement,
           "INSERT OR REPLACE INTO users (name, userPassword, status, dom_id) VALUES "
           "(?, ?, ?, ?)"},
          false},
         {"set user, encrypted",
-         [] { return mail_auth_set_user(type, "u@d.example", "pa55phrase", 1, 0); },
+         [] { return mail_auth_set_user(postfix_type, "u@d.example", "pa55phrase", 1, 0); },
          {find_statement, "INSERT OR REPLACE INTO users (name, cmusaslsecretPLAIN, status, dom_id) "
                           "VALUES (?, ?, ?, ?)"},
          false},
         {"read user",
-         [=] { return released(mail_auth_read_user(type, "u@d.example", &user)); },
+         [=] { return released(mail_auth_read_user(postfix_type, "u@d.example", &user)); },
          {find_statement, "SELECT name, userPassword, cmusaslsecretPLAIN, status FROM users WHERE "
                           "dom_id=? AND name=?"},
          true},
         {"lookup",
-         [=] { return released(mail_auth_lookup(type, "u@d.example", &user)); },
+         [=] { return released(mail_auth_lookup(postfix_type, "u@d.example", &user)); },
          {"SELECT u.userPassword AS password, u.cmusaslsecretPLAIN AS encPassword, u.status AS "
           "userDisabled, d.status AS domainDisabled FROM users AS u, domains AS d WHERE u.dom_id = "
           "d.id AND u.name=? AND d.name=?"},
@@ -87,7 +85,7 @@ std::vector<OperationCase> operation_cases() {
         {"list",
          [] {
              mail_auth_user* users = nullptr;
-             const int result = mail_auth_list(type, &users, nullptr);
+             const int result = mail_auth_list(postfix_type, &users, nullptr);
              mail_auth_free_list(users);
              return result;
          },
@@ -96,19 +94,19 @@ std::vector<OperationCase> operation_cases() {
           "domainDisabled FROM users AS u, domains AS d WHERE u.dom_id = d.id"},
          true},
         {"rename user",
-         [] { return mail_auth_rename_user(type, "u@d.example", "v"); },
+         [] { return mail_auth_rename_user(postfix_type, "u@d.example", "v"); },
          {find_statement, "UPDATE users SET name=? WHERE name=? AND dom_id=?"},
          false},
         {"delete user",
-         [] { return mail_auth_delete_user(type, "v@d.example"); },
+         [] { return mail_auth_delete_user(postfix_type, "v@d.example"); },
          {find_statement, "DELETE FROM users WHERE name=? AND dom_id=?"},
          false},
         {"rename domain",
-         [] { return mail_auth_rename_domain(type, "d.example", "e.example"); },
+         [] { return mail_auth_rename_domain(postfix_type, "d.example", "e.example"); },
          {"UPDATE domains SET name=? WHERE name=?"},
          false},
         {"delete domain",
-         [] { return mail_auth_delete_domain(type, "e.example"); },
+         [] { return mail_auth_delete_domain(postfix_type, "e.example"); },
          {"DELETE FROM domains WHERE name=?"},
          false},
     };
@@ -148,7 +146,7 @@ TEST_F(MailAuthMessages, EachOperationClosesTheDatabase) {
             test.operation();
             EXPECT_EQ(before, descriptor_count()) << test.name;
         }
-        EXPECT_EQ(0, mail_auth_add_domain(type, "d.example", 0));
+        EXPECT_EQ(0, mail_auth_add_domain(postfix_type, "d.example", 0));
         EXPECT_EQ(before, descriptor_count());
     }
 }
@@ -180,7 +178,7 @@ TEST_F(MailAuthMessages, WhatIsNoDatabaseIsReportedAndLeftAsItIs) {
 }
 
 TEST_F(MailAuthMessages, AStatementThatCannotBePreparedIsReported) {
-    EXPECT_EQ(0, mail_auth_add_domain(type, "d.example", 0));
+    EXPECT_EQ(0, mail_auth_add_domain(postfix_type, "d.example", 0));
     run("DROP TABLE users");
     for (const OperationCase& test : operation_cases()) {
         if (test.statements.back().find("users") == std::string::npos) {
@@ -195,7 +193,7 @@ TEST_F(MailAuthMessages, AStatementThatCannotBePreparedIsReported) {
 }
 
 TEST_F(MailAuthMessages, EachNameThatCannotBeBoundIsNamed) {
-    EXPECT_EQ(0, mail_auth_add_domain(type, "d", 0));
+    EXPECT_EQ(0, mail_auth_add_domain(postfix_type, "d", 0));
     const std::string big(3000, 'x');
     const std::string at_big = "u@" + big;
     const std::string big_at = big + "@d";
@@ -218,37 +216,44 @@ TEST_F(MailAuthMessages, EachNameThatCannotBeBoundIsNamed) {
         Operation operation;
         std::string message;
     } cases[] = {
-        {"add domain", [&] { return mail_auth_add_domain(type, big.c_str(), 0); },
+        {"add domain", [&] { return mail_auth_add_domain(postfix_type, big.c_str(), 0); },
          "domain name '" + big + "'" + to + "INSERT INTO domains (name, status) VALUES(?, ?)"},
-        {"find domain", [&] { return mail_auth_find_domain(type, big.c_str(), nullptr, nullptr); },
+        {"find domain",
+         [&] { return mail_auth_find_domain(postfix_type, big.c_str(), nullptr, nullptr); },
          "domain name '" + big + "'" + to + find_statement},
-        {"delete domain", [&] { return mail_auth_delete_domain(type, big.c_str()); },
+        {"delete domain", [&] { return mail_auth_delete_domain(postfix_type, big.c_str()); },
          "domain name '" + big + "'" + to + "DELETE FROM domains WHERE name=?"},
-        {"rename domain, new", [&] { return mail_auth_rename_domain(type, "d", big.c_str()); },
+        {"rename domain, new",
+         [&] { return mail_auth_rename_domain(postfix_type, "d", big.c_str()); },
          "new domain name '" + big + "'" + to + "UPDATE domains SET name=? WHERE name=?"},
-        {"rename domain, old", [&] { return mail_auth_rename_domain(type, big.c_str(), "d"); },
+        {"rename domain, old",
+         [&] { return mail_auth_rename_domain(postfix_type, big.c_str(), "d"); },
          "old domain name '" + big + "'" + to + "UPDATE domains SET name=? WHERE name=?"},
-        {"domain status", [&] { return mail_auth_set_domain_status(type, big.c_str(), 0); },
+        {"domain status", [&] { return mail_auth_set_domain_status(postfix_type, big.c_str(), 0); },
          "domain name '" + big + "'" + to + "UPDATE domains SET status=? WHERE name=?"},
-        {"user's domain", [&] { return mail_auth_delete_user(type, at_big.c_str()); },
+        {"user's domain", [&] { return mail_auth_delete_user(postfix_type, at_big.c_str()); },
          "domain name '" + big + "'" + to + find_statement},
-        {"set user", [&] { return mail_auth_set_user(type, big_at.c_str(), "p", 0, 0); },
+        {"set user", [&] { return mail_auth_set_user(postfix_type, big_at.c_str(), "p", 0, 0); },
          "user name '" + big + "'" + to + insert},
-        {"plain password", [&] { return mail_auth_set_user(type, "u@d", big.c_str(), 0, 0); },
+        {"plain password",
+         [&] { return mail_auth_set_user(postfix_type, "u@d", big.c_str(), 0, 0); },
          "password" + to + insert},
-        {"encrypted password", [&] { return mail_auth_set_user(type, "u@d", big.c_str(), 1, 0); },
+        {"encrypted password",
+         [&] { return mail_auth_set_user(postfix_type, "u@d", big.c_str(), 1, 0); },
          "password" + to + sealed},
-        {"read user", [&] { return mail_auth_read_user(type, big_at.c_str(), &user); },
+        {"read user", [&] { return mail_auth_read_user(postfix_type, big_at.c_str(), &user); },
          "user name '" + big + "'" + to + select},
-        {"rename user, new", [&] { return mail_auth_rename_user(type, "u@d", big.c_str()); },
+        {"rename user, new",
+         [&] { return mail_auth_rename_user(postfix_type, "u@d", big.c_str()); },
          "new user name '" + big + "'" + to + rename},
-        {"rename user, old", [&] { return mail_auth_rename_user(type, big_at.c_str(), "v"); },
+        {"rename user, old",
+         [&] { return mail_auth_rename_user(postfix_type, big_at.c_str(), "v"); },
          "user name '" + big + "'" + to + rename},
-        {"delete user", [&] { return mail_auth_delete_user(type, big_at.c_str()); },
+        {"delete user", [&] { return mail_auth_delete_user(postfix_type, big_at.c_str()); },
          "user name '" + big + "'" + to + "DELETE FROM users WHERE name=? AND dom_id=?"},
-        {"lookup, name", [&] { return mail_auth_lookup(type, big_at.c_str(), &user); },
+        {"lookup, name", [&] { return mail_auth_lookup(postfix_type, big_at.c_str(), &user); },
          "user name '" + big + "'" + to + lookup_query},
-        {"lookup, domain", [&] { return mail_auth_lookup(type, at_big.c_str(), &user); },
+        {"lookup, domain", [&] { return mail_auth_lookup(postfix_type, at_big.c_str(), &user); },
          "domain name '" + big + "'" + to + lookup_query},
     };
     for (const auto& test : cases) {
@@ -262,8 +267,8 @@ TEST_F(MailAuthMessages, EachNameThatCannotBeBoundIsNamed) {
 }
 
 TEST_F(MailAuthMessages, EachChangeThatIsRefusedNamesItsPurpose) {
-    EXPECT_EQ(0, mail_auth_add_domain(type, "d.example", 0));
-    EXPECT_EQ(0, mail_auth_set_user(type, "u@d.example", "p", 0, 0));
+    EXPECT_EQ(0, mail_auth_add_domain(postfix_type, "d.example", 0));
+    EXPECT_EQ(0, mail_auth_set_user(postfix_type, "u@d.example", "p", 0, 0));
     for (const std::string table : {"domains", "users"}) {
         for (const std::string event : {"INSERT", "UPDATE", "DELETE"}) {
             run("CREATE TRIGGER refuse_" + event + "_" + table + " BEFORE " + event + " ON " +
@@ -274,17 +279,18 @@ TEST_F(MailAuthMessages, EachChangeThatIsRefusedNamesItsPurpose) {
         Operation operation;
         const char* purpose;
     } cases[] = {
-        {[] { return mail_auth_add_domain(type, "new.example", 0); },
+        {[] { return mail_auth_add_domain(postfix_type, "new.example", 0); },
          "mail authorization registration"},
-        {[] { return mail_auth_delete_domain(type, "d.example"); },
+        {[] { return mail_auth_delete_domain(postfix_type, "d.example"); },
          "mail domain authorization removal"},
-        {[] { return mail_auth_rename_domain(type, "d.example", "e.example"); },
+        {[] { return mail_auth_rename_domain(postfix_type, "d.example", "e.example"); },
          "mail domain authorization rename"},
-        {[] { return mail_auth_set_domain_status(type, "d.example", 1); },
+        {[] { return mail_auth_set_domain_status(postfix_type, "d.example", 1); },
          "mail domain authorization status change"},
-        {[] { return mail_auth_set_user(type, "u@d.example", "p", 0, 0); }, "user registration"},
-        {[] { return mail_auth_rename_user(type, "u@d.example", "v"); }, "user rename"},
-        {[] { return mail_auth_delete_user(type, "u@d.example"); }, "user removal"},
+        {[] { return mail_auth_set_user(postfix_type, "u@d.example", "p", 0, 0); },
+         "user registration"},
+        {[] { return mail_auth_rename_user(postfix_type, "u@d.example", "v"); }, "user rename"},
+        {[] { return mail_auth_delete_user(postfix_type, "u@d.example"); }, "user removal"},
     };
     for (const auto& test : cases) {
         EXPECT_EQ(-1, test.operation()) << test.purpose;
@@ -302,11 +308,11 @@ TEST_F(MailAuthMessages, EachQueryThatBreaksOffNamesItsPurpose) {
         "CREATE VIEW users AS SELECT 1 AS dom_id, 'u' AS name, 'p' AS userPassword, NULL AS "
         "cmusaslsecretPLAIN, abs(n) AS status FROM n;"
         "CREATE TABLE domains (id, name, status); INSERT INTO domains VALUES (1, 'd', 0)");
-    EXPECT_EQ(-1, mail_auth_read_user(type, "u@d", &user));
-    EXPECT_EQ(-1, mail_auth_lookup(type, "u@d", &user));
+    EXPECT_EQ(-1, mail_auth_read_user(postfix_type, "u@d", &user));
+    EXPECT_EQ(-1, mail_auth_lookup(postfix_type, "u@d", &user));
     run("DROP TABLE domains; CREATE VIEW domains AS SELECT abs(n) AS id, 'd' AS name, 0 AS status "
         "FROM n");
-    EXPECT_EQ(-1, mail_auth_find_domain(type, "d", nullptr, nullptr));
+    EXPECT_EQ(-1, mail_auth_find_domain(postfix_type, "d", nullptr, nullptr));
     EXPECT_THAT(
         log.take(),
         ElementsAre(
@@ -332,9 +338,9 @@ TEST_F(MailAuthMessages, NoMessageShowsAPassword) {
 }
 
 TEST_F(MailAuthMessages, ADomainGetsNoEmptyName) {
-    EXPECT_EQ(-1, mail_auth_add_domain(type, "", 0));
-    EXPECT_EQ(0, mail_auth_add_domain(type, "example.com", 0));
-    EXPECT_EQ(-1, mail_auth_rename_domain(type, "example.com", ""));
+    EXPECT_EQ(-1, mail_auth_add_domain(postfix_type, "", 0));
+    EXPECT_EQ(0, mail_auth_add_domain(postfix_type, "example.com", 0));
+    EXPECT_EQ(-1, mail_auth_rename_domain(postfix_type, "example.com", ""));
     const LogLine invalid(3, "Invalid mail domain ''");
     EXPECT_THAT(log.take(), ElementsAre(invalid, invalid));
     EXPECT_THAT(rows("SELECT name FROM domains"), ElementsAre("example.com"));
@@ -342,12 +348,12 @@ TEST_F(MailAuthMessages, ADomainGetsNoEmptyName) {
 
 TEST_F(MailAuthMessages, NamesThatDifferInCaseAreDifferentNames) {
     for (const char* domain : {"example.com", "Example.com"}) {
-        EXPECT_EQ(0, mail_auth_add_domain(type, domain, 0));
+        EXPECT_EQ(0, mail_auth_add_domain(postfix_type, domain, 0));
     }
-    EXPECT_EQ(0, mail_auth_set_user(type, "joe@example.com", "p", 0, 0));
-    EXPECT_EQ(0, mail_auth_set_user(type, "Joe@example.com", "q", 0, 0));
-    EXPECT_EQ(0, mail_auth_delete_user(type, "JOE@example.com"));
-    EXPECT_EQ(-1, mail_auth_find_domain(type, "EXAMPLE.com", nullptr, nullptr));
+    EXPECT_EQ(0, mail_auth_set_user(postfix_type, "joe@example.com", "p", 0, 0));
+    EXPECT_EQ(0, mail_auth_set_user(postfix_type, "Joe@example.com", "q", 0, 0));
+    EXPECT_EQ(0, mail_auth_delete_user(postfix_type, "JOE@example.com"));
+    EXPECT_EQ(-1, mail_auth_find_domain(postfix_type, "EXAMPLE.com", nullptr, nullptr));
     EXPECT_THAT(rows("SELECT name, userPassword FROM users ORDER BY id"),
                 ElementsAre("joe|p", "Joe|q"));
 }
@@ -356,13 +362,13 @@ TEST_F(MailAuthMessages, FreedRecordsLeaveNoPasswordInMemory) {
     if (!allocation_faults_work) {
         GTEST_SKIP() << no_allocation_faults;
     }
-    EXPECT_EQ(0, mail_auth_add_domain(type, "d.example", 0));
+    EXPECT_EQ(0, mail_auth_add_domain(postfix_type, "d.example", 0));
     for (const int encrypted : {0, 1}) {
-        EXPECT_EQ(0, mail_auth_set_user(type, "u@d.example", "pa55phrase", encrypted, 0));
+        EXPECT_EQ(0, mail_auth_set_user(postfix_type, "u@d.example", "pa55phrase", encrypted, 0));
         mail_auth_user user;
-        ASSERT_EQ(0, mail_auth_read_user(type, "u@d.example", &user));
+        ASSERT_EQ(0, mail_auth_read_user(postfix_type, "u@d.example", &user));
         mail_auth_user* users = nullptr;
-        ASSERT_EQ(0, mail_auth_list(type, &users, nullptr));
+        ASSERT_EQ(0, mail_auth_list(postfix_type, &users, nullptr));
         const FreedTexts freed("pa55phrase");
         mail_auth_free_user(&user);
         EXPECT_EQ(0, freed.count()) << encrypted;

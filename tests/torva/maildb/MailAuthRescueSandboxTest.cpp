@@ -23,8 +23,7 @@ using testing::StartsWith;
 
 namespace {
 
-constexpr int type = postfix_type;
-const std::string journal = std::string(auth_path) + "-journal";
+const std::string auth_journal = std::string(auth_path) + "-journal";
 
 /// A writer that dies half-way: everything is deleted in the file, and the journal has it.
 void leave_a_journal() {
@@ -40,7 +39,7 @@ void leave_a_journal() {
     int status = 0;
     waitpid(writer, &status, 0);
     EXPECT_TRUE(WIFSIGNALED(status));
-    EXPECT_TRUE(std::filesystem::exists(journal));
+    EXPECT_TRUE(std::filesystem::exists(auth_journal));
 }
 
 /// Leaves a journal when the query begins to run: it has been prepared then.
@@ -74,10 +73,10 @@ private:
 class AuthRescue : public AuthDatabase {
 protected:
     AuthRescue() {
-        EXPECT_EQ(0, mail_auth_add_domain(type, "other.example", 0));
-        EXPECT_EQ(0, mail_auth_add_domain(type, "example.com", 4));
-        EXPECT_EQ(0, mail_auth_set_user(type, "ann@example.com", "q", 1, 3));
-        EXPECT_EQ(0, mail_auth_set_user(type, "joe@example.com", "p", 0, 2));
+        EXPECT_EQ(0, mail_auth_add_domain(postfix_type, "other.example", 0));
+        EXPECT_EQ(0, mail_auth_add_domain(postfix_type, "example.com", 4));
+        EXPECT_EQ(0, mail_auth_set_user(postfix_type, "ann@example.com", "q", 1, 3));
+        EXPECT_EQ(0, mail_auth_set_user(postfix_type, "joe@example.com", "p", 0, 2));
     }
 };
 
@@ -99,7 +98,7 @@ std::vector<Query> queries() {
          [] {
              long long id = 0;
              int status = 0;
-             const int result = mail_auth_find_domain(type, "example.com", &id, &status);
+             const int result = mail_auth_find_domain(postfix_type, "example.com", &id, &status);
              return std::to_string(result) + " " + std::to_string(id) + " " +
                     std::to_string(status);
          },
@@ -107,7 +106,7 @@ std::vector<Query> queries() {
         {"SELECT name, userPassword",
          [] {
              mail_auth_user user;
-             const int result = mail_auth_read_user(type, "joe@example.com", &user);
+             const int result = mail_auth_read_user(postfix_type, "joe@example.com", &user);
              std::string text = result == 0 ? shown(user) : "failed";
              mail_auth_free_user(&user);
              return text;
@@ -116,7 +115,7 @@ std::vector<Query> queries() {
         {"SELECT u.userPassword",
          [] {
              mail_auth_user user;
-             const int result = mail_auth_lookup(type, "joe@example.com", &user);
+             const int result = mail_auth_lookup(postfix_type, "joe@example.com", &user);
              std::string text = result == 0 ? shown(user) : "failed";
              mail_auth_free_user(&user);
              return text;
@@ -126,7 +125,7 @@ std::vector<Query> queries() {
          [] {
              mail_auth_user* users = nullptr;
              size_t count = 0;
-             std::string text = mail_auth_list(type, &users, &count) == 0 ? "" : "failed";
+             std::string text = mail_auth_list(postfix_type, &users, &count) == 0 ? "" : "failed";
              for (size_t i = 0; i < count; ++i) {
                  text += shown(users[i]);
              }
@@ -141,7 +140,7 @@ TEST_F(AuthRescue, AJournalThatIsThereWhenAQueryIsPreparedIsRolledBack) {
     for (const Query& query : queries()) {
         leave_a_journal();
         EXPECT_EQ(query.answer, query.run()) << query.begins;
-        EXPECT_FALSE(std::filesystem::exists(journal)) << query.begins;
+        EXPECT_FALSE(std::filesystem::exists(auth_journal)) << query.begins;
         EXPECT_THAT(log.take(), IsEmpty()) << query.begins;
     }
 }
@@ -151,7 +150,7 @@ TEST_F(AuthRescue, AJournalThatIsLeftBetweenPreparingAndRunningIsRolledBack) {
         const JournalAtFirstStep moment(query.begins);
         EXPECT_EQ(query.answer, query.run()) << query.begins;
         EXPECT_TRUE(moment.met()) << query.begins;
-        EXPECT_FALSE(std::filesystem::exists(journal)) << query.begins;
+        EXPECT_FALSE(std::filesystem::exists(auth_journal)) << query.begins;
         EXPECT_THAT(log.take(), IsEmpty()) << query.begins;
     }
 }
@@ -179,7 +178,7 @@ std::string looked_up_by_postfix() {
             return 99;
         }
         mail_auth_user user;
-        const int result = mail_auth_lookup(type, "joe@example.com", &user);
+        const int result = mail_auth_lookup(postfix_type, "joe@example.com", &user);
         mail_auth_free_user(&user);
         return result;
     });
@@ -190,8 +189,8 @@ TEST_F(AuthRescue, TheMailServersAccountReadsAgainOnceSomebodyElseHas) {
     leave_a_journal();
     EXPECT_THAT(looked_up_by_postfix(), StartsWith("-1\n3 Unable to prepare SQL statement"));
     EXPECT_THAT(looked_up_by_postfix(), HasSubstr("attempt to write a readonly database"));
-    EXPECT_TRUE(std::filesystem::exists(journal));
-    EXPECT_EQ(0, mail_auth_find_domain(type, "example.com", nullptr, nullptr));
+    EXPECT_TRUE(std::filesystem::exists(auth_journal));
+    EXPECT_EQ(0, mail_auth_find_domain(postfix_type, "example.com", nullptr, nullptr));
     EXPECT_EQ("0\n", looked_up_by_postfix());
 }
 

@@ -20,10 +20,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr int type = postfix_type;
-const std::string path = auth_path;
-const std::string journal = path + "-journal";
-const std::string victim = "/var/tmp/victim";
+const std::string swap_path = auth_path;
+const std::string swap_journal = swap_path + "-journal";
+const std::string swap_victim = "/var/tmp/victim";
 
 using Moment = std::function<void(const std::string& opened)>;
 Moment before_open;
@@ -53,38 +52,38 @@ class LastMoment : public AuthDatabase {
 protected:
     LastMoment() {
         EXPECT_TRUE(hooked);
-        EXPECT_EQ(0, mail_auth_add_domain(type, "example.com", 0));
-        fs::remove(victim);
-        write_file(victim, "");
-        chmod(victim.c_str(), 0640);
+        EXPECT_EQ(0, mail_auth_add_domain(postfix_type, "example.com", 0));
+        fs::remove(swap_victim);
+        write_file(swap_victim, "");
+        chmod(swap_victim.c_str(), 0640);
     }
     ~LastMoment() override {
         before_open = nullptr;
         after_open = nullptr;
-        for (const std::string& file : {path, journal, victim}) {
+        for (const std::string& file : {swap_path, swap_journal, swap_victim}) {
             fs::remove(file);
         }
     }
     static void expect_unharmed() {
         struct stat status {};
-        ASSERT_EQ(0, lstat(victim.c_str(), &status));
+        ASSERT_EQ(0, lstat(swap_victim.c_str(), &status));
         EXPECT_EQ(0U, status.st_uid);
         EXPECT_EQ(0640U, status.st_mode & 07777U);
-        EXPECT_EQ("", read_file(victim));
+        EXPECT_EQ("", read_file(swap_victim));
     }
 };
 
 int find_domain() {
-    return mail_auth_find_domain(type, "example.com", nullptr, nullptr);
+    return mail_auth_find_domain(postfix_type, "example.com", nullptr, nullptr);
 }
 
-int add_domain() {
-    return mail_auth_add_domain(type, "new.example", 0);
+int add_new_domain() {
+    return mail_auth_add_domain(postfix_type, "new.example", 0);
 }
 
 TEST_F(LastMoment, AFifoBlocksNobody) {
     before_open = [](const std::string& opened) {
-        if (opened == path) {
+        if (opened == swap_path) {
             unlink(auth_path);
             mkfifo(auth_path, 0666);
         }
@@ -93,48 +92,48 @@ TEST_F(LastMoment, AFifoBlocksNobody) {
 }
 
 TEST_F(LastMoment, ALinkIsNotFollowed) {
-    fs::copy_file(path, path + ".kept");
+    fs::copy_file(swap_path, swap_path + ".kept");
     before_open = [](const std::string& opened) {
-        if (opened == path) {
+        if (opened == swap_path) {
             unlink(auth_path);
-            fs::create_symlink(path + ".kept", path);
+            fs::create_symlink(swap_path + ".kept", swap_path);
         }
     };
     EXPECT_THAT(bounded(find_domain), StartsWith("-1\n3 Unable to open database(readonly) "));
-    fs::remove(path + ".kept");
+    fs::remove(swap_path + ".kept");
 }
 
 TEST_F(LastMoment, AFileThatIsLinkedAsTheJournalIsNotGivenAway) {
     before_open = [](const std::string& opened) {
-        if (opened == journal) {
-            link(victim.c_str(), journal.c_str());
+        if (opened == swap_journal) {
+            link(swap_victim.c_str(), swap_journal.c_str());
         }
     };
-    EXPECT_THAT(bounded(add_domain), StartsWith("-1\n"));
-    fs::remove(journal);
+    EXPECT_THAT(bounded(add_new_domain), StartsWith("-1\n"));
+    fs::remove(swap_journal);
     expect_unharmed();
 }
 
 TEST_F(LastMoment, AFileThatWasLinkedWhileItWasOpenedIsNotGivenAway) {
     before_open = [](const std::string& opened) {
-        if (opened == journal) {
-            link(victim.c_str(), journal.c_str());
+        if (opened == swap_journal) {
+            link(swap_victim.c_str(), swap_journal.c_str());
         }
     };
     after_open = [](const std::string& opened) {
-        if (opened == journal) {
-            unlink(journal.c_str());
+        if (opened == swap_journal) {
+            unlink(swap_journal.c_str());
         }
     };
-    EXPECT_THAT(bounded(add_domain), StartsWith("-1\n"));
+    EXPECT_THAT(bounded(add_new_domain), StartsWith("-1\n"));
     expect_unharmed();
 }
 
 TEST_F(LastMoment, AJournalThatGoesWhileItIsOpenedIsNoObstacle) {
-    write_file(journal, "x");
+    write_file(swap_journal, "x");
     after_open = [](const std::string& opened) {
-        if (opened == journal) {
-            unlink(journal.c_str());
+        if (opened == swap_journal) {
+            unlink(swap_journal.c_str());
         }
     };
     EXPECT_EQ("0\n", bounded(find_domain));

@@ -16,19 +16,18 @@ using testing::UnorderedElementsAre;
 
 namespace {
 
-constexpr int type = postfix_type;
 constexpr auto hang_up = MysqlProxy::Action::hang_up;
 
 // Cloning.
 
 TEST_F(Combined, RecordsOfMailNamesAndAliasesAreClonedWithPasswordAndStatus) {
     add_domains({"example.com", "new.example"});
-    EXPECT_EQ(0, mail_auth_set_user(type, "joe@example.com", "plain", 0, 1));
-    EXPECT_EQ(0, mail_auth_set_user(type, "sales@example.com", "sealed", 1, 2));
-    EXPECT_EQ(0, mail_auth_set_user(type, "info@example.com", nullptr, 0, 3));
-    EXPECT_EQ(0, mail_auth_set_user(type, "ann@example.com", "", 0, 0));
-    EXPECT_EQ(0, mail_auth_set_user(type, "unlisted@example.com", "p", 0, 0));
-    EXPECT_EQ(0, db_clone_auth_records(nullptr, type, "example.com", "new.example"));
+    EXPECT_EQ(0, mail_auth_set_user(postfix_type, "joe@example.com", "plain", 0, 1));
+    EXPECT_EQ(0, mail_auth_set_user(postfix_type, "sales@example.com", "sealed", 1, 2));
+    EXPECT_EQ(0, mail_auth_set_user(postfix_type, "info@example.com", nullptr, 0, 3));
+    EXPECT_EQ(0, mail_auth_set_user(postfix_type, "ann@example.com", "", 0, 0));
+    EXPECT_EQ(0, mail_auth_set_user(postfix_type, "unlisted@example.com", "p", 0, 0));
+    EXPECT_EQ(0, db_clone_auth_records(nullptr, postfix_type, "example.com", "new.example"));
     EXPECT_THAT(records(), UnorderedElementsAre(
                                "joe@example.com|plain|NULL|1", "sales@example.com|NULL|sealed|2",
                                "info@example.com|NULL|NULL|3", "ann@example.com||NULL|0",
@@ -43,7 +42,7 @@ TEST_F(Combined, AClonedRecordWithAnEmptyPlainPasswordKeepsTheEncryptedOne) {
     run("INSERT INTO users (dom_id, name, userPassword, cmusaslsecretPLAIN) VALUES "
         "(1, 'joe', '', 'sealed'), (1, 'ann', 'plain', 'sealed'), (1, 'sales', '', ''), "
         "(1, 'info', NULL, '')");
-    EXPECT_EQ(0, db_clone_auth_records(nullptr, type, "example.com", "new.example"));
+    EXPECT_EQ(0, db_clone_auth_records(nullptr, postfix_type, "example.com", "new.example"));
     EXPECT_THAT(
         rows("SELECT name, userPassword, cmusaslsecretPLAIN FROM users WHERE dom_id=2"),
         UnorderedElementsAre("joe|NULL|sealed", "ann|plain|NULL", "sales||NULL", "info|NULL|NULL"));
@@ -52,7 +51,7 @@ TEST_F(Combined, AClonedRecordWithAnEmptyPlainPasswordKeepsTheEncryptedOne) {
 TEST_F(Combined, CloningGoesOnAfterEachFailedStep) {
     add_domains({"example.com", "new.example"});
     add_users({"info@example.com", "ann@example.com"});
-    EXPECT_EQ(-1, db_clone_auth_records(nullptr, type, "example.com", "new.example"));
+    EXPECT_EQ(-1, db_clone_auth_records(nullptr, postfix_type, "example.com", "new.example"));
     EXPECT_THAT(users(), UnorderedElementsAre("info@example.com", "ann@example.com",
                                               "info@new.example", "ann@new.example"));
     EXPECT_THAT(
@@ -67,7 +66,7 @@ TEST_F(Combined, CloningToADomainThatIsNotThereFails) {
     add_domains({"example.com"});
     add_users({"ann@example.com"});
     server.run("DELETE FROM mail WHERE mail_name='joe'");
-    EXPECT_EQ(-1, db_clone_auth_records(nullptr, type, "example.com", "new.example"));
+    EXPECT_EQ(-1, db_clone_auth_records(nullptr, postfix_type, "example.com", "new.example"));
     EXPECT_THAT(log.take(), ElementsAre(no_domain("new.example"),
                                         error("Unable to clone auth record for ann@example.com")));
 }
@@ -77,7 +76,7 @@ TEST_F(Combined, CloningReportsQueriesThatFail) {
     add_users({"joe@example.com", "ann@example.com", "sales@example.com"});
     {
         const MysqlProxy proxy(mail_aliases_query("joe", "example.com"), hang_up);
-        EXPECT_EQ(-1, db_clone_auth_records(nullptr, type, "example.com", "new.example"));
+        EXPECT_EQ(-1, db_clone_auth_records(nullptr, postfix_type, "example.com", "new.example"));
     }
     EXPECT_THAT(log.take(),
                 ElementsAre(no_data, error("Unable to get aliases for mailname: joe@example.com"),
@@ -87,7 +86,7 @@ TEST_F(Combined, CloningReportsQueriesThatFail) {
                                      "joe@new.example", "ann@new.example"));
     {
         const MysqlProxy proxy(mail_names_query("example.com"), hang_up);
-        EXPECT_EQ(-1, db_clone_auth_records(nullptr, type, "example.com", "new.example"));
+        EXPECT_EQ(-1, db_clone_auth_records(nullptr, postfix_type, "example.com", "new.example"));
     }
     EXPECT_THAT(log.take(),
                 ElementsAre(no_data, error("Unable to get mailnames from domain: example.com"),
@@ -103,7 +102,7 @@ TEST_F(Combined, ADomainAliasIsRemovedAndItsRealDomainStays) {
             add_users({std::string(name) + domain});
         }
     }
-    EXPECT_EQ(0, db_remove_auth_domain_by_alias(nullptr, type, "example.net"));
+    EXPECT_EQ(0, db_remove_auth_domain_by_alias(nullptr, postfix_type, "example.net"));
     EXPECT_THAT(domains(), UnorderedElementsAre("example.com", "example.org"));
     EXPECT_THAT(users(),
                 UnorderedElementsAre("joe@example.com", "sales@example.com", "info@example.com",
@@ -116,7 +115,7 @@ TEST_F(Combined, ANameThatIsNoDomainAliasIsLeftAlone) {
     add_domains({"example.com", "stranger.example"});
     add_users({"joe@example.com", "joe@stranger.example"});
     for (const std::string name : {"example.com", "stranger.example"}) {
-        EXPECT_EQ(-1, db_remove_auth_domain_by_alias(nullptr, type, name.c_str()));
+        EXPECT_EQ(-1, db_remove_auth_domain_by_alias(nullptr, postfix_type, name.c_str()));
         EXPECT_THAT(log.take(), ElementsAre(error("Unable to get domain by domain alias " + name)));
     }
     EXPECT_THAT(domains(), UnorderedElementsAre("example.com", "stranger.example"));
@@ -128,7 +127,7 @@ TEST_F(Combined, RemovingADomainAliasGoesOnAfterEachFailedStep) {
     add_users({"joe@example.com", "joe@example.net", "sales@example.net", "ann@example.net"});
     run("CREATE TRIGGER refuse_removal BEFORE DELETE ON users WHEN OLD.name='joe' OR "
         "OLD.name='sales' BEGIN SELECT RAISE(ABORT, 'refused'); END");
-    EXPECT_EQ(-1, db_remove_auth_domain_by_alias(nullptr, type, "example.net"));
+    EXPECT_EQ(-1, db_remove_auth_domain_by_alias(nullptr, postfix_type, "example.net"));
     EXPECT_THAT(users(),
                 UnorderedElementsAre("joe@example.com", "joe@example.net", "sales@example.net"));
     EXPECT_THAT(
@@ -145,7 +144,7 @@ TEST_F(Combined, RemovingADomainAliasReportsQueriesThatFail) {
     add_domains({"example.net"});
     {
         const MysqlProxy proxy(mail_aliases_query("joe", "example.com"), hang_up);
-        EXPECT_EQ(-1, db_remove_auth_domain_by_alias(nullptr, type, "example.net"));
+        EXPECT_EQ(-1, db_remove_auth_domain_by_alias(nullptr, postfix_type, "example.net"));
     }
     EXPECT_THAT(log.take(),
                 ElementsAre(no_data, error("Unable to get aliases for mailname: joe@example.com"),
@@ -155,7 +154,7 @@ TEST_F(Combined, RemovingADomainAliasReportsQueriesThatFail) {
     add_domains({"example.net"});
     {
         const MysqlProxy proxy(mail_names_query("example.com"), hang_up);
-        EXPECT_EQ(-1, db_remove_auth_domain_by_alias(nullptr, type, "example.net"));
+        EXPECT_EQ(-1, db_remove_auth_domain_by_alias(nullptr, postfix_type, "example.net"));
     }
     EXPECT_THAT(log.take(),
                 ElementsAre(no_data, error("Unable to get mailnames from domain: example.com"),
@@ -172,14 +171,14 @@ TEST_F(Combined, ADomainWhoseRealDomainCannotBeAskedForStaysWhole) {
     const auto before = records();
     {
         const MysqlProxy proxy(real_domain_query, hang_up);
-        EXPECT_EQ(-1, db_remove_auth_domain_by_alias(nullptr, type, "example.net"));
+        EXPECT_EQ(-1, db_remove_auth_domain_by_alias(nullptr, postfix_type, "example.net"));
     }
     const std::vector<LogLine> refusal = {
         no_data, error("Unable to get domain by domainalias: example.net"),
         error("Unable to get domain by domain alias example.net")};
     EXPECT_EQ(refusal, log.take());
     server.stop();
-    EXPECT_EQ(-1, db_remove_auth_domain_by_alias(nullptr, type, "example.com"));
+    EXPECT_EQ(-1, db_remove_auth_domain_by_alias(nullptr, postfix_type, "example.com"));
     server.restart();
     EXPECT_THAT(log.take(),
                 testing::Contains(error("Unable to get domain by domain alias example.com")));
@@ -191,19 +190,19 @@ TEST_F(Combined, RemovingADomainAliasOnceMoreIsQuietSuccess) {
     add_domains({"example.com", "example.net"});
     add_users({"joe@example.com", "joe@example.net"});
     for (int turn = 0; turn < 2; ++turn) {
-        EXPECT_EQ(0, db_remove_auth_domain_by_alias(nullptr, type, "example.net"));
+        EXPECT_EQ(0, db_remove_auth_domain_by_alias(nullptr, postfix_type, "example.net"));
         EXPECT_THAT(log.take(), IsEmpty());
     }
     EXPECT_THAT(users(), ElementsAre("joe@example.com"));
     server.run("DELETE FROM domainaliases");
-    EXPECT_EQ(-1, db_remove_auth_domain_by_alias(nullptr, type, "example.net"))
+    EXPECT_EQ(-1, db_remove_auth_domain_by_alias(nullptr, postfix_type, "example.net"))
         << "it is not known any more whether it was an alias";
     EXPECT_THAT(log.take(), ElementsAre(error("Unable to get domain by domain alias example.net")));
 }
 
 TEST_F(Combined, RemovingADomainAliasNeedsTheAuthenticationDatabase) {
     std::filesystem::remove(auth_path);
-    EXPECT_EQ(-1, db_remove_auth_domain_by_alias(nullptr, type, "example.net"));
+    EXPECT_EQ(-1, db_remove_auth_domain_by_alias(nullptr, postfix_type, "example.net"));
     EXPECT_THAT(log.take(),
                 ElementsAre(error(std::string("Unable to open database(readonly) ") + auth_path +
                                   ": unable to open database file"),

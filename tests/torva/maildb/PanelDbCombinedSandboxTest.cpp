@@ -17,16 +17,13 @@ using testing::UnorderedElementsAre;
 
 namespace {
 
-constexpr int type = postfix_type;
-constexpr auto hang_up = MysqlProxy::Action::hang_up;
-
 // Removing a mail name.
 
 TEST_F(Combined, AMailNameIsRemovedFromItsDomainAndEachAlias) {
     add_domains({"example.com", "example.net", "example.org", "other.example"});
     add_users({"joe@example.com", "joe@example.net", "joe@example.org", "joe@other.example",
                "ann@example.com", "ann@example.net"});
-    EXPECT_EQ(0, db_remove_mail_name(nullptr, type, "joe", "example.com"));
+    EXPECT_EQ(0, db_remove_mail_name(nullptr, postfix_type, "joe", "example.com"));
     EXPECT_THAT(users(),
                 UnorderedElementsAre("joe@other.example", "ann@example.com", "ann@example.net"));
     EXPECT_THAT(log.take(), IsEmpty());
@@ -36,7 +33,7 @@ TEST_F(Combined, RemovingAMailNameOnceMoreIsQuietSuccess) {
     add_domains({"example.com", "example.net", "example.org"});
     add_users({"joe@example.com", "sales@example.net"});
     for (int turn = 0; turn < 2; ++turn) {
-        EXPECT_EQ(0, db_remove_mail_name_with_aliases(nullptr, type, "joe", "example.com"));
+        EXPECT_EQ(0, db_remove_mail_name_with_aliases(nullptr, postfix_type, "joe", "example.com"));
         EXPECT_THAT(log.take(), IsEmpty());
     }
     EXPECT_THAT(users(), IsEmpty());
@@ -50,7 +47,7 @@ TEST_F(Combined, AGivenConnectionIsUsedAndStaysOpen) {
                                                               mysql_close);
     ASSERT_NE(nullptr, connection);
     mysql_query(connection.get(), "SET @mine='kept'");
-    EXPECT_EQ(0, db_remove_mail_name(connection.get(), type, "joe", "example.com"));
+    EXPECT_EQ(0, db_remove_mail_name(connection.get(), postfix_type, "joe", "example.com"));
     EXPECT_THAT(users(), IsEmpty());
     char** list = nullptr;
     EXPECT_EQ(0, db_query_list(connection.get(), "SELECT @mine", &list));
@@ -61,7 +58,7 @@ TEST_F(Combined, AGivenConnectionIsUsedAndStaysOpen) {
 TEST_F(Combined, RemovingAMailNameGoesOnAfterEachFailedStep) {
     add_domains({"example.org"});
     add_users({"joe@example.org"});
-    EXPECT_EQ(-1, db_remove_mail_name(nullptr, type, "joe", "example.com"));
+    EXPECT_EQ(-1, db_remove_mail_name(nullptr, postfix_type, "joe", "example.com"));
     EXPECT_THAT(users(), IsEmpty()) << "the last alias had its turn";
     EXPECT_THAT(log.take(), ElementsAre(no_domain("example.com"),
                                         error("Unable to remove mailname joe@example.com"),
@@ -73,8 +70,8 @@ TEST_F(Combined, RemovingAMailNameWithoutThePanelsDatabaseStillRemovesItFromItsD
     add_domains({"example.com"});
     add_users({"joe@example.com"});
     {
-        const MysqlProxy proxy(domain_aliases_query("example.com"), hang_up);
-        EXPECT_EQ(-1, db_remove_mail_name(nullptr, type, "joe", "example.com"));
+        const MysqlProxy proxy(domain_aliases_query("example.com"), MysqlProxy::Action::hang_up);
+        EXPECT_EQ(-1, db_remove_mail_name(nullptr, postfix_type, "joe", "example.com"));
     }
     EXPECT_THAT(users(), IsEmpty());
     EXPECT_THAT(log.take(),
@@ -90,7 +87,7 @@ TEST_F(Combined, AMailNameIsRemovedWithItsAliasesEverywhere) {
             add_users({std::string(name) + domain});
         }
     }
-    EXPECT_EQ(0, db_remove_mail_name_with_aliases(nullptr, type, "joe", "example.com"));
+    EXPECT_EQ(0, db_remove_mail_name_with_aliases(nullptr, postfix_type, "joe", "example.com"));
     EXPECT_THAT(users(),
                 UnorderedElementsAre("ann@example.com", "ann@example.net", "ann@example.org"));
     EXPECT_THAT(log.take(), IsEmpty());
@@ -99,7 +96,7 @@ TEST_F(Combined, AMailNameIsRemovedWithItsAliasesEverywhere) {
 TEST_F(Combined, RemovingAMailNameWithItsAliasesReportsEachName) {
     add_domains({"example.com", "example.net"}); // example.org is missing
     add_users({"joe@example.com", "sales@example.net", "info@example.net"});
-    EXPECT_EQ(-1, db_remove_mail_name_with_aliases(nullptr, type, "joe", "example.com"));
+    EXPECT_EQ(-1, db_remove_mail_name_with_aliases(nullptr, postfix_type, "joe", "example.com"));
     EXPECT_THAT(users(), IsEmpty());
     EXPECT_THAT(
         log.take(),
@@ -115,8 +112,10 @@ TEST_F(Combined, MailAliasesThatCannotBeAskedForAreReported) {
     add_domains({"example.com", "example.net", "example.org"});
     add_users({"joe@example.com", "sales@example.com"});
     {
-        const MysqlProxy proxy(mail_aliases_query("joe", "example.com"), hang_up);
-        EXPECT_EQ(-1, db_remove_mail_name_with_aliases(nullptr, type, "joe", "example.com"));
+        const MysqlProxy proxy(mail_aliases_query("joe", "example.com"),
+                               MysqlProxy::Action::hang_up);
+        EXPECT_EQ(-1,
+                  db_remove_mail_name_with_aliases(nullptr, postfix_type, "joe", "example.com"));
     }
     EXPECT_THAT(users(), ElementsAre("sales@example.com"));
     EXPECT_THAT(log.take(),
@@ -163,7 +162,7 @@ TEST_F(Combined, AChangeGoesOnAfterEachFailedStep) {
 TEST_F(Combined, AChangeReportsAliasesThatCannotBeAskedFor) {
     Changes changes;
     {
-        const MysqlProxy proxy(domain_aliases_query("example.com"), hang_up);
+        const MysqlProxy proxy(domain_aliases_query("example.com"), MysqlProxy::Action::hang_up);
         EXPECT_EQ(
             -1, db_change_domain(nullptr, "example.com", "turn off mail", record_change, &changes));
     }
@@ -177,7 +176,7 @@ TEST_F(Combined, AChangeReportsAliasesThatCannotBeAskedFor) {
 TEST_F(Combined, ADomainsStatusIsChangedWithItsAliases) {
     add_domains({"example.com", "example.net", "example.org", "other.example"});
     const auto disable = [](const char* domain, void* context) {
-        return mail_auth_set_domain_status(type, domain, *static_cast<int*>(context));
+        return mail_auth_set_domain_status(postfix_type, domain, *static_cast<int*>(context));
     };
     int status = 2;
     EXPECT_EQ(0, db_change_domain(nullptr, "example.com", "disable", disable, &status));
@@ -190,11 +189,11 @@ TEST_F(Combined, ADomainsStatusIsChangedWithItsAliases) {
 TEST_F(Combined, APasswordIsSetOnEveryDomainAlias) {
     add_domains({"example.com", "example.net", "example.org"});
     add_users({"joe@example.com", "joe@example.net"});
-    EXPECT_EQ(0, db_set_mail_password(nullptr, type, "joe", "example.com", "new", 1, 3));
+    EXPECT_EQ(0, db_set_mail_password(nullptr, postfix_type, "joe", "example.com", "new", 1, 3));
     EXPECT_THAT(records(),
                 UnorderedElementsAre("joe@example.com|p|NULL|0", "joe@example.net|NULL|new|3",
                                      "joe@example.org|NULL|new|3"));
-    EXPECT_EQ(0, db_set_mail_password(nullptr, type, "joe", "example.com", "newer", 0, 0));
+    EXPECT_EQ(0, db_set_mail_password(nullptr, postfix_type, "joe", "example.com", "newer", 0, 0));
     EXPECT_THAT(records(),
                 UnorderedElementsAre("joe@example.com|p|NULL|0", "joe@example.net|newer|NULL|0",
                                      "joe@example.org|newer|NULL|0"));
@@ -203,7 +202,7 @@ TEST_F(Combined, APasswordIsSetOnEveryDomainAlias) {
 
 TEST_F(Combined, SettingAPasswordGoesOnAfterEachFailedStep) {
     add_domains({"example.org"});
-    EXPECT_EQ(-1, db_set_mail_password(nullptr, type, "joe", "example.com", "new", 0, 0));
+    EXPECT_EQ(-1, db_set_mail_password(nullptr, postfix_type, "joe", "example.com", "new", 0, 0));
     EXPECT_THAT(records(), ElementsAre("joe@example.org|new|NULL|0"));
     EXPECT_THAT(log.take(),
                 ElementsAre(no_domain("example.net"),
@@ -212,7 +211,7 @@ TEST_F(Combined, SettingAPasswordGoesOnAfterEachFailedStep) {
 
 TEST_F(Combined, SettingAPasswordReportsAliasesThatCannotBeAskedFor) {
     server.stop();
-    EXPECT_EQ(-1, db_set_mail_password(nullptr, type, "joe", "example.com", "new", 0, 0));
+    EXPECT_EQ(-1, db_set_mail_password(nullptr, postfix_type, "joe", "example.com", "new", 0, 0));
     server.restart();
     EXPECT_THAT(
         log.take(),

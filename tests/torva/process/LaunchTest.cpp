@@ -24,7 +24,7 @@ using Kind = ChildStream::Kind;
 
 class LaunchTest : public ProcessTest {};
 
-LaunchRequest script(const std::string& text) {
+LaunchRequest launchScript(const std::string& text) {
     LaunchRequest request;
     request.program = "/bin/sh";
     request.arguments = {"sh", "-c", text};
@@ -32,7 +32,7 @@ LaunchRequest script(const std::string& text) {
 }
 
 // Output and exit status of a request whose standard output is a new pipe.
-std::string outputOf(LaunchRequest request, int* status = nullptr) {
+std::string outputOfLaunch(LaunchRequest request, int* status = nullptr) {
     request.output = {Kind::newPipe, -1};
     LaunchResult child = launch(request);
     std::string text = readAll(child.output.get());
@@ -46,7 +46,7 @@ std::string outputOf(LaunchRequest request, int* status = nullptr) {
 TEST_F(LaunchTest, SuccessfulExecAnswersThePidWithoutAnyRecord) {
     ::testing::internal::CaptureStderr();
     pid_t forked = -1;
-    const LaunchResult child = launch(script("exit 7"), &forked);
+    const LaunchResult child = launch(launchScript("exit 7"), &forked);
     EXPECT_GT(child.pid, 0);
     EXPECT_EQ(child.pid, forked);
     EXPECT_FALSE(child.input);
@@ -57,7 +57,7 @@ TEST_F(LaunchTest, SuccessfulExecAnswersThePidWithoutAnyRecord) {
 }
 
 TEST_F(LaunchTest, WaitForExitAnswersTheRawStatus) {
-    const LaunchResult child = launch(script("kill -TERM $$"));
+    const LaunchResult child = launch(launchScript("kill -TERM $$"));
     const int status = waitForExit(child.pid);
     EXPECT_TRUE(WIFSIGNALED(status));
     EXPECT_EQ(SIGTERM, WTERMSIG(status));
@@ -75,14 +75,14 @@ TEST_F(LaunchTest, WaitForExitGoesOnAfterSignals) {
                   action.sa_handler = [](int) { alarms = alarms + 1; };
                   ::sigaction(SIGUSR1, &action, nullptr); // without SA_RESTART
                   const LaunchResult child =
-                      launch(script("sleep 0.1; kill -USR1 $PPID; sleep 0.1; exit 3"));
+                      launch(launchScript("sleep 0.1; kill -USR1 $PPID; sleep 0.1; exit 3"));
                   out << WEXITSTATUS(waitForExit(child.pid));
                   out << (alarms > 0 ? " interrupted" : " not interrupted");
               }));
 }
 
 TEST_F(LaunchTest, NewPipesConnectAllThreeStreams) {
-    LaunchRequest request = script("cat; echo problem >&2");
+    LaunchRequest request = launchScript("cat; echo problem >&2");
     request.input = {Kind::newPipe, -1};
     request.output = {Kind::newPipe, -1};
     request.error = {Kind::newPipe, -1};
@@ -95,7 +95,7 @@ TEST_F(LaunchTest, NewPipesConnectAllThreeStreams) {
 }
 
 TEST_F(LaunchTest, OurPipeEndsAreCloseOnExec) {
-    LaunchRequest request = script("cat >/dev/null");
+    LaunchRequest request = launchScript("cat >/dev/null");
     request.input = {Kind::newPipe, -1};
     LaunchResult child = launch(request);
     EXPECT_EQ(FD_CLOEXEC, ::fcntl(child.input.get(), F_GETFD));
@@ -104,13 +104,13 @@ TEST_F(LaunchTest, OurPipeEndsAreCloseOnExec) {
 }
 
 TEST_F(LaunchTest, NullDeviceIsReadOnlyForInputAndWriteOnlyForOutput) {
-    LaunchRequest request = script("grep -h flags /proc/self/fdinfo/0 /proc/$$/fdinfo/2; "
-                                   "readlink /proc/$$/fd/0 /proc/$$/fd/2");
+    LaunchRequest request = launchScript("grep -h flags /proc/self/fdinfo/0 /proc/$$/fdinfo/2; "
+                                         "readlink /proc/$$/fd/0 /proc/$$/fd/2");
     request.input = {Kind::nullDevice, -1};
     request.error = {Kind::nullDevice, -1};
     // Octal access mode, large files apart: 0 read-only, 1 write-only.
-    EXPECT_EQ("flags:\t0100000\nflags:\t0100001\n/dev/null\n/dev/null\n", outputOf(request));
-    request = script("leads=$(readlink /proc/$$/fd/1); echo $leads >&2");
+    EXPECT_EQ("flags:\t0100000\nflags:\t0100001\n/dev/null\n/dev/null\n", outputOfLaunch(request));
+    request = launchScript("leads=$(readlink /proc/$$/fd/1); echo $leads >&2");
     request.output = {Kind::nullDevice, -1};
     request.error = {Kind::newPipe, -1};
     LaunchResult child = launch(request);
@@ -123,7 +123,7 @@ TEST_F(LaunchTest, ArgumentsArriveAsTheyAre) {
     request.program = "/bin/sh";
     request.arguments = {"a name", "-c", "printf '<%s>' \"$0\" \"$@\"", "zero", "", "a b",
                          "*",      "\"'"};
-    EXPECT_EQ("<zero><><a b><*><\"'>", outputOf(request));
+    EXPECT_EQ("<zero><><a b><*><\"'>", outputOfLaunch(request));
 }
 
 TEST_F(LaunchTest, EnvironmentReplacesTheParentsAndNoneKeepsIt) {
@@ -132,20 +132,20 @@ TEST_F(LaunchTest, EnvironmentReplacesTheParentsAndNoneKeepsIt) {
     LaunchRequest request;
     request.program = "/usr/bin/env";
     request.arguments = {"env"};
-    EXPECT_THAT(outputOf(request), ::testing::HasSubstr("TORVA_TEST=parent\n"));
+    EXPECT_THAT(outputOfLaunch(request), ::testing::HasSubstr("TORVA_TEST=parent\n"));
     request.environment = &environment;
-    EXPECT_EQ("ONLY=this\nTWO=a b\n", outputOf(request));
+    EXPECT_EQ("ONLY=this\nTWO=a b\n", outputOfLaunch(request));
     const std::vector<std::string> nothing;
     request.environment = &nothing;
-    EXPECT_EQ("", outputOf(request));
+    EXPECT_EQ("", outputOfLaunch(request));
     ::unsetenv("TORVA_TEST");
 }
 
 TEST_F(LaunchTest, SearchPathFindsTheProgramWithoutAnEnvironmentOnly) {
-    LaunchRequest request = script("echo found");
+    LaunchRequest request = launchScript("echo found");
     request.program = "sh";
     request.searchPath = true;
-    EXPECT_EQ("found\n", outputOf(request));
+    EXPECT_EQ("found\n", outputOfLaunch(request));
     const std::vector<std::string> environment = {"PATH=/bin"};
     request.environment = &environment;
     pid_t pid = -1;
@@ -156,17 +156,17 @@ TEST_F(LaunchTest, SearchPathFindsTheProgramWithoutAnEnvironmentOnly) {
 TEST_F(LaunchTest, WorkingDirectoryIsTheChildsOnly) {
     char before[4096];
     ASSERT_NE(nullptr, ::getcwd(before, sizeof(before)));
-    LaunchRequest request = script("pwd -P");
-    EXPECT_EQ(before + std::string("\n"), outputOf(request));
+    LaunchRequest request = launchScript("pwd -P");
+    EXPECT_EQ(before + std::string("\n"), outputOfLaunch(request));
     request.workingDirectory = "/proc/sys";
-    EXPECT_EQ("/proc/sys\n", outputOf(request));
+    EXPECT_EQ("/proc/sys\n", outputOfLaunch(request));
     char after[4096];
     ASSERT_NE(nullptr, ::getcwd(after, sizeof(after)));
     EXPECT_STREQ(before, after);
 }
 
 TEST_F(LaunchTest, NewSessionMakesTheChildItsLeader) {
-    LaunchRequest request = script("cut -d' ' -f6 /proc/$$/stat; echo $$");
+    LaunchRequest request = launchScript("cut -d' ' -f6 /proc/$$/stat; echo $$");
     const auto lines = [](const std::string& text) {
         std::istringstream in(text);
         std::pair<std::string, std::string> both;
@@ -174,22 +174,22 @@ TEST_F(LaunchTest, NewSessionMakesTheChildItsLeader) {
         std::getline(in, both.second);
         return both;
     };
-    const auto inherited = lines(outputOf(request));
+    const auto inherited = lines(outputOfLaunch(request));
     EXPECT_EQ(std::to_string(::getsid(0)), inherited.first);
     request.newSession = true;
-    const auto own = lines(outputOf(request));
+    const auto own = lines(outputOfLaunch(request));
     EXPECT_EQ(own.second, own.first);
     EXPECT_NE("", own.first);
 }
 
 TEST_F(LaunchTest, PreExecHookRunsInTheChildAfterEverythingElse) {
-    LaunchRequest request = script("echo $HOOK");
+    LaunchRequest request = launchScript("echo $HOOK");
     request.workingDirectory = "/proc/sys";
     request.preExecHook = [] {
         char directory[4096];
         ::setenv("HOOK", ::getcwd(directory, sizeof(directory)), 1);
     };
-    EXPECT_EQ("/proc/sys\n", outputOf(request));
+    EXPECT_EQ("/proc/sys\n", outputOfLaunch(request));
     EXPECT_EQ(nullptr, ::getenv("HOOK"));
 }
 
@@ -198,7 +198,7 @@ TEST_F(LaunchTest, HookCanWaitForChildrenOfItsOwnWhileACatcherIsInstalled) {
     SigchldBlock sigchld;
     ProcessSetCatcher catcher(children);
     catcher.install();
-    LaunchRequest request = script("exit 0");
+    LaunchRequest request = launchScript("exit 0");
     request.signalMask = &sigchld.previous();
     request.preExecHook = [] {
         const pid_t own = ::fork();
@@ -226,8 +226,8 @@ TEST_F(LaunchTest, GivenMaskIsTheProgramsAndTheHooks) {
     request.program = "/bin/grep"; // a shell clears its mask
     request.arguments = {"grep", "SigBlk", "/proc/self/status"};
     request.signalMask = &mask;
-    EXPECT_EQ("SigBlk:\t0000000000000800\n", outputOf(request));
-    request = script("exit $HOOK");
+    EXPECT_EQ("SigBlk:\t0000000000000800\n", outputOfLaunch(request));
+    request = launchScript("exit $HOOK");
     request.signalMask = &mask;
     request.preExecHook = [] {
         sigset_t seen;
@@ -235,7 +235,7 @@ TEST_F(LaunchTest, GivenMaskIsTheProgramsAndTheHooks) {
         ::setenv("HOOK", ::sigismember(&seen, SIGUSR2) == 1 ? "1" : "0", 1);
     };
     int status = 0;
-    outputOf(request, &status);
+    outputOfLaunch(request, &status);
     EXPECT_EQ(1, WEXITSTATUS(status));
 }
 

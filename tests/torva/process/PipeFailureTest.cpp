@@ -22,10 +22,6 @@ using namespace testing;
 class PipeFailureTest : public ProcessTest {};
 class PipeSystemCallTest : public FailingCallTest {};
 
-std::vector<std::string> shell(const std::string& script) {
-    return {"sh", "-c", script};
-}
-
 TEST_F(PipeFailureTest, FailedExecLeavesNothingBehind) {
     const std::string before = census();
     std::string output;

@@ -15,10 +15,6 @@ using namespace testing;
 class PipeInputTest : public ProcessTest {};
 class PipeOutputTest : public ProcessTest {};
 
-std::vector<std::string> shell(const std::string& script) {
-    return {"sh", "-c", script};
-}
-
 TEST_F(PipeInputTest, ProducerWithNothingToGiveClosesTheInputAtOnce) {
     std::size_t calls = 0;
     std::string output;

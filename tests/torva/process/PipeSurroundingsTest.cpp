@@ -21,10 +21,6 @@ using namespace testing;
 
 class PipeSurroundingsTest : public ProcessTest {};
 
-std::vector<std::string> shell(const std::string& script) {
-    return {"sh", "-c", script};
-}
-
 TEST_F(PipeSurroundingsTest, EveryCombinationOfClosedStandardStreamsWorks) {
     for (int closed = 0; closed < 8; ++closed) {
         std::string left = " ";

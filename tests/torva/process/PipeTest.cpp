@@ -20,10 +20,6 @@ using namespace testing;
 class PipeTest : public ProcessTest {};
 class PipeFlagsTest : public ProcessTest {};
 
-std::vector<std::string> shell(const std::string& script) {
-    return {"sh", "-c", script};
-}
-
 TEST_F(PipeTest, PipeWithNoProcessIsRefusedAndStartsNothing) {
     Pipe pipe;
     EXPECT_EQ("logic_error No processes to launch were assigned so far",

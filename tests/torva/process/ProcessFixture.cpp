@@ -121,6 +121,10 @@ OutputConsumer into(std::string& text) {
     return [&text](const std::vector<char>& chunk) { text.append(chunk.begin(), chunk.end()); };
 }
 
+std::vector<std::string> shell(const std::string& script) {
+    return {"sh", "-c", script};
+}
+
 Outcome runScript(const std::string& script, const std::vector<std::string>& input) {
     Outcome outcome;
     Pipe pipe;

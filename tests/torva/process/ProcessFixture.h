@@ -46,6 +46,9 @@ InputProducer pieces(std::vector<std::string> pieces);
 /// A consumer that appends to the text.
 OutputConsumer into(std::string& text);
 
+/// The argument vector with which /bin/sh runs the script.
+std::vector<std::string> shell(const std::string& script);
+
 /// Runs a shell script to its end through a pipe of one process.
 ///
 /// \param input  empty: the script's input is empty, too

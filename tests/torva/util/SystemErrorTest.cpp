@@ -96,13 +96,13 @@ TEST(SystemErrorTest, ClassTree) {
 
 namespace {
 
-struct Thrown {
+struct ThrownError {
     const std::type_info* type;
     int code;
     std::string text;
 };
 
-Thrown thrownFor(int code) {
+ThrownError thrownFor(int code) {
     try {
         throwSystemError("op", code);
     } catch (const SystemError& error) {
@@ -129,7 +129,7 @@ TEST(SystemErrorTest, ThrowingByErrnoGivesItsTypeWhichSystemErrorCatches) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);
         errno = EIO;
-        const Thrown thrown = thrownFor(c.code);
+        const ThrownError thrown = thrownFor(c.code);
         EXPECT_TRUE(*thrown.type == c.type) << thrown.type->name();
         EXPECT_EQ(thrown.code, c.code);
         EXPECT_EQ(thrown.text, c.text);
@@ -138,7 +138,7 @@ TEST(SystemErrorTest, ThrowingByErrnoGivesItsTypeWhichSystemErrorCatches) {
 
 TEST(SystemErrorTest, ThrowingByErrnoZeroGivesAPlainErrorWithTheCurrentErrno) {
     errno = ENOENT;
-    const Thrown thrown = thrownFor(0);
+    const ThrownError thrown = thrownFor(0);
     EXPECT_TRUE(*thrown.type == typeid(SystemError)) << thrown.type->name();
     EXPECT_EQ(thrown.code, ENOENT);
     EXPECT_EQ(thrown.text, "op: No such file or directory");

@@ -26,7 +26,7 @@ using torva::test::writeFile;
 
 namespace {
 
-bool exists(const std::string& path) {
+bool fileExists(const std::string& path) {
     return ::access(path.c_str(), F_OK) == 0;
 }
 
@@ -48,7 +48,7 @@ TEST(TmpFileTest, TheNameIsThePrefixAndSixCharactersAndTheFileIsRemoved) {
         EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFREG | 0600));
         EXPECT_EQ(status.st_size, 0);
     }
-    EXPECT_FALSE(exists(path));
+    EXPECT_FALSE(fileExists(path));
 }
 
 TEST(TmpFileTest, WithoutAutocleanTheFileStaysWithWhatWasWritten) {

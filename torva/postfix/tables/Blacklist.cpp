@@ -6,7 +6,7 @@ namespace torva::mail::postfix {
 
 namespace {
 
-const char table[] = "hash:/var/spool/postfix/torva/blacklists";
+const char blacklistTable[] = "hash:/var/spool/postfix/torva/blacklists";
 
 } // namespace
 
@@ -15,16 +15,16 @@ void addToBlacklist(const Keys& senders) {
     for (const std::string& sender : senders) {
         records.emplace_back(sender, "REJECT");
     }
-    putRecords(table, records);
+    putRecords(blacklistTable, records);
 }
 
 void removeFromBlacklist(const Keys& senders) {
-    deleteKeys(table, senders);
+    deleteKeys(blacklistTable, senders);
 }
 
 Keys blacklist() {
     Keys senders;
-    for (const Record& record : dumpTable(table)) {
+    for (const Record& record : dumpTable(blacklistTable)) {
         senders.push_back(record.first);
     }
     return senders;

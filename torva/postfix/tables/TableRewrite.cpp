@@ -24,7 +24,7 @@ namespace torva::mail::postfix {
 
 namespace {
 
-void requireSuccess(const ToolResult& result) {
+void requireToolSuccess(const ToolResult& result) {
     if (!result.succeeded()) {
         throw PostfixConfigurationError(result.message());
     }
@@ -33,7 +33,7 @@ void requireSuccess(const ToolResult& result) {
 /// Lists the table through the filter into the file.
 void writeSurvivors(const std::string& table, TmpFile& survivors,
                     const ListingFilterFor& filterFor) {
-    requireSuccess(
+    requireToolSuccess(
         runTool(postmapCommand({"-s"}, table), process::InputProducer(), filterFor(survivors)));
 }
 
@@ -121,7 +121,7 @@ void rewriteTable(const std::string& table, const ListingFilterFor& filterFor) {
     settleIndexes(named, IndexUse::madeAnew);
     newSource.requireInPlace();
     HalfMadeIndexGuard guard(named);
-    requireSuccess(runTool(postmapCommand({}, table)));
+    requireToolSuccess(runTool(postmapCommand({}, table)));
     guard.letGo();
     oldSource.letGo();
     for (const auto& index : indexes) {

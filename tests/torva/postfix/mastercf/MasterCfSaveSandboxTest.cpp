@@ -22,8 +22,8 @@ namespace {
 
 using ::testing::ElementsAre;
 
-const std::string storePath = MasterCf::disabledPath;
-const std::string storeDirectory = std::filesystem::path(storePath).parent_path();
+const std::string savedStorePath = MasterCf::disabledPath;
+const std::string storeDirectory = std::filesystem::path(savedStorePath).parent_path();
 
 MasterCfModule service(const std::string& name, const std::string& command) {
     MasterCfModule record;
@@ -70,12 +70,12 @@ TEST_F(MasterCfSaveSandboxTest, FailedSaveLeavesTheFileAndTheFlagsForAnotherTry)
     }
     EXPECT_EQ(contentOfFile(path_), old);
     EXPECT_EQ(entriesOf(directory_.path()), 1U);
-    EXPECT_FALSE(std::filesystem::exists(storePath));
+    EXPECT_FALSE(std::filesystem::exists(savedStorePath));
     EXPECT_TRUE(model_.activeChanged());
     EXPECT_TRUE(model_.disabledChanged());
     EXPECT_TRUE(model_.save(false));
     EXPECT_EQ(contentOfFile(path_), "\n");
-    EXPECT_EQ(contentOfFile(storePath), "a unix - - - - - one\n");
+    EXPECT_EQ(contentOfFile(savedStorePath), "a unix - - - - - one\n");
 }
 
 TEST_F(MasterCfSaveSandboxTest, MissingDirectoryOfTheStoreLeavesMasterCfAndBothFlags) {
@@ -91,7 +91,7 @@ TEST_F(MasterCfSaveSandboxTest, MissingDirectoryOfTheStoreLeavesMasterCfAndBothF
     std::filesystem::create_directory(storeDirectory);
     EXPECT_TRUE(model_.save(false));
     EXPECT_EQ(contentOfFile(path_), "\n");
-    EXPECT_EQ(contentOfFile(storePath), one_);
+    EXPECT_EQ(contentOfFile(savedStorePath), one_);
 }
 
 TEST_F(MasterCfSaveSandboxTest, FullDiskUnderTheStoreLeavesMasterCfAndTheStore) {
@@ -99,11 +99,11 @@ TEST_F(MasterCfSaveSandboxTest, FullDiskUnderTheStoreLeavesMasterCfAndTheStore) 
         GTEST_SKIP() << "no file system to fill up: mount: " << std::strerror(errno);
     }
     const std::string text = "a unix - - - - - " + std::string(100000, 'x') + "\n";
-    fill(storePath, "# old\n");
+    fill(savedStorePath, "# old\n");
     load(text);
     model_.disableModule("a", ModuleType::unix);
     const std::string refusal = messageOf<torva::SystemError>([&] { model_.save(false); });
-    const std::string store = contentOfFile(storePath);
+    const std::string store = contentOfFile(savedStorePath);
     const std::vector<std::string> names = storeFiles();
     ASSERT_EQ(::umount(storeDirectory.c_str()), 0);
     EXPECT_EQ(refusal, "write: No space left on device");
@@ -113,14 +113,14 @@ TEST_F(MasterCfSaveSandboxTest, FullDiskUnderTheStoreLeavesMasterCfAndTheStore) 
 }
 
 TEST_F(MasterCfSaveSandboxTest, MasterCfThatCannotBeWrittenLeavesTheStore) {
-    fill(storePath, "# old\n");
+    fill(savedStorePath, "# old\n");
     load(one_);
     model_.disableModule("a", ModuleType::unix);
     SystemCallLog log;
     log.before("fchmod master.cf.disabled.XXXXXX", [&] { log.fail("fchmod master.cf.X", EPERM); });
     EXPECT_THROW(model_.save(false), boost::filesystem::filesystem_error);
     EXPECT_EQ(contentOfFile(path_), one_);
-    EXPECT_EQ(contentOfFile(storePath), "# old\n");
+    EXPECT_EQ(contentOfFile(savedStorePath), "# old\n");
     EXPECT_THAT(storeFiles(), ElementsAre("master.cf.disabled"));
     EXPECT_EQ(entriesOf(directory_.path()), 1U);
 }
@@ -141,7 +141,7 @@ TEST_F(MasterCfSaveSandboxTest, OnlyTheTwoRenamesAreLeftWhenMasterCfIsReplaced) 
         EXPECT_EQ(::stat((storeDirectory + "/" + names[0]).c_str(), &status), 0);
         EXPECT_EQ(status.st_mode & 07777, 0644U);
         EXPECT_THROW(FileLock(path_, LockMode::fail), std::runtime_error);
-        EXPECT_THROW(FileLock(storePath, LockMode::fail), std::runtime_error);
+        EXPECT_THROW(FileLock(savedStorePath, LockMode::fail), std::runtime_error);
     });
     EXPECT_TRUE(model_.save(false));
     EXPECT_TRUE(seen);
@@ -156,9 +156,9 @@ TEST_F(MasterCfSaveSandboxTest, OnlyTheTwoRenamesAreLeftWhenMasterCfIsReplaced) 
                                    "rename master.cf.XXXXXX master.cf", "fsync directory",
                                    "rename master.cf.disabled.XXXXXX master.cf.disabled",
                                    "fsync directory"));
-    EXPECT_EQ(contentOfFile(storePath), one_);
+    EXPECT_EQ(contentOfFile(savedStorePath), one_);
     EXPECT_NO_THROW(FileLock(path_, LockMode::fail));
-    EXPECT_NO_THROW(FileLock(storePath, LockMode::fail));
+    EXPECT_NO_THROW(FileLock(savedStorePath, LockMode::fail));
 }
 
 TEST_F(MasterCfSaveSandboxTest, FailedRenameOfTheStoreLeavesItsFlagAloneUp) {
@@ -170,25 +170,25 @@ TEST_F(MasterCfSaveSandboxTest, FailedRenameOfTheStoreLeavesItsFlagAloneUp) {
         EXPECT_THROW(model_.save(false), boost::filesystem::filesystem_error);
     }
     EXPECT_EQ(contentOfFile(path_), "\n");
-    EXPECT_FALSE(std::filesystem::exists(storePath));
+    EXPECT_FALSE(std::filesystem::exists(savedStorePath));
     EXPECT_THAT(storeFiles(), ElementsAre());
     EXPECT_FALSE(model_.activeChanged());
     EXPECT_TRUE(model_.disabledChanged());
     EXPECT_FALSE(model_.save(false));
-    EXPECT_EQ(contentOfFile(storePath), one_);
+    EXPECT_EQ(contentOfFile(savedStorePath), one_);
 }
 
 // ---- changes by others
 
 TEST_F(MasterCfSaveSandboxTest, MasterCfThatSomebodyElseChangedIsNotOverwritten) {
-    fill(storePath, "# store\n");
+    fill(savedStorePath, "# store\n");
     load(one_);
     model_.disableModule("a", ModuleType::unix);
     const std::string theirs = one_ + "b unix - - - - - two\n";
     fill(path_, theirs);
     EXPECT_EQ(refusalOfSave(), "master.cf was changed by someone else");
     EXPECT_EQ(contentOfFile(path_), theirs);
-    EXPECT_EQ(contentOfFile(storePath), "# store\n");
+    EXPECT_EQ(contentOfFile(savedStorePath), "# store\n");
     EXPECT_EQ(entriesOf(directory_.path()), 1U);
     EXPECT_THAT(storeFiles(), ElementsAre("master.cf.disabled"));
     EXPECT_TRUE(model_.activeChanged());
@@ -213,41 +213,41 @@ TEST_F(MasterCfSaveSandboxTest, MasterCfThatSomebodyElseRemovedIsNotMadeAnew) {
 
 TEST_F(MasterCfSaveSandboxTest, StoreThatSomebodyElseChangedIsNotOverwrittenNorIsMasterCf) {
     for (const bool stood : {true, false}) {
-        std::filesystem::remove(storePath);
+        std::filesystem::remove(savedStorePath);
         if (stood) {
-            fill(storePath, "# store\n");
+            fill(savedStorePath, "# store\n");
         }
         MasterCf model(path_);
         fill(path_, one_);
         model.load(false);
         model.disableModule("a", ModuleType::unix);
-        fill(storePath, "b unix - - - - - two\n");
+        fill(savedStorePath, "b unix - - - - - two\n");
         EXPECT_EQ(messageOf<PostfixConfigurationError>([&] { model.save(false); }),
                   "master.cf.disabled was changed by someone else");
-        EXPECT_EQ(contentOfFile(storePath), "b unix - - - - - two\n");
+        EXPECT_EQ(contentOfFile(savedStorePath), "b unix - - - - - two\n");
         EXPECT_EQ(contentOfFile(path_), one_);
     }
 }
 
 TEST_F(MasterCfSaveSandboxTest, StoreThatSomebodyElseRemovedIsAChangeToo) {
-    fill(storePath, "# store\n");
+    fill(savedStorePath, "# store\n");
     load(one_);
     model_.disableModule("a", ModuleType::unix);
-    std::filesystem::remove(storePath);
+    std::filesystem::remove(savedStorePath);
     EXPECT_EQ(refusalOfSave(), "master.cf.disabled was changed by someone else");
     EXPECT_EQ(contentOfFile(path_), one_);
 }
 
 TEST_F(MasterCfSaveSandboxTest, ChangeToAFileThatIsNotWrittenIsNotAskedFor) {
-    fill(storePath, "# store\n");
+    fill(savedStorePath, "# store\n");
     load(one_);
     model_.putModule(service("b", "two"), true);
-    fill(storePath, "# another\n");
+    fill(savedStorePath, "# another\n");
     EXPECT_TRUE(model_.save(false));
     fill(path_, "# another\n");
     model_.putModule(service("c", "three"), false);
     EXPECT_EQ(refusalOfSave(), "master.cf.disabled was changed by someone else");
-    fill(storePath, "# store\n");
+    fill(savedStorePath, "# store\n");
     EXPECT_FALSE(model_.save(false));
     EXPECT_EQ(contentOfFile(path_), "# another\n");
 }
@@ -264,7 +264,7 @@ TEST_F(MasterCfSaveSandboxTest, OwnWriteIsNobodyElsesChange) {
     EXPECT_FALSE(model_.save(false));
     model_.putModule(service("a", "two"), false);
     EXPECT_FALSE(model_.save(false));
-    EXPECT_EQ(contentOfFile(storePath), "a unix - - - - - two\n");
+    EXPECT_EQ(contentOfFile(savedStorePath), "a unix - - - - - two\n");
 }
 
 TEST_F(MasterCfSaveSandboxTest, EmptyStoreOfOurOwnIsNobodyElsesChange) {
@@ -272,10 +272,10 @@ TEST_F(MasterCfSaveSandboxTest, EmptyStoreOfOurOwnIsNobodyElsesChange) {
     model_.putModule(service("a", "one"), false);
     model_.removeModule("a", ModuleType::unix);
     EXPECT_FALSE(model_.save(false));
-    EXPECT_EQ(contentOfFile(storePath), "");
+    EXPECT_EQ(contentOfFile(savedStorePath), "");
     model_.putModule(service("a", "one"), false);
     EXPECT_FALSE(model_.save(false));
-    EXPECT_EQ(contentOfFile(storePath), one_);
+    EXPECT_EQ(contentOfFile(savedStorePath), one_);
 }
 
 TEST_F(MasterCfSaveSandboxTest, NewTimesModeOrOwnerAreNoChange) {
@@ -288,13 +288,13 @@ TEST_F(MasterCfSaveSandboxTest, NewTimesModeOrOwnerAreNoChange) {
 }
 
 TEST_F(MasterCfSaveSandboxTest, ForcedSaveWritesWhatItHasOverTheChangesOfOthers) {
-    fill(storePath, "# store\n");
+    fill(savedStorePath, "# store\n");
     load("# c\n");
     fill(path_, "# theirs\n");
-    fill(storePath, "# theirs\n");
+    fill(savedStorePath, "# theirs\n");
     EXPECT_TRUE(model_.save(true));
     EXPECT_EQ(contentOfFile(path_), "# c\n\n");
-    EXPECT_EQ(contentOfFile(storePath), "# store\n\n");
+    EXPECT_EQ(contentOfFile(savedStorePath), "# store\n\n");
     // What it wrote is what stands there from now on.
     model_.putModule(service("a", "one"), true);
     EXPECT_TRUE(model_.save(false));
@@ -317,7 +317,7 @@ protected:
     void SetUp() override {
         MasterCfSaveSandboxTest::SetUp();
         fill(path_, "# c");
-        fill(storePath, one_);
+        fill(savedStorePath, one_);
         ASSERT_EQ(::chown(storeDirectory.c_str(), 65534, 65534), 0);
     }
     void TearDown() override { ASSERT_EQ(::chown(storeDirectory.c_str(), 0, 0), 0); }
@@ -327,7 +327,7 @@ protected:
         return messageOf<PostfixConfigurationError>([&] { model.load(false); });
     }
 
-    const std::string refused_ = "unable to open " + storePath;
+    const std::string refused_ = "unable to open " + savedStorePath;
 };
 
 TEST_F(PlantedStoreSandboxTest, OwnStoreIsReadInADirectoryOfSomebodyElse) {
@@ -335,35 +335,35 @@ TEST_F(PlantedStoreSandboxTest, OwnStoreIsReadInADirectoryOfSomebodyElse) {
 }
 
 TEST_F(PlantedStoreSandboxTest, LinkIsNotFollowed) {
-    std::filesystem::remove(storePath);
+    std::filesystem::remove(savedStorePath);
     fill(directory_ / "elsewhere", one_);
-    std::filesystem::create_symlink(directory_ / "elsewhere", storePath);
+    std::filesystem::create_symlink(directory_ / "elsewhere", savedStorePath);
     EXPECT_EQ(load(), refused_);
     ASSERT_EQ(::chown(storeDirectory.c_str(), 0, 0), 0);
     EXPECT_EQ(load(), "nothing thrown"); // an administrator's own link
 }
 
 TEST_F(PlantedStoreSandboxTest, FileOfAnotherAccountIsNotRead) {
-    ASSERT_EQ(::chown(storePath.c_str(), 65534, 0), 0);
+    ASSERT_EQ(::chown(savedStorePath.c_str(), 65534, 0), 0);
     EXPECT_EQ(load(), refused_);
 }
 
 TEST_F(PlantedStoreSandboxTest, FileThatAnotherAccountMayWriteIsNotRead) {
     for (const mode_t mode : {0664U, 0646U}) {
-        ASSERT_EQ(::chmod(storePath.c_str(), mode), 0);
+        ASSERT_EQ(::chmod(savedStorePath.c_str(), mode), 0);
         EXPECT_EQ(load(), refused_);
     }
 }
 
 TEST_F(PlantedStoreSandboxTest, SecondNameOfAnotherFileIsNotRead) {
-    std::filesystem::create_hard_link(storePath, storeDirectory + "/other");
+    std::filesystem::create_hard_link(savedStorePath, storeDirectory + "/other");
     EXPECT_EQ(load(), refused_);
     std::filesystem::remove(storeDirectory + "/other");
 }
 
 TEST_F(PlantedStoreSandboxTest, FifoIsRefusedAndDoesNotHang) {
-    std::filesystem::remove(storePath);
-    ASSERT_EQ(::mkfifo(storePath.c_str(), 0600), 0);
+    std::filesystem::remove(savedStorePath);
+    ASSERT_EQ(::mkfifo(savedStorePath.c_str(), 0600), 0);
     EXPECT_EQ(load(), refused_);
 }
 

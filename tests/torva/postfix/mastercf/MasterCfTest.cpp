@@ -17,7 +17,7 @@ using boost::logic::indeterminate;
 
 constexpr const char* notLoaded = "modules configuration isn't loaded yet";
 
-MasterCfModule service(const std::string& name, const std::string& command = "command") {
+MasterCfModule commandService(const std::string& name, const std::string& command = "command") {
     MasterCfModule record;
     record.name = name;
     record.type = ModuleType::unix;
@@ -63,8 +63,8 @@ TEST_F(MasterCfTest, EveryOperationBeforeLoadIsRefused) {
     const std::vector<std::function<void()>> operations = {
         [&] { model.hasModule("first", ModuleType::unix, indeterminate); },
         [&] { model.getModule("first", ModuleType::unix, indeterminate); },
-        [&] { model.putModule(service("first"), true); },
-        [&] { model.putModule(service("first"), false); },
+        [&] { model.putModule(commandService("first"), true); },
+        [&] { model.putModule(commandService("first"), false); },
         [&] { model.enableModule("first", ModuleType::unix); },
         [&] { model.disableModule("first", ModuleType::unix); },
         [&] { model.removeModule("first", ModuleType::unix); },
@@ -97,7 +97,7 @@ TEST_F(MasterCfTest, LoadReadsOnceUnlessToldToReadAgain) {
 }
 
 TEST_F(MasterCfTest, LoadingAgainForgetsChanges) {
-    model_.putModule(service("new"), true);
+    model_.putModule(commandService("new"), true);
     model_.disableModule("first", ModuleType::unix);
     EXPECT_EQ(flags(), "ad");
     model_.load(false);
@@ -169,7 +169,7 @@ TEST_F(MasterCfTest, GetModuleOfAnUnknownServiceNamesIt) {
 }
 
 TEST_F(MasterCfTest, SameNameWithDifferentTypesAreTwoServices) {
-    MasterCfModule inet = service("first", "other");
+    MasterCfModule inet = commandService("first", "other");
     inet.type = ModuleType::inet;
     model_.putModule(inet, true);
     EXPECT_EQ(text("first"), "first   unix  -  -  -  -  -  one");
@@ -177,35 +177,35 @@ TEST_F(MasterCfTest, SameNameWithDifferentTypesAreTwoServices) {
 }
 
 TEST_F(MasterCfTest, PutModuleOfANewServiceIsAChangeWhereItGoes) {
-    model_.putModule(service("new"), true);
+    model_.putModule(commandService("new"), true);
     EXPECT_EQ(flags(), "a");
     EXPECT_EQ(text("new", true), "new unix - - - - - command");
     reload();
-    model_.putModule(service("newer"), false);
+    model_.putModule(commandService("newer"), false);
     EXPECT_EQ(flags(), "d");
     EXPECT_EQ(text("newer", false), "newer unix - - - - - command");
 }
 
 TEST_F(MasterCfTest, PutModuleOfAnotherTextIsAChange) {
-    model_.putModule(service("second", "other"), true);
+    model_.putModule(commandService("second", "other"), true);
     EXPECT_EQ(flags(), "a");
     EXPECT_EQ(text("second"), "second unix - - - - - other");
 }
 
 TEST_F(MasterCfTest, PutModuleOfTheVeryTextIsNoChangeInEitherStore) {
-    model_.putModule(service("second", "two"), true);
+    model_.putModule(commandService("second", "two"), true);
     EXPECT_EQ(flags(), "");
-    model_.putModule(service("stored"), false);
+    model_.putModule(commandService("stored"), false);
     EXPECT_EQ(flags(), "d");
     reload(); // the flags fall, the store in memory stays
-    model_.putModule(service("stored"), false);
+    model_.putModule(commandService("stored"), false);
     EXPECT_EQ(flags(), "");
 }
 
 TEST_F(MasterCfTest, PutModuleComparesTextsNotRecords) {
     fill(path_, "x unix - - - - - smtpd -o a=b\ny   unix - - - - - z\n");
     reload();
-    MasterCfModule record = service("x", "smtpd");
+    MasterCfModule record = commandService("x", "smtpd");
     record.words.emplace_back("-o a=b");
     model_.putModule(record, true);
     EXPECT_EQ(flags(), "");
@@ -213,18 +213,18 @@ TEST_F(MasterCfTest, PutModuleComparesTextsNotRecords) {
     EXPECT_EQ(describe(model_.getModule("x", ModuleType::unix, true).record),
               "x/unix - - - -1 -1 [smtpd][-o a=b]");
     // An equal record in other columns is another text.
-    model_.putModule(service("y", "z"), true);
+    model_.putModule(commandService("y", "z"), true);
     EXPECT_EQ(flags(), "a");
     EXPECT_EQ(text("y"), "y unix - - - - - z");
 }
 
 TEST_F(MasterCfTest, PutModuleRemovesTheServiceFromTheOtherStore) {
-    model_.putModule(service("second", "two"), false);
+    model_.putModule(commandService("second", "two"), false);
     EXPECT_EQ(flags(), "ad");
     EXPECT_FALSE(has("second", true));
     reload();
     // Now both hold it, and the text of master.cf is the very one.
-    model_.putModule(service("second", "two"), true);
+    model_.putModule(commandService("second", "two"), true);
     EXPECT_EQ(flags(), "d");
     EXPECT_FALSE(has("second", false));
 }
@@ -249,7 +249,7 @@ TEST_F(MasterCfTest, EnableModuleBringsBackTheTextAsItWasStored) {
 }
 
 TEST_F(MasterCfTest, EnableModuleSetsBothFlags) {
-    model_.putModule(service("stored"), false);
+    model_.putModule(commandService("stored"), false);
     reload();
     model_.enableModule("stored", ModuleType::unix);
     EXPECT_EQ(flags(), "ad");
@@ -272,7 +272,7 @@ TEST_F(MasterCfTest, DisableModuleOfAnUnknownServiceIsSilent) {
 }
 
 TEST_F(MasterCfTest, DisableModuleOfADisabledServiceIsSilent) {
-    model_.putModule(service("stored"), false);
+    model_.putModule(commandService("stored"), false);
     reload();
     model_.disableModule("stored", ModuleType::unix);
     EXPECT_EQ(flags(), "");
@@ -280,7 +280,7 @@ TEST_F(MasterCfTest, DisableModuleOfADisabledServiceIsSilent) {
 }
 
 TEST_F(MasterCfTest, RemoveModuleSetsTheFlagOfEachStoreThatHadIt) {
-    model_.putModule(service("stored"), false);
+    model_.putModule(commandService("stored"), false);
     model_.disableModule("second", ModuleType::unix);
     reload(); // "second" is in both now
     model_.removeModule("third", ModuleType::unix);
@@ -303,8 +303,8 @@ TEST_F(MasterCfTest, RemoveModuleWithoutAStoreIsNoError) {
 
 TEST_F(MasterCfTest, MemoryThatRunsOutLeavesStoresAndFlagsAsTheyWere) {
     const std::string name(60, 'n');
-    model_.putModule(service(name, std::string(60, 'c')), true);
-    model_.putModule(service("stored", std::string(60, 's')), false);
+    model_.putModule(commandService(name, std::string(60, 'c')), true);
+    model_.putModule(commandService("stored", std::string(60, 's')), false);
     reload();
     fill(path_, name + " unix - - - - - " + std::string(60, 'c') + "\n");
     reload();
@@ -324,13 +324,13 @@ TEST_F(MasterCfTest, MemoryThatRunsOutLeavesStoresAndFlagsAsTheyWere) {
         model_.load(true);
         model_.removeModule(name, ModuleType::unix);
         model_.removeModule(std::string(60, 'x'), ModuleType::unix);
-        model_.putModule(service("stored", std::string(60, 's')), false);
+        model_.putModule(commandService("stored", std::string(60, 's')), false);
         model_.load(true);
     };
-    survives([&] { model_.putModule(service(std::string(60, 'x')), true); });
-    survives([&] { model_.putModule(service(std::string(60, 'x')), false); });
-    survives([&] { model_.putModule(service(name, "other"), true); });
-    survives([&] { model_.putModule(service(name, "other"), false); });
+    survives([&] { model_.putModule(commandService(std::string(60, 'x')), true); });
+    survives([&] { model_.putModule(commandService(std::string(60, 'x')), false); });
+    survives([&] { model_.putModule(commandService(name, "other"), true); });
+    survives([&] { model_.putModule(commandService(name, "other"), false); });
     survives([&] { model_.enableModule("stored", ModuleType::unix); });
     survives([&] { model_.disableModule(name, ModuleType::unix); });
     survives([&] { model_.removeModule(name, ModuleType::unix); });

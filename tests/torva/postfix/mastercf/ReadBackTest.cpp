@@ -9,7 +9,7 @@
 namespace torva::mail::postfix::testing {
 namespace {
 
-MasterCfModule service(const std::string& name, std::vector<std::string> words) {
+MasterCfModule serviceOf(const std::string& name, std::vector<std::string> words) {
     MasterCfModule record;
     record.name = name;
     record.type = ModuleType::unix;
@@ -31,26 +31,26 @@ bool isReadBack(const MasterCfModule& record) {
 }
 
 const MasterCfModule refused[] = {
-    service("", {"smtpd"}),
-    service("a", {}),
-    service("a", {""}),
-    service("a", {" ", "\t"}),
-    service("a b", {"smtpd"}),
-    service(" a", {"smtpd"}),
-    service("a\t", {"smtpd"}),
-    service("a\n", {"smtpd"}),
-    service("#a", {"smtpd"}),
-    service("A", {"smtpd"}),
-    service("a/b", {"smtpd"}),
-    service("a\xC3\xA4", {"smtpd"}),
-    service("a", {"smtpd\n"}),
-    service("a", {"smtpd", "-o", "x=\ny"}),
-    service("a", {"smtpd", "x=\n  y"}),
-    service("a", {"smtpd\nb unix - - - - - smtpd"}),
-    service("a", {"smtpd", "#x"}),
-    service("a", {"smtpd", "x#"}),
-    service("a", {"smtpd", "\xC3\xA4"}),
-    service("a", {"smtpd", "x\v"}),
+    serviceOf("", {"smtpd"}),
+    serviceOf("a", {}),
+    serviceOf("a", {""}),
+    serviceOf("a", {" ", "\t"}),
+    serviceOf("a b", {"smtpd"}),
+    serviceOf(" a", {"smtpd"}),
+    serviceOf("a\t", {"smtpd"}),
+    serviceOf("a\n", {"smtpd"}),
+    serviceOf("#a", {"smtpd"}),
+    serviceOf("A", {"smtpd"}),
+    serviceOf("a/b", {"smtpd"}),
+    serviceOf("a\xC3\xA4", {"smtpd"}),
+    serviceOf("a", {"smtpd\n"}),
+    serviceOf("a", {"smtpd", "-o", "x=\ny"}),
+    serviceOf("a", {"smtpd", "x=\n  y"}),
+    serviceOf("a", {"smtpd\nb unix - - - - - smtpd"}),
+    serviceOf("a", {"smtpd", "#x"}),
+    serviceOf("a", {"smtpd", "x#"}),
+    serviceOf("a", {"smtpd", "\xC3\xA4"}),
+    serviceOf("a", {"smtpd", "x\v"}),
 };
 
 TEST(ReadBackTest, WhatTheGrammarDoesNotReadAsThatOneServiceIsRefused) {
@@ -60,22 +60,22 @@ TEST(ReadBackTest, WhatTheGrammarDoesNotReadAsThatOneServiceIsRefused) {
 }
 
 TEST(ReadBackTest, NumbersAndTypesThatReadAsOthersAreRefused) {
-    MasterCfModule record = service("a", {"smtpd"});
+    MasterCfModule record = serviceOf("a", {"smtpd"});
     record.wakeup = -2;
     EXPECT_NE(refusalOf(record), "nothing thrown");
-    record = service("a", {"smtpd"});
+    record = serviceOf("a", {"smtpd"});
     record.maxproc = -2;
     EXPECT_NE(refusalOf(record), "nothing thrown");
-    record = service("a", {"smtpd"});
+    record = serviceOf("a", {"smtpd"});
     record.type = static_cast<ModuleType>(3);
     EXPECT_NE(refusalOf(record), "nothing thrown");
 }
 
 TEST(ReadBackTest, WordsWithBlanksGoThrough) {
     const MasterCfModule records[] = {
-        service("a", {"smtpd", " -o x=", "-o y=z", ""}),
-        service("127.0.0.1:10026", {"/a/b", "!\"$%&'()*+,-./:;<=>?@[\\]^_`{|}~"}),
-        service("-", {"\tsmtpd\r"}),
+        serviceOf("a", {"smtpd", " -o x=", "-o y=z", ""}),
+        serviceOf("127.0.0.1:10026", {"/a/b", "!\"$%&'()*+,-./:;<=>?@[\\]^_`{|}~"}),
+        serviceOf("-", {"\tsmtpd\r"}),
     };
     for (const MasterCfModule& record : records) {
         EXPECT_EQ(refusalOf(record), "nothing thrown");
@@ -87,10 +87,10 @@ TEST(ReadBackTest, EveryByteIsJudgedAsTheGrammarReadsIt) {
     for (int byte = 0; byte < 256; ++byte) {
         const std::string c(1, static_cast<char>(byte));
         if (c != "\n") { // which the grammar takes within a service
-            const MasterCfModule word = service("a", {"x" + c + "x"});
+            const MasterCfModule word = serviceOf("a", {"x" + c + "x"});
             EXPECT_EQ(refusalOf(word) == "nothing thrown", isReadBack(word)) << byte;
         }
-        const MasterCfModule name = service("x" + c + "x", {"x"});
+        const MasterCfModule name = serviceOf("x" + c + "x", {"x"});
         EXPECT_EQ(refusalOf(name) == "nothing thrown", isReadBack(name)) << byte;
     }
 }

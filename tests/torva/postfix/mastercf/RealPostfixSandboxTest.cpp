@@ -15,8 +15,8 @@
 #include <sys/stat.h>
 
 using namespace torva::mail::postfix;
-using testing::HasSubstr;
-using testing::Not;
+using ::testing::HasSubstr;
+using ::testing::Not;
 using torva::test::contentOf;
 using torva::test::writeFile;
 
@@ -38,7 +38,7 @@ std::string outputOf(const std::string& command) {
     return text;
 }
 
-class RealPostfixTest : public testing::Test {
+class RealPostfixTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_NE(std::getenv("TORVA_SANDBOX"), nullptr);

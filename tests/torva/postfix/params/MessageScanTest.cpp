@@ -7,18 +7,18 @@ using torva::mail::postfix::Severity;
 
 namespace {
 
-struct Case {
+struct MessageCase {
     const char* name;
     const char* text;
     bool lenient; ///< wanted in lenient mode
     bool strict;  ///< wanted in strict mode
 };
 
-void PrintTo(const Case& tested, std::ostream* out) {
+void PrintTo(const MessageCase& tested, std::ostream* out) {
     *out << tested.name;
 }
 
-const Case cases[] = {
+const MessageCase messageCases[] = {
     {"EmptyText", "", false, false},
     {"OnlyLineEnds", "\n\n\n", false, false},
     {"LineWithoutColon", "no colon here", false, false},
@@ -45,7 +45,7 @@ const Case cases[] = {
     {"LineOfColons", "::::", false, true},
 };
 
-class MessageScanTest : public testing::TestWithParam<Case> {};
+class MessageScanTest : public testing::TestWithParam<MessageCase> {};
 
 TEST_P(MessageScanTest, LenientMode) {
     EXPECT_EQ(reportsFailure(GetParam().text, Severity::lenient), GetParam().lenient);
@@ -55,7 +55,7 @@ TEST_P(MessageScanTest, StrictMode) {
     EXPECT_EQ(reportsFailure(GetParam().text, Severity::strict), GetParam().strict);
 }
 
-INSTANTIATE_TEST_SUITE_P(Messages, MessageScanTest, testing::ValuesIn(cases),
+INSTANTIATE_TEST_SUITE_P(Messages, MessageScanTest, testing::ValuesIn(messageCases),
                          [](const auto& tested) { return std::string(tested.param.name); });
 
 } // namespace

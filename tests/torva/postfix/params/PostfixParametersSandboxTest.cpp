@@ -29,7 +29,7 @@ using torva::test::writeFile;
 
 namespace {
 
-const char postconf[] = "/usr/sbin/postconf";
+const char postconfPath[] = "/usr/sbin/postconf";
 const char restrictions[] = "smtpd_recipient_restrictions";
 const char closedList[] = "permit_mynetworks, check_client_access "
                           "pcre:/var/spool/postfix/torva/no_relay.re, reject_unauth_destination";
@@ -52,7 +52,7 @@ class FakePostconfTest : public testing::Test {
 protected:
     /// A parameters object whose postconf behaves as told.
     std::string read(const std::string& script, const std::string& name = "x") {
-        const FakeTool fake(postconf, locating(script));
+        const FakeTool fake(postconfPath, locating(script));
         return PostfixParameters().getParameter(name);
     }
     std::string readFailure(const std::string& script) {
@@ -61,7 +61,7 @@ protected:
 };
 
 TEST_F(FakePostconfTest, CommandLines) {
-    const FakeTool fake(postconf, "echo /etc/postfix");
+    const FakeTool fake(postconfPath, "echo /etc/postfix");
     PostfixParameters parameters;
     parameters.getParameter("relayhost");
     parameters.getParameter("relayhost", true);
@@ -108,18 +108,18 @@ TEST_F(FakePostconfTest, DeathBySignalIsAFailure) {
 }
 
 TEST_F(FakePostconfTest, SettingDoesNotLookAtTheOutput) {
-    const FakeTool fake(postconf, locating("echo 'postconf: fatal: x' >&2"));
+    const FakeTool fake(postconfPath, locating("echo 'postconf: fatal: x' >&2"));
     EXPECT_NO_THROW(PostfixParameters().setParameter("a", "b"));
 }
 
 TEST_F(FakePostconfTest, FailedSettingCarriesTheText) {
-    const FakeTool fake(postconf, locating("echo 'no way' >&2; exit 1"));
+    const FakeTool fake(postconfPath, locating("echo 'no way' >&2; exit 1"));
     EXPECT_EQ(messageOf([] { PostfixParameters().setParameter("a", "b"); }), "no way\n");
 }
 
 TEST_F(FakePostconfTest, MissingToolIsAnErrorOfTheSystem) {
-    const FakeTool fake(postconf, "");
-    ASSERT_EQ(::unlink(postconf), 0);
+    const FakeTool fake(postconfPath, "");
+    ASSERT_EQ(::unlink(postconfPath), 0);
     try {
         PostfixParameters parameters;
         FAIL() << "no exception";
@@ -130,29 +130,29 @@ TEST_F(FakePostconfTest, MissingToolIsAnErrorOfTheSystem) {
 }
 
 TEST_F(FakePostconfTest, PathOfMainCfFallsBackToTheBuiltInDirectory) {
-    const FakeTool fake(postconf, "[ \"$2\" = -d ] && echo /etc/postfix || exit 1");
+    const FakeTool fake(postconfPath, "[ \"$2\" = -d ] && echo /etc/postfix || exit 1");
     EXPECT_EQ(PostfixParameters().path(), "/etc/postfix/main.cf");
     EXPECT_THAT(fake.calls(), ElementsAre("[-h][config_directory]", "[-h][-d][config_directory]"));
 }
 
 TEST_F(FakePostconfTest, PathOfMainCfKeepsATrailingSlash) {
-    const FakeTool fake(postconf, "echo /etc/postfix/");
+    const FakeTool fake(postconfPath, "echo /etc/postfix/");
     EXPECT_EQ(PostfixParameters().path(), "/etc/postfix//main.cf");
 }
 
 TEST_F(FakePostconfTest, EmptyDirectoryIsAnError) {
-    const FakeTool fake(postconf, "echo");
+    const FakeTool fake(postconfPath, "echo");
     EXPECT_EQ(messageOf([] { PostfixParameters parameters; }),
               "unable to determine Postfix config_directory parameter");
 }
 
 TEST_F(FakePostconfTest, DefaultsOfMyNetworksAreNotReplaced) {
-    const FakeTool fake(postconf, locating("echo 127.0.0.0/8"));
+    const FakeTool fake(postconfPath, locating("echo 127.0.0.0/8"));
     EXPECT_EQ(PostfixParameters().getParameter("mynetworks", true), "127.0.0.0/8");
 }
 
 TEST_F(FakePostconfTest, MyNetworksIsReadTwiceAndReplacedByTheHostsOwn) {
-    const FakeTool fake(postconf, locating("echo 127.0.0.0/8 192.0.2.0/24"));
+    const FakeTool fake(postconfPath, locating("echo 127.0.0.0/8 192.0.2.0/24"));
     PostfixParameters parameters;
     fake.forget();
     EXPECT_EQ(parameters.getParameter("mynetworks"), "127.0.0.0/8, 192.0.2.10/32");
@@ -160,13 +160,13 @@ TEST_F(FakePostconfTest, MyNetworksIsReadTwiceAndReplacedByTheHostsOwn) {
 }
 
 TEST_F(FakePostconfTest, AddingToMyNetworksWithItsDefaultWritesTheHostList) {
-    const FakeTool fake(postconf, locating("echo 127.0.0.0/8 192.0.2.0/24"));
+    const FakeTool fake(postconfPath, locating("echo 127.0.0.0/8 192.0.2.0/24"));
     PostfixParameters().addToListParameter("mynetworks", "127.0.0.0/8");
     EXPECT_EQ(fake.calls().back(), "[-e][mynetworks=127.0.0.0/8, 192.0.2.10/32]");
 }
 
 TEST_F(FakePostconfTest, AddingAPresentElementRunsNoPostconf) {
-    const FakeTool fake(postconf, locating("echo a, b"));
+    const FakeTool fake(postconfPath, locating("echo a, b"));
     PostfixParameters parameters;
     fake.forget();
     parameters.addToListParameter("x", "b");
@@ -174,7 +174,7 @@ TEST_F(FakePostconfTest, AddingAPresentElementRunsNoPostconf) {
 }
 
 TEST_F(FakePostconfTest, FailedReadMeansNoWrite) {
-    const FakeTool fake(postconf, locating("exit 1"));
+    const FakeTool fake(postconfPath, locating("exit 1"));
     PostfixParameters parameters;
     fake.forget();
     EXPECT_EQ(messageOf([&] { parameters.addToListParameter("x", "b"); }), "unknown error");
@@ -185,7 +185,7 @@ TEST_F(FakePostconfTest, FailedReadMeansNoWrite) {
 
 TEST_F(FakePostconfTest, SettingWaitsForTheLockOfMainCf) {
     const std::string released = std::string(std::getenv("TMPDIR")) + "/released";
-    const FakeTool fake(postconf, locating("[ -e " + released + " ] || exit 1"));
+    const FakeTool fake(postconfPath, locating("[ -e " + released + " ] || exit 1"));
     PostfixParameters parameters;
     int ready[2];
     ASSERT_EQ(::pipe(ready), 0);
@@ -279,7 +279,7 @@ TEST_F(RealPostconfTest, ClosedRelayReplacesWhateverWasThere) {
 
 TEST_F(RealPostconfTest, ClosedRelayTwiceWritesNothingTheSecondTime) {
     parameters_.setParameter(restrictions, "");
-    const FakeTool recording(postconf, passThrough);
+    const FakeTool recording(postconfPath, passThrough);
     closeRelay();
     EXPECT_THAT(
         writes(recording),
@@ -316,7 +316,7 @@ TEST_F(RealPostconfTest, RelayAfterAuthenticationWithSasl) {
     EXPECT_EQ(parameters_.getParameter(restrictions),
               "permit_mynetworks, check_client_access pcre:/var/spool/postfix/torva/no_relay.re, "
               "permit_sasl_authenticated, reject_unauth_destination");
-    const FakeTool recording(postconf, passThrough);
+    const FakeTool recording(postconfPath, passThrough);
     relayAfterAuthentication(SaslAuthentication::on);
     EXPECT_THAT(writes(recording), ElementsAre("[-e][smtpd_sasl_auth_enable=yes]"));
 }

@@ -18,20 +18,20 @@ using torva::test::FakeTool;
 
 namespace {
 
-const char postconf[] = "/usr/sbin/postconf";
+const char sharedPostconf[] = "/usr/sbin/postconf";
 const char mainCf[] = "/etc/postfix/main.cf";
 
 /// Works as an exit status for the child that this runs in.
 int firstCallFailsAndSecondSucceeds() {
     {
-        const FakeTool broken(postconf, "exit 1");
+        const FakeTool broken(sharedPostconf, "exit 1");
         try {
             PostfixParameters::instance();
             return 1;
         } catch (const PostfixConfigurationError&) {
         }
     }
-    const FakeTool fake(postconf, "echo /etc/postfix");
+    const FakeTool fake(sharedPostconf, "echo /etc/postfix");
     const PostfixParameters& made = PostfixParameters::instance();
     const bool shared = &made == &PostfixParameters::instance();
     return shared && made.path() == mainCf && fake.calls().size() == 1 ? 0 : 2;
@@ -46,17 +46,17 @@ TEST(SharedParametersTest, AFailingFirstCallIsTriedAgainByTheNextAndThenThePathI
 }
 
 TEST(SharedParametersTest, ThePathIsThatOfTheMomentWhenTheObjectWasMade) {
-    std::optional<FakeTool> fake(std::in_place, postconf, "echo /first");
+    std::optional<FakeTool> fake(std::in_place, sharedPostconf, "echo /first");
     PostfixParameters parameters;
     fake.reset();
-    fake.emplace(postconf, "echo /second");
+    fake.emplace(sharedPostconf, "echo /second");
     EXPECT_EQ(parameters.path(), "/first/main.cf");
     EXPECT_EQ(parameters.mainCfPath(), "/second/main.cf");
     EXPECT_THAT(fake->calls(), ElementsAre("[-h][config_directory]"));
 }
 
 TEST(SharedParametersTest, AValueIsAskedForEachTime) {
-    const FakeTool fake(postconf, "echo /etc/postfix");
+    const FakeTool fake(sharedPostconf, "echo /etc/postfix");
     PostfixParameters parameters;
     parameters.getParameter("relayhost");
     parameters.getParameter("relayhost");
@@ -67,7 +67,7 @@ TEST(SharedParametersTest, AValueIsAskedForEachTime) {
 TEST(SharedParametersTest, AChangeLeavesTheAccessTimeAloneAndAFailedOneBothTimes) {
     const timespec times[2] = {{1000000000, 0}, {1000000001, 0}};
     struct stat status = {};
-    const FakeTool fake(postconf,
+    const FakeTool fake(sharedPostconf,
                         "case $2 in config_directory) echo /etc/postfix;; b=*) exit 1; esac");
     PostfixParameters parameters;
     ASSERT_EQ(::utimensat(AT_FDCWD, mainCf, times, 0), 0);
@@ -86,7 +86,7 @@ TEST(SharedParametersTest, AChangeLeavesTheAccessTimeAloneAndAFailedOneBothTimes
 }
 
 TEST(SharedParametersTest, OnlyAListThatChangesIsWritten) {
-    const FakeTool fake(postconf,
+    const FakeTool fake(sharedPostconf,
                         "case $2 in config_directory) echo /etc/postfix;; *) echo a, b c, d; esac");
     PostfixParameters parameters;
     fake.forget();

@@ -23,14 +23,14 @@ using torva::LockMode;
 
 namespace {
 
-struct Operation {
+struct LockedOperation {
     const char* name;
     std::size_t tools; ///< how many postmaps it runs
     bool waits;        ///< for a lock that somebody else holds
     std::function<void()> run;
 };
 
-const std::vector<Operation> operations = {
+const std::vector<LockedOperation> lockedOperations = {
     {"create", 1, false,
      [] {
          createTable(table, {{"a", "1"}});
@@ -72,7 +72,7 @@ using TableLockTest = TablesTest;
 TEST_F(TableLockTest, IsHeldByTheCallerThroughoutTheRunOfTheTool) {
     const std::string log = directory + "/locks.";
     createTable(table, {{"a", "1"}});
-    for (const Operation& operation : operations) {
+    for (const LockedOperation& operation : lockedOperations) {
         SCOPED_TRACE(operation.name);
         // As long as the tool runs: when it starts, and when it is about to end.
         const FakeTool fake(postmap, "n=$(ls " + directory + " | grep -c 'locks.')\n" +
@@ -93,7 +93,7 @@ TEST_F(TableLockTest, IsHeldByTheCallerThroughoutTheRunOfTheTool) {
 TEST_F(TableLockTest, IsFreeAgainAfterAFailure) {
     createTable(table, {{"a", "1"}});
     const FakeTool fake(postmap, "echo 'postmap: fatal: x' >&2; exit 1");
-    for (const Operation& operation : operations) {
+    for (const LockedOperation& operation : lockedOperations) {
         EXPECT_ANY_THROW(operation.run()) << operation.name;
         EXPECT_NO_THROW(FileLock(source, LockMode::fail)) << operation.name;
     }
@@ -113,7 +113,7 @@ bool waitsForLock(pid_t pid) {
 
 TEST_F(TableLockTest, IsWaitedForAndUntilThenNoToolRuns) {
     createTable(table, {{"a", "1"}});
-    for (const Operation& operation : operations) {
+    for (const LockedOperation& operation : lockedOperations) {
         if (!operation.waits) {
             continue;
         }

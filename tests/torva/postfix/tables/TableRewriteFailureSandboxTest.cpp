@@ -217,7 +217,7 @@ TEST_F(TableRewriteFailureTest, QuotedKeyIsStillFoundAfterwards) {
     removeDomain();
     EXPECT_EQ(contentOf(source), "\"john doe\"@example.org\tx@e.net\n");
     const std::string answer = directory + "/answer";
-    const std::string ask = "/usr/sbin/postmap -q '\"john doe\"@example.org' " + table;
+    const std::string ask = "/usr/sbin/postmap -q '\"john doe\"@example.org' " + std::string(table);
     ASSERT_EQ(std::system((ask + " > " + answer).c_str()), 0);
     EXPECT_EQ(contentOf(answer), "x@e.net\n");
 }

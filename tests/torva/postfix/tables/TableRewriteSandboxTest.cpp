@@ -29,7 +29,7 @@ namespace {
 
 const char postmap[] = "/usr/sbin/postmap";
 const char directory[] = "/var/spool/postfix/rewrite";
-const char table[] = "hash:/var/spool/postfix/rewrite/t";
+const char rewrittenTable[] = "hash:/var/spool/postfix/rewrite/t";
 const std::string source = "/var/spool/postfix/rewrite/t";
 const std::string index_ = source + ".db";
 
@@ -38,10 +38,10 @@ protected:
     void SetUp() override {
         ASSERT_NE(std::getenv("TORVA_SANDBOX"), nullptr);
         ::mkdir(directory, 0755);
-        createTable(table, {{"user@d.net", "a@e.net"},
-                            {"user@e.net", "a@d.net, b@e.net"},
-                            {"gone@e.net", "a@d.net"},
-                            {"user@f.net", "c@f.net"}});
+        createTable(rewrittenTable, {{"user@d.net", "a@e.net"},
+                                     {"user@e.net", "a@d.net, b@e.net"},
+                                     {"gone@e.net", "a@d.net"},
+                                     {"user@f.net", "c@f.net"}});
     }
     void TearDown() override {
         for (const std::string& name : namesIn(directory)) {
@@ -54,7 +54,7 @@ protected:
     void expectNothingChanged() {
         const std::string sourceBefore = contentOf(source);
         const std::string indexBefore = contentOf(index_);
-        EXPECT_THROW(removeDomainFromTable(table, "d.net", false), Error);
+        EXPECT_THROW(removeDomainFromTable(rewrittenTable, "d.net", false), Error);
         EXPECT_EQ(contentOf(source), sourceBefore);
         EXPECT_TRUE(contentOf(index_) == indexBefore);
         EXPECT_THAT(namesIn(directory), ElementsAre("t", "t.db"));
@@ -63,8 +63,8 @@ protected:
 
 TEST_F(TableRewriteTest, DomainLeavesKeysAndValues) {
     ASSERT_EQ(::chmod(source.c_str(), 0640), 0);
-    removeDomainFromTable(table, "d.net", false);
-    EXPECT_THAT(dumpTable(table),
+    removeDomainFromTable(rewrittenTable, "d.net", false);
+    EXPECT_THAT(dumpTable(rewrittenTable),
                 UnorderedElementsAre(Pair("user@e.net", "b@e.net"), Pair("user@f.net", "c@f.net")));
     EXPECT_THAT(namesIn(directory), ElementsAre("t", "t.db"));
     struct stat status = {};
@@ -74,15 +74,15 @@ TEST_F(TableRewriteTest, DomainLeavesKeysAndValues) {
 
 TEST_F(TableRewriteTest, RunsTheListingAndThePlainRebuild) {
     const FakeTool recording(postmap, torva::test::passThrough);
-    removeDomainFromTable(table, "d.net", false);
-    EXPECT_THAT(recording.calls(),
-                ElementsAre(std::string("[-s][") + table + "]", std::string("[") + table + "]"));
+    removeDomainFromTable(rewrittenTable, "d.net", false);
+    EXPECT_THAT(recording.calls(), ElementsAre(std::string("[-s][") + rewrittenTable + "]",
+                                               std::string("[") + rewrittenTable + "]"));
 }
 
 TEST_F(TableRewriteTest, LastRecordMayGo) {
-    createTable(table, {{"user@d.net", "x"}});
-    removeDomainFromTable(table, "d.net", false);
-    EXPECT_THAT(dumpTable(table), testing::IsEmpty());
+    createTable(rewrittenTable, {{"user@d.net", "x"}});
+    removeDomainFromTable(rewrittenTable, "d.net", false);
+    EXPECT_THAT(dumpTable(rewrittenTable), testing::IsEmpty());
     EXPECT_EQ(contentOf(source), "");
 }
 
@@ -108,11 +108,11 @@ TEST_F(TableRewriteTest, FullDiskLeavesEverythingAsItWas) {
     if (::mount("tmpfs", directory, "tmpfs", 0, "size=64k") != 0) {
         GTEST_SKIP() << "no tmpfs here: " << std::strerror(errno);
     }
-    createTable(table, {{"user@d.net", "a@e.net"}, {"user@e.net", "b@e.net"}});
+    createTable(rewrittenTable, {{"user@d.net", "a@e.net"}, {"user@e.net", "b@e.net"}});
     writeFile(std::string(directory) + "/filler", std::string(44 * 1024, 'x'));
     const std::string sourceBefore = contentOf(source);
     const std::string indexBefore = contentOf(index_);
-    EXPECT_THROW(removeDomainFromTable(table, "d.net", false), torva::SystemError);
+    EXPECT_THROW(removeDomainFromTable(rewrittenTable, "d.net", false), torva::SystemError);
     EXPECT_EQ(contentOf(source), sourceBefore);
     EXPECT_TRUE(contentOf(index_) == indexBefore);
     EXPECT_THAT(namesIn(directory), ElementsAre("filler", "t", "t.db"));
@@ -126,9 +126,9 @@ TEST_F(TableRewriteTest, ManyRecords) {
         records.emplace_back("u" + number + (i % 2 == 0 ? "@d.net" : "@e.net"),
                              "a@d.net, box" + number + "@f.net");
     }
-    createTable(table, records);
-    removeDomainFromTable(table, "d.net", false);
-    const Records left = dumpTable(table);
+    createTable(rewrittenTable, records);
+    removeDomainFromTable(rewrittenTable, "d.net", false);
+    const Records left = dumpTable(rewrittenTable);
     EXPECT_EQ(left.size(), 50000U);
     for (const Record& record : left) {
         ASSERT_EQ(record.first.substr(record.first.find('@')), "@e.net");

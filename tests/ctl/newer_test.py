@@ -20,7 +20,7 @@ directory=/etc/postfix
 case " $* " in *' -c '*) directory=${*#*-c }; directory=${directory%% *} ;; esac
 for last; do :; done
 """
-TABLES_TEXT = ", ".join(f"{name} ({text})" for name, text in DROPPED.items())
+DROPPED_TEXT = ", ".join(f"{name} ({text})" for name, text in DROPPED.items())
 
 
 def quoted(text):
@@ -77,7 +77,7 @@ esac
                 outcome = self.assertStatus(0, ctl("check", "--json"))
                 self.assertEqual([f for f in outcome.findings("warning", "stop") if f["subject"] != "database"], [])
                 hash_text = ", tables of the type hash (hash/btree support is deprecated. Please switch to cdb or lmdb.)"
-                wanted = (TABLES_TEXT + (hash_text if version == "3.11" else "") +
+                wanted = (DROPPED_TEXT + (hash_text if version == "3.11" else "") +
                           f": the run works with Postfix {self.machine}; a later Postfix drops what is named here")
                 self.assertEqual(self.only(outcome, "deprecated"),
                                  {"verb": "check", "level": "ok", "subject": "deprecated", "text": wanted})
@@ -133,10 +133,12 @@ esac
     def without_berkeley_db(self, version):
         """Also of the system's aliases, as in a Postfix whose packager has left it out."""
         level = "non_bdb_migration_level = disable\n" if version == "3.11" else ""
+        words = postconf_words(version, "main.cf")
         write(MAIN_CF, re.sub(r"(?m)^(alias_maps|alias_database).*\n", "", MAIN_CF.read_text()) +
               "alias_maps =\nalias_database =\n")
         self.stand_in(POSTCONF, f"case $* in *-m*) {POSTCONF}.real -m | grep -vx hash; exit ;;\n"
-                                f"*-x) printf '%s' {quoted(level)} ;; esac\n")
+                                f"*-x) printf '%s' {quoted(level)} ;;\n"
+                                f"*'-h config_directory') say {quoted(words)} ;; esac\n")
         for path in (POSTMAP, POSTALIAS):
             self.stand_in(path, f"case $last in hash:*) say {quoted(unsupported_words(path.name))}; exit 1 ;; esac\n")
 
@@ -145,10 +147,13 @@ esac
             with self.subTest(version):
                 self.without_berkeley_db(version)
                 before = tree()
-                found = self.only(self.assertStatus(1, ctl("check", "--json")), "map-type")
+                outcome = self.assertStatus(1, ctl("check", "--json"))
+                found = self.only(outcome, "map-type")
                 self.assertEqual((found["level"], found["text"]), (
                     "stop", "hash is not in postconf -m: the run would end at a table of the panel: "
                             "postmap: fatal: unsupported map type: hash"))
+                self.assertEqual(self.only(outcome, "deprecated")["text"], (
+                    f"{DROPPED_TEXT}: a version later than Postfix {self.machine} drops what is named here"))
                 self.assertEqual(difference_of(before), {})
                 if version == "3.11":
                     self.assertIn("postconf default_database_type=lmdb && postfix non-bdb enable-redirect", found["action"])

@@ -79,4 +79,15 @@ test_linters_of_the_one_version_judge() {
     expect_fault man
 }
 
+test_clang_tidy_judges_every_header_of_the_product_and_no_other() {
+    local filter missed
+    filter=$(sed -n "s/^HeaderFilterRegex: '\(.*\)'$/\1/p" "$checkout/.clang-tidy")
+    [[ -n $filter ]] || fail "no filter"
+    cd "$checkout"
+    missed=$(find app ctl torva -name '*.h' -printf '/a/checkout/%p\n' | grep -vE "$filter" || true)
+    expect_equal "headers that are not judged" "" "$missed"
+    expect_equal "headers of others" "" \
+        "$(printf '%s\n' /usr/include/boost/process/util/x.h /a/checkout/tests/support/x.h | grep -E "$filter" || true)"
+}
+
 run_tests "$@"

@@ -1,6 +1,7 @@
 #include "ctl/backup/Changes.h"
 
 #include "ctl/host/Files.h"
+#include "ctl/host/Lists.h"
 #include "ctl/host/PanelRun.h"
 
 #include <algorithm>
@@ -61,7 +62,8 @@ bool isSameButForTime(Entry left, const Entry& right) {
 bool isListedIndex(const std::string& path) {
     const auto& names = tableNames();
     return std::any_of(names.begin(), names.end(), [&](const std::string& name) {
-        return path == resolved(tablesDirectory) + "/" + name + ".db";
+        const std::string source = resolved(tablesDirectory) + "/" + name;
+        return isIndexName(path) && path.substr(0, path.rfind('.')) == source;
     });
 }
 
@@ -105,7 +107,8 @@ bool isWrittenByRun(const std::string& path, const Manifest& backup) {
                            }) ||
                name.find("master.cf.disabled") != std::string::npos;
     }
-    return path == tables || path.find(".db") != std::string::npos ||
+    // A half-made index has further letters behind it.
+    return path == tables || isIndexName(path) || path.find(".db") != std::string::npos ||
            nameOf(path).find(".cf") != std::string::npos ||
            path.compare(0, configuration.size() + 1, configuration + "/") == 0;
 }
@@ -116,7 +119,7 @@ LeftState captureState(const Postfix& postfix, const std::vector<std::string>& p
     LeftState state;
     state.settings = askSettings(postfix);
     state.services = servicesOf(postfix);
-    state.records = readRecords();
+    state.records = readRecords(postfix);
     state.entries = describe(paths);
     return state;
 }

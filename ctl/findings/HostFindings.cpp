@@ -71,6 +71,7 @@ Findings checkHost(const OwnPrograms& programs, Host& host) {
     if (!findReadable(host, findings)) {
         return findings;
     }
+    findSupport(host, findings);
     findSurroundings(host, findings);
     findPlaces(host, findings);
     findMainCf(host, findings);

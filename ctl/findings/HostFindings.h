@@ -17,7 +17,11 @@ Findings checkHost(const OwnPrograms& programs, Host& host);
 /// "root", "program".
 void findPrograms(const OwnPrograms& programs, Findings& findings);
 
-/// "map-type", "account", "panel", "pcre-table", "certificate", "network".
+/// "map-type", "deprecated": whether this Postfix supports what a run uses, and what of it
+/// a later one drops.
+void findSupport(const Host& host, Findings& findings);
+
+/// "account", "panel", "pcre-table", "certificate", "network".
 void findSurroundings(const Host& host, Findings& findings);
 
 /// "directory", "room".

@@ -45,7 +45,7 @@ void findHardLinks(const std::string& path, const std::string& subject, Findings
 void findRecords(const Postfix& postfix, Findings& findings) {
     RecordsByTable others;
     try {
-        others = readRecords();
+        others = readRecords(postfix);
     } catch (const std::runtime_error& error) {
         findings.stop("records",
                       std::string("a table of the panel cannot be read: ") + error.what(),

@@ -148,8 +148,8 @@ bool isBelow(const std::string& path, const std::string& directory) {
     return !directory.empty() && path.compare(0, directory.size() + 1, directory + "/") == 0;
 }
 
-void findMap(const MapReference& map, Findings& findings) {
-    const std::string file = openedFile(map);
+void findMap(const MapReference& map, const Postfix& postfix, Findings& findings) {
+    const std::string file = openedFile({postfix.readAs(map.type), map.file});
     if (::access(file.c_str(), F_OK) == 0) {
         return;
     }
@@ -170,7 +170,7 @@ void findMaps(const Postfix& postfix, const MasterCfText& masterCf, Findings& fi
             if (!isBelow(map.file, tablesDirectory) &&
                 !isBelow(map.file, postfix.value("data_directory")) &&
                 seen.insert(map.text()).second) {
-                findMap(map, findings);
+                findMap(map, postfix, findings);
             }
         }
     }

@@ -18,23 +18,6 @@ namespace torva::ctl {
 
 namespace {
 
-bool holds(const std::vector<std::string>& list, const std::string& element) {
-    return std::find(list.begin(), list.end(), element) != list.end();
-}
-
-void findMapTypes(const Host& host, Findings& findings) {
-    if (!holds(host.mapTypes, "hash")) {
-        findings.stop("map-type", "hash is not in postconf -m",
-                      "install a Postfix with Berkeley DB");
-    }
-    if (!holds(host.mapTypes, "pcre")) {
-        findings.warning("map-type",
-                         "pcre is not in postconf -m: smtpd answers 451 to every client",
-                         "apt-get install postfix-pcre");
-    }
-    findings.fine("map-type", "hash, pcre");
-}
-
 void findAccounts(Findings& findings) {
     const char advice[] = "create the user; the panel's installer does";
     for (const char* name : {"popuser", "postfix"}) {
@@ -150,7 +133,6 @@ bool databaseAnswers() {
 } // namespace
 
 void findSurroundings(const Host& host, Findings& findings) {
-    findMapTypes(host, findings);
     findAccounts(findings);
     findPanel(findings);
     findPcreTables(findings);

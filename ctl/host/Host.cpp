@@ -4,22 +4,11 @@
 #include "ctl/host/Program.h"
 
 #include <algorithm>
-#include <sstream>
 #include <unistd.h>
 
 namespace torva::ctl {
 
 namespace {
-
-std::vector<std::string> linesOf(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream stream(text);
-    std::string line;
-    while (std::getline(stream, line)) {
-        lines.push_back(line);
-    }
-    return lines;
-}
 
 std::string sandboxFor(const std::string& directory) {
     const std::string installed = directoryOf(directory) + "/lib/torva-postfix/scripts/sandbox";
@@ -56,6 +45,9 @@ Host askHost(const OwnPrograms& programs) {
     const ToolResult types = run({"/usr/sbin/postconf", "-m"});
     host.mapTypes = linesOf(types.output);
     host.mapTypesFailure = types.succeeded() ? std::string() : wordsOf(types);
+    if (host.masterFailure.empty() && host.mapTypesFailure.empty()) {
+        host.support = askRunSupport();
+    }
     return host;
 }
 

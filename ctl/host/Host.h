@@ -3,6 +3,7 @@
 #pragma once
 
 #include "ctl/host/Postfix.h"
+#include "ctl/host/RunSupport.h"
 
 #include <string>
 #include <vector>
@@ -29,6 +30,7 @@ struct Host {
     std::string masterFailure;         ///< why Postfix does not read master.cf; empty: it does
     std::vector<std::string> mapTypes; ///< see postconf -m
     std::string mapTypesFailure;       ///< why that is not known; empty: it is
+    RunSupport support;                ///< asked when all of the above is known
 };
 
 /// Asks Postfix. Where main.cf is not read, nothing else is asked.

@@ -79,6 +79,14 @@ std::string openedFile(const MapReference& map) {
     return map.file + (type == nullptr ? "" : type->suffix);
 }
 
+bool isIndexName(const std::string& name) {
+    return std::any_of(std::begin(mapTypes), std::end(mapTypes), [&](const MapType& type) {
+        const std::string suffix = type.suffix;
+        return type.indexed && name.size() > suffix.size() &&
+               name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0;
+    });
+}
+
 bool isIndexed(const std::string& type) {
     const MapType* found = typeNamed(type);
     return found != nullptr && found->indexed;

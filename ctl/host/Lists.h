@@ -25,6 +25,9 @@ std::vector<MapReference> mapReferences(const std::string& value);
 /// The file that Postfix opens for a table: that of the index where there is one.
 std::string openedFile(const MapReference& map);
 
+/// Whether a name ends as the files of indexed tables do, such as "virtual.db".
+bool isIndexName(const std::string& name);
+
 /// Whether postmap(1) makes the file that Postfix opens.
 bool isIndexed(const std::string& type);
 

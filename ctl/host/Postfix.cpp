@@ -76,7 +76,31 @@ private:
     ScratchDirectory scratch_;
 };
 
+/// The types that Berkeley DB makes, where Postfix reads other ones in their place.
+Settings redirectsOf(const Postfix& postfix) {
+    const std::string level = postfix.value("non_bdb_migration_level");
+    if (level != "enable-redirect" && level != "enable-reindex") {
+        return Settings();
+    }
+    Settings redirects{{"hash", postfix.value("default_database_type")},
+                       {"btree", postfix.value("default_cache_db_type")}};
+    const std::string custom = postfix.value("non_bdb_custom_mapping");
+    if (!custom.empty()) {
+        for (auto& [type, target] : redirects) {
+            const std::string found =
+                boost::algorithm::trim_copy(run({"/usr/sbin/postmap", "-q", type, custom}).output);
+            target = found.empty() ? target : found;
+        }
+    }
+    return redirects;
+}
+
 } // namespace
+
+std::string Postfix::readAs(const std::string& type) const {
+    const auto found = redirects.find(type);
+    return found == redirects.end() ? type : found->second;
+}
 
 std::string Postfix::value(const std::string& name) const {
     const auto found = values.find(name);
@@ -92,6 +116,7 @@ Postfix askPostfix() {
         postfix.values = parsed(values.output);
         postfix.settings = parsed(copy.ask("-n").output);
         postfix.settings.erase("config_directory"); // the copy's own
+        postfix.redirects = redirectsOf(postfix);
     } else {
         postfix.failure = wordsOf(values);
         postfix.values = parsed(run({postconf, "-d"}).output);

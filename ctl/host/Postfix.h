@@ -16,11 +16,16 @@ struct Postfix {
     std::string directory; ///< of main.cf and master.cf, see config_directory in postconf(5)
     Settings values;       ///< of all parameters, references expanded
     Settings settings;     ///< of those that main.cf sets, as it has them
+    Settings redirects;    ///< types of tables that Postfix reads as another type, and that
+                           ///< type: see non_bdb_migration_level in postconf(5), 3.11
     std::string failure;   ///< why Postfix does not read main.cf, in its own words; empty:
                            ///< it does. Values are then the built-in ones.
 
     /// The value of a parameter, references expanded; empty: unknown, or set to nothing.
     std::string value(const std::string& name) const;
+
+    /// The type that Postfix reads tables of a type as: itself, unless it is redirected.
+    std::string readAs(const std::string& type) const;
 
     std::string queueDirectory() const { return value("queue_directory"); }
     std::string mainCf() const { return directory + "/main.cf"; }

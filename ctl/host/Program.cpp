@@ -1,10 +1,9 @@
 #include "ctl/host/Program.h"
 
+#include "ctl/host/ToolWords.h"
 #include "torva/util/SystemError.h"
 
 #include <boost/algorithm/string/join.hpp>
-#include <boost/algorithm/string/replace.hpp>
-#include <boost/algorithm/string/trim.hpp>
 
 #include <csignal>
 #include <sys/time.h>
@@ -97,15 +96,15 @@ ToolResult run(std::vector<std::string> words) {
 }
 
 std::string wordsOf(const ToolResult& result) {
-    std::string words = boost::algorithm::trim_copy(result.error);
+    std::string words = reasonIn(result.error);
     if (words.empty()) {
-        words = boost::algorithm::trim_copy(result.output);
+        words = reasonIn(result.output);
     }
     if (words.empty()) {
         words = result.signaled() ? "ended by signal " + std::to_string(WTERMSIG(result.status))
                                   : "exit status " + std::to_string(exitStatus(result));
     }
-    return boost::algorithm::replace_all_copy(words, "\n", "; ");
+    return words;
 }
 
 int exitStatus(const ToolResult& result) {

@@ -25,8 +25,9 @@ struct Program {
 ToolResult run(const Program& program);
 ToolResult run(std::vector<std::string> words);
 
-/// What a failed program said, in one line: its standard error, else its output, else
-/// how it ended.
+/// What a failed program said, in one line: its standard error, else its output, without
+/// the warnings of Postfix's tools where it said anything else (see ToolWords.h); else how
+/// it ended.
 std::string wordsOf(const ToolResult& result);
 
 /// The exit status, or 128 and the number of the signal that ended it, as a shell has it.

@@ -1,6 +1,7 @@
 #include "ctl/host/Records.h"
 
 #include "ctl/host/Files.h"
+#include "ctl/host/Lists.h"
 #include "ctl/host/Program.h"
 #include "torva/postfix/tables/Postmap.h"
 
@@ -26,10 +27,16 @@ Records recordsIn(const std::string& listing) {
 
 } // namespace
 
-RecordsByTable readRecords() {
+RecordsByTable readRecords(const Postfix& postfix) {
     RecordsByTable records;
     for (const std::string& name : tableNames()) {
-        if (!exists(std::string(tablesDirectory) + "/" + name + ".db")) {
+        const std::string source = std::string(tablesDirectory) + "/" + name;
+        const std::string index = openedFile({postfix.readAs("hash"), source});
+        const std::string former = openedFile({"hash", source});
+        if (!exists(index) && exists(former)) {
+            throw std::runtime_error(former + " is there, but Postfix reads " + index);
+        }
+        if (!exists(index)) {
             continue; // postmap sleeps before it fails
         }
         const ToolResult listing = run({"/usr/sbin/postmap", "-s", tableOf(name)});

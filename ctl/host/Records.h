@@ -2,6 +2,7 @@
 #pragma once
 
 #include "ctl/host/PanelRun.h"
+#include "ctl/host/Postfix.h"
 
 #include <map>
 #include <string>
@@ -15,8 +16,10 @@ using RecordsByTable = std::map<std::string, Records>; ///< by name of the table
 /// The records of the tables that a run empties, as postmap(1) lists them; none of a
 /// table that is not there. Takes no lock.
 ///
-/// \throws std::runtime_error  postmap failed, with its words
-RecordsByTable readRecords();
+/// \throws std::runtime_error  postmap failed, with its words; or Postfix reads the tables
+///         as another type now, and a table is there in the former type only: a run would
+///         drop its records unseen
+RecordsByTable readRecords(const Postfix& postfix);
 
 /// Those of `before` whose keys `now` does not have.
 RecordsByTable missingRecords(const RecordsByTable& before, const RecordsByTable& now);

@@ -14,7 +14,7 @@ namespace torva::ctl {
 namespace {
 
 const char* const indexedTypes[] = {"hash", "btree", "dbm", "sdbm", "cdb"};
-const char* const indexSuffixes[] = {"", ".db", ".dir", ".pag", ".cdb", ".cdb.tmp"};
+const char* const indexSuffixes[] = {"", ".db", ".dir", ".pag", ".cdb", ".cdb.tmp", ".lmdb"};
 
 bool isRebuilt(const std::string& type) {
     return std::find(std::begin(indexedTypes), std::end(indexedTypes), type) !=

@@ -27,13 +27,13 @@ std::string requireOutput(MailLog& log, const std::vector<std::string>& command,
                           const Deadline& deadline) {
     const ToolOutcome outcome = runWatched(log, command, deadline);
     if (!outcome.succeeded()) {
-        throw std::runtime_error(outcome.output.empty() ? command.front() + " failed"
-                                                        : outcome.output);
+        throw std::runtime_error(outcome.said().empty() ? command.front() + " failed"
+                                                        : outcome.said());
     }
     return outcome.output;
 }
 
-// Lines "name = value"; warnings of postconf(1) stand between them.
+// Lines "name = value".
 std::map<std::string, std::string> parseSettings(const std::string& text) {
     std::map<std::string, std::string> settings;
     std::istringstream lines(text);

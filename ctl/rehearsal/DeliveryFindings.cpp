@@ -17,11 +17,6 @@ std::string withLine(const std::string& text, const LogLine& line) {
     return line.text.empty() ? text + "." : text + ". Log: " + line.whole();
 }
 
-// What a program printed, perhaps over several lines.
-std::string oneLine(const std::string& said) {
-    return parseLogLine(said).whole();
-}
-
 // The part of the log that was written while the message was offered.
 std::vector<LogLine> dialogueOf(const Attempt& attempt, const std::vector<LogLine>& log) {
     const std::size_t end = std::min(attempt.logEnd, log.size());
@@ -236,19 +231,24 @@ Finding tellFault(const ServiceFault& fault) {
 }
 
 Finding tellNoStart(const std::string& said, const std::vector<LogLine>& log) {
-    const LogLine worst = worstLine(log);
+    // The log first: where both tell the same, it has the name of the program.
+    std::vector<LogLine> all = log;
+    const std::vector<LogLine> printed = printedLines(said);
+    all.insert(all.end(), printed.begin(), printed.end());
+    const LogLine worst = worstLine(all);
     const std::string text = "Postfix does not start, so no message was sent";
     const std::string known = adviceForService(worst.text + said);
     const std::string advice =
         known.empty() ? "Correct what Postfix complains of, then rehearse again." : known;
-    if (worst.text.empty()) {
-        return warning(text + ": " + oneLine(said) + ".", advice);
+    const bool isLogged = !worst.text.empty() && worst.whole() == worstLine(log).whole();
+    if (isLogged) {
+        return warning(withLine(text, worst), advice);
     }
-    return warning(withLine(text, worst), advice);
+    return warning(text + ": " + reasonsIn(said) + ".", advice);
 }
 
 Finding tellTrouble(const std::string& why) {
-    return warning("The rehearsal could not go on: " + oneLine(why) + ".",
+    return warning("The rehearsal could not go on: " + reasonsIn(why) + ".",
                    "This tells nothing about mail. Correct the cause, then rehearse again.");
 }
 

@@ -43,7 +43,7 @@ void ip(MailLog& log, const Deadline& deadline, std::vector<std::string> words) 
     words.insert(words.begin(), "ip");
     const ToolOutcome outcome = runWatched(log, words, deadline);
     if (!outcome.succeeded()) {
-        throw std::runtime_error("ip: " + outcome.output);
+        throw std::runtime_error("ip: " + outcome.said());
     }
 }
 

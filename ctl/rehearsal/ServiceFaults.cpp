@@ -1,10 +1,21 @@
 #include "ctl/rehearsal/ServiceFaults.h"
 
 #include <algorithm>
+#include <sstream>
 #include <string_view>
 
 namespace torva::ctl::rehearsal {
 namespace {
+
+// What Postfix says with every call and every table, whether mail works or not.
+bool isAboutLaterPostfix(const LogLine& line) {
+    const auto says = [&line](const char* words) {
+        return line.text.find(words) != std::string::npos;
+    };
+    return (says("support for parameter") && says("will be removed")) ||
+           says(" support is deprecated") || says("DEPRECATION_README") ||
+           says("NON_BERKELEYDB_README.gz");
+}
 
 // Higher is worse; 0: nothing bad. The words are those of msg(3) of Postfix.
 int severityOf(const LogLine& line) {
@@ -12,7 +23,7 @@ int severityOf(const LogLine& line) {
         {"panic: ", 3}, {"fatal: ", 3}, {"error: ", 2}, {"warning: ", 1}};
     for (const auto& [word, severity] : words) {
         if (line.text.compare(0, word.size(), word) == 0) {
-            return severity;
+            return severity == 1 && isAboutLaterPostfix(line) ? 0 : severity;
         }
     }
     return 0;
@@ -87,6 +98,28 @@ LogLine worstLine(const std::vector<LogLine>& log, std::size_t first) {
         }
     }
     return worst;
+}
+
+std::vector<LogLine> printedLines(const std::string& said) {
+    std::vector<LogLine> lines;
+    std::istringstream stream(said);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(parseLogLine(line));
+    }
+    return lines;
+}
+
+std::string reasonsIn(const std::string& said) {
+    std::string all;
+    std::string reasons;
+    for (const LogLine& line : printedLines(said)) {
+        const std::string words = line.whole();
+        all += (all.empty() ? "" : " ") + words;
+        if (line.text.compare(0, 9, "warning: ") != 0) {
+            reasons += (reasons.empty() ? "" : " ") + words;
+        }
+    }
+    return reasons.empty() ? all : reasons;
 }
 
 } // namespace torva::ctl::rehearsal

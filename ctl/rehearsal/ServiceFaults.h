@@ -24,10 +24,18 @@ std::vector<ServiceFault> findServiceFaults(const std::vector<LogLine>& log);
 bool startIsThrottled(const std::vector<LogLine>& log, const std::string& daemon);
 
 /// The line that tells most about a failure: the first "fatal" or "panic", else the
-/// first "error", else the first "warning".
+/// first "error", else the first "warning". Warnings of Postfix 3.9 and later that it will
+/// drop a parameter or a type of tables are about no failure.
 ///
 /// \param first  index of the line to begin with
 /// \return an empty line when there is none
 LogLine worstLine(const std::vector<LogLine>& log, std::size_t first = 0);
+
+/// What a failed program printed, in one line: without its warnings, unless it printed
+/// nothing else.
+std::string reasonsIn(const std::string& said);
+
+/// The lines that a program printed, as lines of a log.
+std::vector<LogLine> printedLines(const std::string& said);
 
 } // namespace torva::ctl::rehearsal

@@ -99,7 +99,7 @@ bool Stage::start() {
                                             "-c", configuration_.directory, "start"},
                                            deadline_.within(toolTime));
     if (!outcome.succeeded()) {
-        report_(encode(tellNoStart(outcome.output, log_.lines())));
+        report_(encode(tellNoStart(outcome.said(), log_.lines())));
         return false;
     }
     return true;
@@ -142,7 +142,7 @@ void Stage::sendBySendmail() {
         attempt.outcome.failure = "sendmail did not end in time";
     } else if (!outcome.succeeded()) {
         attempt.outcome.failure =
-            outcome.output.empty() ? "sendmail failed" : parseLogLine(outcome.output).whole();
+            outcome.said().empty() ? "sendmail failed" : reasonsIn(outcome.said());
     }
     attempt.logEnd = log_.lines().size();
     attempts_.push_back(attempt);

@@ -14,10 +14,14 @@
 namespace torva::ctl::rehearsal {
 namespace {
 
+process::Descriptor emptyFile() {
+    return process::Descriptor(
+        process::systemCall("memfd_create", [] { return ::memfd_create("tool", MFD_CLOEXEC); }));
+}
+
 // The input as a file: a program that reads nothing of it leaves no writer waiting.
 process::Descriptor fileWith(const std::string& text) {
-    process::Descriptor file(
-        process::systemCall("memfd_create", [] { return ::memfd_create("input", MFD_CLOEXEC); }));
+    process::Descriptor file = emptyFile();
     for (std::size_t done = 0; done < text.size();) {
         done += static_cast<std::size_t>(process::systemCall("write", [&] {
             return ::pwrite(file.get(), text.data() + done, text.size() - done,
@@ -36,6 +40,21 @@ bool readSome(int fd, std::string& text) {
     return size > 0;
 }
 
+// By offsets of our own: a child that goes on shares the one of the descriptor.
+std::string contentsOf(const process::Descriptor& file) {
+    std::string text;
+    std::array<char, 4096> chunk;
+    for (;;) {
+        const ssize_t size = process::systemCall("pread", [&] {
+            return ::pread(file.get(), chunk.data(), chunk.size(), static_cast<off_t>(text.size()));
+        });
+        if (size == 0) {
+            return text;
+        }
+        text.append(chunk.data(), static_cast<std::size_t>(size));
+    }
+}
+
 } // namespace
 
 bool ToolOutcome::succeeded() const {
@@ -45,6 +64,7 @@ bool ToolOutcome::succeeded() const {
 ToolOutcome runWatched(MailLog& log, const std::vector<std::string>& command,
                        const Deadline& deadline, const std::string& input) {
     const process::Descriptor given = fileWith(input);
+    const process::Descriptor complaints = emptyFile();
     process::PipeEnds said = process::openPipe("pipe");
     process::LaunchRequest request;
     request.program = command.at(0);
@@ -52,7 +72,7 @@ ToolOutcome runWatched(MailLog& log, const std::vector<std::string>& command,
     request.searchPath = true;
     request.input = {process::ChildStream::Kind::descriptor, given.get()};
     request.output = {process::ChildStream::Kind::descriptor, said.write.get()};
-    request.error = request.output;
+    request.error = {process::ChildStream::Kind::descriptor, complaints.get()};
     // A session of its own: when it has to be killed, its children go with it.
     request.newSession = true;
     request.closeOtherDescriptors = true;
@@ -69,6 +89,7 @@ ToolOutcome runWatched(MailLog& log, const std::vector<std::string>& command,
     }
     if (outcome.ended) {
         outcome.status = process::waitForExit(started.pid);
+        outcome.error = contentsOf(complaints);
         return outcome;
     }
     // The output may be held open by a child that goes on, while the program has ended.
@@ -78,6 +99,7 @@ ToolOutcome runWatched(MailLog& log, const std::vector<std::string>& command,
     if (!outcome.ended) {
         outcome.status = process::waitForExit(started.pid);
     }
+    outcome.error = contentsOf(complaints);
     return outcome;
 }
 

@@ -14,10 +14,15 @@ namespace torva::ctl::rehearsal {
 struct ToolOutcome {
     bool ended = false; ///< false: the deadline came first, and it was killed
     int status = 0;     ///< raw wait status, see waitpid(2)
-    std::string output; ///< standard output and standard error, as they came
+    std::string output; ///< standard output
+    std::string error;  ///< standard error: apart, for Postfix's tools warn in the middle of
+                        ///< long answers
 
     /// Whether it exited in time, with status 0.
     bool succeeded() const;
+
+    /// All that it said: standard error, then standard output.
+    std::string said() const { return error + output; }
 };
 
 /// Runs a program to the end of its output, and takes the log meanwhile.
@@ -25,7 +30,7 @@ struct ToolOutcome {
 /// \param command  path of the program, or its name in PATH, then its arguments
 /// \param input    its standard input
 /// \throws SystemError  it could not be started: "execvp" and others of launch();
-///         "memfd_create", "write", "read"
+///         "memfd_create", "write", "read", "pread"
 ToolOutcome runWatched(MailLog& log, const std::vector<std::string>& command,
                        const Deadline& deadline, const std::string& input = {});
 

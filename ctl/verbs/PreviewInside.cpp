@@ -121,8 +121,10 @@ void showVerdict(Report& report) {
                       (verdict.text.empty() ? "" : ": " + verdict.text) + "\n");
 }
 
-void showOutcome(Report& report, const Postfix& after) {
+/// \param before  the host before the run, whose Postfix is the same
+void showOutcome(Report& report, const Host& before, const Postfix& after) {
     Findings findings;
+    findSupport(before, findings);
     findOutcome(after, readMasterCf(after), findings);
     report.findings(findings.all());
 }
@@ -161,7 +163,7 @@ int previewInside(Call& call) {
     showMasterCf(report, after, before.masterCf);
     showFiles(report, before.manifest.entries, describe(before.manifest.paths));
     showVerdict(report);
-    showOutcome(report, after);
+    showOutcome(report, host, after);
     if (call.request.deliver) {
         showDelivery(report, after);
     }

@@ -5,6 +5,7 @@
 #include "ctl/host/Program.h"
 #include "ctl/host/Records.h"
 #include "ctl/host/Shelter.h"
+#include "ctl/host/ToolWords.h"
 #include "ctl/host/TouchedPaths.h"
 #include "torva/util/SystemError.h"
 
@@ -16,7 +17,6 @@
 #include <ctime>
 #include <fcntl.h>
 #include <set>
-#include <sstream>
 #include <stdexcept>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -162,8 +162,9 @@ void restoreServices(const Postfix& postfix, const Sheltered& sheltered,
     }
 }
 
-void putRecordsBack(const RecordsByTable& before, std::vector<Finding>& findings) {
-    const RecordsByTable missing = missingRecords(before, readRecords());
+void putRecordsBack(const Postfix& postfix, const RecordsByTable& before,
+                    std::vector<Finding>& findings) {
+    const RecordsByTable missing = missingRecords(before, readRecords(postfix));
     const std::vector<std::string> refused = putBack(missing);
     const std::string counted = countedRecords(missing);
     if (!counted.empty()) {
@@ -197,14 +198,14 @@ RunResult performRun(const Host& host, const Manifest& before, int progress, boo
     prepareMainCf(postfix);
     const Sheltered sheltered = shelter(readFile(postfix.masterCf()).value_or(""));
     shelterServices(postfix, sheltered);
-    const RecordsByTable records = emptyTables ? RecordsByTable() : readRecords();
+    const RecordsByTable records = emptyTables ? RecordsByTable() : readRecords(postfix);
     result.status = runTool(host.programs.tool, progress);
     restoreServices(postfix, sheltered, result.findings);
     const std::string directory = resolved(postfix.directory);
     settle(directory + "/main.cf", before.entries);
     settle(directory + "/master.cf", before.entries);
     if (result.status == 0) {
-        putRecordsBack(records, result.findings);
+        putRecordsBack(postfix, records, result.findings);
     }
     return result;
 }
@@ -217,14 +218,13 @@ Verdict postfixCheck() {
                                   : run({"/usr/sbin/postfix", "check"});
     Verdict verdict;
     verdict.status = exitStatus(result);
-    std::istringstream lines(result.output + result.error);
-    std::string line;
     std::set<std::string> seen;
-    while (std::getline(lines, line)) {
-        if (!line.empty() && line.back() == '\r') {
-            line.pop_back();
-        }
-        if (!line.empty() && seen.insert(line).second) {
+    const std::vector<std::string> all = linesOf(result.output + result.error);
+    const std::vector<std::string> complaints = withoutNews(all);
+    // A failure is never without its words.
+    const bool isUnexplained = verdict.status != 0 && complaints.empty();
+    for (const std::string& line : isUnexplained ? all : complaints) {
+        if (seen.insert(line).second) {
             verdict.text += (verdict.text.empty() ? "" : "\n") + line;
         }
     }

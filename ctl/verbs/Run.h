@@ -25,7 +25,8 @@ struct RunResult {
 /// \throws std::exception  something beside the run failed
 RunResult performRun(const Host& host, const Manifest& before, int progress, bool emptyTables);
 
-/// What "postfix check" says, once each, and its exit status.
+/// What "postfix check" says, once each, and its exit status; without what needs no
+/// correction, see withoutNews().
 struct Verdict {
     int status = 0;
     std::string text;

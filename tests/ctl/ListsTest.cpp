@@ -43,5 +43,15 @@ TEST(ListsTest, OpenedFileIsTheIndexWhereThereIsOne) {
     EXPECT_FALSE(isIndexed("pcre"));
 }
 
+TEST(ListsTest, IndexFilesAreKnownByTheEndsOfTheirNames) {
+    for (const char* name :
+         {"virtual.db", "virtual.cdb", "virtual.lmdb", "virtual.dir", "a.b.db"}) {
+        EXPECT_TRUE(isIndexName(name)) << name;
+    }
+    for (const char* name : {"virtual", ".db", "", "virtual.db.new", "virtualdb", "no_relay.re"}) {
+        EXPECT_FALSE(isIndexName(name)) << name;
+    }
+}
+
 } // namespace
 } // namespace torva::ctl

@@ -54,7 +54,9 @@ def replace_program(path, text):
 
 def without_hash():
     main_cf("alias_maps =\nalias_database =")()
-    return replace_program("/usr/sbin/postconf", '#!/bin/sh\n/usr/sbin/postconf.replaced "$@" | grep -vx hash\n')()
+    without_type = replace_program("/usr/sbin/postconf", '#!/bin/sh\n/usr/sbin/postconf.replaced "$@" | grep -vx hash\n')()
+    without_tables = replace_program("/usr/sbin/postmap", "#!/bin/sh\necho 'postmap: fatal: unsupported map type: hash' >&2\nexit 1\n")()
+    return lambda: (without_type(), without_tables())
 
 
 def filled_table():
@@ -175,7 +177,7 @@ class CheckTest(CtlTest):
         self.assertEqual(outcome.findings("warning", "stop"), [])
         self.assertEqual(outcome.err, "")
         subjects = {finding["subject"] for finding in outcome.findings("ok")}
-        self.assertEqual(subjects, {"program", "map-type", "account", "panel", "pcre-table", "certificate", "network",
+        self.assertEqual(subjects, {"program", "map-type", "deprecated", "account", "panel", "pcre-table", "certificate", "network",
                                     "directory", "main.cf", "records", "aliases", "master.cf", "database", "service", "map", "room",
                                     "mydestination"})
         self.assertIn("postlog/unix-dgram", "".join(f["text"] for f in outcome.findings("ok") if f["subject"] == "master.cf"))

@@ -2,15 +2,34 @@
 # One linter over everything that it concerns:
 #     lint.sh shellcheck|clang-format|man CHECKOUT
 #     lint.sh clang-tidy CHECKOUT BUILD_DIR
-# Exit status 77: the linter is not installed.
+# Exit status 77, after a line that says why: the linter is not installed, or not in the
+# version that the sources are written for. Each version finds other things, and lays the
+# same text out in another way.
 set -euo pipefail
 
 linter=$1
 cd "$2"
-command -v "$linter" >/dev/null || {
-    echo "SKIP: $linter is not installed"
+
+skip() {
+    echo "SKIP: $1"
     exit 77
 }
+
+# What the linter's judgement depends on, and its one version, or the beginning of it.
+# They are those of Debian 12; whoever changes one corrects what the new one finds.
+program=$linter
+case $linter in
+    clang-format | clang-tidy) version=14 ;;
+    shellcheck) version=0.9 ;;
+    man) program=groff version=1.22 ;;
+esac
+for needed in "$linter" "$program"; do
+    command -v "$needed" >/dev/null || skip "$needed is not installed"
+done
+said=$("$program" --version)
+[[ $said =~ version:?\ ([0-9.]+) ]] || skip "$program does not tell its version"
+[[ ${BASH_REMATCH[1]}. == "$version".* ]] ||
+    skip "$program is version ${BASH_REMATCH[1]}; the sources are written for $version"
 
 # files FIND-EXPRESSION...: the files of the checkout, each ended by a null byte.
 files() { find . \( -name .git -o -path ./build \) -prune -o -type f "$@" -print0; }
@@ -26,7 +45,9 @@ case $linter in
         ;;
     man)
         # Its exit status does not tell of warnings.
-        complaints=$(for page in man/*; do LC_ALL=C.UTF-8 MANWIDTH=80 man --warnings -l "$page" 2>&1 >/dev/null; done)
+        complaints=$(for page in man/*; do
+            LC_ALL=C.UTF-8 MANWIDTH=80 man --warnings -l "$page" 2>&1 >/dev/null || echo "$page: not shown"
+        done)
         [[ -z $complaints ]] || {
             printf '%s\n' "$complaints"
             exit 1

@@ -225,6 +225,19 @@ TEST(DeliveryFindingsTest, PostfixThatDoesNotStartIsToldInItsOwnWords) {
                   "Correct what Postfix complains of, then rehearse again.");
 }
 
+TEST(DeliveryFindingsTest, PostfixThatDoesNotStartIsNotToldInItsWarnings) {
+    const std::string said =
+        "/usr/sbin/postconf: warning: /etc/postfix/main.cf: support for parameter "
+        "\"smtpd_use_tls\" will be removed; instead, specify \"smtpd_tls_security_level\"\n"
+        "/usr/sbin/postconf: warning: See https://www.postfix.org/DEPRECATION_README.html for "
+        "details\n"
+        "postfix: fatal: a\n";
+    const auto log = logOf({"postfix/postfix-script[6]: warning: not owned by root: /x"});
+    expectFinding(tellNoStart(said, log), Level::warning,
+                  "Postfix does not start, so no message was sent: postfix: fatal: a.",
+                  "Correct what Postfix complains of, then rehearse again.");
+}
+
 TEST(DeliveryFindingsTest, NoTextHoldsALineFeed) {
     EXPECT_EQ(tellTrouble("a\nb\n").text, "The rehearsal could not go on: a b.");
 }

@@ -64,4 +64,27 @@ TEST(ServiceFaultsTest, WorstLineIsTheFirstOfTheHighestKind) {
     EXPECT_EQ(worstLine(logWith({"a[1]: fine"})).text, "");
 }
 
+TEST(ServiceFaultsTest, WarningsAboutWhatALaterPostfixDropsAreAboutNoFailure) {
+    const auto log = logOf(
+        {"postfix/local[1]: warning: /etc/aliases: hash/btree support is deprecated.  Please "
+         "switch to cdb or lmdb.",
+         "postfix/local[1]: warning: See /usr/share/doc/postfix/NON_BERKELEYDB_README.gz for more "
+         "info.",
+         "postconf: warning: /etc/postfix/main.cf: support for parameter \"smtp_use_tls\" will be "
+         "removed; instead, specify \"smtp_tls_security_level\"",
+         "postconf: warning: See https://www.postfix.org/DEPRECATION_README.html for details"});
+    EXPECT_EQ(worstLine(log).text, "");
+    auto withReason = log;
+    withReason.push_back(parseLogLine("postfix/local[1]: warning: no such mailbox"));
+    EXPECT_EQ(worstLine(withReason).text, "warning: no such mailbox");
+}
+
+TEST(ServiceFaultsTest, ReasonsOfAFailureAreNotItsWarnings) {
+    EXPECT_EQ(reasonsIn("postconf: warning: a\npostconf: fatal: b\nand more\n"),
+              "postconf: fatal: b and more");
+    EXPECT_EQ(reasonsIn("postconf: warning: a\npostconf: warning: b\n"),
+              "postconf: warning: a postconf: warning: b");
+    EXPECT_EQ(reasonsIn(""), "");
+}
+
 } // namespace

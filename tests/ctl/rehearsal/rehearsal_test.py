@@ -9,9 +9,11 @@ import unittest
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
+sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "run"))
 import rehearsalworld as world
 from rehearsalworld import (HOST, PANEL, POSTFIX, QUEUES, SPOOL, TABLES, main, postconf, processes, program, rehearse,
                             remove, restore, run, set_aliases, start_rehearsal, tree, wait_until)
+from newerwords import VERSIONS, postconf_words
 
 SENDMAIL = "sendmail root"
 LOOPBACK = f"from loopback to root@{HOST}"
@@ -91,6 +93,24 @@ class GoodHostTest(RehearsalTest):
         postconf("mynetworks_style=subnet", "mynetworks=127.0.0.0/8 203.0.113.0/24")
         rehearsed = self.assertLevels(rehearse(), "ok ok ok ok")
         self.assertIn("outside.example[198.51.100.25]", rehearsed.findings[3]["text"])
+
+    def test_words_of_later_versions_in_the_middle_of_an_answer_disturb_nothing(self):
+        """postconf fills its output in pieces, and warns between two of them."""
+        real = Path("/usr/sbin/postconf.real")
+        os.rename("/usr/sbin/postconf", real)
+        self.addCleanup(os.rename, real, "/usr/sbin/postconf")
+        for version in VERSIONS:
+            words = postconf_words(version).replace("'", "'\\''")
+            program("/usr/sbin/postconf", f"""#!/bin/sh
+case " $* " in *" -x "* | *" mydestination "*) ;; *) printf '%s' '{words}' >&2; exec {real} "$@" ;; esac
+answer=$({real} "$@") || exit
+begin=${{answer%%= *}}
+printf '%s' "$begin"
+printf '%s' '{words}' >&2
+printf '%s\\n' "${{answer#"$begin"}}"
+""")
+            with self.subTest(version):
+                self.assertLevels(rehearse(), "ok ok ok ok")
 
 
 class BadHostTest(RehearsalTest):

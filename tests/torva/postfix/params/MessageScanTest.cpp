@@ -43,6 +43,29 @@ const MessageCase messageCases[] = {
     {"WordIsNotJoinedOverLines", "postconf:\nfatal: x", false, false},
     {"TextEndsInsideTheWord", "postconf: fata", false, false},
     {"LineOfColons", "::::", false, true},
+    // Of Postfix 3.10 and 3.11.
+    {"ParameterThatWillBeRemoved",
+     "postconf: warning: /etc/postfix/main.cf: support for parameter \"smtpd_use_tls\" will be "
+     "removed; instead, specify \"smtpd_tls_security_level\"\n",
+     false, false},
+    {"ReferenceToDeprecationReadme",
+     "postconf: warning: See https://www.postfix.org/DEPRECATION_README.html for details\n", false,
+     false},
+    {"ParameterOfALaterVersion", "postconf: warning: non_bdb_migration_level: unknown parameter\n",
+     false, false},
+    {"TypeOfTablesThatIsDeprecated",
+     "postmap: warning: /t: hash/btree support is deprecated.  Please switch to cdb or lmdb.\n"
+     "postmap: warning: See /usr/share/doc/postfix/NON_BERKELEYDB_README.gz for more info.\n",
+     false, false},
+    {"RedirectedTable", "postmap: redirecting hash:/t to lmdb:/t\n", false, true},
+    {"TypeOfTablesThatIsMissing",
+     "postmap: warning: unsupported dictionary type: hash. Is the postfix-hash package "
+     "installed?\npostmap: fatal: unsupported map type: hash\n",
+     true, true},
+    {"TableThatIsOnlyWrittenWhole",
+     "postmap: redirecting hash:/t to cdb:/t\npostmap: fatal: unsupported non-bulk change "
+     "request\n",
+     true, true},
 };
 
 class MessageScanTest : public testing::TestWithParam<MessageCase> {};

@@ -84,6 +84,19 @@ TEST_F(FakePostconfTest, WarningWithEmptyOutputSucceeds) {
               "");
 }
 
+TEST_F(FakePostconfTest, WarningsOfLaterVersionsChangeNoAnswerAndNoSetting) {
+    const std::string warnings =
+        "printf '%s\\n' 'postconf: warning: /etc/postfix/main.cf: support for parameter "
+        "\"smtpd_use_tls\" will be removed; instead, specify \"smtpd_tls_security_level\"' "
+        "'postconf: warning: See https://www.postfix.org/DEPRECATION_README.html for details' >&2;";
+    EXPECT_EQ(read(warnings + "echo value"), "value");
+    EXPECT_EQ(read(warnings), "");
+    const FakeTool fake(postconf, warnings + "echo /etc/postfix");
+    PostfixParameters parameters;
+    EXPECT_EQ(parameters.getExpandedParameter("relayhost"), "/etc/postfix");
+    EXPECT_NO_THROW(parameters.setParameter("relayhost", "x"));
+}
+
 TEST_F(FakePostconfTest, FatalWithStatusZeroAndEmptyOutputFails) {
     EXPECT_EQ(
         readFailure("echo 'postconf: fatal: open /etc/postfix/main.cf: No such file or directory' "

@@ -92,6 +92,39 @@ TEST_F(FakePostmapTest, DeletingAKeyThatIsNotThereIsNoError) {
     EXPECT_NO_THROW(deleteKeys(table, {"a"}));
 }
 
+/// Before a fake's own doing: the warnings of Postfix 3.11 about Berkeley DB, and the line
+/// of one that redirects.
+const std::string wordsOf311 =
+    "printf '%s\\n' 'postmap: warning: /t: hash/btree support is deprecated.  Please switch to cdb "
+    "or lmdb.' 'postmap: warning: See /usr/share/doc/postfix/NON_BERKELEYDB_README.gz for more "
+    "info.' 'postmap: redirecting hash:/t to lmdb:/t' >&2;";
+
+TEST_F(FakePostmapTest, WarningsOfLaterVersionsFailNoOperation) {
+    const FakeTool fake(postmap, wordsOf311 + "[ \"$1\" != -s ] || echo 'a b'");
+    EXPECT_NO_THROW(createTable(table, {}));
+    EXPECT_NO_THROW(putRecords(table, Records{{"a", "b"}}));
+    EXPECT_NO_THROW(deleteKeys(table, {"a"}));
+    EXPECT_THAT(dumpTable(table), ElementsAre(Pair("a", "b")));
+    EXPECT_NO_THROW(rebuildTable(table));
+    EXPECT_NO_THROW(removeDomainFromTable(table, "example.com", false));
+}
+
+TEST_F(FakePostmapTest, WarningsOfLaterVersionsBesideStatusOneAreStillAKeyThatIsNotThere) {
+    const FakeTool fake(postmap, wordsOf311 + "exit 1");
+    EXPECT_NO_THROW(deleteKeys(table, {"a"}));
+}
+
+TEST_F(FakePostmapTest, RedirectThatTakesNoSingleRecordsIsAFailure) {
+    const FakeTool fake(postmap,
+                        "echo 'postmap: fatal: unsupported non-bulk change request' >&2; exit 1");
+    const std::string words = "postmap: fatal: unsupported non-bulk change request\n";
+    EXPECT_EQ(messageOf<PostfixConfigurationError>([] {
+                  putRecords(table, Records{{"a", "b"}});
+              }),
+              words);
+    EXPECT_EQ(messageOf<PostfixDatabaseError>([] { deleteKeys(table, {"a"}); }), words);
+}
+
 TEST_F(FakePostmapTest, DeleteWithStatusZeroIsNotScanned) {
     const FakeTool fake(postmap, "echo 'postmap: fatal: x' >&2");
     EXPECT_NO_THROW(deleteKeys(table, {"a"}));

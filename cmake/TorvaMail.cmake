@@ -1,7 +1,6 @@
 # The layers of torva/ as one static library for programs outside this tree, and
 # its installation: archive, public headers, CMake package, pkg-config file.
 
-include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 set(layers libc util process maildb postfix/params postfix/mastercf postfix/tables)

@@ -4,12 +4,13 @@
 
 # shellcheck disable=SC2034 # for the scripts that source this
 {
-    packages_to_build=(g++ cmake ninja-build pkg-config libboost-dev libboost-filesystem-dev
+    packages_to_build=(g++ cmake ninja-build pkgconf libboost-dev libboost-filesystem-dev
         libmariadb-dev libsqlite3-dev libssl-dev libarchive-dev libcli11-dev nlohmann-json3-dev)
     packages_to_run=(postfix postfix-pcre iproute2 util-linux hostname diffutils)
     packages_to_test=(libgtest-dev libgmock-dev libbenchmark-dev mariadb-server python3 procps
-        clang-format clang-tidy shellcheck man-db lintian dpkg-dev strace libsasl2-modules openssl)
+        clang-format clang-tidy shellcheck man-db debhelper lintian dpkg-dev strace libsasl2-modules openssl)
     packages_for_releases=(debootstrap git)
+    packages_for_packages=(build-essential debhelper dpkg-dev git lintian man-db)
 }
 
 policy=/usr/sbin/policy-rc.d

@@ -1,130 +1,102 @@
 #!/bin/bash
-# Makes the Debian packages, asks lintian, builds a program against the library's, and
-# installs, uses and removes the tool's in the sandbox.
-#
-#   debian_test.sh BUILD_DIR
+# What the files of debian/ say agrees with the rest of the tree. What the packages do is
+# shown by prove/packages/.
+#     debian_test.sh TEST BUILD_DIR
 set -euo pipefail
+source "${BASH_SOURCE[0]%/*}/../run/shell_test.sh"
 
-tree=$(cd -P "${BASH_SOURCE[0]%/*}/../.." && pwd)
-build=$1
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-
-fail() {
-    printf 'FAILED: %s\n' "$*" >&2
-    exit 1
+# need_program NAME...
+need_program() {
+    local name
+    for name; do command -v "$name" >/dev/null || skip_test "$name is not installed"; done
 }
 
-for program in dpkg-shlibdeps lintian man objdump; do
-    command -v "$program" >/dev/null || {
-        echo "SKIP: $program is not installed"
-        exit 77
-    }
-done
+# field PACKAGE NAME: the names in that field of debian/control, for the source package
+# with an empty PACKAGE; without versions and substitutions, one a line.
+field() {
+    awk -v package="$1" -v name="$2" '
+        /^$/ { found = 0 }
+        $1 == "Source:" && package == "" || $1 == "Package:" && $2 == package { found = 1 }
+        /^[^ ]/ { inside = found && $1 == name ":"; sub(/^[^ ]*/, "") }
+        inside' "$checkout/debian/control" |
+        tr ',' '\n' | sed 's/^ *//; s/ .*//' | grep -v '^$\|^\${' | sort
+}
 
-cpack --config "$build/CPackConfig.cmake" -B "$work" >"$work/log" 2>&1 || fail "cpack: $(<"$work/log")"
-tool=$(echo "$work"/torva-postfix_*.deb)
-library=$(echo "$work"/libtorva-mail-dev_*.deb)
+test_version_is_the_same_wherever_it_is_told() {
+    local build=$1 version page
+    version=$(sed -n 's/^CMAKE_PROJECT_VERSION:[^=]*=//p' "$build/CMakeCache.txt")
+    expect_equal "debian/changelog" "$version" "$(sed -n '1s/.*(\(.*\)).*/\1/p' "$checkout/debian/changelog")"
+    for page in "$checkout"/man/*; do
+        expect_equal "${page##*/}" "torva-postfix $version" "$(sed -n '1s/^\.TH [^"]*"\([^"]*\)".*/\1/p' "$page")"
+    done
+    expect_contains "torva/version.h" "TORVA_MAIL_VERSION \"$version\"" "$(<"$build/include/torva/version.h")"
+    expect_equal "torva-postfixctl --version" "torva-postfixctl $version" \
+        "$("$build/bin/torva-postfixctl" --version)"
+    expect_equal "versions of packages in README.md and docs/" "_${version}_" \
+        "$(grep -hoE '_[0-9]+(\.[0-9]+)+_' "$checkout/README.md" "$checkout/docs/library.md" | sort -u)"
+}
 
-complaints=$(lintian "$tool" "$library" 2>&1) || true
-[[ $complaints != *E:* ]] || fail "lintian: $complaints"
+test_build_dependencies_are_what_the_scripts_install() {
+    # A compiler is part of every Debian build.
+    local wanted
+    wanted=$(bash -c 'source "$1"; printf "%s\n" "${packages_to_build[@]}"' - "$checkout/scripts/lib/packages.sh" |
+        grep -vx 'g++' | sort)
+    expect_equal "Build-Depends" "$wanted" \
+        "$(field '' Build-Depends | grep -v '^debhelper-compat$\|^libg\(test\|mock\)-dev$')"
+    expect_equal "those of the tests" "libgmock-dev
+libgtest-dev" "$(grep -oE '^ libg(test|mock)-dev <pkg\.torva-postfix\.tests>,$' "$checkout/debian/control" | sed 's/^ //; s/ .*//')"
+}
 
-# The manuals, as the package has them: a container's dpkg may leave them out.
-dpkg-deb -x "$tool" "$work/tool"
-manuals=$(MANPATH=$work/tool/usr/share/man man -w torva-postfix-setup torva-postfixctl 2>&1) || true
-[[ $manuals == */torva-postfix-setup.8.gz*/torva-postfixctl.8.gz ]] || fail "manuals: $manuals"
+# The packages that a program's name leads to on this machine, by the path that dpkg
+# knows: /bin may be a link to /usr/bin.
+package_of() {
+    local path
+    path=$(realpath -e "$(PATH=/usr/sbin:/usr/bin:/sbin:/bin command -v "$1")")
+    { dpkg -S "$path" || dpkg -S "${path#/usr}"; } 2>/dev/null | sed -n '1s/:.*//p'
+}
 
-# The lock directories are root's from the boot on, before a user can make them. A path
-# below /var/lock would lead through a link that not every host has.
-directories=$(grep -v '^#' "$work/tool/usr/lib/tmpfiles.d/torva-postfix.conf")
-[[ $directories == 'd /run/lock/files 0700 root root -'$'\n''d /run/lock/torva-postfix 0700 root root -' ]] ||
-    fail "tmpfiles.d: $directories"
+# called_programs: what the installed scripts have where a command stands, and what the
+# sources start, as far as it is a program on this machine.
+called_programs() {
+    local name
+    {
+        sed -E 's/^ *#.*//; s/^ +//; s/\$?\(|\|\|?|&&|;|\{|'\''|(^| )(--|!|do|then|else|if|while|exec|local [a-z]+=)( |$)/\n/g' \
+            "$checkout"/scripts/{sandbox,lib/{messages,world,namespaces,chroot}.sh} |
+            sed -E 's/^ +//; s/ .*//'
+        find "$checkout"/{app,ctl,torva} -name '*.cpp' \
+            -exec grep -hoE '\{"[a-z0-9-]+"|"/usr/s?bin/[a-z0-9-]+' {} + | sed 's/"$//; s/.*["/]//'
+    } | grep -xE '[a-z][a-z0-9-]+' | sort -u | while read -r name; do
+        if [[ $(PATH=/usr/sbin:/usr/bin:/sbin:/bin type -t "$name") == file ]]; then echo "$name"; fi
+    done
+}
 
-# Each shared library that the program asks for is there by a dependency.
-depends=$(dpkg-deb -f "$tool" Depends)
-needed=$(objdump -p "$work"/tool/usr/sbin/torva-postfix* | awk '$1 == "NEEDED" { print $2 }' | sort -u)
-[[ $needed == *libc.so.6* ]] || fail "objdump tells of no library: $needed"
-for name in $needed; do
-    packages=$(dpkg -S "*/$name" | sed 's/:.*//')
-    tr ',' '\n' <<<"$depends" | awk '{ print $1 }' | grep -qxF "$packages" || fail "$name of $packages: not in $depends"
-done
+test_each_program_that_is_called_is_depended_on() {
+    need_program dpkg-query ip diff
+    local name package called depends essential wrong=''
+    # Started only where the host has it; "route" is a word of ip's, "file" one of a list.
+    local other='systemctl|mariadb|mysql|route|file'
+    called=$(called_programs)
+    depends=$(field torva-postfix Depends)
+    # What every Debian system has; base-files brings one awk or the other.
+    essential=$(dpkg-query -W -f '${Package} ${Essential}\n' | sed -n 's/ yes$//p')$'\nmawk\ngawk\noriginal-awk'
+    for name in awk chroot cp diff find hostname ip mount postalias postconf postmap script setpriv umount unshare; do
+        grep -qxF "$name" <<<"$called" || fail "$name is called, and this test does not see it"
+    done
+    while read -r name; do
+        package=$(package_of "$name")
+        grep -qxF -- "$package" <<<"$depends"$'\n'"$essential" || wrong+="$name of ${package:-no package}; "
+    done < <(grep -vxE "$other" <<<"$called")
+    [[ -z $wrong ]] || fail "called, and not in Depends: $wrong"
+}
 
-# A program of docs/library.md, against the library where its package puts it.
-dpkg-deb -x "$library" "$work/library"
-mkdir "$work/consumer"
-for language in cmake cpp; do
-    awk -v fence="\`\`\`$language" '$0 == fence { inside = !done; next }
-        $0 == "```" { if (inside) done = 1; inside = 0 } inside' "$tree/docs/library.md" >"$work/$language"
-done
-mv "$work/cmake" "$work/consumer/CMakeLists.txt"
-mv "$work/cpp" "$work/consumer/consumer.cpp"
-{ cmake -S "$work/consumer" -B "$work/consumer/build" -DCMAKE_PREFIX_PATH="$work/library/usr" &&
-    cmake --build "$work/consumer/build"; } >"$work/log" 2>&1 || fail "a program against the library: $(<"$work/log")"
-[[ -x $work/consumer/build/consumer ]] || fail "no program came of it: $(<"$work/log")"
+test_each_dependency_has_a_program_that_is_called() {
+    need_program dpkg-query ip
+    local package called
+    called=$(called_programs)
+    while read -r package; do
+        dpkg -L "$package" | sed -n 's|.*/s\?bin/||p' | sort | comm -12 - <(echo "$called") | grep -q . ||
+            fail "nothing of $package is called"
+    done < <(field torva-postfix Depends)
+}
 
-# What the installed package has to be found for, without any option.
-printf '#include <torva/libc/escape.h>\nint main(void) { return is_shell_safe("a b"); }\n' >"$work/consumer.c"
-
-# The part in the sandbox. The package manager's own files are its own.
-cat >"$work/world" <<'END'
-set -euo pipefail
-tree() { find /etc /usr /var /srv /opt -xdev \( -path /var/lib/dpkg -o -path /var/cache/man -o -path /var/log \) -prune -o \
-    -printf '%y %m %U:%G %p %l\n' | sort; }
-sums() { find /etc /var/spool/postfix -xdev -type f -print0 | sort -z | xargs -0 sha256sum; }
-tell() { printf '== %s\n' "$1"; }
-{ tree && sums; } >/run/before
-tell install
-dpkg -i "$1" 2>&1
-tell locks
-command -v systemd-tmpfiles || true
-stat -c '%n %A %U %G' /run/lock/files /run/lock/torva-postfix 2>&1 || true
-tell check
-(cd / && torva-postfixctl check) || tell "check ended with $?"
-tell preview
-torva-postfixctl preview 2>&1
-tell manuals
-man -w torva-postfix-setup torva-postfixctl 2>&1 || true
-tell remove
-dpkg -P torva-postfix 2>&1
-tell left
-{ tree && sums; } | diff /run/before - || true
-tell "apply and rollback"
-dpkg -i "$1" >/dev/null 2>&1
-torva-postfixctl apply
-torva-postfixctl rollback
-dpkg -P torva-postfix >/dev/null 2>&1
-tell "left after that"
-{ tree && sums; } | diff /run/before - || true
-tell library
-dpkg -i "$2" >/dev/null
-cd "$3"
-read -ra flags <<<"$(pkg-config --cflags --libs --static torva-mail)"
-gcc -std=c11 consumer.c "${flags[@]}" -o consumer-in-c
-./consumer-in-c
-rm -rf consumer/build
-{ cmake -S consumer -B consumer/build && cmake --build consumer/build; } >log 2>&1 || cat log
-[[ -x consumer/build/consumer ]]
-tell end
-END
-status=0
-told=$("$tree/scripts/sandbox" --panel-accounts --with "$work" -- bash "$work/world" "$tool" "$library" "$work") || status=$?
-((status != 77)) || exit 77
-((status == 0)) || fail "in the sandbox, status $status: $told"
-part() { awk -v heading="== $1" '/^== / { inside = $0 == heading; next } inside' <<<"$told"; }
-
-locks=$(part locks)
-[[ $locks != */systemd-tmpfiles* || $locks == *"/run/lock/files drwx------ root root"*"/run/lock/torva-postfix drwx------ root root" ]] ||
-    fail "lock directories after the installation: $locks"
-[[ $told != *"check ended with"* ]] || fail "check: $(part check)"
-grep -q '^ok  *program .*, /usr/sbin/torva-postfix-setup$' <<<"$(part check)" || fail "check: $(part check)"
-grep -qx '+ virtual_transport = torva_virtual' <<<"$(part preview)" || fail "preview: $(part preview)"
-grep -qx '=== exit status of torva-postfix-setup: 0' <<<"$(part preview)" || fail "preview: $(part preview)"
-grep -qs '^path-exclude.*/man' /etc/dpkg/dpkg.cfg /etc/dpkg/dpkg.cfg.d/* ||
-    [[ $(part manuals) == */torva-postfix-setup.8.gz*/torva-postfixctl.8.gz ]] || fail "manuals: $(part manuals)"
-[[ -z $(part left) ]] || fail "left after its removal: $(part left)"
-# The lock files of a run stay, as its manual says.
-left=$(part "left after that" | grep '^[<>]' | grep -v '^> [a-z] [0-7]* 0:0 /var/backups/torva-postfix\(/\| $\)') || true
-[[ -z $left ]] || fail "left after apply, rollback and removal: $left"
-grep -q ' /var/backups/torva-postfix/[0-9TZ]*/manifest ' <<<"$(part "left after that")" ||
-    fail "no backup was left: $told"
-[[ -z $(part library) ]] || fail "programs against the installed library: $(part library)"
+run_tests "$@"

@@ -31,8 +31,12 @@ said=$("$program" --version)
 [[ ${BASH_REMATCH[1]}. == "$version".* ]] ||
     skip "$program is version ${BASH_REMATCH[1]}; the sources are written for $version"
 
-# files FIND-EXPRESSION...: the files of the checkout, each ended by a null byte.
-files() { find . \( -name .git -o -path ./build \) -prune -o -type f "$@" -print0; }
+# files FIND-EXPRESSION...: the files of the checkout, each ended by a null byte; without
+# what a build of it or of its packages has made.
+files() {
+    find . \( -name .git -o -path ./build -o -path './obj-*' -o -path ./debian/.debhelper -o -path ./debian/tmp \
+        -o -path ./debian/torva-postfix -o -path ./debian/libtorva-mail-dev \) -prune -o -type f "$@" -print0
+}
 
 case $linter in
     shellcheck)

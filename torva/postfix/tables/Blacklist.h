@@ -1,8 +1,8 @@
 // The panel's blacklist of senders, the table that main.cf's sender restrictions
 // consult. Errors are those of Postmap.h.
 //
-// While a tool of Postfix runs here, every child of the process is reaped, the caller's
-// own among them: see torva/process/Pipe.h.
+// While a Postfix tool runs, every child of the process is reaped, including the caller's
+// own: see torva/process/Pipe.h.
 #pragma once
 
 #include "torva/postfix/tables/Records.h"

@@ -2,8 +2,8 @@
 // domain holds is read from the panel's database (torva/maildb/panel_db.h), the tables
 // are written through RecordCache.h.
 //
-// While a tool of Postfix runs here, every child of the process is reaped, the caller's
-// own among them: see torva/process/Pipe.h.
+// While a Postfix tool runs, every child of the process is reaped, including the caller's
+// own: see torva/process/Pipe.h.
 #pragma once
 
 #include "torva/postfix/tables/Records.h"

@@ -16,8 +16,8 @@
 // copied is a SystemError. In a directory that only root and we may write, links are
 // the administrator's, are followed, and stay.
 //
-// While a tool of Postfix runs here, every child of the process is reaped, the caller's
-// own among them: see torva/process/Pipe.h.
+// While a Postfix tool runs, every child of the process is reaped, including the caller's
+// own: see torva/process/Pipe.h.
 #pragma once
 
 #include "torva/postfix/tables/Records.h"

@@ -1,8 +1,8 @@
 // A cache of records in front of one table: in direct mode every operation goes to
 // postmap at once (Postmap.h), in collecting mode records wait until flush().
 //
-// While a tool of Postfix runs here, every child of the process is reaped, the caller's
-// own among them: see torva/process/Pipe.h.
+// While a Postfix tool runs, every child of the process is reaped, including the caller's
+// own: see torva/process/Pipe.h.
 #pragma once
 
 #include "torva/postfix/tables/Postmap.h"

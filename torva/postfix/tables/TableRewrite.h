@@ -2,8 +2,8 @@
 // filter, and what stays becomes its new source. Adding and deleting single records
 // is Postmap.h; the filters are ListingFilter.h.
 //
-// While a tool of Postfix runs here, every child of the process is reaped, the caller's
-// own among them: see torva/process/Pipe.h.
+// While a Postfix tool runs, every child of the process is reaped, including the caller's
+// own: see torva/process/Pipe.h.
 #pragma once
 
 #include <boost/function.hpp>

@@ -7,6 +7,7 @@
 #include "torva/postfix/tables/Postmap.h"
 #include "torva/util/FileLock.h"
 #include "torva/util/PostfixError.h"
+#include "torva/util/SystemError.h"
 
 #include <gmock/gmock.h>
 
@@ -95,6 +96,15 @@ TEST_F(CreateTableTest, FailedRenameLeavesTheScratchFileNowhere) {
 TEST_F(CreateTableTest, FailedPostmapLeavesTheScratchFileNowhere) {
     const FakeTool fake(postmap, "exit 1");
     EXPECT_THROW(createTable(table, {{"a", "b"}}), PostfixDatabaseError);
+    EXPECT_THAT(namesIn(directory), ElementsAre("virtual"));
+}
+
+TEST_F(CreateTableTest, PostmapThatCannotBeStartedLeavesTheNewSource) {
+    const FakeTool fake(postmap, "");
+    ASSERT_EQ(::unlink(postmap), 0);
+    writeFile(source, "old record\n");
+    EXPECT_THROW(createTable(table, {{"a", "b"}}), torva::SystemError);
+    EXPECT_EQ(contentOf(source), "a b\n");
     EXPECT_THAT(namesIn(directory), ElementsAre("virtual"));
 }
 

@@ -216,6 +216,13 @@ TEST_F(TableRewriteFailureTest, QuotedKeyIsStillFoundAfterwards) {
     rebuildTable(table);
     removeDomain();
     EXPECT_EQ(contentOf(source), "\"john doe\"@example.org\tx@e.net\n");
+    // Also one of the domain itself.
+    writeFile(source, "\"john doe\"@d.net x@e.net\n");
+    rebuildTable(table);
+    removeDomain();
+    EXPECT_EQ(contentOf(source), "\"john doe\"@d.net\tx@e.net\n");
+    writeFile(source, "\"john doe\"@example.org x@e.net\n");
+    rebuildTable(table);
     const std::string answer = directory + "/answer";
     const std::string ask = "/usr/sbin/postmap -q '\"john doe\"@example.org' " + table;
     ASSERT_EQ(std::system((ask + " > " + answer).c_str()), 0);

@@ -1,5 +1,5 @@
 // Alone in its file: a program that defines this variable itself links without this object
-// of the archive, where a second definition beside other things would be an error.
+// of the archive, otherwise its definition would be a duplicate.
 #include "torva/libc/log.h"
 #include "torva/libc/log_console.h"
 

@@ -416,6 +416,17 @@ TEST_F(SemaphoreSandboxTest, WithoutUmaskFileAndDirectoriesHaveTheirModesNeverth
     EXPECT_EQ(modeOf("/usr/local/kra/var"), "40755");
 }
 
+TEST_F(SemaphoreSandboxTest, TheUmaskTakesBitsFromTheModesOfDirectories) {
+    const Outcome outcome = inChild([] {
+        ::umask(077);
+        init_sem();
+        return 0;
+    });
+    EXPECT_EQ(outcome.exited, 0) << outcome.err;
+    EXPECT_EQ(modeOf(path), "100600");
+    EXPECT_EQ(modeOf("/usr/local/kra/var"), "40700");
+}
+
 TEST_F(SemaphoreSandboxTest, ADirectoryThatCannotBeMadeIsFatalWithItsOwnReason) {
     const Outcome outcome = inChild([] {
         if (!failSyscall(makeDirectoryCall, EROFS)) {

@@ -1,5 +1,5 @@
-// Alone in its file: a program that defines this variable itself links without this object
-// of the archive, otherwise its definition would be a duplicate.
+// Alone in its file, so that a program that defines this variable itself links without this
+// object of the archive. Otherwise there would be two definitions.
 #include "torva/libc/log.h"
 
 const char* PROGNAME = nullptr;

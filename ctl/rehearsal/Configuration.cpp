@@ -33,7 +33,7 @@ std::string requireOutput(MailLog& log, const std::vector<std::string>& command,
     return outcome.output;
 }
 
-// Lines "name = value"; warnings of postconf(1) stand between them.
+// Lines "name = value", with warnings of postconf(1) between them.
 std::map<std::string, std::string> parseSettings(const std::string& text) {
     std::map<std::string, std::string> settings;
     std::istringstream lines(text);
@@ -71,7 +71,7 @@ Configuration readConfiguration(MailLog& log, const std::string& directory,
                       deadline));
     configuration.myDestination = parseSettings(requireOutput(
         log, {postconf, "-c", directory, "mydestination"}, deadline))["mydestination"];
-    // A master.cf that Postfix refuses is told by its start.
+    // If Postfix refuses master.cf, starting it reports that.
     configuration.services =
         parseServices(runWatched(log, {postconf, "-c", directory, "-M"}, deadline).output);
     return configuration;

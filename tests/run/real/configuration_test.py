@@ -290,6 +290,18 @@ class OtherMainCfTest(RealTest):
         self.assertEqual({name: values[name] for name in ("virtual_transport", "smtpd_recipient_restrictions")},
                          {"virtual_transport": "torva_virtual", "smtpd_recipient_restrictions": CLOSED})
 
+    def test_another_configuration_directory_is_chosen_by_mail_config(self):
+        self.world.shelter()
+        other = Path("/etc/other-postfix")
+        shutil.copytree(POSTFIX, other, symlinks=True)
+        self.addCleanup(remove, other)
+        before = {path: path.read_bytes() for path in (MAIN_CF, MASTER_CF)}
+        run = self.world.run(env={"MAIL_CONFIG": str(other)})
+        self.assertEqual(run.status, 0, run.err)
+        self.assertEqual({path: path.read_bytes() for path in before}, before)
+        self.assertIn("\nvirtual_transport = torva_virtual\n", (other / "main.cf").read_text())
+        self.assertIn("\n" + PANEL_SERVICES[-1] + "\n", (other / "master.cf").read_text())
+
     def test_the_default_networks_become_the_narrow_list(self):
         text = STOCK_MAIN_CF.replace("mynetworks = 127.0.0.0/8\n", "").replace("compatibility_level = 3.6\n", "")
         self.world.write_main_cf(text)

@@ -220,7 +220,7 @@ TEST_F(SemaphoreSandboxTest, ANegativeNumberIsFatalForAllThree) {
     } cases[] = {{sem_lock, "sem_lock"}, {sem_lock_wait, "sem_lock"}, {sem_unlock, "sem_unlock"}};
     for (const auto& c : cases) {
         const Outcome outcome = inChild([&] {
-            errno = ENOENT; // of something else
+            errno = ENOENT; // from something else
             c.operation(-3);
             return 7;
         });

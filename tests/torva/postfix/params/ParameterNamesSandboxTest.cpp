@@ -1,4 +1,4 @@
-// Names that postconf does not know or would take for something else, and references.
+// Names that postconf does not know or would take for options, and references.
 #include "support/FakeTool.h"
 #include "torva/postfix/params/PostfixParameters.h"
 #include "torva/util/PostfixError.h"

@@ -1,4 +1,4 @@
-// Making tables afresh.
+// Creating tables.
 #include "TablesFixture.h"
 #include "support/FakeTool.h"
 #include "torva/libc/Child.h"
@@ -124,7 +124,7 @@ TEST_F(CreateTableTest, FullDiskLeavesTheOldSourceWhole) {
     EXPECT_EQ(::umount(directory.c_str()), 0);
 }
 
-/// A creation in a child whose system call fails: the error is told, and nothing changed.
+/// A creation in a child whose system call fails: reports the error, and changes nothing.
 void expectOldSourceAfter(long failingCall, int error) {
     writeFile(source, "old record\n");
     const Outcome outcome = inChild([failingCall, error] {

@@ -22,8 +22,8 @@ using testing::UnorderedElementsAre;
 
 namespace {
 
-/// All that is to be as before; the change time and the access time of the moment are
-/// nobody's to set.
+/// Everything that must be as before; the change time and the current access time are
+/// not settable.
 struct Seen {
     explicit Seen(const std::string& path) : status(statusOf(path)), content(contentOf(path)) {}
 
@@ -61,8 +61,8 @@ protected:
 
     static void removeDomain() { removeDomainFromTable(table, "d.net", false); }
 
-    /// The removal fails, and all is as before; the files themselves, too, where they
-    /// were not touched.
+    /// The removal fails, and everything is as before, even the files themselves if they
+    /// were not changed.
     template <class Error>
     void expectAllAsBefore(bool indexTouched) {
         const Seen sourceBefore(source);
@@ -141,7 +141,7 @@ TEST_F(TableRewriteFailureTest, AccessTimesComeBackToo) {
     const FakeTool fake(postmap, failingRebuild_);
     EXPECT_THROW(removeDomain(), PostfixConfigurationError);
     EXPECT_EQ(statusOf(source).st_atim.tv_sec, 1000000000);
-    // Our own reading of the index is the last that it has seen.
+    // Our own read of the index was the last access.
     EXPECT_GE(statusOf(index_).st_atim.tv_sec, 1000000007);
 }
 

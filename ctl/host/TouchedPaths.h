@@ -18,8 +18,8 @@ struct AliasDatabase {
 /// Those in alias_maps and alias_database, with references expanded, each once.
 std::vector<AliasDatabase> aliasDatabases(const Postfix& postfix);
 
-/// Whether a path, following links, is not a regular file but for example a FIFO or device,
-/// on which a reader would block.
+/// Whether a path, following links, exists and is not a regular file: a reader could block
+/// on a FIFO or device.
 bool isNoFile(const std::string& path);
 
 /// The paths that a run, even a killed one, may change: main.cf, master.cf, the directory of

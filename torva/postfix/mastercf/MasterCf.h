@@ -29,9 +29,7 @@ public:
 
     /// Asks Postfix where master.cf is.
     ///
-    /// \throws PostfixConfigurationError "unable to determine Postfix
-    ///         config_directory parameter" when the directory is empty
-    /// \throws as PostfixParameters::getParameter()
+    /// \throws as PostfixParameters::mainCfPath()
     static std::string masterCfPath();
 
     /// \param path  file to work on
@@ -65,14 +63,12 @@ public:
                             boost::logic::tribool where) const;
 
     /// Replaces a service in its place, or appends a new one, and removes it from the
-    /// other store. When the service already has exactly this text, nothing changes
-    /// where it is put.
+    /// other store. A service that already has exactly this text is not changed.
     ///
     /// \param module   service entry; its text is that of formatModule()
     /// \param enabled  true: into master.cf; false: into the store
     /// \throws std::invalid_argument "not a service of master.cf: TEXT": the text would
-    ///         not be read back as this one service, because of an empty or malformed
-    ///         name, no words, or a line feed, for example
+    ///         not be read back as this one service
     void putModule(const MasterCfModule& module, bool enabled);
 
     /// Moves a service from the store to the end of master.cf, with the text it had. A
@@ -98,8 +94,8 @@ public:
     ///         longer those that load() read or save() wrote; never when forced
     /// \throws as MasterCfWriter::write()
     /// After an exception neither file was written, unless renaming the store failed: a
-    /// master.cf with changes was then. A flag is cleared only when its file was written,
-    /// so that another save() writes what is left.
+    /// changed master.cf was written before. A flag is cleared only when its file was
+    /// written: call save() again.
     bool save(bool force);
 
     /// Whether there are changes that save() has not written.

@@ -13,7 +13,7 @@ namespace torva::mail::postfix {
 
 /// Every operation can throw
 /// - PostfixConfigurationError with postconf's own text, or "unknown error": it failed;
-/// - SystemError: postconf could not be started;
+/// - SystemError: postconf could not be started; std::logic_error: another pipe is running;
 /// - std::invalid_argument "not a parameter: NAME": the name is empty or begins with "-",
 ///   which postconf would take for an option.
 class PostfixParameters {

@@ -4,8 +4,8 @@
 // CreateTable.h; a cache of records in front of these operations is RecordCache.h.
 //
 // Keys and values are written as they are, "KEY VALUE\n": a key must not contain white
-// space, and neither may contain a line break. Every operation can also throw SystemError
-// when postmap could not be started, the errors of torva/util/FileLock.h, and
+// space, and neither may contain a line break. Every operation can also throw the errors of
+// runTool() (torva/postfix/params/PostfixTool.h) and of torva/util/FileLock.h, and
 // std::invalid_argument "not a table: NAME" for a name that is not "type:path".
 //
 // An index file that another account may have planted never reaches postmap. A FIFO, a

@@ -49,7 +49,7 @@ std::vector<std::string> takeMarkOff(MasterCfText& text, const std::string& mark
 bool sameLines(const std::vector<std::string>& left, const std::vector<std::string>& right) {
     return std::equal(left.begin(), left.end(), right.begin(), right.end(),
                       [](const std::string& one, const std::string& other) {
-                          // What was last in the file may have another behind it now.
+                          // The last line of the file may be followed by another now.
                           return withLineFeed(one) == withLineFeed(other);
                       });
 }

@@ -1,4 +1,4 @@
-"""The program on real Postfix: what it makes of a stock and of a hand-made configuration."""
+"""The program with the real Postfix: the results with a stock and a hand-made configuration."""
 
 import os
 import re
@@ -140,7 +140,7 @@ class StockTest(RealTest):
         self.assertIn("\n#postlog ", expected)
         expected = replaced(expected, "smtp", "inet", SMTP)
         expected = replaced(expected, "mailman", "unix", MAILMAN)
-        # Stock has a tlsmgr, which stays, and a pickup of another type, which stays beside the new one.
+        # Stock has a tlsmgr, which stays, and a pickup of another type, which stays as well.
         added = [line for line in PANEL_SERVICES if not line.startswith("tlsmgr ")]
         self.assertEqual(len(added), 6)
         self.assertCompleted(self.world.run())
@@ -285,7 +285,7 @@ class OtherMainCfTest(RealTest):
         values = self.world.values()
         self.assertEqual(values["alias_maps"], "hash:/etc/aliases, hash:/var/spool/postfix/torva/aliases")
         self.assertEqual(values["alias_database"], "hash:/etc/aliases")
-        # Postfix's own default stands here: it becomes the narrow list.
+        # Here it has Postfix's own default, which becomes the narrow list.
         self.assertEqual(values["mynetworks"], LOCAL_NETWORKS)
         self.assertEqual({name: values[name] for name in ("virtual_transport", "smtpd_recipient_restrictions")},
                          {"virtual_transport": "torva_virtual", "smtpd_recipient_restrictions": CLOSED})

@@ -300,7 +300,7 @@ class OtherMainCfTest(RealTest):
         self.assertEqual(run.status, 0, run.err)
         self.assertEqual({path: path.read_bytes() for path in before}, before)
         self.assertIn("\nvirtual_transport = torva_virtual\n", (other / "main.cf").read_text())
-        self.assertIn("\n" + PANEL_SERVICES[-1] + "\n", (other / "master.cf").read_text())
+        self.assertIn("\n" + SMTP + "\n", (other / "master.cf").read_text())
 
     def test_the_default_networks_become_the_narrow_list(self):
         text = STOCK_MAIN_CF.replace("mynetworks = 127.0.0.0/8\n", "").replace("compatibility_level = 3.6\n", "")

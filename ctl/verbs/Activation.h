@@ -31,7 +31,7 @@ public:
 
     bool wasRunning() const { return wasRunning_; }
 
-    /// For a host on which it was running according to somebody else.
+    /// Treats Postfix as running before: a verb that was killed may have stopped it.
     void assumeRunning() { wasRunning_ = true; }
 
     /// The command that makes Postfix use what has changed.

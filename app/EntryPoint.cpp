@@ -32,7 +32,7 @@ void makeWorldSane() {
     // open() takes the lowest free number, so going upwards fills exactly the gaps.
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
         if (::fcntl(fd, F_GETFD) == -1 && errno == EBADF) {
-            // Meant for the children as well, hence not close-on-exec.
+            // Not close-on-exec: the children inherit it.
             static_cast<void>(::open("/dev/null", fd == STDIN_FILENO ? O_RDONLY : O_WRONLY));
         }
     }

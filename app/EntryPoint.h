@@ -1,22 +1,21 @@
-// What main() does around the configuration run: a sane world before it, a line
-// of text and an exit status after it.
+// What main() does around the configuration run: prepares the process before it, and turns
+// an error into a message and an exit status.
 #pragma once
 
 #include <boost/function.hpp>
 
 namespace torva::app {
 
-/// Makes what a careless parent may have left behind harmless: SIGCHLD gets its
-/// default action (ignored, it would hide the exit status of every child), SIGPIPE
-/// an empty handler where its action is the default (a reader of the output that
-/// leaves must not end the run between two files; children get the default), each
-/// closed descriptor of 0 to 2 becomes "/dev/null" (or the next file opened would
-/// take its number, and messages would be written into it), and the umask becomes
-/// 022 (Postfix's accounts must be able to read the panel's tables, and nobody else
-/// may write them). Best effort.
+/// Sets what a careless parent may have left in a bad state. SIGCHLD gets its default
+/// action (if it were ignored, the exit status of every child would be lost). SIGPIPE gets
+/// an empty handler if its action is the default (a reader that is gone must not end the
+/// run between two files; children get the default). Each closed descriptor of 0 to 2
+/// becomes "/dev/null" (otherwise the next opened file would take its number, and messages
+/// would be written to it). The umask becomes 022 (Postfix's accounts must be able to read
+/// the panel's tables, and only root may write them). Best effort.
 void makeWorldSane();
 
-/// Calls the run and turns its outcome into the exit status of the process.
+/// Calls the run and returns the exit status of the process.
 ///
 /// \param run  the configuration run
 /// \return 0; 1 after a std::exception, printed as "Fatal error: TYPE(TEXT)";

@@ -21,7 +21,7 @@ std::string derivedDomain(const std::string& name) {
 
 namespace {
 
-/// The exit status does not matter, but the command must not outlive the run.
+/// The exit status is ignored, but the command must not outlive the run.
 void closePipe(std::FILE* pipe) {
     if (::pclose(pipe) == -1) {
         process::waitForLostChildren();

@@ -19,13 +19,13 @@ namespace {
 
 struct Step;
 
-/// What the steps share.
+/// The common state of the steps.
 struct Context {
     PostfixParameters& parameters;
     std::string hostName; ///< $myhostname, repaired
 };
 
-/// One step: what is printed (null: nothing), what is done, and with what.
+/// One step: the printed text (null: nothing), the action, and its arguments.
 struct Step {
     const char* text;
     void (*action)(Context&, const Step&);
@@ -54,8 +54,8 @@ void repairHostNames(Context& run, const Step&) {
     run.hostName = repairHostName(run.hostName);
 }
 
-/// The panel's alias table is in $virtual_alias_maps by now, so a reference to that
-/// covers it.
+/// The panel's alias table is in $virtual_alias_maps already, so a reference to that
+/// includes it.
 void checkVirtualAliasDomains(Context& run, const Step& step) {
     const std::string domains = run.parameters.getParameter(step.parameter);
     if (domains.find("$virtual_alias_maps") == std::string::npos) {

@@ -6,8 +6,8 @@ namespace torva::app {
 
 class Progress;
 
-/// Carries out the phase; every error ends it and passes through, and the steps
-/// before it stay applied.
+/// Does the phase; the first error ends it and passes through, and the steps before it stay
+/// applied.
 void mainCfPhase(const Progress& progress);
 
 } // namespace torva::app

@@ -60,7 +60,7 @@ MasterCfModule beforeQueueFilter() {
 }
 
 MasterCfModule cleanReinjection() {
-    // The blank in front of each option is part of the word.
+    // The blank before each option is part of the word.
     return service("127.0.0.1:10026", ModuleType::inet, "n--",
                    {"smtpd", " -o smtpd_client_restrictions=", " -o smtpd_helo_restrictions=",
                     " -o smtpd_sender_restrictions=",

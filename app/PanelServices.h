@@ -1,7 +1,7 @@
-// The records of the panel's services in master.cf, see master(5). How they are
-// installed is ServicesPhase.h. Mail that "smtp" receives goes through the handler
-// at 10025 (before the queue), that hands it to the one at 10027 (before it leaves),
-// and that to the clean smtpd at 10026; mail of local users enters at 10027.
+// The records of the panel's services in master.cf, see master(5). ServicesPhase.h
+// installs them. Mail that "smtp" receives goes to the handler at 10025 (before the queue),
+// from there to the one at 10027 (before it leaves), and then to the clean smtpd at 10026;
+// mail from local users enters at 10027.
 #pragma once
 
 #include "torva/postfix/mastercf/MasterCfModule.h"

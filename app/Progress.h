@@ -1,6 +1,5 @@
-// The progress report of the run, on std::clog: header lines, and steps that read
-// "TEXT...done". Errors are not its business: a failing step leaves its line
-// unfinished.
+// The progress report of the run, on std::clog: header lines, and steps in the form
+// "TEXT...done". Errors are not reported here: a failing step leaves its line unfinished.
 #pragma once
 
 #include <boost/function.hpp>
@@ -11,17 +10,16 @@ namespace torva::app {
 
 class Progress {
 public:
-    /// \param enabled  false: steps are carried out in silence
+    /// \param enabled  false: nothing is printed
     explicit Progress(bool enabled) : enabled_(enabled) {}
 
-    /// Whether the environment asks for progress: TORVA_INSTALLER_DEBUG is set, and
-    /// not to "0".
+    /// Whether TORVA_INSTALLER_DEBUG is set in the environment, and not to "0".
     static bool wanted();
 
-    /// Prints a line of its own.
+    /// Prints a line.
     void header(const std::string& text) const;
 
-    /// Prints the text, carries out the action, finishes the line.
+    /// Prints the text, does the action, finishes the line.
     ///
     /// \param text    null: the step is silent
     /// \param action  its exceptions pass through

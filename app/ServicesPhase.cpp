@@ -14,7 +14,7 @@ using mail::postfix::PostfixParameters;
 
 namespace {
 
-/// What the servicesSteps share.
+/// The common state of the steps.
 struct ServicesContext {
     MasterCf& services;
     MasterCfModule virtualDelivery;
@@ -25,12 +25,12 @@ struct ServicesStep {
     void (*action)(ServicesContext&);
 };
 
-/// The service has this text from now on, whatever it was.
+/// Gives the service this text, whatever it was.
 void replace(ServicesContext& run, const MasterCfModule& service) {
     run.services.putModule(service, true);
 }
 
-/// The service runs; one that the host has, even disabled, keeps its text.
+/// Adds or enables the service; an existing one, even disabled, keeps its text.
 void installIfMissing(ServicesContext& run, const MasterCfModule& service) {
     if (run.services.hasModule(service.name, service.type, boost::logic::indeterminate)) {
         run.services.enableModule(service.name, service.type);

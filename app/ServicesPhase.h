@@ -5,8 +5,8 @@ namespace torva::app {
 
 class Progress;
 
-/// Carries out the phase; every error ends it and passes through. master.cf is
-/// written by its last step, and only when something in it changes.
+/// Does the phase; the first error ends it and passes through. master.cf is written by the
+/// last step, and only when something in it changes.
 void servicesPhase(const Progress& progress);
 
 } // namespace torva::app

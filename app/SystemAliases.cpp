@@ -27,8 +27,8 @@ const char* const indexedTypes[] = {"hash", "btree", "dbm", "sdbm", "cdb"};
 /// \param source  path of the source file
 void rebuildAliases(const std::string& database, const std::string& source) {
     const std::string command = "/usr/sbin/postalias " + database;
-    mail::postfix::removeHalfMadeIndex(source); // of a creation that was killed
-    // A command that ran and failed is no system error, and leaves errno as it is.
+    mail::postfix::removeHalfMadeIndex(source); // from a creation that was killed
+    // A command that ran and failed is not a system error, and leaves errno alone.
     errno = 0;
     const int status = std::system(command.c_str()); // NOLINT(cert-env33-c)
     const int code = errno;
@@ -52,7 +52,7 @@ SystemAliases::Database SystemAliases::databaseOf(const std::string& element) co
     if (colon != std::string::npos) {
         return {element.substr(0, colon), element.substr(colon + 1)};
     }
-    // A reference has the type of what it refers to.
+    // The type of a reference is that of its value.
     return {element.front() == '$' ? std::string() : defaultType_, element};
 }
 
@@ -76,7 +76,7 @@ void SystemAliases::check(const std::string& parameter) {
     for (const std::string& element : mail::postfix::splitAtCommas(expanded)) {
         build(element);
     }
-    // What is written back is what the administrator wrote: a reference stays one.
+    // The administrator's own text is written back, not the expansion.
     std::vector<std::string> kept;
     for (const std::string& element : mail::postfix::splitAtCommas(value)) {
         if (element != panelAliases && databaseOf(element).type == "nis") {

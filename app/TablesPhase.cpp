@@ -28,8 +28,8 @@ const TableStep tables[] = {
 
 } // namespace
 
-// By hand and not by Boost, whose versions differ in the error when something is in the
-// way; the text is the same as theirs.
+// Not by Boost, whose versions give different errors when a file is in the way; the text is
+// the same as theirs.
 void ensureDirectory(const std::string& path) {
     std::string::size_type end = 0;
     do {

@@ -8,14 +8,14 @@ namespace torva::app {
 
 class Progress;
 
-/// Carries out the phase; every error ends it and passes through.
+/// Does the phase; the first error ends it and passes through.
 void tablesPhase(const Progress& progress);
 
-/// Makes a directory and whatever is missing above it.
+/// Creates a directory with its missing parents.
 ///
 /// \throws boost::filesystem::filesystem_error "boost::filesystem::create_directories",
-///         with the path, when it is there and no directory, or cannot be made; the
-///         code has the system category
+///         with the path, when it cannot be created, or exists and is not a directory;
+///         the code has the system category
 void ensureDirectory(const std::string& path);
 
 } // namespace torva::app

@@ -1,4 +1,4 @@
-// torva-postfix-setup: fits an installed Postfix to the panel. No arguments, no
+// torva-postfix-setup: configures an installed Postfix for the panel. No arguments, no
 // input.
 #include "app/ConfigurationRun.h"
 #include "app/EntryPoint.h"

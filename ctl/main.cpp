@@ -1,5 +1,5 @@
-// torva-postfixctl: looks at the host, previews a run of torva-postfix-setup, carries it
-// out with a backup, takes it back.
+// torva-postfixctl: checks the host, previews a run of torva-postfix-setup, does it with a
+// backup, rolls it back.
 #include "ctl/verbs/CommandLine.h"
 #include "ctl/verbs/Failure.h"
 #include "ctl/verbs/Verbs.h"
@@ -17,12 +17,12 @@ namespace {
 
 using torva::ctl::Call;
 
-/// A reader that leaves is no reason to end half-way. A handler and not SIG_IGN, which
+/// A reader that is gone must not end us half-way. A handler and not SIG_IGN, which
 /// children would inherit.
 void doNothing(int) {}
 
-/// The same surroundings whoever calls: descriptors 0 to 2 open, messages in English,
-/// programs where they belong, new files with the usual modes.
+/// The same environment for every caller: descriptors 0 to 2 open, messages in English, the
+/// usual PATH and umask.
 void makeWorldSane() {
     // open() takes the lowest free number, so going upwards fills exactly the gaps.
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
@@ -89,7 +89,7 @@ int main(int count, char** arguments) {
             std::string(::getcwd(directory, sizeof(directory)) == nullptr ? "" : directory) + "/" +
             request.keep;
     }
-    // Where a relative path in main.cf begins, for the run.
+    // Relative paths in main.cf begin here, for the run.
     static_cast<void>(::chdir("/"));
     const torva::ctl::OwnPrograms programs = torva::ctl::ownPrograms(arguments[0]);
     torva::ctl::Report report(request.verb, request.json);

@@ -45,8 +45,8 @@ Header headerOf(const std::string& path, const Entry& entry) {
     return header;
 }
 
-/// Writes as many bytes as the header promised: a file may change its size meanwhile,
-/// which the comparison with the host then tells.
+/// Writes as many bytes as the header says: if the file changes its size meanwhile, the
+/// comparison with the host shows that.
 std::string writeContents(archive* writer, int contents, std::uint64_t size) {
     Checksum checksum;
     char chunk[65536];

@@ -46,7 +46,7 @@ Descriptor openBackup(int directory, const std::string& stamp) {
     return openAt(directory, stamp, O_RDONLY | O_DIRECTORY);
 }
 
-/// A line for each file as sha256sum(1) writes and checks it.
+/// A line for each file, in the format of sha256sum(1).
 std::string sumsOf(int backup, const std::vector<std::string>& names) {
     std::string sums;
     for (const std::string& name : names) {
@@ -60,7 +60,7 @@ bool holdsLine(const std::string& sums, const std::string& name) {
     return sums.find("  " + name + "\n") != std::string::npos;
 }
 
-/// Whether every file that the sums name is what it was.
+/// Whether every file in the sums is unchanged.
 bool matchesSums(int backup, const std::string& sums) {
     std::vector<std::string> names{archiveName, manifestName};
     if (holdsLine(sums, leftName)) {
@@ -116,7 +116,7 @@ Backup readBackup(int directory, const std::string& stamp) {
     return backup;
 }
 
-/// Reads the archive back: what cannot be read is no backup.
+/// Reads the archive back: one that cannot be read is not a backup.
 void requireReadable(int archive, const Snapshot& wanted) {
     std::size_t files = 0;
     readArchive(archive, [&](const std::string& path) -> ContentsConsumer {
@@ -175,7 +175,7 @@ std::string Backups::take(Manifest manifest) {
         if (errno != EEXIST) {
             throwSystemError("rename " + stamp, errno);
         }
-        ::usleep(50000); // two in one second: the next has a name of its own
+        ::usleep(50000); // two in one second: wait for another name
     }
 }
 
@@ -221,7 +221,7 @@ std::optional<Backup> Backups::newestWithLeftState() const {
 void Backups::keepLeftState(const std::string& stamp, const LeftState& state) {
     const Descriptor backup = openBackup(directory(), stamp);
     writeOwnFile(backup.get(), leftName, textOf(state));
-    // A call that ends here has kept nothing, and the backup is whole.
+    // If the call ends here, nothing is stored, and the backup is still whole.
     writeOwnFile(backup.get(), sumsName,
                  sumsOf(backup.get(), {archiveName, manifestName, leftName}));
 }
@@ -250,7 +250,7 @@ bool isStamp(const std::string& text) {
     for (char& c : form) {
         c = c >= '0' && c <= '9' ? '9' : c;
     }
-    // No digit but 9 is left, so a text with this very form is one of digits, T and Z.
+    // All digits have become 9, so the form has only digits, T and Z.
     return form == "99999999T999999Z";
 }
 

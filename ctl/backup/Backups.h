@@ -1,6 +1,6 @@
-// The backups of this host: directories of "/var/backups/torva-postfix", each named after
-// the moment it was made. Putting one back is Restore.h; the marker of what has begun and
-// not ended stands beside them, see Marker.h.
+// The backups of this host: directories in "/var/backups/torva-postfix", each named after
+// the moment when it was made. Restoring one is Restore.h; the marker of an unfinished verb
+// is in the same directory, see Marker.h.
 #pragma once
 
 #include "ctl/backup/Manifest.h"
@@ -14,13 +14,13 @@
 
 namespace torva::ctl {
 
-/// One backup, as its directory tells.
+/// One backup, as read from its directory.
 struct Backup {
     std::string stamp;
-    bool whole = false;        ///< nothing in it has changed since it was made
+    bool whole = false;        ///< unchanged since it was made
     bool earlier = false;      ///< made by an earlier version, in a format that is not read
-    Manifest manifest;         ///< when it is whole; else the reason only, if that is there
-    bool hasLeftState = false; ///< what the apply has left is kept with it
+    Manifest manifest;         ///< if it is whole; otherwise only the reason, if it has one
+    bool hasLeftState = false; ///< it has the state that the apply left
     std::time_t made = 0;
     std::uint64_t bytes = 0; ///< of all files
 
@@ -31,39 +31,38 @@ class Backups {
 public:
     static const char* const path;
 
-    /// Opens the directory, and makes it when it is missing.
+    /// Opens the directory, and creates it if it does not exist.
     ///
     /// \throws as openOwnDirectory()
     Backups();
 
-    /// Whether there is such a directory: nothing is made.
+    /// Whether the directory exists; does not create it.
     static bool exist();
 
-    /// Makes a backup. Its name appears once it is complete, equal to the host, and on
+    /// Makes a backup. Its name appears when it is complete, equal to the host, and on
     /// disk.
     ///
     /// \param manifest  all but the entries
     /// \return its stamp
-    /// \throws std::exception  there is no backup; another entry of the directory is as
-    ///         it was
+    /// \throws std::exception  no backup was made; the others are as before
     std::string take(Manifest manifest);
 
     /// All, oldest first.
     std::vector<Backup> list() const;
 
-    /// One of them; nothing when there is none of this name.
+    /// One of them; nothing when there is none with this name.
     std::optional<Backup> find(const std::string& stamp) const;
 
-    /// The backup that a rollback without a stamp goes to: of the newest row of applies,
-    /// the state before the first; see backups in the manual. A damaged one is none.
+    /// The backup that a rollback without a stamp restores: the state before the first of
+    /// the newest applies in a row; see rollback in the manual. Damaged ones are ignored.
     std::optional<Backup> beforeNewestRow() const;
 
-    /// The newest backup that knows what its apply has left.
+    /// The newest backup that has the state that its apply left.
     std::optional<Backup> newestWithLeftState() const;
 
-    /// Keeps with a backup what its apply has left.
+    /// Stores the state that an apply left with its backup.
     ///
-    /// \throws SystemError  there is none then
+    /// \throws SystemError  it is not stored
     void keepLeftState(const std::string& stamp, const LeftState& state);
 
     /// \throws std::exception  there is none, or it is damaged
@@ -75,7 +74,7 @@ public:
     /// \throws SystemError
     void remove(const std::string& stamp);
 
-    /// What an unfinished take() has left.
+    /// Removes what an unfinished take() has left.
     void removePartial();
 
     int directory() const { return directory_.get(); }

@@ -38,7 +38,7 @@ std::string octalMode(mode_t mode) {
     return text;
 }
 
-/// What a file is, in words.
+/// A file, in words.
 std::string described(const Entry& entry) {
     if (!entry.isThere()) {
         return std::string();
@@ -52,7 +52,7 @@ std::string described(const Entry& entry) {
                           : access + (entry.isDirectory() ? ", directory" : ", no file");
 }
 
-/// As the times of change alone are no edit.
+/// Without the modification time: a change of that alone is not an edit.
 bool isSameButForTime(Entry left, const Entry& right) {
     left.seconds = right.seconds;
     left.nanoseconds = right.nanoseconds;
@@ -95,7 +95,7 @@ Settings servicesOf(const Postfix& postfix) {
     return services;
 }
 
-/// Whether a run writes this file, as far as its name tells.
+/// Whether a run writes this file, according to its name.
 bool isWrittenByRun(const std::string& path, const Manifest& backup) {
     const std::string tables = resolved(tablesDirectory);
     const std::string configuration = resolved(backup.configuration);

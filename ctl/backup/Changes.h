@@ -1,4 +1,4 @@
-// What has changed on the host since an apply has left it.
+// What has changed on the host since an apply.
 #pragma once
 
 #include "ctl/backup/Manifest.h"
@@ -18,17 +18,17 @@ LeftState captureState(const Postfix& postfix, const std::vector<std::string>& p
 struct Change {
     std::string kind; ///< "setting", "service", "record" or "file"
     std::string name;
-    std::string before; ///< value, text, "TABLE: VALUE"; for a file what it was
+    std::string before; ///< value, text, "TABLE: VALUE"; for a file a description
     std::string after;  ///< the same; empty: it is gone
 };
 
-/// What differs; for a file, its contents, mode, owner, link or attributes: not the time
-/// of its last change alone, and not the index of a table whose records are listed. Where
-/// main.cf is not readable now, its settings are not compared, the file is.
+/// The differences; for files in contents, mode, owner, link or attributes, but not in the
+/// modification time alone, and not in the index of a table whose records are listed. If
+/// main.cf cannot be read now, its settings are not compared, but the file is.
 std::vector<Change> changesBetween(const LeftState& left, const LeftState& now);
 
 /// Of the changes between the host before a run and after one that failed, those that
-/// somebody else must have made: what a run does not write.
+/// somebody else must have made, because a run does not write there.
 std::vector<Change> foreignChanges(const Manifest& backup, const LeftState& before,
                                    const LeftState& now);
 

@@ -22,10 +22,10 @@ namespace {
 
 constexpr int directoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
-/// Makes a directory and what it lies in.
+/// Creates a directory and its parents.
 void makeDirectories(const std::string& path, mode_t mode) {
     if (::mkdir(path.c_str(), mode) == 0 || errno != ENOENT) {
-        return; // opening it tells what is wrong
+        return; // opening it fails and gives the reason
     }
     makeDirectories(directoryOf(path), 0755);
     static_cast<void>(::mkdir(path.c_str(), mode));
@@ -35,7 +35,7 @@ void makeDirectories(const std::string& path, mode_t mode) {
     throw std::runtime_error(path + " is not root's alone: remove it");
 }
 
-/// The error of an own directory that could not be opened.
+/// Throws the error for a directory of our own that could not be opened.
 [[noreturn]] void throwUnopened(const std::string& path, int code) {
     if (code == ELOOP || code == ENOTDIR) {
         refuse(path); // a link or a file in its place
@@ -91,7 +91,7 @@ Descriptor openOwnDirectoryIfThere(const std::string& path) {
 }
 
 std::vector<std::string> namesIn(int directory) {
-    // A descriptor of its own: the listing moves it, and closes it.
+    // A separate descriptor: the listing moves and closes it.
     const int copy = ::openat(directory, ".", directoryFlags);
     const std::unique_ptr<DIR, int (*)(DIR*)> listing(copy < 0 ? nullptr : ::fdopendir(copy),
                                                       &::closedir);

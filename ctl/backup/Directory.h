@@ -1,5 +1,5 @@
-// Directories held open: what is done below them goes to that very directory, whatever
-// becomes of its name meanwhile.
+// Operations in open directories: they always affect that directory, even if its name is
+// given to another in the meantime.
 #pragma once
 
 #include "torva/process/Descriptor.h"
@@ -9,38 +9,38 @@
 
 namespace torva::ctl {
 
-/// Opens a directory, through no link in its last component.
+/// Opens a directory, unless the last component of the path is a link.
 ///
 /// \throws SystemError "open PATH"
 process::Descriptor openDirectory(const std::string& path);
 
-/// Opens a directory of our own: makes it with mode 0700 when it is missing (and what
-/// it lies in, 0755), opens it once, and judges what was opened. A wider mode than 0700
-/// is tightened, unless others could write already.
+/// Opens a directory of our own. Creates it with mode 0700 if it does not exist (and its
+/// parents with 0755), opens it once, and checks the open directory. A wider mode becomes
+/// 0700, unless others could already write.
 ///
-/// \throws std::runtime_error "PATH is not root's alone: remove it": a link or a file in
-///         its place, somebody else's, or writable by others; SystemError by errno
+/// \throws std::runtime_error "PATH is not root's alone: remove it": it is a link or a
+///         file, belongs to another user, or is writable by others; SystemError by errno
 process::Descriptor openOwnDirectory(const std::string& path);
 
-/// The same for one that need not be there; closed when it is missing.
+/// The same without creating it; closed when it does not exist.
 process::Descriptor openOwnDirectoryIfThere(const std::string& path);
 
-/// The names in a directory, sorted, but for "." and "..".
+/// The names in a directory, sorted, without "." and "..".
 ///
 /// \throws SystemError
 std::vector<std::string> namesIn(int directory);
 
-/// Removes what a name stands for, with all that is below it; nothing there is no error.
+/// Removes a file or directory with everything below it; a missing one is no error.
 ///
 /// \throws SystemError  something is left
 void removeAll(int directory, const std::string& name);
 
-/// Writes a file of root's alone, whole or not at all: beside its name, synced, renamed.
+/// Writes a file that only root may read, whole or not at all: temporary file, sync, rename.
 ///
 /// \throws SystemError
 void writeOwnFile(int directory, const std::string& name, const std::string& text);
 
-/// The bytes of a regular file that is no link; empty when there is none.
+/// The bytes of a regular file that is not a link; empty when there is none.
 std::string readOwnFile(int directory, const std::string& name);
 
 } // namespace torva::ctl

@@ -1,5 +1,5 @@
-// The locks of the companion, files of "/run/lock/torva-postfix": one for the verb that
-// changes the host, one for what such a verb has started.
+// The locks of the companion, files in "/run/lock/torva-postfix": one for the verb that
+// changes the host, one for the programs that such a verb has started.
 #pragma once
 
 #include "torva/process/Descriptor.h"
@@ -9,35 +9,35 @@
 
 namespace torva::ctl {
 
-/// Somebody else holds the lock.
+/// The lock is held elsewhere.
 class Locked : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
-/// Held for as long as it lives: one apply or rollback at a time.
+/// Held during its lifetime: only one apply or rollback at a time.
 class HostLock {
 public:
     /// \param patience  how long to wait for another holder, in tenths of a second
     /// \throws Locked  "... is at work; nothing was done": who holds it
-    /// \throws std::runtime_error  the directory is not to be trusted, see
+    /// \throws std::runtime_error  the directory cannot be trusted, see
     ///         openOwnDirectory(); SystemError
     explicit HostLock(int patience);
 
-    /// Who holds it now, "process N, since DATE,"; empty: nobody.
+    /// The current holder, "process N, since DATE,"; empty: nobody.
     static std::string holder();
 
 private:
     process::Descriptor lock_;
 };
 
-/// Held by a program that changes the host, and by all that this starts: they inherit
-/// it, so that it is free only when the last of them has ended, whatever became of us.
+/// Held by a program that changes the host, and by its children, which inherit it: it is
+/// free only when the last of them has ended, even if we were killed.
 class RunLock {
 public:
-    /// Waits up to a minute for what an earlier run has left behind.
+    /// Waits up to a minute for the children of an earlier run.
     ///
-    /// \throws std::runtime_error  it is still at work
+    /// \throws std::runtime_error  they are still at work
     RunLock();
 
 private:

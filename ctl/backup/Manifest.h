@@ -1,5 +1,5 @@
-// What a backup holds, and what an apply has left, as the JSON documents that stand in
-// the directory of the backup. Reading and writing those files is Backups.h.
+// The contents of a backup, and the state that an apply left, as the JSON documents in the
+// directory of the backup. Reading and writing those files is Backups.h.
 #pragma once
 
 #include "ctl/backup/Snapshot.h"
@@ -16,19 +16,19 @@ struct Manifest {
     std::string reason;               ///< such as "before apply"
     std::string configuration;        ///< directory of main.cf and master.cf
     std::string queue;                ///< queue directory
-    bool configured = false;          ///< whether a run had been there before
-    bool running = false;             ///< whether Postfix was
-    std::vector<std::string> paths;   ///< what was looked at, see touchedPaths()
-    std::vector<std::string> present; ///< all that was in those two directories
+    bool configured = false;          ///< whether a run had configured the host before
+    bool running = false;             ///< whether Postfix was running
+    std::vector<std::string> paths;   ///< the paths in the backup, see touchedPaths()
+    std::vector<std::string> present; ///< everything that was in those two directories
     Snapshot entries;
 };
 
 std::string textOf(const Manifest& manifest);
 
-/// \throws std::exception  the text is no manifest
+/// \throws std::exception  the text is not a manifest
 Manifest parseManifest(const std::string& text);
 
-/// The host as an apply has left it: what later changes are measured by.
+/// The state of the host after an apply, with which later states are compared.
 struct LeftState {
     Snapshot entries;
     Settings settings; ///< see askSettings()

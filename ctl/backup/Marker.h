@@ -1,5 +1,5 @@
-// The marker of what has begun to change the host and not ended: a file beside the
-// backups, on disk before the first change.
+// The marker of a verb that has begun to change the host and has not ended: a file in the
+// directory of the backups, on disk before the first change.
 #pragma once
 
 #include "ctl/backup/Backups.h"
@@ -10,19 +10,19 @@ namespace torva::ctl {
 
 struct Marker {
     std::string verb;  ///< "apply" or "rollback"; empty: there is no marker
-    std::string stamp; ///< of the backup that repairs; "-": nothing had been changed yet
+    std::string stamp; ///< of the backup to restore; "-": nothing has been changed yet
 
     bool isSet() const { return !verb.empty(); }
     bool beforeAnyChange() const { return stamp == "-"; }
 };
 
-/// The marker of this host; none when there are no backups either.
+/// The marker of this host; none when there are no backups.
 Marker readMarker();
 
 /// \throws SystemError  the marker is as it was
 void setMarker(Backups& backups, const Marker& marker);
 
-/// Takes the marker away, and what an unfinished backup has left.
+/// Removes the marker, and what an unfinished backup has left.
 ///
 /// \throws SystemError
 void clearMarker(Backups& backups);

@@ -60,7 +60,7 @@ void setMetadata(int fd, const Entry& entry, const std::string& path) {
     require(::futimens(fd, times), "futimens " + path);
 }
 
-/// Owner and times of a link or node, which is held by a descriptor that opens nothing.
+/// Owner and times of a link or node, by an O_PATH descriptor.
 void setMetadataOfNode(int directory, const std::string& name, const Entry& entry) {
     const Descriptor node(::openat(directory, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     struct stat status {};
@@ -74,7 +74,7 @@ void setMetadataOfNode(int directory, const std::string& name, const Entry& entr
     setTimes(node.get(), entry, name);
 }
 
-/// Makes a link or a node, its mode included.
+/// Creates a link or a node with its mode.
 void makeNode(int directory, const std::string& name, const Entry& entry) {
     if (entry.isLink()) {
         require(::symlinkat(entry.target.c_str(), directory, name.c_str()), "symlink " + name);
@@ -105,7 +105,7 @@ Descriptor makeDirectory(int directory, const std::string& name) {
     if (!made || ::fstat(made.get(), &status) != 0) {
         throwSystemError("open " + name, errno);
     }
-    // Where others may write, somebody may have put another in its place.
+    // Where others may write, it may have been replaced.
     if (status.st_uid != ::geteuid() || (status.st_mode & 0077) != 0) {
         throw std::runtime_error(name + " was changed by somebody else");
     }
@@ -137,8 +137,8 @@ bool correctInPlace(const std::string& path, const Entry& now, const Entry& want
     const Descriptor file(::openat(parent.get(), nameOf(path).c_str(),
                                    O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat status {};
-    // Another name of the file would change as well, and in a directory of others it
-    // may be somebody else's file by now.
+    // With another hard link, the change would affect that, too, and in a directory of
+    // others this may now be somebody else's file.
     if (!isTrusted(parent.get()) || !file || ::fstat(file.get(), &status) != 0 ||
         !S_ISREG(status.st_mode) || status.st_nlink != 1) {
         return false;
@@ -247,8 +247,7 @@ void Replacement::moveIntoPlace() {
     const bool isThere = wanted_.at(path_).isThere();
     const std::string oldName = name_ + oldSuffix;
     const int parent = parent_.get();
-    // Two names change places at once where that is known; a directory cannot be
-    // renamed over.
+    // An atomic exchange, where the kernel has it: a directory cannot be renamed over.
     const bool exchanged = isThere && ::renameat2(parent, newName_.c_str(), parent, name_.c_str(),
                                                   RENAME_EXCHANGE) == 0;
     if (!exchanged) {

@@ -1,5 +1,5 @@
-// One path that a restoration replaces: the new one is built beside it, under a name of
-// its own, and moved into place when all of it stands.
+// One path that a restoration replaces: the new file or directory is built next to it,
+// under another name, and moved into place when it is complete.
 #pragma once
 
 #include "ctl/backup/Archive.h"
@@ -9,10 +9,10 @@
 
 namespace torva::ctl {
 
-/// Where only mode, owner, times and attributes of a file differ: sets them, on the very
+/// If only mode, owner, times and attributes of a file differ, sets them, on exactly the
 /// file that was described.
 ///
-/// \return whether that was all; false: it has to be replaced, and nothing was done
+/// \return whether that was enough; false: it must be replaced, and nothing was done
 /// \throws SystemError
 bool correctInPlace(const std::string& path, const Entry& now, const Entry& wanted);
 
@@ -21,26 +21,26 @@ bool correctInPlace(const std::string& path, const Entry& now, const Entry& want
 /// \throws SystemError
 void removeReplacement(const std::string& path);
 
-/// The sequence: make it, write contentsOf() every file that it holds(), complete(),
-/// moveIntoPlace(). What was not moved is removed with the object.
+/// The sequence: construct it, write contentsOf() every file that it holds(), complete(),
+/// moveIntoPlace(). The destructor removes what was not moved.
 class Replacement {
 public:
-    /// Makes directories, links and nodes beside the place.
+    /// Creates directories, links and nodes next to the path.
     ///
-    /// \param wanted  the path and all below it; a path that is not there is to be gone
+    /// \param wanted  the path and everything below it; a missing one will be removed
     /// \throws SystemError
     Replacement(const std::string& path, const Snapshot& wanted);
     ~Replacement();
     Replacement(const Replacement&) = delete;
     Replacement& operator=(const Replacement&) = delete;
 
-    /// Whether it has a regular file of this path.
+    /// Whether it has a regular file with this path.
     bool holds(const std::string& path) const;
 
     /// Takes the contents of such a file.
     ContentsConsumer contentsOf(const std::string& path);
 
-    /// Gives everything its mode, owner, times and attributes, what is inside first.
+    /// Sets the mode, owner, times and attributes of everything, from the inside out.
     ///
     /// \throws SystemError
     void complete();
@@ -56,10 +56,10 @@ private:
 
     std::string path_;
     Snapshot wanted_;
-    process::Descriptor parent_; ///< of the place
+    process::Descriptor parent_; ///< directory of the path
     process::Descriptor top_;    ///< the new file or directory itself; closed for others
     std::string name_;           ///< last component of the path
-    std::string newName_;        ///< of what is being built, in the same directory
+    std::string newName_;        ///< name of the replacement, in the same directory
 };
 
 } // namespace torva::ctl

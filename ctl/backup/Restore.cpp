@@ -19,8 +19,7 @@ using process::Descriptor;
 
 namespace {
 
-/// Writes the contents of all files that are to be replaced, in one reading of the
-/// archive.
+/// Writes the contents of all replacements, in one pass through the archive.
 void fillReplacements(int archive, std::vector<std::unique_ptr<Replacement>>& replacements) {
     readArchive(archive, [&](const std::string& path) -> ContentsConsumer {
         for (const auto& replacement : replacements) {
@@ -36,7 +35,7 @@ bool isScratchOfMasterCf(const std::string& name) {
     return name.size() == 16 && name.compare(0, 10, "master.cf.") == 0;
 }
 
-/// Moves a scratch file of a killed run into the backup.
+/// Moves a temporary file of a killed run into the backup.
 void setAside(int configuration, const std::string& name, int backup) {
     const Descriptor file(
         ::openat(configuration, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -58,7 +57,7 @@ void restore(const Backups& backups, const Backup& backup) {
     const Snapshot& wanted = backup.manifest.entries;
     std::vector<std::unique_ptr<Replacement>> replacements;
     for (const std::string& path : backup.manifest.paths) {
-        removeReplacement(path); // of a restoration that was killed
+        removeReplacement(path); // from a restoration that was killed
         const Snapshot now = describe({path});
         const Snapshot then = partOf(wanted, path);
         if (!sameSnapshot(now, then) && !correctInPlace(path, now.at(path), then.at(path))) {
@@ -100,7 +99,7 @@ void removeQueueDirectories(const Backup& backup) {
     }
     for (const std::string& name : namesIn(queue.get())) {
         if (!wasPresent(backup, backup.manifest.queue + "/" + name)) {
-            // Fails for what is not empty or no directory, which is meant.
+            // Fails, as intended, unless it is an empty directory.
             static_cast<void>(::unlinkat(queue.get(), name.c_str(), AT_REMOVEDIR));
         }
     }

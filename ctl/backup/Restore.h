@@ -1,27 +1,27 @@
-// Putting a backup back: contents, modes, owners, times, links, attributes. What was not
-// there is gone afterwards.
+// Restores a backup: contents, modes, owners, times, links, attributes. Files that were not
+// there are removed.
 #pragma once
 
 #include "ctl/backup/Backups.h"
 
 namespace torva::ctl {
 
-/// Brings the paths of a backup to what its manifest says. What is right already is left
-/// alone; where only mode, owner, times or attributes differ, these are set in place, for
-/// which a full disk has room. Everything that is new stands complete beside its place
-/// before the first of them is moved there.
+/// Makes the paths of a backup what its manifest says. What is right already is left
+/// alone; if only mode, owner, times or attributes differ, these are set in place, which
+/// works even on a full disk. All replacements are complete, next to their targets, before
+/// the first is moved into place.
 ///
-/// It may be killed at any moment and called again. It follows no link, and a directory
-/// that another account may write is worked in through its descriptor.
+/// It may be killed at any moment and called again. It follows no links, and works through
+/// descriptors in directories that another account may write.
 ///
-/// \throws std::exception  it could not be restored whole; call it again
+/// \throws std::exception  not everything was restored; call it again
 void restore(const Backups& backups, const Backup& backup);
 
-/// Removes empty directories of the queue that were not there when the backup was made,
-/// which "postfix check" makes.
+/// Removes empty directories of the queue that did not exist when the backup was made:
+/// "postfix check" creates them.
 void removeQueueDirectories(const Backup& backup);
 
-/// Moves scratch files that a killed run has left beside master.cf into the backup.
+/// Moves temporary files that a killed run has left next to master.cf into the backup.
 ///
 /// \throws std::exception
 void setScratchAside(const Backups& backups, const Backup& backup);

@@ -85,7 +85,7 @@ public:
 
 private:
     void visitOpened(int directory, const std::string& name, const std::string& path) {
-        // Non-blocking: what was a file a moment ago may be a FIFO now.
+        // Non-blocking: the file may have been replaced by a FIFO.
         const Descriptor file(::openat(directory, name.c_str(),
                                        O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
         struct stat status {};

@@ -1,6 +1,6 @@
-// What stands at some paths of the host: contents, modes, owners, times, links, extended
-// attributes (access control lists are such). Reading follows no link and is blocked by
-// no FIFO. Keeping the contents themselves is Archive.h.
+// The state of some paths of the host: contents, modes, owners, times, links, extended
+// attributes (including access control lists). Reading follows no links and does not block
+// on FIFOs. The contents themselves are kept by Archive.h.
 #pragma once
 
 #include "torva/process/Descriptor.h"
@@ -22,7 +22,7 @@ struct Entry {
     mode_t mode = 0; ///< type and permissions, see inode(7); 0: nothing is there
     uid_t owner = 0;
     gid_t group = 0;
-    std::int64_t seconds = 0; ///< time of the last change
+    std::int64_t seconds = 0; ///< modification time
     std::int64_t nanoseconds = 0;
     std::uint64_t size = 0;   ///< bytes of a regular file
     std::uint64_t device = 0; ///< of a device node
@@ -36,11 +36,11 @@ struct Entry {
     bool isLink() const { return S_ISLNK(mode); }
 };
 
-/// Whether type and contents are the same; whether all else is, too.
+/// Whether type and contents are the same; whether everything is.
 bool sameContents(const Entry& left, const Entry& right);
 bool sameEntry(const Entry& left, const Entry& right);
 
-/// By path. What was asked for and is not there has an entry of mode 0.
+/// By path. A requested path that does not exist has an entry of mode 0.
 using Snapshot = std::map<std::string, Entry>;
 
 /// The part of a snapshot at a path and below it.
@@ -48,11 +48,11 @@ Snapshot partOf(const Snapshot& snapshot, const std::string& path);
 
 bool sameSnapshot(const Snapshot& left, const Snapshot& right);
 
-/// Takes what a walk comes to; `contents` is open for a regular file, else -1. A visitor
-/// that reads the contents sets the checksum.
+/// Called for everything that a walk finds; `contents` is open for a regular file,
+/// otherwise -1. A visitor that reads the contents sets the checksum.
 using Visitor = std::function<void(const std::string& path, Entry& entry, int contents)>;
 
-/// Visits all at the paths and below, each directory before what it holds.
+/// Visits everything at the paths and below, each directory before its contents.
 ///
 /// \throws SystemError  something cannot be read
 void walk(const std::vector<std::string>& paths, const Visitor& visitor);
@@ -60,7 +60,7 @@ void walk(const std::vector<std::string>& paths, const Visitor& visitor);
 /// \throws as walk()
 Snapshot describe(const std::vector<std::string>& paths);
 
-/// SHA-256 in hexadecimal, made piece by piece.
+/// SHA-256 in hexadecimal, computed piece by piece.
 class Checksum {
 public:
     /// \throws std::bad_alloc
@@ -68,7 +68,7 @@ public:
 
     void add(const char* bytes, std::size_t size);
 
-    /// The sum of all that was added; nothing more may be added.
+    /// The checksum of everything that was added; nothing more may be added.
     std::string result();
 
 private:
@@ -78,7 +78,7 @@ private:
     std::unique_ptr<evp_md_ctx_st, Release> context_;
 };
 
-/// The checksum of all that can be read from a descriptor.
+/// The checksum of everything that can be read from a descriptor.
 ///
 /// \throws SystemError "read"
 std::string checksumOf(int fd);

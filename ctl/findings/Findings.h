@@ -1,4 +1,4 @@
-// Collecting findings.
+// Collects findings.
 #pragma once
 
 #include "ctl/report/Finding.h"
@@ -14,7 +14,7 @@ public:
     void warning(const std::string& subject, const std::string& text, const std::string& advice);
     void stop(const std::string& subject, const std::string& text, const std::string& advice);
 
-    /// All is well with the subject, unless a finding says otherwise.
+    /// Adds an ok finding for the subject, unless it has a warning or a stop.
     void fine(const std::string& subject, const std::string& text);
 
     bool stopped() const;

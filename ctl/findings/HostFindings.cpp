@@ -15,7 +15,7 @@ bool isProgram(const std::string& path) {
     return ::access(path.c_str(), X_OK) == 0;
 }
 
-/// Whether Postfix reads its own files; else why not.
+/// Whether Postfix reads its own files; if not, why.
 bool findReadable(const Host& host, Findings& findings) {
     const Postfix& postfix = host.postfix;
     if (!exists(postfix.mainCf())) {
@@ -29,7 +29,7 @@ bool findReadable(const Host& host, Findings& findings) {
         return false;
     }
     if (!host.mapTypesFailure.empty()) {
-        // What this tool dies of, the others die of, too.
+        // The other tools would fail for the same reason.
         findings.stop("main.cf", "Postfix's programs end with: " + host.mapTypesFailure,
                       "correct it; nothing else was looked at");
         return false;

@@ -1,6 +1,6 @@
-// What on this host would stop a run, or the mail after it. Each function looks at one
-// group of subjects and changes nothing; checkHost() is all of them, in the order in which
-// they are read.
+// What on this host would stop a run, or the mail after it. Each function examines one
+// group of subjects and changes nothing; checkHost() calls all of them, in the order in
+// which they are printed.
 #pragma once
 
 #include "ctl/findings/Findings.h"
@@ -8,10 +8,10 @@
 
 namespace torva::ctl {
 
-/// Everything. Where Postfix itself cannot be asked, the reason is one finding, and
-/// nothing that would build on the answer follows.
+/// Everything. If a Postfix tool fails, the reason is one finding, and findings that depend
+/// on its output are left out.
 ///
-/// \param host  takes what was asked
+/// \param host  receives the facts
 Findings checkHost(const OwnPrograms& programs, Host& host);
 
 /// "root", "program".

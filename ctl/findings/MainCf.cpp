@@ -52,7 +52,7 @@ void findRecords(const Postfix& postfix, Findings& findings) {
                       "have the panel write it again");
         return;
     }
-    // The run's own are those of the host's name.
+    // Records of the host's own name are from an earlier run.
     const std::string own = "@" + postfix.value("myhostname");
     for (auto& [table, records] : others) {
         for (auto one = records.begin(); one != records.end();) {

@@ -17,7 +17,7 @@ namespace torva::ctl {
 
 namespace {
 
-/// A service of the configuration after a run.
+/// A service in the configuration after a run.
 struct Service {
     std::string isPrivate;
     std::string command;
@@ -46,7 +46,7 @@ std::string portNumber(const std::string& port) {
                               : std::to_string(ntohs(static_cast<std::uint16_t>(service->s_port)));
 }
 
-/// Address and port number that the name of an inet service stands for.
+/// The address and port number of an inet service, from its name.
 std::string endpointOf(const std::string& name) {
     const std::string::size_type colon = name.rfind(':');
     if (colon == std::string::npos) {
@@ -78,7 +78,7 @@ void findEndpoints(const Services& services, Findings& findings) {
         findPrivateInet(key, service, findings);
         const auto [other, isNew] = keys.emplace(endpointOf(key.substr(0, slash)), key);
         if (!isNew) {
-            // The run's own comes back with the next run: the operator's has to go.
+            // The run would add its own again: the operator's must be removed.
             const std::string& operators = service.ofPanel ? other->second : key;
             findings.warning("service",
                              key + " and " + other->second +
@@ -107,7 +107,7 @@ void findDaemons(const Postfix& postfix, const Services& services, Findings& fin
     }
 }
 
-/// Replaces $NAME and ${NAME} by values of main.cf, as far as they are known.
+/// Replaces $NAME and ${NAME} by values in main.cf, if they are known.
 std::string expanded(const std::string& text, const Postfix& postfix) {
     std::string result;
     for (std::string::size_type at = 0; at < text.size(); ++at) {
@@ -127,8 +127,8 @@ std::string expanded(const std::string& text, const Postfix& postfix) {
     return result;
 }
 
-/// The values that may name tables: of main.cf but for the aliases, which the run
-/// rebuilds, and of the options in master.cf.
+/// The values that may contain tables: those in main.cf, except the aliases, which the run
+/// rebuilds, and those of the options in master.cf.
 std::vector<std::string> valuesWithMaps(const Postfix& postfix, const MasterCfText& masterCf) {
     std::vector<std::string> values;
     for (const auto& setting : postfix.settings) {
@@ -165,8 +165,8 @@ void findMaps(const Postfix& postfix, const MasterCfText& masterCf, Findings& fi
     std::set<std::string> seen;
     for (const std::string& value : valuesWithMaps(postfix, masterCf)) {
         for (const MapReference& map : mapReferences(value)) {
-            // The panel's tables are made by the run, those of the data directory by
-            // Postfix's own daemons.
+            // The run creates the panel's tables, and Postfix's daemons those in the data
+            // directory.
             if (!isBelow(map.file, tablesDirectory) &&
                 !isBelow(map.file, postfix.value("data_directory")) &&
                 seen.insert(map.text()).second) {
@@ -176,7 +176,7 @@ void findMaps(const Postfix& postfix, const MasterCfText& masterCf, Findings& fi
     }
 }
 
-/// Whether one of Postfix's classes of domains holds the domain, see ADDRESS_CLASS_README.
+/// Whether the domain is in one of Postfix's address classes, see ADDRESS_CLASS_README.
 bool isInDomainClass(const std::string& domain, const Postfix& postfix) {
     for (const char* name :
          {"mydestination", "virtual_alias_domains", "virtual_mailbox_domains", "relay_domains"}) {

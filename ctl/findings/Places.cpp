@@ -16,10 +16,10 @@ namespace torva::ctl {
 namespace {
 
 constexpr std::uint64_t megabyte = 1048576;
-constexpr std::uint64_t margin = megabyte; ///< bytes that a run makes from nothing
+constexpr std::uint64_t margin = megabyte; ///< bytes for files that a run creates
 constexpr std::uint64_t marginOfInodes = 100;
 
-/// What a copy of the files takes.
+/// The space that a copy of the files needs.
 struct Need {
     std::uint64_t bytes = margin;
     std::uint64_t inodes = marginOfInodes;
@@ -35,7 +35,7 @@ Need needOf(const Postfix& postfix) {
     return need;
 }
 
-/// The path itself or the nearest directory above it that is there.
+/// The path itself, or the nearest parent directory that exists.
 std::string nearest(std::string path) {
     while (!exists(path)) {
         path = directoryOf(path);

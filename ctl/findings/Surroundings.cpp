@@ -109,7 +109,7 @@ std::string databaseClient() {
     return std::string();
 }
 
-/// Without a client, a socket has to do.
+/// Without a client, only whether there is a socket.
 bool databaseAnswers() {
     const char socket[] = "/run/mysqld/mysqld.sock";
     struct stat status {};
@@ -121,7 +121,7 @@ bool databaseAnswers() {
     if (shadow.empty() || client.empty()) {
         return !shadow.empty();
     }
-    // Not among the arguments, which everybody may read.
+    // Not as an argument, which everybody could read.
     ::setenv("MYSQL_PWD", shadow.substr(0, shadow.find('\n')).c_str(), 1);
     const ToolResult result =
         run({"timeout", "10", client, "--no-defaults", std::string("--socket=") + socket,

@@ -20,7 +20,7 @@ using process::Descriptor;
 
 namespace {
 
-/// As many links as the kernel follows.
+/// The number of links that the kernel follows.
 constexpr int linkLimit = 40;
 
 std::string linkTarget(const std::string& path) {
@@ -30,7 +30,7 @@ std::string linkTarget(const std::string& path) {
     return target;
 }
 
-/// Puts the components of a path in front of those that are still to be walked.
+/// Puts the components of a path before those that are left to walk.
 void pushComponents(std::deque<std::string>& components, const std::string& path) {
     std::istringstream stream(path);
     std::string component;
@@ -48,7 +48,7 @@ void pushComponents(std::deque<std::string>& components, const std::string& path
 }
 
 void copyAttribute(int from, int to, const char* name) {
-    char value[65536]; // the greatest that Linux has
+    char value[65536]; // the largest that Linux allows
     const ssize_t size = ::fgetxattr(from, name, value, sizeof(value));
     if (size < 0 || ::fsetxattr(to, name, value, static_cast<std::size_t>(size), 0) != 0) {
         if (errno != ENOTSUP && errno != ENODATA) {
@@ -167,7 +167,7 @@ void replaceText(const std::string& path, const std::string& text) {
         fail("open " + target);
     }
     std::string scratch = target + ".torva-new";
-    ::unlink(scratch.c_str()); // of a replacement that was killed
+    ::unlink(scratch.c_str()); // from a replacement that was killed
     Descriptor file(
         ::open(scratch.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!file) {

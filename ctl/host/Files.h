@@ -1,5 +1,4 @@
-// Reading and replacing single files of the host. Trees of them, with all that belongs
-// to them, are ctl/backup/.
+// Reads and replaces single files of the host. Directory trees are ctl/backup/.
 #pragma once
 
 #include <optional>
@@ -7,33 +6,32 @@
 
 namespace torva::ctl {
 
-/// Whether there is anything of this name, a link that leads nowhere included.
+/// Whether the path exists, even as a dangling link.
 bool exists(const std::string& path);
 
-/// The bytes of a regular file, links followed; nothing when there is none that can be
-/// read. A FIFO or device is not opened for longer than it takes to find that out.
+/// The bytes of a regular file, following links; nothing when there is none that can be
+/// read. Does not block on a FIFO or device.
 std::optional<std::string> readFile(const std::string& path);
 
-/// The same for a descriptor; nothing when it is no regular file or cannot be read.
+/// The same for a descriptor; nothing when it is not a regular file or cannot be read.
 std::optional<std::string> readAll(int fd);
 
-/// The path without any symbolic link, as realpath(1) -m prints it: what does not exist
-/// is taken as it is. A path that begins with no slash begins in "/".
+/// The path without symbolic links, as realpath(1) -m prints it: components that do not
+/// exist are kept. A relative path is taken as relative to "/".
 std::string resolved(const std::string& path);
 
-/// The directory of a path, "/" for what stands there; and its last component.
+/// The directory of a path, "/" for files in it; and the last component.
 std::string directoryOf(const std::string& path);
 std::string nameOf(const std::string& path);
 
-/// Replaces the text of a file: writes another beside it, with its mode, owner, times of
-/// change and extended attributes, and renames. Other names (hard links) keep the old
-/// text. A symbolic link is followed.
+/// Replaces the text of a file: writes a temporary file with its mode, owner, times and
+/// extended attributes, and renames it. Other hard links keep the old text. A symbolic link
+/// is followed.
 ///
-/// \throws SystemError  the file is as it was, and no other is left
+/// \throws SystemError  the file is unchanged, and no other is left
 void replaceText(const std::string& path, const std::string& text);
 
-/// Gives the file `to` the mode, the owner and the extended attributes of `from`; the
-/// same, the other way round, for what is about to replace it.
+/// Gives the file `to` the mode, the owner and the extended attributes of `from`.
 ///
 /// \throws SystemError
 void copyAttributes(int from, int to);

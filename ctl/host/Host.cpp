@@ -24,7 +24,7 @@ OwnPrograms ownPrograms(const std::string& called) {
     OwnPrograms programs;
     char path[4096];
     const ssize_t size = ::readlink("/proc/self/exe", path, sizeof(path));
-    // In a chroot, which has no /proc, we are called by our path.
+    // In a chroot without /proc, we are called by our path.
     programs.self = size > 0 ? std::string(path, static_cast<std::size_t>(size)) : called;
     const std::string directory = directoryOf(programs.self);
     programs.tool = directory + "/torva-postfix-setup";

@@ -1,5 +1,5 @@
-// Everything about this host that findings are made of and that takes a program to find
-// out, asked once.
+// The facts about this host that findings need and that other programs must be run for;
+// each is run once.
 #pragma once
 
 #include "ctl/host/Postfix.h"
@@ -10,17 +10,17 @@
 
 namespace torva::ctl {
 
-/// Where the companion's own programs are.
+/// The paths of the companion's own programs.
 struct OwnPrograms {
     std::string self;    ///< this program
-    std::string tool;    ///< torva-postfix-setup, beside it
-    std::string sandbox; ///< the script that makes private worlds
+    std::string tool;    ///< torva-postfix-setup, in the same directory
+    std::string sandbox; ///< the script that creates private worlds
 };
 
-/// Finds them from the place of this program: in an installation below lib/torva-postfix,
+/// Finds them by the path of this program: in an installation below lib/torva-postfix,
 /// in a checkout above the build folder.
 ///
-/// \param called  what this program was called as; its path where there is no /proc to ask
+/// \param called  argv[0] of this program, its path if /proc is not available
 OwnPrograms ownPrograms(const std::string& called);
 
 struct Host {
@@ -29,14 +29,14 @@ struct Host {
     MasterCfText masterCf{std::string()};
     std::string masterFailure;         ///< why Postfix does not read master.cf; empty: it does
     std::vector<std::string> mapTypes; ///< see postconf -m
-    std::string mapTypesFailure;       ///< why that is not known; empty: it is
+    std::string mapTypesFailure;       ///< why they are not known; empty: they are
     RunSupport support;                ///< asked when all of the above is known
 };
 
-/// Asks Postfix. Where main.cf is not read, nothing else is asked.
+/// Collects the facts. If Postfix does not read main.cf, the others are left out.
 Host askHost(const OwnPrograms& programs);
 
-/// Whether a run has configured this host already.
+/// Whether a run has already configured this host.
 bool isConfigured(const Postfix& postfix, const MasterCfText& masterCf);
 
 } // namespace torva::ctl

@@ -8,7 +8,7 @@ namespace {
 
 const char blanks[] = " \t\r\n";
 
-/// Nothing but blanks, or a comment.
+/// Whether the line is empty or a comment.
 bool isNoText(const std::string& line) {
     const std::string::size_type begin = line.find_first_not_of(blanks);
     return begin == std::string::npos || line[begin] == '#';
@@ -18,7 +18,7 @@ bool isContinuation(const std::string& line) {
     return line[0] == ' ' || line[0] == '\t';
 }
 
-/// Where the field that begins at `begin` ends: at a blank, or behind the closing brace.
+/// The end of the field that begins at `begin`: at a blank, or after the closing brace.
 std::string::size_type endOfField(const std::string& line, std::string::size_type begin) {
     if (line[begin] != '{') {
         return std::min(line.find_first_of(blanks, begin), line.size());
@@ -53,7 +53,7 @@ std::vector<std::string> linesWithEnds(const std::string& text) {
     return lines;
 }
 
-/// "NAME = VALUE" of the text behind "-o", which may stand in braces.
+/// "NAME = VALUE" from the text after "-o", which may be in braces.
 std::string optionOf(std::string text) {
     if (text.size() > 1 && text.front() == '{') {
         text = text.substr(1, text.size() - 2);

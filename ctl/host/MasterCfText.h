@@ -1,6 +1,6 @@
-// The text of master.cf as lines and entries, for changes that leave every other byte
-// alone. It splits as Postfix does, and judges nothing: what is a service is the grammar
-// of torva/postfix/mastercf/, what is valid says Postfix.
+// The text of master.cf as lines and entries, for changes that keep every other byte. It is
+// split as Postfix does, and not validated: the grammar of services is in
+// torva/postfix/mastercf/, and Postfix decides what is valid.
 #pragma once
 
 #include <cstddef>
@@ -9,10 +9,10 @@
 
 namespace torva::ctl {
 
-/// A logical line that is no comment: from its first line to the last that continues it.
+/// A logical line that is not a comment, with its continuation lines.
 struct MasterCfTextEntry {
     std::size_t first = 0;           ///< index of its first line
-    std::size_t last = 0;            ///< and of its last; comments between are not its own
+    std::size_t last = 0;            ///< and of its last; comments between are not part of it
     std::vector<std::string> fields; ///< see master(5); "{ a b }" is one, with its braces
 
     /// "NAME/TYPE", as postconf -M names it.
@@ -32,17 +32,17 @@ public:
 
     const std::vector<MasterCfTextEntry>& entries() const { return entries_; }
 
-    /// The lines of an entry, comments between them included, with their line feeds.
+    /// The lines of an entry and comments between them, with their line feeds.
     std::string textOf(const MasterCfTextEntry& entry) const;
 
     /// The whole text.
     std::string text() const;
 
-    /// Puts a mark in front of each line of an entry that is no comment already. The
-    /// mark begins with "#". Entries keep their places.
+    /// Puts a mark before each line of an entry that is not already a comment. The mark
+    /// begins with "#". Line indexes stay valid.
     void commentOut(const MasterCfTextEntry& entry, const std::string& mark);
 
-    /// Removes the lines of an entry. Entries keep their places.
+    /// Removes the lines of an entry. Line indexes stay valid.
     void drop(const MasterCfTextEntry& entry);
 
     std::vector<std::string>& lines() { return lines_; }
@@ -51,7 +51,7 @@ public:
 private:
     void findEntries();
 
-    std::vector<std::string> lines_; ///< each with its line feed, but perhaps the last
+    std::vector<std::string> lines_; ///< with line feeds, except perhaps the last
     std::vector<MasterCfTextEntry> entries_;
 };
 

@@ -10,7 +10,7 @@ namespace torva::ctl {
 
 namespace {
 
-/// mountinfo writes blanks and the like as a backslash and three octal digits.
+/// mountinfo writes blanks and some other characters as a backslash and three octal digits.
 std::string unescaped(const std::string& text) {
     std::string result;
     for (std::string::size_type at = 0; at < text.size(); ++at) {

@@ -6,7 +6,7 @@
 
 namespace torva::ctl {
 
-/// The mount points, in the order of mounting; none where there is no /proc.
+/// The mount points, in the order of mounting; none without /proc.
 std::vector<std::string> mountPoints();
 
 bool isMountPoint(const std::string& path);

@@ -1,5 +1,5 @@
-// What a run of torva-postfix-setup does to a host, as data: for the findings about its
-// outcome, and for what has to be put back after it.
+// What a run of torva-postfix-setup does to a host, as data, for findings about its result,
+// and for restoring things after it.
 #pragma once
 
 #include <string>
@@ -12,18 +12,18 @@ struct PanelService {
     const char* key;       ///< NAME/TYPE
     const char* isPrivate; ///< "y", "n" or "-"
     const char* command;
-    bool replaces; ///< true: an entry of the host is replaced; false: it stays
+    bool replaces; ///< true: an existing entry is replaced; false: it stays
 };
 
 const std::vector<PanelService>& panelServices();
 
-/// The service of this key; null when a run installs none.
+/// The service with this key; null when a run does not install it.
 const PanelService* panelServiceOf(const std::string& key);
 
 /// The parameters that a run sets.
 const std::vector<std::string>& panelParameters();
 
-/// The directory of the panel's tables, and the names of those that a run empties.
+/// The directory of the panel's tables, and the names of the tables that a run empties.
 extern const char* const tablesDirectory;
 const std::vector<std::string>& tableNames();
 

@@ -43,8 +43,8 @@ std::string configurationDirectory() {
     return builtIn.empty() ? "/etc/postfix" : builtIn;
 }
 
-/// Entries without options for the services whose names main.cf mentions: settings such
-/// as NAME_destination_recipient_limit are known to postconf only beside their service.
+/// Entries without options for the services whose names are in main.cf: postconf knows
+/// settings such as NAME_destination_recipient_limit only if there is the service.
 std::string shortMasterCf(const MasterCfText& masterCf, const std::string& mainCf) {
     std::string text;
     for (const MasterCfTextEntry& entry : masterCf.entries()) {
@@ -55,7 +55,7 @@ std::string shortMasterCf(const MasterCfText& masterCf, const std::string& mainC
     return text;
 }
 
-/// A copy of main.cf that postconf reads in no time.
+/// A copy of main.cf that postconf reads quickly.
 class MainCfCopy {
 public:
     explicit MainCfCopy(const Postfix& postfix) : directory_(postfix.directory) {
@@ -115,7 +115,7 @@ Postfix askPostfix() {
     if (values.succeeded() && !values.output.empty()) {
         postfix.values = parsed(values.output);
         postfix.settings = parsed(copy.ask("-n").output);
-        postfix.settings.erase("config_directory"); // the copy's own
+        postfix.settings.erase("config_directory"); // that of the copy
         postfix.redirects = redirectsOf(postfix);
     } else {
         postfix.failure = wordsOf(values);
@@ -143,7 +143,7 @@ int masterProcess(const Postfix& postfix) {
     const process::Descriptor file(
         ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
     if (!file || ::flock(file.get(), LOCK_SH | LOCK_NB) == 0) {
-        return 0; // the daemon holds the lock for as long as it lives
+        return 0; // the daemon holds the lock as long as it runs
     }
     const std::string text = readFile(path).value_or("");
     return static_cast<int>(std::strtol(text.c_str(), nullptr, 10));

@@ -1,6 +1,6 @@
-// The Postfix of this host: where its files are, and what its parameters are. postconf
-// reads all of master.cf for every question about main.cf, which takes long on a host of
-// many services; so it is asked twice, about a copy of main.cf beside a short master.cf.
+// The Postfix of this host: its files and its parameters. postconf reads all of master.cf
+// even for parameters of main.cf, which takes long on a host with many services; so it is
+// run twice, on a copy of main.cf next to a short master.cf.
 #pragma once
 
 #include "ctl/host/MasterCfText.h"
@@ -14,14 +14,14 @@ using Settings = std::map<std::string, std::string>;
 
 struct Postfix {
     std::string directory; ///< of main.cf and master.cf, see config_directory in postconf(5)
-    Settings values;       ///< of all parameters, references expanded
-    Settings settings;     ///< of those that main.cf sets, as it has them
+    Settings values;       ///< of all parameters, with references expanded
+    Settings settings;     ///< of those set in main.cf, unexpanded
     Settings redirects;    ///< types of tables that Postfix reads as another type, and that
                            ///< type: see non_bdb_migration_level in postconf(5), 3.11
-    std::string failure;   ///< why Postfix does not read main.cf, in its own words; empty:
-                           ///< it does. Values are then the built-in ones.
+    std::string failure;   ///< why Postfix does not read main.cf, in its own words: then
+                           ///< values are the built-in ones; empty: it does
 
-    /// The value of a parameter, references expanded; empty: unknown, or set to nothing.
+    /// The value of a parameter, with references expanded; empty: unknown or set to nothing.
     std::string value(const std::string& name) const;
 
     /// The type that Postfix reads tables of a type as: itself, unless it is redirected.
@@ -32,19 +32,20 @@ struct Postfix {
     std::string masterCf() const { return directory + "/master.cf"; }
 };
 
-/// Asks Postfix about this host, see MAIL_CONFIG in postconf(1) for which of several.
+/// Reads the parameters of this host's Postfix, the one of MAIL_CONFIG if there are several,
+/// see postconf(1).
 ///
-/// \throws SystemError  no scratch directory
+/// \throws SystemError  no temporary directory
 Postfix askPostfix();
 
-/// The settings of main.cf alone (postconf -n), with those that belong to services;
-/// none when Postfix does not read it.
+/// The settings in main.cf (postconf -n), including those for services; none when Postfix
+/// does not read it.
 Settings askSettings(const Postfix& postfix);
 
-/// master.cf as it stands; empty when there is none.
+/// The current master.cf; empty when there is none.
 MasterCfText readMasterCf(const Postfix& postfix);
 
-/// Process id of the master daemon that works on this queue; 0: none does.
+/// Process id of the master daemon for this queue; 0: none is running.
 int masterProcess(const Postfix& postfix);
 
 } // namespace torva::ctl

@@ -27,7 +27,7 @@ namespace torva::ctl {
 
 namespace {
 
-/// What scripts/sandbox has made private, or is a window on the kernel.
+/// Directories that scripts/sandbox has made private, and file systems of the kernel.
 const std::array<std::string, 7> privateDirectories{"/etc", "/var",  "/usr", "/run",
                                                     "/dev", "/proc", "/sys"};
 
@@ -54,7 +54,7 @@ void makeLike(const std::string& model, const std::string& path) {
     }
 }
 
-/// Lays a writable layer over a directory, whose changes vanish with the world.
+/// Mounts a writable layer on a directory; changes vanish with the world.
 void coverWithOverlay(const std::string& directory, const std::string& layer) {
     ::mkdir("/run/tmp/over", 0700);
     ::mkdir(layer.c_str(), 0700);
@@ -69,7 +69,7 @@ void coverWithOverlay(const std::string& directory, const std::string& layer) {
     }
 }
 
-/// The flags of a mount that must be given again with every remount.
+/// The flags of a mount, which a remount must repeat.
 unsigned long flagsOf(const std::string& point) {
     static const std::array<std::pair<unsigned long, unsigned long>, 6> pairs{
         {{ST_NOSUID, MS_NOSUID},

@@ -15,7 +15,7 @@ namespace torva::ctl {
 namespace {
 
 bool wanted = false;      ///< see announceWaits()
-std::string announcement; ///< what the handler writes; not changed while the timer runs
+std::string announcement; ///< written by the handler; not changed while the timer runs
 
 void writeAnnouncement(int) {
     const ssize_t ignored = ::write(STDERR_FILENO, announcement.data(), announcement.size());
@@ -28,8 +28,8 @@ void setTimer(long seconds) {
     ::setitimer(ITIMER_REAL, &timer, nullptr);
 }
 
-/// Tells, once, what is being waited for when it takes longer than a second. A timer
-/// is not inherited by children.
+/// Names the program, once, if it takes longer than a second. Children do not inherit a
+/// timer.
 class WaitNotice {
 public:
     explicit WaitNotice(const std::vector<std::string>& words) {

@@ -1,4 +1,4 @@
-// Running Postfix's tools and the few others that the companion calls.
+// Runs Postfix's tools and the few other programs that the companion needs.
 #pragma once
 
 #include "torva/postfix/params/PostfixTool.h"
@@ -14,27 +14,27 @@ using mail::postfix::ToolResult;
 struct Program {
     std::vector<std::string> words; ///< program, looked up in PATH, and its arguments
     std::string input;              ///< its standard input
-    int output = -1;                ///< where its standard output goes; -1: captured
-    int error = -1;                 ///< where its standard error goes; -1: captured
+    int output = -1;                ///< descriptor for its standard output; -1: captured
+    int error = -1;                 ///< descriptor for its standard error; -1: captured
 };
 
 /// Runs a program to its end, without a shell.
 ///
-/// \return how it ended, and what was captured of its output; a program that could not
-///         be started is one that exited with status 127 and said why
+/// \return its status and captured output; a program that could not be started has exit
+///         status 127 and the reason as its standard error
 ToolResult run(const Program& program);
 ToolResult run(std::vector<std::string> words);
 
-/// What a failed program said, in one line: its standard error, else its output, without
-/// the warnings of Postfix's tools where it said anything else (see ToolWords.h); else how
-/// it ended.
+/// The message of a failed program, in one line: its standard error, otherwise its output,
+/// without the warnings of Postfix's tools if it said anything else (see ToolWords.h);
+/// otherwise how it ended.
 std::string wordsOf(const ToolResult& result);
 
-/// The exit status, or 128 and the number of the signal that ended it, as a shell has it.
+/// The exit status, or 128 plus the number of the signal that ended it, as in a shell.
 int exitStatus(const ToolResult& result);
 
-/// From now on, a program that takes longer than a second is told about on standard
-/// error, once.
+/// From now on, a program that takes longer than a second is named on standard error,
+/// once.
 void announceWaits();
 
 } // namespace torva::ctl

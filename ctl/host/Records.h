@@ -1,4 +1,4 @@
-// The records of the panel's tables, and what a run drops of them.
+// The records of the panel's tables, and those that a run drops.
 #pragma once
 
 #include "ctl/host/PanelRun.h"
@@ -13,21 +13,21 @@ namespace torva::ctl {
 using Records = std::map<std::string, std::string>;
 using RecordsByTable = std::map<std::string, Records>; ///< by name of the table
 
-/// The records of the tables that a run empties, as postmap(1) lists them; none of a
-/// table that is not there. Takes no lock.
+/// The records of the tables that a run empties, as postmap(1) lists them; none for a
+/// table that does not exist. Takes no lock.
 ///
-/// \throws std::runtime_error  postmap failed, with its words; or Postfix reads the tables
-///         as another type now, and a table is there in the former type only: a run would
+/// \throws std::runtime_error  postmap failed, with its message; or Postfix reads the tables
+///         as another type now, and a table exists in the former type only: a run would
 ///         drop its records unseen
 RecordsByTable readRecords(const Postfix& postfix);
 
-/// Those of `before` whose keys `now` does not have.
+/// The records of `before` whose keys are not in `now`.
 RecordsByTable missingRecords(const RecordsByTable& before, const RecordsByTable& now);
 
-/// Writes records into their tables, beside what is there.
+/// Adds records to their tables.
 ///
-/// \return keys that postmap does not take from its input: those with white space
-/// \throws std::exception  some records are written, others not
+/// \return keys that postmap does not accept from its input: those with white space
+/// \throws std::exception  some records may have been written
 std::vector<std::string> putBack(const RecordsByTable& records);
 
 /// "3 in virtual, 1 in transport"; empty for none.

@@ -35,7 +35,7 @@ void ScratchDirectory::write(const std::string& name, const std::string& text) c
         throwSystemError("open " + path, errno);
     }
     writeAll(file.get(), text);
-    // Postfix's programs wait when main.cf is younger than two seconds.
+    // Postfix's programs wait if main.cf was changed in the last two seconds.
     const timespec longAgo[2] = {{1, 0}, {1, 0}};
     if (::futimens(file.get(), longAgo) != 0) {
         throwSystemError("futimens " + path, errno);

@@ -1,4 +1,4 @@
-// A private directory for the time of a call.
+// A private temporary directory.
 #pragma once
 
 #include <string>
@@ -7,18 +7,18 @@ namespace torva::ctl {
 
 class ScratchDirectory {
 public:
-    /// Makes it, mode 0700, below $TMPDIR or /tmp.
+    /// Creates it with mode 0700 in $TMPDIR or /tmp.
     ///
     /// \throws SystemError "mkdtemp"
     ScratchDirectory();
-    /// Removes it with the plain files in it.
+    /// Removes it with the regular files in it.
     ~ScratchDirectory();
     ScratchDirectory(const ScratchDirectory&) = delete;
     ScratchDirectory& operator=(const ScratchDirectory&) = delete;
 
     const std::string& path() const { return path_; }
 
-    /// Makes a file in it that has not been changed for long.
+    /// Creates a file in it with an old modification time.
     ///
     /// \throws SystemError
     void write(const std::string& name, const std::string& text) const;

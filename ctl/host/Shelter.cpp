@@ -16,7 +16,7 @@ bool startsWith(const std::string& line, const std::string& beginning) {
     return line.compare(0, beginning.size(), beginning) == 0;
 }
 
-/// A comment that no line of the text begins with yet.
+/// A comment with which no line of the text begins.
 std::string unusedMark(const MasterCfText& text) {
     const auto& lines = text.lines();
     std::string mark = "#sheltered by torva-postfixctl: ";
@@ -34,7 +34,7 @@ std::string withLineFeed(std::string line) {
     return line;
 }
 
-/// Takes the mark off every line that has it.
+/// Removes the mark from every line that has it.
 std::vector<std::string> takeMarkOff(MasterCfText& text, const std::string& mark) {
     std::vector<std::string> found;
     for (std::string& line : text.lines()) {
@@ -49,7 +49,7 @@ std::vector<std::string> takeMarkOff(MasterCfText& text, const std::string& mark
 bool sameLines(const std::vector<std::string>& left, const std::vector<std::string>& right) {
     return std::equal(left.begin(), left.end(), right.begin(), right.end(),
                       [](const std::string& one, const std::string& other) {
-                          // What was last in the file may have another behind it now.
+                          // The last line of the file may be followed by another now.
                           return withLineFeed(one) == withLineFeed(other);
                       });
 }
@@ -58,7 +58,7 @@ bool holdsLine(const std::vector<std::string>& keys, const std::string& key) {
     return std::find(keys.begin(), keys.end(), key) != keys.end();
 }
 
-/// Removes what the run has added where a sheltered service stands already.
+/// Removes services that the run has added although a sheltered one has the same key.
 void dropAdded(MasterCfText& text, const std::vector<std::string>& shelteredKeys) {
     for (const MasterCfTextEntry& entry : text.entries()) {
         const PanelService* service = panelServiceOf(entry.key());
@@ -68,7 +68,7 @@ void dropAdded(MasterCfText& text, const std::vector<std::string>& shelteredKeys
     }
 }
 
-/// Makes those comments again that the run has replaced by its own.
+/// Makes services comments again that the run has replaced by its own.
 void commentReplaced(MasterCfText& text, const std::vector<std::string>& shelteredKeys,
                      std::vector<std::string>& replaced) {
     for (const MasterCfTextEntry& entry : text.entries()) {

@@ -28,7 +28,7 @@ AliasDatabase parsedDatabase(const std::string& element, const std::string& defa
     database.type = colon == std::string::npos ? defaultType : element.substr(0, colon);
     database.path = colon == std::string::npos ? element : element.substr(colon + 1);
     if (database.path.empty() || database.path[0] != '/') {
-        database.path.insert(0, "/"); // the run stands there
+        database.path.insert(0, "/"); // the working directory of the run
     }
     return database;
 }
@@ -73,7 +73,7 @@ std::vector<std::string> touchedPaths(const Postfix& postfix) {
         for (const char* suffix : indexSuffixes) {
             addResolved(paths, database.path + suffix);
         }
-        // What Berkeley DB makes an index under.
+        // The file in which Berkeley DB creates an index.
         const std::string directory = directoryOf(database.path);
         addResolved(paths,
                     (directory == "/" ? "" : directory) + "/__db." + nameOf(database.path) + ".db");

@@ -1,4 +1,4 @@
-// Which files of the host a run may change or leave behind.
+// The files of the host that a run may change or create.
 #pragma once
 
 #include "ctl/host/Postfix.h"
@@ -8,26 +8,26 @@
 
 namespace torva::ctl {
 
-/// An alias database that a run makes when it is missing, and rebuilds.
+/// An alias database that a run rebuilds, and creates if it does not exist.
 struct AliasDatabase {
     std::string type;
     std::string path; ///< absolute
-    std::string text; ///< as it stands in the list
+    std::string text; ///< as written in the list
 };
 
-/// Those of alias_maps and alias_database, references expanded, each once.
+/// Those in alias_maps and alias_database, with references expanded, each once.
 std::vector<AliasDatabase> aliasDatabases(const Postfix& postfix);
 
-/// Whether a path is something else than a file, links followed: a FIFO or device, which
-/// whoever reads it would wait for.
+/// Whether a path, following links, exists and is not a regular file: a reader could block
+/// on a FIFO or device.
 bool isNoFile(const std::string& path);
 
-/// What a run, a killed one too, may change: main.cf, master.cf, the directory of the
-/// panel's tables, the alias databases; with what symbolic links lead to. Each path goes
-/// through no link itself, and none lies below another. A directory stands for all in it.
+/// The paths that a run, even a killed one, may change: main.cf, master.cf, the directory of
+/// the panel's tables, the alias databases; and the targets of symbolic links. No path
+/// contains a link, and none is below another. A directory includes everything in it.
 std::vector<std::string> touchedPaths(const Postfix& postfix);
 
-/// Drops what lies below another path, and sorts.
+/// Drops paths below another path, and sorts.
 std::vector<std::string> withoutNested(std::vector<std::string> paths);
 
 } // namespace torva::ctl

@@ -10,14 +10,14 @@ bool holds(const std::string& text, const std::string& mark) {
     return text.find(mark) != std::string::npos;
 }
 
-// Marks in Postfix's words, and what helps. The first that fits is taken, so what is
-// particular stands before what is general.
+// Texts in Postfix's messages, and the advice. The first that matches is used, so specific
+// ones come before general ones.
 struct Known {
     const char* mark;
     const char* advice;
 };
 
-// What is wrong on the host itself.
+// Problems of the host itself.
 const std::vector<Known> causes = {
     {"no_relay.re", "The panel writes this table; until then smtpd answers 451 to every client."},
     {"non_auth.re", "The panel writes this table; until then smtpd answers 451 to every client."},
@@ -32,7 +32,7 @@ const std::vector<Known> causes = {
     {"master_spawn: exec", "Look at daemon_directory, and whether Postfix is installed whole."},
 };
 
-// What a message meets, on the host or only in the private world.
+// Problems of a message, on the host or only in the private world.
 const char* const noNameServers =
     "There are no name servers in the private world: this tells nothing about the host.";
 const std::vector<Known> obstacles = {
@@ -76,7 +76,7 @@ bool namesNobodysHost(const std::string& evidence) {
     return holds(evidence, "localhost.localdomain") && holds(evidence, "Name service error");
 }
 
-// The command itself, so that nobody has to find out how main.cf spells it.
+// The whole command, with the value that main.cf has.
 std::string addToMyDestination(const Surroundings& around, const std::string& name) {
     const std::string separator = around.myDestination.empty() ? "" : ", ";
     return "postconf -e 'mydestination=" + around.myDestination + separator + name + "'";

@@ -1,5 +1,5 @@
-// What to do about a message that was not delivered. One table: a mark in the words of
-// Postfix, and the advice that helps.
+// What to do about a message that was not delivered. One table: a text in Postfix's
+// messages, and the advice for it.
 #pragma once
 
 #include "ctl/rehearsal/DeliveryFindings.h"
@@ -8,13 +8,12 @@
 
 namespace torva::ctl::rehearsal {
 
-/// Advice for a message that was not delivered; empty when the words of Postfix are all
-/// there is.
+/// Advice for a message that was not delivered; empty when there is none.
 ///
 /// \param evidence  the reply, the reason and the lines of the log about it
 std::string adviceFor(const std::string& evidence, const Surroundings& around);
 
-/// The part of it that holds for a service, too: what is wrong on the host itself.
+/// The part of it that is also for services: problems of the host itself.
 std::string adviceForService(const std::string& evidence);
 
 } // namespace torva::ctl::rehearsal

@@ -71,7 +71,7 @@ Configuration readConfiguration(MailLog& log, const std::string& directory,
                       deadline));
     configuration.myDestination = parseSettings(requireOutput(
         log, {postconf, "-c", directory, "mydestination"}, deadline))["mydestination"];
-    // A master.cf that Postfix refuses is told by its start.
+    // If Postfix refuses master.cf, starting it reports that.
     configuration.services =
         parseServices(runWatched(log, {postconf, "-c", directory, "-M"}, deadline).output);
     return configuration;

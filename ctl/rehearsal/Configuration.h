@@ -1,5 +1,5 @@
-// What the rehearsal has to know of the configuration, in Postfix's own words, and how
-// Postfix is made ready to start on it.
+// The part of the configuration that the rehearsal needs, as Postfix prints it, and the
+// preparation for starting Postfix with it.
 #pragma once
 
 #include "ctl/rehearsal/MailLog.h"
@@ -22,25 +22,25 @@ struct Configuration {
     std::string get(const std::string& name) const;
 };
 
-/// Asks postconf(1).
+/// Runs postconf(1).
 ///
-/// \throws std::runtime_error  its words, when it fails
+/// \throws std::runtime_error  its message, when it fails
 Configuration readConfiguration(MailLog& log, const std::string& directory,
                                 const Deadline& deadline);
 
-/// Has Postfix log to /dev/log where "maillog_file" sends its log to a file: on a copy
-/// of the configuration that takes the place of its directory.
+/// Makes Postfix log to /dev/log if "maillog_file" sends its log to a file, by mounting a
+/// changed copy of the configuration over its directory.
 ///
 /// \param scratch  directory for the copy
-/// \throws std::runtime_error  the words of cp(1) or postconf(1)
+/// \throws std::runtime_error  the message of cp(1) or postconf(1)
 void logToSystem(MailLog& log, const Configuration& configuration, const std::string& scratch,
                  const Deadline& deadline);
 
-/// Gives the outside client a name, and the chroot of Postfix the names and the missing
-/// name servers of this world.
+/// Gives the outside client a name, and updates Postfix's chroot with the names of this
+/// world, which has no name servers.
 ///
 /// \throws SystemError  "mount" and the path
-/// Debian's own preparation of the chroot is run where it is; its failure is no error.
+/// Debian's script for the chroot is run if it exists; its failure is not an error.
 void prepareNames(MailLog& log, const Configuration& configuration,
                   const std::string& clientAddress, const Deadline& deadline);
 

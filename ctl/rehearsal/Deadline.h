@@ -1,5 +1,4 @@
-// A moment by which something has to be done. All waiting of the rehearsal is bounded by
-// one of these.
+// A moment by which something must be done. Every wait in the rehearsal has one.
 #pragma once
 
 #include <algorithm>
@@ -9,18 +8,18 @@ namespace torva::ctl::rehearsal {
 
 class Deadline {
 public:
-    /// The moment that is so far away.
+    /// The moment after this time.
     explicit Deadline(std::chrono::milliseconds from_now)
         : moment_(std::chrono::steady_clock::now() + from_now) {}
 
-    /// The earlier one of this moment and the one that is so far away.
+    /// The earlier of this moment and the one after that time.
     Deadline within(std::chrono::milliseconds from_now) const {
         Deadline other(from_now);
         other.moment_ = std::min(other.moment_, moment_);
         return other;
     }
 
-    /// What is left, rounded up, for poll(2): 0 when the moment is over.
+    /// The time left, rounded up, for poll(2); 0 when the moment has passed.
     int milliseconds() const {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(
             moment_ - std::chrono::steady_clock::now());

@@ -31,8 +31,7 @@ bool isServerFault(const SmtpReply& reply) {
     return reply.code == 0 || reply.text.compare(0, 5, "451 4") == 0 || reply.code == 421;
 }
 
-// The line in which smtpd(8) tells its refusal; after a fault, the one that tells the
-// cause.
+// The line in which smtpd(8) logs its refusal; after a fault, the one with the cause.
 LogLine lineOfRefusal(const std::vector<LogLine>& dialogue, const SmtpReply& reply) {
     LogLine worst = worstLine(dialogue);
     if (isServerFault(reply) && !worst.text.empty()) {
@@ -44,8 +43,8 @@ LogLine lineOfRefusal(const std::vector<LogLine>& dialogue, const SmtpReply& rep
     return reject == dialogue.end() ? worst : *reject;
 }
 
-// Advice about what is told; the rest of the dialogue is asked only when that gives
-// none, for it holds much that has nothing to do with it.
+// Advice for the evidence; the rest of the dialogue is searched only if there is none,
+// because most of it is unrelated.
 std::string adviceAbout(const std::string& told, const std::vector<LogLine>& dialogue,
                         const Surroundings& around) {
     std::string advice = adviceFor(told, around);
@@ -59,8 +58,8 @@ std::string adviceAbout(const std::string& told, const std::vector<LogLine>& dia
     return adviceFor(all, around);
 }
 
-// The server has gone or does not come: why is told once in the log, perhaps while
-// another message was offered.
+// The server has ended or does not start: the log says why once, perhaps while another
+// message was sent.
 Finding tellNoAnswer(const Attempt& attempt, const std::vector<LogLine>& log,
                      const Surroundings& around) {
     const std::vector<LogLine> dialogue = dialogueOf(attempt, log);
@@ -99,7 +98,7 @@ std::string stationsOf(const std::vector<Delivery>& deliveries) {
     for (const Delivery& delivery : deliveries) {
         const std::string station =
             delivery.recipient + " by " + delivery.relay + " (" + delivery.reason + ")";
-        // Once for a recipient that several addresses lead to.
+        // Only once for a recipient with several addresses.
         if (text.find(station) == std::string::npos) {
             text += (text.empty() ? "" : ", ") + station;
         }
@@ -111,8 +110,8 @@ std::string domainOf(const std::string& address) {
     return address.substr(address.rfind('@') + 1);
 }
 
-// Whether Postfix has tried to pass the message on to another host, which cannot work
-// here: it has done its part.
+// Whether Postfix has tried to forward the message to another host, which cannot succeed
+// here, but is all that it can do.
 bool leavesHost(const Delivery& delivery, const Surroundings& around) {
     const std::string domain = domainOf(delivery.recipient);
     if (delivery.status != "deferred" || delivery.line.daemon() != "smtp" ||
@@ -140,7 +139,7 @@ Finding tellUndelivered(const std::string& what, const Delivery& delivery,
         adviceFor(delivery.line.whole(), around));
 }
 
-// All that is left here is where it went.
+// Everything was delivered: only tells where.
 Finding tellDelivered(const std::string& what, const std::vector<Delivery>& deliveries) {
     std::string leaving;
     std::vector<Delivery> here;

@@ -1,6 +1,5 @@
-// What the operator reads of a rehearsal: a finding for each message, for each program
-// that is missing, for each service that could not start. Pure; what happened comes from
-// Stage.cpp.
+// The findings of a rehearsal: one for each message, for each missing program, for each
+// service that could not start. Pure; the facts come from Stage.cpp.
 #pragma once
 
 #include "ctl/rehearsal/LogLine.h"
@@ -19,27 +18,27 @@ namespace torva::ctl::rehearsal {
 /// One message, and the result of offering it.
 struct Attempt {
     std::string what;         ///< for the reader: "from outside to postmaster@example.net"
-    bool relaying = false;    ///< to a domain that this host does not serve: to be refused
+    bool relaying = false;    ///< to a domain that this host does not serve: must be refused
     std::string messageId;    ///< with angle brackets
-    SmtpOutcome outcome;      ///< of sendmail(1): step "sendmail", its words as failure
-    std::size_t logBegin = 0; ///< lines of the log from here on, up to
-    std::size_t logEnd = 0;   ///< here, are those of its dialogue
+    SmtpOutcome outcome;      ///< of sendmail(1): step "sendmail", its message as failure
+    std::size_t logBegin = 0; ///< index of the first line of the log for its dialogue
+    std::size_t logEnd = 0;   ///< index after the last
 };
 
-/// What advice may refer to.
+/// Facts that advice may refer to.
 struct Surroundings {
     std::vector<MissingProgram> missing;
     std::string hostName;
     std::string myDestination; ///< as main.cf has it, not expanded
 };
 
-/// What became of a message.
+/// What happened to a message.
 ///
-/// \param log  all of it
+/// \param log  the whole log
 Finding tellAttempt(const Attempt& attempt, const std::vector<LogLine>& log,
                     const Surroundings& around);
 
-/// That a program is missing, and who wants it.
+/// That a program is missing, and which services need it.
 Finding tellMissing(const MissingProgram& program);
 
 /// That a service could not start, or ended.
@@ -50,7 +49,7 @@ Finding tellFault(const ServiceFault& fault);
 /// \param said  what "postfix start" printed, if anything
 Finding tellNoStart(const std::string& said, const std::vector<LogLine>& log);
 
-/// That the rehearsal itself could not go on.
+/// That the rehearsal itself failed.
 Finding tellTrouble(const std::string& why);
 
 } // namespace torva::ctl::rehearsal

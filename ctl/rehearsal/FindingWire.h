@@ -1,5 +1,5 @@
-// How findings travel from the inner world to whoever asked for the rehearsal: records
-// of four texts, each ended by a null byte. Pure.
+// The format in which findings are sent from the inner world to the caller of the
+// rehearsal: records of four texts, each ended by a null byte. Pure.
 #pragma once
 
 #include "ctl/report/Finding.h"
@@ -9,21 +9,21 @@
 
 namespace torva::ctl::rehearsal {
 
-/// What has arrived.
+/// The received findings.
 struct Received {
     std::vector<Finding> findings;
-    std::string step; ///< what was begun last; empty: nothing
+    std::string step; ///< the last step that was begun; empty: none
 };
 
 /// A finding as a record. Null bytes in its texts become blanks.
 std::string encode(const Finding& finding);
 
-/// That a step begins, as a record.
+/// The beginning of a step as a record.
 ///
 /// \param step  for the reader: "starting Postfix"
 std::string encodeStep(const std::string& step);
 
-/// Reads records. One that is cut off at the end, by a death, is left out.
+/// Reads records. An incomplete one at the end, from a process that died, is ignored.
 Received decode(const std::string& records);
 
 } // namespace torva::ctl::rehearsal

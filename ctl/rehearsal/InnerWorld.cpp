@@ -19,14 +19,14 @@ namespace {
 
 namespace fs = boost::filesystem;
 
-// There in every private world, and covered again when all stands.
+// It exists in every private world, and is covered again at the end.
 const char* const scratchPlace = "/dev/shm";
 
-// Private already, so that a change of them is no harm.
+// Already private, so that changes to them are harmless.
 const std::set<std::string> privateAlready = {"/etc", "/run", "/usr", "/var"};
 
-// What Postfix itself makes and fills in its queue directory. Files move between these
-// by rename(2), so they have to be on one file system.
+// The directories that Postfix itself creates and fills in its queue directory. Files are
+// moved between them by rename(2), so they must be on one file system.
 const std::set<std::string> queueDirectories = {
     "active",   "bounce",   "corrupt", "defer",   "deferred", "flush", "hold",
     "incoming", "maildrop", "pid",     "private", "public",   "saved", "trace"};
@@ -41,7 +41,7 @@ std::vector<std::string> topLevelDirectories() {
     return names;
 }
 
-// A place to cover, and where what is there can be reached meanwhile.
+// A directory to cover, and another path to its contents.
 struct Place {
     std::string path;
     std::string scratch;
@@ -49,11 +49,11 @@ struct Place {
     std::string low() const { return scratch + "/low"; }
 };
 
-// All of them before the first is covered: what is mounted below is out of sight then.
+// All of them before the first is covered, which hides the mounts below it.
 std::vector<Place> holdAside(const std::vector<std::string>& paths, const std::string& scratch) {
     std::vector<Place> places;
     for (const std::string& path : paths) {
-        // The mount table also names what another mount has covered.
+        // The mount table also contains mounts that another one has covered.
         if (!fs::exists(path)) {
             continue;
         }
@@ -68,7 +68,7 @@ void cover(const Place& place) {
     if (fs::is_directory(place.low()) && coverWithOverlay(place.path, place.low(), place.scratch)) {
         return;
     }
-    // Its parent may have been covered: it must always be brought back.
+    // Its parent may have been covered, so it must always be mounted again.
     bindMount(place.low(), place.path);
     if (privateAlready.count(place.path) == 0) {
         makeReadOnly(place.path);

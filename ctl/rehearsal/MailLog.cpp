@@ -38,7 +38,7 @@ MailLog::MailLog(const std::string& path) : socket_(bindSocket(path)) {}
 bool MailLog::takeAll() {
     std::array<char, 8192> datagram;
     bool some = false;
-    // A program that logs without end must not keep us from looking at the time.
+    // A program that logs without end must not keep us from checking the deadline.
     for (int count = 0; count < 1000; ++count) {
         const ssize_t size = process::retried(
             [&] { return ::recv(socket_.get(), datagram.data(), datagram.size(), MSG_DONTWAIT); });
@@ -59,7 +59,7 @@ Wake MailLog::wait(int fd, short events, const Deadline& deadline) {
     std::array<pollfd, 2> waits{pollfd{socket_.get(), POLLIN, 0}, pollfd{fd, events, 0}};
     process::systemCall(
         "poll", [&] { return ::poll(waits.data(), waits.size(), deadline.milliseconds()); });
-    // Also when only the descriptor is ready: what was logged before that counts.
+    // Even if only the descriptor is ready: earlier messages must be read.
     const bool logged = takeAll();
     if (waits[1].revents != 0) {
         return Wake::ready;

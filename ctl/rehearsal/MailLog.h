@@ -1,5 +1,5 @@
-// The system log of the rehearsal: the socket at which every program of the inner world
-// leaves its messages. What a message says is LogLine.h.
+// The system log of the rehearsal: the socket to which every program of the inner world
+// sends its messages. Their format is LogLine.h.
 #pragma once
 
 #include "ctl/rehearsal/Deadline.h"
@@ -13,13 +13,13 @@ namespace torva::ctl::rehearsal {
 
 /// Why a wait ended.
 enum class Wake {
-    ready,  ///< the descriptor is ready; all that was logged before that is taken
+    ready,  ///< the descriptor is ready; all earlier messages have been read
     logged, ///< something was logged
     late    ///< the deadline came first
 };
 
-/// Collects what is logged. The kernel keeps ten messages or so; who logs more waits
-/// until they are read. So nothing may wait for a program of Postfix but with wait().
+/// Collects the messages. The kernel keeps ten or so; a program that logs more blocks until
+/// they are read. So nothing may wait for a program of Postfix except by wait().
 class MailLog {
 public:
     /// Binds the socket, which anybody may write to. See unix(7).
@@ -28,12 +28,12 @@ public:
     /// \throws SystemError  "socket", "bind", "chmod", and the path
     explicit MailLog(const std::string& path);
 
-    /// All that was logged so far, oldest first.
+    /// All messages so far, oldest first.
     const std::vector<LogLine>& lines() const { return lines_; }
 
     /// Waits for a descriptor or a message of the log, whichever comes first.
     ///
-    /// \param fd      descriptor; -1: none, the log alone
+    /// \param fd      descriptor; -1: only the log
     /// \param events  POLLIN or POLLOUT
     /// \throws SystemError  "poll", "recv"
     Wake wait(int fd, short events, const Deadline& deadline);

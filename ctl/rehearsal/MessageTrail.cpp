@@ -8,7 +8,7 @@
 namespace torva::ctl::rehearsal {
 namespace {
 
-// What is known of one queue id.
+// What is known about one queue id.
 struct Queued {
     bool removed = false; // from the queue
     bool waits = false;   // for another attempt, for an administrator, or for nothing
@@ -23,7 +23,7 @@ bool startsWith(std::string_view text, std::string_view start) {
     return text.substr(0, start.size()) == start;
 }
 
-// What stands between two marks; nothing when either is missing.
+// The text between two marks; nothing when either is missing.
 std::string between(std::string_view text, std::string_view before, std::string_view after) {
     const std::size_t begin = text.find(before);
     if (begin == std::string_view::npos) {
@@ -83,7 +83,7 @@ void take(Queued& queued, const LogLine& line, std::string_view said) {
 
 using Queues = std::map<std::string, Queued, std::less<>>;
 
-// Whether a delivery only handed the message over to another queue id of its own.
+// Whether a delivery only passed the message to another of its own queue ids.
 bool leadsOn(const Delivery& delivery, const Queues& queues) {
     if (delivery.status != "sent") {
         return false;
@@ -98,7 +98,7 @@ bool leadsOn(const Delivery& delivery, const Queues& queues) {
     return false;
 }
 
-// A line "QUEUE-ID: WHAT IS SAID" in its two parts.
+// The two parts of a line "QUEUE-ID: TEXT".
 bool split(const LogLine& line, std::string& id, std::string_view& said) {
     const std::size_t colon = line.text.find(": ");
     if (colon == std::string::npos) {
@@ -135,17 +135,17 @@ MessageTrail followMessage(const std::vector<LogLine>& log, const std::string& m
             continue;
         }
         Queued& queued = found->second;
-        // cleanup(8) may say something of a header that comes before the Message-ID.
+        // cleanup(8) may log something about a header before the Message-ID.
         queued.ours = queued.ours || said == "message-id=" + messageId;
         take(queued, line, said);
         if (queued.removed && !queued.ours) {
-            queued = {}; // that was another message, which had this id before
+            queued = {}; // that was another message, with the same id
         }
     }
     trail.queued = !queues.empty();
     trail.settled = trail.queued;
     for (const auto& [ignored, queued] : queues) {
-        // The line of what is still on its way tells more than that of what is done.
+        // A line about an unsettled part is more informative than one about a settled part.
         if (trail.last.text.empty() || (trail.settled && !queued.settled())) {
             trail.last = queued.last;
         }

@@ -1,5 +1,5 @@
-// What Postfix's log tells about one message, from the moment that it is queued. Pure:
-// lines in, outcome out. What a client was answered before that is SmtpDialogue.h.
+// What Postfix's log says about one message after it is queued. Pure: lines in, result out.
+// The replies to the client before that are SmtpDialogue.h.
 #pragma once
 
 #include "ctl/rehearsal/LogLine.h"
@@ -19,19 +19,19 @@ struct Delivery {
     LogLine line;
 };
 
-/// The way of a message.
+/// What happened to a message.
 struct MessageTrail {
-    /// Last stations only: a hand-over to a filter that gave the message back to
-    /// Postfix, and a forward within this host, are none.
+    /// Only final ones, not those to a filter that returned the message to Postfix, and not
+    /// forwards within this host.
     std::vector<Delivery> deliveries;
-    bool queued = false;  ///< whether any queue has seen it
-    bool settled = false; ///< whether nothing more is to come without a new attempt
-    LogLine last;         ///< last line about a part of it that is not settled, or else about
-                          ///< any; empty: none
+    bool queued = false;  ///< whether it was in any queue
+    bool settled = false; ///< whether nothing more happens without a new attempt
+    LogLine last;         ///< last line about a part of it that is not settled, otherwise
+                          ///< about any; empty: none
 };
 
-/// Follows a message through the log, also where a filter or an alias has it queued
-/// again: it keeps its Message-ID then, by which cleanup(8) tells each new queue id.
+/// Follows a message through the log, even if a filter or an alias queues it again: it then
+/// keeps its Message-ID, with which cleanup(8) logs each new queue id.
 ///
 /// \param messageId  with its angle brackets
 MessageTrail followMessage(const std::vector<LogLine>& log, const std::string& messageId);

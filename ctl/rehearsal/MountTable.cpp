@@ -89,7 +89,7 @@ std::vector<std::string> placesToCover(const std::vector<MountPoint>& mounts,
             places.insert(mount.path);
         }
     }
-    // In the order of their bytes "/a" stands before all that begins with "/a/".
+    // In byte order, "/a" comes before everything that begins with "/a/".
     return {places.begin(), places.end()};
 }
 

@@ -1,5 +1,5 @@
-// The mounts of a process, and which of them the inner world has to cover. Pure: text
-// in, lists out; who mounts is InnerWorld.h.
+// The mounts of a process, and those that the inner world must cover. Pure: text in, lists
+// out; the mounting is InnerWorld.h.
 #pragma once
 
 #include <string>
@@ -13,17 +13,16 @@ struct MountPoint {
     std::string type; ///< of the file system, for example "ext4"
 };
 
-/// Reads the text of /proc/self/mountinfo. Lines that are none are left out.
+/// Reads the text of /proc/self/mountinfo. Malformed lines are ignored.
 std::vector<MountPoint> parseMountInfo(const std::string& text);
 
 /// Whether all of the paths are mount points.
 bool areMountPoints(const std::vector<MountPoint>& mounts, const std::vector<std::string>& paths);
 
-/// The directories to cover, parents first, each once: those right below the root, and
-/// what is mounted below them, but for /dev, /proc and /sys, and for file systems that
-/// are windows on the kernel.
+/// The directories to cover, parents first, each once: those in the root, and mounts below
+/// them, except /dev, /proc and /sys, and file systems of the kernel.
 ///
-/// \param topLevel  names of the directories in the root, links left out
+/// \param topLevel  names of the directories in the root, without links
 std::vector<std::string> placesToCover(const std::vector<MountPoint>& mounts,
                                        const std::vector<std::string>& topLevel);
 

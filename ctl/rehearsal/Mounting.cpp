@@ -117,7 +117,7 @@ void copyOwnership(const std::string& from, const std::string& to) {
     struct stat status = {};
     require(::stat(from.c_str(), &status), "stat " + from);
     require(::chown(to.c_str(), status.st_uid, status.st_gid), "chown " + to);
-    // After chown(2), which takes set-group-id away.
+    // After chown(2), which clears set-group-id.
     require(::chmod(to.c_str(), status.st_mode & 07777), "chmod " + to);
 }
 

@@ -23,14 +23,14 @@ void enter(const process::Descriptor& network) {
     process::systemCall("setns", [&] { return ::setns(network.get(), CLONE_NEWNET); });
 }
 
-// Moves this thread to a network for as long as it lives.
+// Moves this thread to a network namespace during its lifetime.
 class Visit {
 public:
     Visit(const process::Descriptor& there, const process::Descriptor& home) : home_(home) {
         enter(there);
     }
-    // A failure would leave Postfix's network to the wrong side; setns(2) has none for
-    // a namespace that root has come from.
+    // A failure would leave us in the wrong network, but setns(2) does not fail for the
+    // namespace from which root has come.
     ~Visit() { ::setns(home_.get(), CLONE_NEWNET); }
     Visit(const Visit&) = delete;
     Visit& operator=(const Visit&) = delete;
@@ -47,8 +47,8 @@ void ip(MailLog& log, const Deadline& deadline, std::vector<std::string> words) 
     }
 }
 
-// One end: its address, and the way to the other. Of the length 32: a network of its
-// own would be one that Postfix trusts, where it trusts the networks of its interfaces.
+// One end: its address, and a route to the other. The prefix length is 32: Postfix may trust
+// the networks of its interfaces, and these must not include the client.
 void setUpEnd(MailLog& log, const Deadline& deadline, const std::string& device,
               const std::string& address, const std::string& other) {
     ip(log, deadline, {"address", "add", address + "/32", "dev", device});
@@ -90,7 +90,7 @@ OutsideNetwork::OutsideNetwork(MailLog& log, const LinkAddresses& addresses,
     : inside_(currentNetwork()) {
     process::systemCall("unshare", [] { return ::unshare(CLONE_NEWNET); });
     {
-        // Back home by its destructor, also when something fails.
+        // The destructor moves us back, even if something fails.
         outside_ = currentNetwork();
         const Visit visit(outside_, inside_);
         // ip(8) opens this path; our own descriptor it does not have.

@@ -1,5 +1,5 @@
-// The place of the outside client: a network namespace of its own, joined to this one
-// by a cable with an address at each end, and to nothing else. See veth(4).
+// The network of the outside client: a separate network namespace, connected only to this
+// one, by a virtual cable with an address at each end. See veth(4).
 #pragma once
 
 #include "ctl/rehearsal/MailLog.h"
@@ -12,12 +12,12 @@ namespace torva::ctl::rehearsal {
 
 /// The two ends of the cable, as dotted quads.
 struct LinkAddresses {
-    std::string server; ///< this world's
+    std::string server; ///< of this world
     std::string client; ///< outside
 };
 
-/// Addresses of a documentation network (RFC 5737) that this host knows nothing of, so
-/// that its Postfix takes the client for what it is, a stranger.
+/// Addresses from a documentation network (RFC 5737) that this host does not use or trust,
+/// so that the client is a stranger to its Postfix.
 ///
 /// \param localAddresses  addresses of this host
 /// \param trusted         value of "mynetworks"
@@ -29,13 +29,13 @@ LinkAddresses chooseAddresses(const std::string& trusted);
 
 class OutsideNetwork {
 public:
-    /// Makes the namespace and lays the cable. /proc has to show this process as 1.
+    /// Creates the namespace and the cable. This process must be 1 in /proc.
     ///
     /// \throws SystemError         "open", "unshare", "setns"
-    /// \throws std::runtime_error  the words of ip(8)
+    /// \throws std::runtime_error  the message of ip(8)
     OutsideNetwork(MailLog& log, const LinkAddresses& addresses, const Deadline& deadline);
 
-    /// A TCP socket whose packets start outside.
+    /// A TCP socket in the outside namespace.
     /// \throws SystemError  "setns", "socket"
     process::Descriptor openSocket() const;
 

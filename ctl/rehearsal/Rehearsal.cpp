@@ -31,7 +31,7 @@ namespace {
 
 using namespace rehearsal;
 
-constexpr std::chrono::seconds longest(28); // the kernel's own clearing away comes on top
+constexpr std::chrono::seconds longest(28); // the kernel's cleaning up takes time, too
 
 void requirePrivateWorld() {
     const char* const kind = std::getenv("TORVA_SANDBOX");
@@ -51,14 +51,14 @@ void writeWhole(int fd, const std::string& bytes) {
     }
 }
 
-// Whoever asked has gone already: the death signal below would never come.
+// The caller has ended already: the death signal below would never come.
 bool isAlone(int fd) {
     pollfd wait{fd, POLLOUT, 0};
     return ::poll(&wait, 1, 0) == 1 && (wait.revents & POLLERR) != 0;
 }
 
-// The child starts with the signals and streams of a fresh process: what the caller
-// has set up is for the caller.
+// The child starts with the signals and streams of a new process, not those that the caller
+// has set up.
 void forgetCaller() {
     struct sigaction action = {};
     action.sa_handler = SIG_DFL;
@@ -76,7 +76,7 @@ void forgetCaller() {
     }
 }
 
-// Process 1 of the inner world. With its end the kernel kills all others in there.
+// Process 1 of the inner world. When it ends, the kernel kills all others in it.
 [[noreturn]] void runChild(const RehearsalPlace& place, int report) noexcept {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (isAlone(report)) {
@@ -95,8 +95,7 @@ void forgetCaller() {
     ::_exit(0);
 }
 
-// The inner world, as a process of ours. It ends, with everything in it, at the latest
-// with this object.
+// The inner world, as our child process. The destructor ends it with everything in it.
 class InnerProcess {
 public:
     explicit InnerProcess(const RehearsalPlace& place) : pipe_(process::openPipe("pipe")) {
@@ -119,7 +118,7 @@ public:
     InnerProcess(const InnerProcess&) = delete;
     InnerProcess& operator=(const InnerProcess&) = delete;
 
-    // What it reports until it ends; inTime: whether it has ended.
+    // Its reports until it ends; inTime: whether it has ended.
     std::string readReport(const Deadline& deadline, bool& inTime) {
         std::string report;
         pollfd wait{pipe_.read.get(), POLLIN, 0};

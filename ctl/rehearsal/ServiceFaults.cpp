@@ -50,7 +50,7 @@ bool parseEnd(const LogLine& line, std::string& path, long& pid) {
     return true;
 }
 
-// The worst that a process said, or else what master(8) said of it.
+// The worst message of a process, otherwise that of master(8) about it.
 LogLine lastWords(const std::vector<LogLine>& log, long pid, const LogLine& end) {
     std::vector<LogLine> own;
     std::copy_if(log.begin(), log.end(), std::back_inserter(own),

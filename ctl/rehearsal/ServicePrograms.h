@@ -1,5 +1,5 @@
-// The programs that the services of master.cf run, and which of them are not there.
-// Whether one that is there starts shows in the log: ServiceFaults.h.
+// The programs that the services of master.cf run, and those that are missing. Whether the
+// others start is found in the log: ServiceFaults.h.
 #pragma once
 
 #include <functional>
@@ -12,28 +12,28 @@ namespace torva::ctl::rehearsal {
 struct ServiceEntry {
     std::string name;    ///< first column, for example "127.0.0.1:10025"
     std::string command; ///< eighth column, for example "spawn"
-    std::string program; ///< what "argv=" names; empty: nothing
+    std::string program; ///< the program in "argv="; empty: none
 };
 
-/// Reads what "postconf -M" prints. Lines with fewer than eight columns are left out.
+/// Reads the output of "postconf -M". Lines with fewer than eight columns are ignored.
 std::vector<ServiceEntry> parseServices(const std::string& text);
 
-/// A program that is not there.
+/// A missing program.
 struct MissingProgram {
     std::string path;
     std::vector<std::string> services; ///< names of those that run it
-    bool panels;                       ///< whether it comes with the panel
+    bool panels;                       ///< whether it belongs to the panel
 
     /// The path without its directories.
     std::string name() const;
 };
 
-/// The programs of Postfix's own services, and of the panel's, that cannot be run. A
-/// pipe(8) or spawn(8) service of somebody else is not looked at: the ones that Debian
-/// lists run programs of packages that hardly any host has.
+/// The programs of Postfix's own services, and of the panel's, that cannot be run. Other
+/// pipe(8) and spawn(8) services are ignored: those that Debian lists run programs from
+/// packages that hardly any host has.
 ///
 /// \param daemonDirectory  of Postfix
-/// \param canRun           whether there is such a program, given its path
+/// \param canRun           whether the program at a path can be run
 /// \return in the order of the services
 std::vector<MissingProgram>
 findMissingPrograms(const std::vector<ServiceEntry>& services, const std::string& daemonDirectory,

@@ -48,7 +48,7 @@ void SmtpConnection::send(const std::string& bytes) {
                 }
             }
         } else if (errno != EINTR) {
-            // What the server said before it left is still to be read.
+            // The server's last bytes must still be read.
             return;
         }
     }
@@ -56,8 +56,8 @@ void SmtpConnection::send(const std::string& bytes) {
 
 bool SmtpConnection::await(SmtpReply& reply) {
     while (!reader_.hasReply() && failure_.empty()) {
-        // Another server of the same program may be the one that cannot start: this one
-        // gets the time to greet all the same.
+        // The server that cannot start may be another one of the same program, so this one
+        // still gets time for its greeting.
         const bool doubtful = !greeted_ && startIsThrottled(log_.lines(), "smtpd");
         const Deadline limit = doubtful ? deadline_.within(std::chrono::seconds(1)) : deadline_;
         const Wake wake = log_.wait(socket_.get(), connected_ ? POLLIN : POLLOUT, limit);
@@ -82,7 +82,7 @@ bool SmtpConnection::fail(const std::string& text) {
     return false;
 }
 
-// One step: the connection stands, or bytes are read.
+// One step: connects, or reads bytes.
 bool SmtpConnection::receive() {
     if (!connected_) {
         int error = 0;

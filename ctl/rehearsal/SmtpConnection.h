@@ -1,5 +1,4 @@
-// A TCP connection to an SMTP server, with an end to all waiting. What is said over it
-// is SmtpDialogue.h.
+// A TCP connection to an SMTP server, with a deadline. The dialogue is SmtpDialogue.h.
 #pragma once
 
 #include "ctl/rehearsal/MailLog.h"
@@ -10,7 +9,7 @@
 
 namespace torva::ctl::rehearsal {
 
-/// A TCP socket of this network, for the constructor below.
+/// A TCP socket in this network, for the constructor below.
 /// \throws SystemError  "socket"
 process::Descriptor openLocalSocket();
 
@@ -18,17 +17,17 @@ class SmtpConnection : public SmtpChannel {
 public:
     /// Begins to connect to port 25.
     ///
-    /// \param log       is taken while this waits; has to live as long
+    /// \param log       is read while this waits; must outlive the object
     /// \param socket    non-blocking, not connected
     /// \param address   of the server, a dotted quad
-    /// \param deadline  by which all is said
+    /// \param deadline  for the whole dialogue
     SmtpConnection(MailLog& log, process::Descriptor socket, const std::string& address,
                    const Deadline& deadline);
 
     void send(const std::string& bytes) override;
 
-    /// As told there. Without a greeting it ends a second after Postfix has logged that
-    /// it cannot start a server: such a connection is not answered for a minute.
+    /// See SmtpChannel. Without a greeting, it stops a second after Postfix has logged that
+    /// it cannot start a server: it does not answer such a connection for a minute.
     bool await(SmtpReply& reply) override;
 
     std::string failure() const override { return failure_; }
@@ -41,7 +40,7 @@ private:
     process::Descriptor socket_;
     Deadline deadline_;
     std::string address_;
-    std::string failure_; // once it is set nothing more is sent or awaited
+    std::string failure_; // once this is set, nothing more is sent or awaited
     SmtpReplyReader reader_;
     bool connected_ = false;
     bool greeted_ = false;

@@ -6,8 +6,8 @@
 namespace torva::ctl::rehearsal {
 namespace {
 
-// The text as it travels after DATA: lines end with CR LF, a dot at their beginning is
-// doubled, a dot alone ends it. See RFC 5321, 4.5.2.
+// The text as it is sent after DATA: lines end with CR LF, a dot at the beginning of a line
+// is doubled, a single dot ends it. See RFC 5321, 4.5.2.
 std::string asData(const std::string& text) {
     std::string data;
     bool lineBegins = true;

@@ -1,5 +1,5 @@
-// One message handed to an SMTP server, command by command, up to its verdict. How
-// bytes travel and how long that may take is the channel's business.
+// Sends one message to an SMTP server, command by command, until it is accepted or refused.
+// Transport and time-outs are up to the channel.
 #pragma once
 
 #include "ctl/rehearsal/SmtpReply.h"
@@ -8,12 +8,12 @@
 
 namespace torva::ctl::rehearsal {
 
-/// The way to a server, for commands and replies.
+/// A channel to a server, for commands and replies.
 class SmtpChannel {
 public:
     virtual ~SmtpChannel() = default;
 
-    /// Sends bytes as they are; a failure shows in the next await().
+    /// Sends bytes as they are; a failure is reported by the next await().
     virtual void send(const std::string& bytes) = 0;
 
     /// Waits for the next reply.
@@ -25,7 +25,7 @@ public:
     virtual std::string failure() const = 0;
 };
 
-/// What is sent.
+/// A message to send.
 struct SmtpMessage {
     std::string helo;      ///< the client's name for EHLO
     std::string sender;    ///< address without angle brackets
@@ -33,17 +33,17 @@ struct SmtpMessage {
     std::string text;      ///< header and body; lines end with "\n"
 };
 
-/// How it ended.
+/// The result.
 struct SmtpOutcome {
-    bool accepted = false; ///< the server has taken the message
-    SmtpReply reply;       ///< the reply that decided; of code 0 without one
-    std::string step;      ///< what was answered: "greeting", "EHLO", "MAIL", "RCPT",
+    bool accepted = false; ///< the server has accepted the message
+    SmtpReply reply;       ///< the last reply; with code 0 if there was none
+    std::string step;      ///< the step it belongs to: "greeting", "EHLO", "MAIL", "RCPT",
                            ///< "DATA", "message"
     std::string failure;   ///< why there was no reply; empty when there was one
 };
 
-/// Offers the message; ends with the first reply that refuses. Takes its leave with
-/// QUIT, whose reply it does not wait for.
+/// Sends the message; stops at the first reply that refuses. Ends with QUIT, without
+/// waiting for the reply.
 SmtpOutcome offerMessage(SmtpChannel& channel, const SmtpMessage& message);
 
 } // namespace torva::ctl::rehearsal

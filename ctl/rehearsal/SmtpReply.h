@@ -1,5 +1,5 @@
-// The server's side of an SMTP dialogue as the client reads it: bytes in, replies out.
-// Pure; the connection is SmtpConnection.h. See RFC 5321, 4.2.
+// Parses the replies of an SMTP server: bytes in, replies out. Pure; the connection is
+// SmtpConnection.h. See RFC 5321, 4.2.
 #pragma once
 
 #include <deque>
@@ -10,24 +10,24 @@ namespace torva::ctl::rehearsal {
 
 /// One reply, its lines joined.
 struct SmtpReply {
-    int code = 0;     ///< 0: the server sent something that is no reply
-    std::string text; ///< all of it, "250 2.1.0 Ok"; lines are joined by a blank
+    int code = 0;     ///< 0: the server sent something that is not a reply
+    std::string text; ///< the whole reply, "250 2.1.0 Ok"; lines are joined by a blank
 
     bool positive() const { return code >= 200 && code < 400; }
     bool refused() const { return code >= 400; }
 };
 
-/// Puts replies together from bytes as they come.
+/// Assembles replies from bytes as they arrive.
 class SmtpReplyReader {
 public:
-    /// Takes the next bytes, cut anywhere. A line that is no reply line becomes a reply
-    /// of code 0 with its text, and so does a line longer than any server sends.
+    /// Takes the next bytes, cut anywhere. A malformed line becomes a reply with code 0 and
+    /// its text, and so does a line longer than any server sends.
     void feed(std::string_view bytes);
 
-    /// Whether a whole reply is there.
+    /// Whether there is a complete reply.
     bool hasReply() const { return !replies_.empty(); }
 
-    /// The oldest whole reply, which is taken out.
+    /// Removes and returns the oldest complete reply.
     /// \throws std::logic_error  there is none
     SmtpReply take();
 
@@ -35,7 +35,7 @@ private:
     void takeLine(std::string_view line);
 
     std::string line_;  // bytes since the last line end
-    SmtpReply pending_; // lines of a reply whose last one is still to come
+    SmtpReply pending_; // lines of a reply that is not complete
     std::deque<SmtpReply> replies_;
 };
 

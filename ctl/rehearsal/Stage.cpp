@@ -21,7 +21,7 @@ namespace {
 
 using std::chrono::seconds;
 
-// Together less than the 30 seconds after which the stage is cut off.
+// Together less than the 30 seconds after which the stage is killed.
 constexpr seconds wholeTime(25);
 constexpr seconds toolTime(8);
 constexpr seconds dialogueTime(5);
@@ -61,7 +61,7 @@ private:
     std::vector<Attempt> attempts_;
 };
 
-// False: Postfix refuses it, and that is told.
+// False: Postfix refuses it, which was reported.
 bool Stage::readConfiguration() {
     step("asking Postfix for its configuration");
     try {
@@ -160,7 +160,7 @@ void Stage::sendBySmtp(Attempt attempt, process::Descriptor socket, const std::s
     SmtpConnection connection(log_, std::move(socket), server, deadline_.within(dialogueTime));
     attempt.outcome = offerMessage(connection, message);
     if (!attempt.outcome.failure.empty()) {
-        // A server that died has said why; master(8) tells so a moment later.
+        // A server that died has logged why; master(8) logs its end a moment later.
         const Deadline lastWords = deadline_.within(lastWordsTime);
         while (findServiceFaults(log_.lines()).empty() &&
                log_.wait(-1, 0, lastWords) == Wake::logged) {
@@ -185,11 +185,11 @@ void Stage::sendFromOutside(const std::string& what, const std::string& recipien
 
 void Stage::sendAll() {
     sendBySendmail();
-    // What programs of the host write to.
+    // Programs of the host write to this address.
     const std::string root = "root@" + hostName_;
     sendBySmtp(begin("from loopback to " + root), openLocalSocket(), "127.0.0.1", "127.0.0.1",
                root);
-    // What every other mail server counts on, see RFC 5321, 4.5.1.
+    // Every other mail server relies on this address, see RFC 5321, 4.5.1.
     sendFromOutside("from outside to ", "postmaster@" + hostName_, false);
     sendFromOutside("relaying from outside to ", "somebody@elsewhere.example", true);
 }
@@ -206,8 +206,8 @@ bool Stage::allSettled() const {
 void Stage::awaitAll() {
     step("waiting for the delivery");
     while (!allSettled()) {
-        // A service that cannot start is not tried again for a minute: what waits for it
-        // will not come in our time.
+        // A service that cannot start is not tried again for a minute: messages that wait
+        // for it will not be delivered in our time.
         const std::vector<ServiceFault> faults = findServiceFaults(log_.lines());
         const bool hopeless = std::any_of(faults.begin(), faults.end(),
                                           [](const ServiceFault& fault) { return fault.atStart; });

@@ -19,7 +19,7 @@ process::Descriptor emptyFile() {
         process::systemCall("memfd_create", [] { return ::memfd_create("tool", MFD_CLOEXEC); }));
 }
 
-// The input as a file: a program that reads nothing of it leaves no writer waiting.
+// The input as a file: if the program does not read it, no writer blocks.
 process::Descriptor fileWith(const std::string& text) {
     process::Descriptor file = emptyFile();
     for (std::size_t done = 0; done < text.size();) {
@@ -73,7 +73,7 @@ ToolOutcome runWatched(MailLog& log, const std::vector<std::string>& command,
     request.input = {process::ChildStream::Kind::descriptor, given.get()};
     request.output = {process::ChildStream::Kind::descriptor, said.write.get()};
     request.error = {process::ChildStream::Kind::descriptor, complaints.get()};
-    // A session of its own: when it has to be killed, its children go with it.
+    // A new session, so that its children can be killed with it.
     request.newSession = true;
     request.closeOtherDescriptors = true;
     const process::LaunchResult started = process::launch(request);
@@ -92,7 +92,7 @@ ToolOutcome runWatched(MailLog& log, const std::vector<std::string>& command,
         outcome.error = contentsOf(complaints);
         return outcome;
     }
-    // The output may be held open by a child that goes on, while the program has ended.
+    // A child may hold the output open after the program has ended.
     outcome.ended =
         process::retried([&] { return ::waitpid(started.pid, &outcome.status, WNOHANG); }) != 0;
     ::kill(-started.pid, SIGKILL);

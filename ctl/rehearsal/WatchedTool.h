@@ -1,6 +1,5 @@
-// A run of a program while the log is read, with an end. The library's own runTool()
-// waits as long as the program takes and reads no log, on which Postfix's commands
-// would wait in turn.
+// Runs a program with a deadline while the log is read. The library's runTool() waits
+// without a deadline and does not read the log, on which Postfix's commands would block.
 #pragma once
 
 #include "ctl/rehearsal/MailLog.h"
@@ -10,22 +9,22 @@
 
 namespace torva::ctl::rehearsal {
 
-/// How a program ended and what it said.
+/// The result and the output of a program.
 struct ToolOutcome {
     bool ended = false; ///< false: the deadline came first, and it was killed
     int status = 0;     ///< raw wait status, see waitpid(2)
     std::string output; ///< standard output
-    std::string error;  ///< standard error: apart, for Postfix's tools warn in the middle of
-                        ///< long answers
+    std::string error;  ///< standard error: separate, because Postfix's tools warn in the
+                        ///< middle of long answers
 
-    /// Whether it exited in time, with status 0.
+    /// Whether it exited in time with status 0.
     bool succeeded() const;
 
     /// All that it said: standard error, then standard output.
     std::string said() const { return error + output; }
 };
 
-/// Runs a program to the end of its output, and takes the log meanwhile.
+/// Runs a program to the end of its output, and reads the log meanwhile.
 ///
 /// \param command  path of the program, or its name in PATH, then its arguments
 /// \param input    its standard input

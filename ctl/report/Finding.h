@@ -1,13 +1,12 @@
-// One thing that the companion has to tell about a host: how bad it is, what it
-// concerns, what was seen, what to do about it. How findings are printed is the
-// business of those who collect them.
+// One result of the companion's checks: how bad it is, what it concerns, what was seen,
+// what to do about it. Printing findings is Report.h.
 #pragma once
 
 #include <string>
 
 namespace torva::ctl {
 
-/// How bad a finding is, or that it tells of something that was done.
+/// How bad a finding is, or that it reports an action.
 enum class Level {
     ok,      ///< as it should be
     warning, ///< a run works, mail does not

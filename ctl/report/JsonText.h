@@ -1,5 +1,5 @@
-// Bytes in JSON, which knows text only. Every byte above ASCII stands as the character
-// of its number, so that nothing is lost and every reader takes it.
+// Bytes in JSON, which has only text. Every byte above ASCII becomes the character with its
+// number, so that nothing is lost and every reader accepts it.
 #pragma once
 
 #include <string>
@@ -9,9 +9,9 @@ namespace torva::ctl {
 /// The bytes as UTF-8 text, for a JSON value or key.
 std::string textOfBytes(const std::string& bytes);
 
-/// The way back.
+/// The reverse.
 ///
-/// \throws std::runtime_error  the text did not come from textOfBytes()
+/// \throws std::runtime_error  the text is not from textOfBytes()
 std::string bytesOfText(const std::string& text);
 
 } // namespace torva::ctl

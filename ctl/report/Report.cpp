@@ -46,7 +46,7 @@ void writeAll(int fd, const std::string& text) {
     while (left > 0) {
         const ssize_t written = ::write(fd, at, left);
         if (written < 0 && errno != EINTR) {
-            return; // nobody reads: no reason to end half-way
+            return; // nobody reads it; the verb goes on
         }
         if (written > 0) {
             at += written;
@@ -68,7 +68,7 @@ bool wantsColour() {
     return ::isatty(STDOUT_FILENO) == 1 && (refused == nullptr || *refused == '\0');
 }
 
-/// What a tool said in several lines stands in one.
+/// Joins the lines of a tool's message.
 std::string inOneLine(const std::string& text) {
     std::string line;
     for (const char character : text.substr(0, text.find_last_not_of('\n') + 1)) {

@@ -1,5 +1,5 @@
-// What the verbs print: lines for people, or one JSON object a line for programs. The
-// only place that writes to standard output.
+// The output of the verbs: lines for people, or one JSON object per line for programs. Only
+// this writes to standard output.
 #pragma once
 
 #include "ctl/report/Finding.h"
@@ -10,8 +10,8 @@
 
 namespace torva::ctl {
 
-/// Every output is written at once. A reader that has gone, or a full disk behind
-/// standard output, is no error: what a verb has begun is brought to its end.
+/// Output is written immediately. A reader that is gone, or a full disk, is not an error: a
+/// verb that has begun goes on to its end.
 class Report {
 public:
     /// A name and its value in a JSON object.
@@ -27,19 +27,19 @@ public:
         bool isNumber = false;
     };
 
-    /// \param verb  the verb at work, which every object names
+    /// \param verb  the current verb, which is part of every object
     /// \param json  true: objects; false: lines
     Report(std::string verb, bool json);
 
-    /// Prints a finding: "LEVEL SUBJECT TEXT" and below it the advice behind an arrow;
-    /// or an object of level, subject, text, and action where there is advice.
+    /// Prints a finding: "LEVEL SUBJECT TEXT" and below it the advice after an arrow; or an
+    /// object of level, subject, text, and action if there is advice.
     void finding(const Finding& finding);
     void findings(const std::vector<Finding>& findings);
 
-    /// A heading above a part of a longer report; nothing for programs.
+    /// Prints a heading above a part of a longer report; nothing for programs.
     void heading(const std::string& text);
 
-    /// Prints an object of the fields; or the line, which may be several, for people.
+    /// Prints an object of the fields; or, for people, the line, which may be several.
     void object(const std::vector<Field>& fields, const std::string& line);
 
     /// Whether a finding of this level has been printed.
@@ -54,7 +54,7 @@ private:
     bool stopped_ = false;
 };
 
-/// Prints a line on standard error, behind the name of the program.
+/// Prints a line on standard error, after the name of the program.
 void complain(const std::string& text);
 
 } // namespace torva::ctl

@@ -27,7 +27,7 @@ std::string unitOf(int process) {
                : std::string();
 }
 
-/// What failed; empty for a success.
+/// What failed; empty after success.
 std::string failureOf(const ToolResult& result) {
     return result.succeeded() ? std::string() : wordsOf(result);
 }
@@ -75,7 +75,7 @@ std::string Activation::activate(const FixedAtStart& now) {
     tried_ = true;
     std::string failure = unit_.empty() ? activateItself(now) : activateUnit(now);
     if (failure.empty()) {
-        before_ = now; // what the daemon has from here on
+        before_ = now; // the settings of the daemon from now on
     }
     return failure;
 }

@@ -1,6 +1,6 @@
-// Having a running Postfix take up a changed configuration. A reload does it, unless the
+// Makes a running Postfix use a changed configuration. A reload is enough, unless the
 // addresses that it listens on or the type of the pickup service have changed: the master
-// daemon keeps these for as long as it lives.
+// daemon reads these only when it starts.
 #pragma once
 
 #include "ctl/host/Postfix.h"
@@ -9,7 +9,7 @@
 
 namespace torva::ctl {
 
-/// What only a new master daemon takes up.
+/// The settings that only a new master daemon reads.
 struct FixedAtStart {
     std::string interfaces;
     std::string protocols;
@@ -25,24 +25,25 @@ FixedAtStart fixedAtStart(const Postfix& postfix, const MasterCfText& masterCf);
 
 class Activation {
 public:
-    /// Looks whether Postfix runs, and who runs it, before anything changes.
+    /// Finds out whether Postfix is running, and whether systemd runs it, before anything
+    /// changes.
     Activation(const Postfix& postfix, const FixedAtStart& before);
 
     bool wasRunning() const { return wasRunning_; }
 
-    /// For a host on which somebody else found out that it ran.
+    /// Treats Postfix as running before: a verb that was killed may have stopped it.
     void assumeRunning() { wasRunning_ = true; }
 
-    /// The one command that makes Postfix take up what has changed.
+    /// The command that makes Postfix use what has changed.
     std::string command(const FixedAtStart& now) const;
 
-    /// Does it, if Postfix ran; starts it when it has stopped meanwhile. May be called
-    /// again, to go back: what it has activated is what the next call begins with.
+    /// Does that, if Postfix was running; starts it if it has stopped meanwhile. May be
+    /// called again, to go back.
     ///
-    /// \return why it failed; empty: it did not
+    /// \return why it failed; empty: it succeeded
     std::string activate(const FixedAtStart& now);
 
-    /// Whether activate() has been called for a Postfix that ran.
+    /// Whether activate() has been called for a Postfix that was running.
     bool tried() const { return tried_; }
 
 private:
@@ -51,10 +52,10 @@ private:
     std::string activateItself(const FixedAtStart& now) const;
 
     Postfix postfix_;
-    FixedAtStart before_; ///< what the daemon that runs has
+    FixedAtStart before_; ///< the settings of the running daemon
     bool wasRunning_;
     bool tried_ = false;
-    std::string unit_; ///< of systemd; empty: not run by it
+    std::string unit_; ///< of systemd; empty: systemd does not run it
 };
 
 } // namespace torva::ctl

@@ -19,8 +19,7 @@ namespace torva::ctl {
 
 namespace {
 
-constexpr int applyPatience =
-    3; ///< in tenths of a second: "check" may hold the lock for an instant
+constexpr int applyPatience = 3; ///< in tenths of a second: "check" may hold the lock for a moment
 
 class Apply {
 public:
@@ -101,7 +100,7 @@ void Apply::runTool() {
 
 void Apply::verify() {
     const Verdict verdict = [] {
-        const RunLock lock; // it makes directories, even when we are killed
+        const RunLock lock; // it creates directories, even after we are killed
         return postfixCheck();
     }();
     throwIfSignalled();
@@ -138,10 +137,9 @@ void Apply::finish() {
                      isUp ? "" : activation_->command(fixedNow())});
 }
 
-/// What somebody else has changed meanwhile would be lost with the restoration: it is
-/// backed up.
+/// Backs up changes that somebody else has made meanwhile: the restoration would lose them.
 ///
-/// \return whether there was something
+/// \return whether there were any
 bool Apply::keepForeignChanges() {
     try {
         const Backup backup = backups_.find(stamp_).value();
@@ -158,7 +156,7 @@ bool Apply::keepForeignChanges() {
                          "torva-postfixctl rollback " + kept + ", or change it again"});
         return true;
     } catch (const std::exception&) {
-        return false; // the host may be unreadable half-way; the restoration matters more
+        return false; // the host may be unreadable now; the restoration is more important
     }
 }
 
@@ -173,11 +171,11 @@ void Apply::restoreBackup() {
     }
     clearMarker(backups_);
     if (!isForeign) {
-        backups_.remove(stamp_); // the host is its copy
+        backups_.remove(stamp_); // it is identical to the host
     }
 }
 
-/// The end of a failed apply, whatever ended it.
+/// The end of a failed apply.
 int Apply::takeBack() {
     ignoreSignals();
     try {
@@ -210,7 +208,7 @@ int apply(Call& call) {
     const HostLock lock = lockHost(applyPatience);
     const Marker marker = readMarker();
     if (marker.isSet() && !marker.beforeAnyChange()) {
-        return 2; // told already
+        return 2; // already reported
     }
     Host host;
     call.report.findings(checkHost(call.programs, host).all());

@@ -15,7 +15,7 @@ int check(Call& call) {
 
 namespace {
 
-/// Who is at work; nothing where the lock cannot be asked, which is told.
+/// The holder of the lock; nothing if it cannot be found out, which is reported.
 std::string lockHolder(Report& report) {
     try {
         return HostLock::holder();

@@ -14,7 +14,7 @@ namespace {
 
 const char version[] = "torva-postfixctl " TORVA_VERSION "\n";
 
-/// The texts of Help.h in place of those that CLI11 makes up.
+/// The texts of Help.h instead of those that CLI11 generates.
 class OwnHelp : public CLI::Formatter {
 public:
     std::string make_help(const CLI::App* app, std::string /*name*/,
@@ -69,7 +69,7 @@ Request readCommandLine(int count, char** arguments) {
     app.set_help_flag("-h,--help");
     app.set_version_flag("--version", version);
     app.add_flag("--json", request.json);
-    app.fallthrough(); // --json may stand behind the verb, too
+    app.fallthrough(); // --json is also allowed after the verb
     app.require_subcommand(1);
     addVerbs(app, request);
     try {

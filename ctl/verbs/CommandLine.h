@@ -6,25 +6,25 @@
 
 namespace torva::ctl {
 
-/// What is asked for.
+/// The parsed command line.
 struct Request {
-    std::string verb; ///< empty: nothing, the command line said it all or was refused
+    std::string verb; ///< empty: nothing is left to do, or the command line is invalid
     int status = 0;   ///< exit status when the verb is empty
     bool json = false;
-    bool reload = false;             ///< apply, rollback: a running Postfix takes it up
+    bool reload = false;             ///< apply, rollback: reload a running Postfix
     bool emptyTables = false;        ///< apply, preview: records are not put back
-    bool force = false;              ///< rollback: changes since the apply do not matter
-    bool panelAccounts = false;      ///< preview: as if the panel's accounts were there
+    bool force = false;              ///< rollback: ignore changes since the apply
+    bool panelAccounts = false;      ///< preview: with the panel's accounts
     bool deliver = false;            ///< preview: rehearse mail
-    std::string keep;                ///< preview: where the resulting files are kept
+    std::string keep;                ///< preview: directory for the resulting files
     std::string stamp;               ///< rollback, diff: the backup; empty: the newest that fits
     int prune = -1;                  ///< backups: how many to keep; -1: all
     std::vector<std::string> inside; ///< preview, in the private world: see PreviewInside.h
-    int archive = -1;                ///< the same: where the resulting files go
+    int archive = -1;                ///< the same: descriptor for the resulting files
 };
 
-/// Reads the arguments. Help and version go to standard output; what is not understood
-/// is told on standard error, with status 1.
+/// Parses the arguments. Help and version go to standard output; invalid arguments are
+/// reported on standard error, with status 1.
 Request readCommandLine(int count, char** arguments);
 
 } // namespace torva::ctl

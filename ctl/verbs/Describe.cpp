@@ -8,7 +8,7 @@ namespace torva::ctl {
 
 namespace {
 
-/// The paths of all that is in a directory.
+/// The paths of everything in a directory.
 void appendPresent(const std::string& directory, std::vector<std::string>& present) {
     if (!exists(directory)) {
         return;

@@ -1,4 +1,4 @@
-// What a backup tells about the host beside its files.
+// What a backup contains about the host, besides its files.
 #pragma once
 
 #include "ctl/backup/Changes.h"
@@ -13,12 +13,12 @@ namespace torva::ctl {
 
 /// A manifest of this host, for Backups::take().
 ///
-/// \param more  paths beside those that a run may touch
+/// \param more  paths besides those that a run may change
 /// \throws SystemError  a directory cannot be read
 Manifest manifestOf(const Postfix& postfix, const std::string& reason,
                     const std::vector<std::string>& more = {});
 
-/// Prints changes, a line or an object each.
+/// Prints changes, each as a line or an object.
 void printChanges(Report& report, const std::vector<Change>& changes);
 
 } // namespace torva::ctl

@@ -11,7 +11,7 @@ namespace {
 
 constexpr int trouble = 2;
 
-/// The backup of the apply that is asked about.
+/// The backup of the apply to compare with.
 std::optional<Backup> chosenBackup(const std::string& stamp) {
     if (!Backups::exist()) {
         return std::nullopt;

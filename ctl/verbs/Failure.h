@@ -1,4 +1,4 @@
-// The end of a verb before its time.
+// The early end of a verb.
 #pragma once
 
 #include "ctl/report/Finding.h"
@@ -8,7 +8,7 @@
 
 namespace torva::ctl {
 
-/// What failed, why, and what to do: a finding of the level "failed".
+/// What failed, why, and what to do: a finding with the level "failed".
 class Failure : public std::runtime_error {
 public:
     Failure(const std::string& subject, const std::string& text, const std::string& advice)

@@ -1,4 +1,4 @@
-// The texts of --help, for the whole and for each verb. Lines of at most 80 columns.
+// The texts of --help, in general and for each verb. Lines of at most 80 columns.
 #pragma once
 
 #include <string>

@@ -45,7 +45,8 @@ void print(const Backup& backup, Report& report) {
                   lineFor(backup));
 }
 
-/// Keeps the newest, the one that rollback goes to, and the one that repairs.
+/// Keeps the newest, the one that rollback would restore, and the one that finishes a
+/// killed verb.
 void prune(std::size_t kept, Report& report) {
     const HostLock lock = lockHost(listPatience);
     Backups backups;

@@ -20,7 +20,7 @@ namespace {
 
 constexpr int refused = 1;
 
-/// Stops unless the directory to keep the files in is new or empty, and makes it.
+/// Checks that the directory for the resulting files is new or empty, and creates it.
 ///
 /// \return its absolute path
 std::string prepareKept(const std::string& path) {
@@ -33,7 +33,7 @@ std::string prepareKept(const std::string& path) {
     return absolute;
 }
 
-/// Takes the resulting files out of the private world: memory, which a child inherits.
+/// Holds the resulting files outside the private world: memory that a child inherits.
 process::Descriptor openArchive() {
     process::Descriptor archive(::memfd_create("torva-postfixctl", 0));
     if (!archive) {
@@ -47,8 +47,7 @@ void appendWith(std::vector<std::string>& words, const std::string& path) {
     words.push_back(path);
 }
 
-/// What a chroot on a copied tree would lack, and the panel's database, which answers
-/// through its socket.
+/// Files that a chroot on a copied tree would lack, and the socket of the panel's database.
 void appendNeeded(std::vector<std::string>& words, const OwnPrograms& programs) {
     appendWith(words, programs.tool);
     appendWith(words, programs.self);

@@ -73,7 +73,7 @@ void showMasterCf(Report& report, const Postfix& postfix, const std::string& bef
                   (text.empty() ? "(no difference)" : text) + "\n");
 }
 
-/// The mode as ls(1) has it.
+/// The mode as ls(1) prints it.
 std::string modeText(mode_t mode) {
     std::string text(1, S_ISLNK(mode) ? 'l' : S_ISDIR(mode) ? 'd' : S_ISREG(mode) ? '-' : '?');
     const char letters[] = "rwxrwxrwx";

@@ -56,7 +56,7 @@ private:
     Postfix postfix_;
     Marker marker_;
     std::string stamp_;
-    std::string made_; ///< the backup of what there was; empty: none
+    std::string made_; ///< the backup of the state before; empty: none
 };
 
 Backup Rollback::chosenBackup() const {
@@ -80,14 +80,14 @@ Backup Rollback::chosenBackup() const {
     return *backup;
 }
 
-/// Edits since the apply would be lost.
+/// Stops if edits since the apply would be lost.
 void Rollback::stopAtChanges(const Backup& backup) {
     if (finishesWhatWasKilled() || call_.request.force) {
         return;
     }
     const std::vector<Backup> all = backups_.list();
     if (all.empty() || !all.back().hasLeftState) {
-        return; // the last that was done is no apply
+        return; // the last verb was not an apply
     }
     const LeftState left = backups_.leftState(all.back().stamp);
     const auto changes = changesBetween(left, captureState(postfix_, all.back().manifest.paths));
@@ -102,7 +102,7 @@ void Rollback::stopAtChanges(const Backup& backup) {
 
 void Rollback::backUpFirst(const Backup& backup) {
     if (finishesWhatWasKilled()) {
-        return; // what there is now is half of something
+        return; // the current state is half changed
     }
     try {
         made_ = backups_.take(

@@ -36,20 +36,20 @@ void requireSuccess(int result, const std::string& operation) {
     }
 }
 
-/// Supplies a last newline, without which postconf -e glues the next setting to the
-/// last, and makes the file old enough that Postfix does not wait for it.
+/// Adds a missing last newline, without which postconf -e appends the next setting to the
+/// last line, and makes the file old enough that Postfix does not wait for it.
 void prepareMainCf(const Postfix& postfix) {
     const std::string path = postfix.mainCf();
     const std::optional<std::string> text = readFile(path);
     if (!text) {
-        return; // the run makes it
+        return; // the run creates it
     }
     const bool isCut = !text->empty() && text->back() != '\n';
     struct stat status {};
     requireSuccess(::stat(path.c_str(), &status), "stat " + path);
     const bool isYoung = status.st_mtim.tv_sec > std::time(nullptr) - changeWindow;
     if (isCut || isYoung) {
-        // A copy, even for the time alone: another name of the file keeps what it has.
+        // A copy, even for the time alone: other hard links to the file must not change.
         replaceText(path, *text + (isCut ? "\n" : ""));
     }
     if (isYoung) {
@@ -58,8 +58,8 @@ void prepareMainCf(const Postfix& postfix) {
     }
 }
 
-/// Makes a reader that leaves no reason for the tool to end half-way, by what a child
-/// inherits.
+/// Prevents that a reader that is gone ends the tool half-way, by the inherited action of
+/// SIGPIPE.
 class NoBrokenPipe {
 public:
     NoBrokenPipe() : previous_(std::signal(SIGPIPE, SIG_IGN)) {}
@@ -82,7 +82,7 @@ int runTool(const std::string& tool, int progress) {
     return exitStatus(run(program));
 }
 
-/// Gives a file that was a link its place back: the text goes where the link leads.
+/// Restores a symbolic link that was replaced by a file: the text goes to its target.
 void restoreLink(const std::string& path, const Entry& link) {
     const std::string text = readFile(path).value_or("");
     const std::string scratch = path + ".torva-new";
@@ -93,7 +93,7 @@ void restoreLink(const std::string& path, const Entry& link) {
     requireSuccess(std::rename(scratch.c_str(), path.c_str()), "rename " + scratch);
 }
 
-/// Mode, owner and attributes as they were; postconf leaves a new file.
+/// Restores mode, owner and attributes; postconf leaves a new file.
 void restoreAttributes(const std::string& path, const Entry& before) {
     const Descriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!file) {
@@ -120,7 +120,7 @@ void settle(const std::string& path, const Snapshot& before) {
     }
 }
 
-/// Comments out the entry "pickup unix" beside the run's "pickup fifo": with both, mail
+/// Comments out the entry "pickup unix" if there is the run's "pickup fifo": with both, mail
 /// that waits while Postfix starts is picked up twice.
 std::string withOnePickup(const std::string& masterCf, std::vector<Finding>& findings) {
     MasterCfText text(masterCf);
@@ -193,7 +193,7 @@ void requireFiles(const Postfix& postfix) {
 RunResult performRun(const Host& host, const Manifest& before, int progress, bool emptyTables) {
     const Postfix& postfix = host.postfix;
     RunResult result;
-    const RunLock lock; // inherited by all that changes files, even when we are killed
+    const RunLock lock; // inherited by everything that changes files, even if we are killed
     requireFiles(postfix);
     prepareMainCf(postfix);
     const Sheltered sheltered = shelter(readFile(postfix.masterCf()).value_or(""));
@@ -211,7 +211,7 @@ RunResult performRun(const Host& host, const Manifest& before, int progress, boo
 }
 
 Verdict postfixCheck() {
-    // It tells to terminals only what it finds; script(1) is one.
+    // It prints its findings only on terminals; script(1) provides one.
     const bool hasTerminals = exists("/dev/ptmx");
     const ToolResult result = hasTerminals
                                   ? run({"script", "-qec", "/usr/sbin/postfix check", "/dev/null"})

@@ -1,5 +1,5 @@
-// One run of torva-postfix-setup, with what it cannot take out of its way, and what it
-// must not change put back after it.
+// One run of torva-postfix-setup. Before it, services that it refuses are sheltered; after
+// it, these and everything else that must not change are restored.
 #pragma once
 
 #include "ctl/backup/Manifest.h"
@@ -12,20 +12,20 @@ namespace torva::ctl {
 
 struct RunResult {
     int status = 0;                ///< exit status of the tool
-    std::vector<Finding> findings; ///< what was done beside the run
+    std::vector<Finding> findings; ///< what was done besides the run
 };
 
-/// Runs the tool. For those who hold a backup of the files: what ends in between leaves
-/// them as they are then.
+/// Runs the tool. The caller must have a backup of the files: after a failure they are left
+/// as they are then.
 ///
-/// \param before       the host as it was, see Backups.h
+/// \param before       the host before, see Backups.h
 /// \param progress     descriptor for the tool's progress and errors
 /// \param emptyTables  false: records that the run drops from the panel's tables are put
 ///                     back
-/// \throws std::exception  something beside the run failed
+/// \throws std::exception  something besides the run failed
 RunResult performRun(const Host& host, const Manifest& before, int progress, bool emptyTables);
 
-/// What "postfix check" says, once each, and its exit status; without what needs no
+/// The output of "postfix check", each line once, and its exit status; without what needs no
 /// correction, see withoutNews().
 struct Verdict {
     int status = 0;

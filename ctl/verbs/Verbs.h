@@ -1,5 +1,5 @@
-// The verbs, each a short story. Each takes the request, prints through the report, and
-// answers the exit status of the program.
+// The verbs. Each takes the request, prints through the report, and returns the exit status
+// of the program.
 #pragma once
 
 #include "ctl/backup/Lock.h"
@@ -9,7 +9,7 @@
 
 namespace torva::ctl {
 
-/// What all verbs are given.
+/// The arguments of all verbs.
 struct Call {
     const Request& request;
     const OwnPrograms& programs;
@@ -25,13 +25,13 @@ int diff(Call& call);
 int rollback(Call& call);
 int backups(Call& call);
 
-/// Tells of an apply or rollback that is at work or was killed.
+/// Reports an apply or rollback that is at work or was killed.
 void noteUnfinished(Report& report);
 
-/// Takes the lock of those who change the host.
+/// Takes the lock for changing the host.
 ///
 /// \param patience  see HostLock
-/// \throws Failure  somebody else is at work; as HostLock
+/// \throws Failure  another verb is at work; as HostLock
 HostLock lockHost(int patience);
 
 } // namespace torva::ctl

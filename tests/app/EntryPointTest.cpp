@@ -44,7 +44,7 @@ TEST(EntryPointTest, AnythingElseGivesStatusTwo) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "UNSPECIFIED ERROR OCCURED\n");
 }
 
-/// Runs a check in a child, which may spoil its process.
+/// Runs a check in a child, which it may change in any way.
 template <class Check>
 void inAChild(Check check) {
     const pid_t pid = ::fork();
@@ -85,7 +85,7 @@ TEST(SaneWorldTest, BrokenPipeIsAnErrorAndNoSignalForUsAndTheDefaultForOurChildr
         if (::write(fds[1], "x", 1) != -1 || errno != EPIPE) {
             return 2;
         }
-        // A shell dies of it only when it did not inherit that it is ignored.
+        // A shell is killed by it only if it did not inherit SIG_IGN.
         const int status = std::system("kill -PIPE $$"); // NOLINT(cert-env33-c)
         return WIFSIGNALED(status) && WTERMSIG(status) == SIGPIPE ? 0 : 3;
     });

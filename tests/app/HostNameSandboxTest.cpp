@@ -1,4 +1,4 @@
-// The repair of the host name, with fakes in the places of postconf and hostname.
+// The repair of the host name, with fakes for postconf and hostname.
 #include "app/HostName.h"
 #include "support/FakeTool.h"
 #include "support/WaitingChild.h"
@@ -32,10 +32,10 @@ class RepairHostNameTest : public testing::Test {
 protected:
     static void SetUpTestSuite() {
         ASSERT_NE(std::getenv("TORVA_SANDBOX"), nullptr) << "outside scripts/sandbox";
-        PostfixParameters::instance(); // asks for the path of main.cf, which counts for no test
+        PostfixParameters::instance(); // reads the path of main.cf, which no test should count
     }
 
-    /// What hostname prints, "" for nothing.
+    /// The output of hostname; "" for nothing.
     void answer(const std::string& text, const std::string& mydomain = "localdomain") {
         hostname_.reset();
         postconf_.reset();

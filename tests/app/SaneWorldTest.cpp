@@ -1,4 +1,4 @@
-// What the program and its children find on the standard streams that were closed.
+// The standard streams of the program and its children when they were closed.
 #include "app/EntryPoint.h"
 
 #include <gtest/gtest.h>
@@ -24,7 +24,7 @@ void closeAndRepair(int modes[3]) {
     }
 }
 
-/// Runs a check in a child, which spoils its own streams: 0 is good.
+/// Runs a check in a child, which closes its own streams: 0 is good.
 template <class Check>
 int runInAChild(Check check) {
     const pid_t pid = ::fork();

@@ -1,4 +1,4 @@
-// The check of the alias databases: the files that it makes or leaves alone. Which
+// The check of the alias databases: the files that it creates or does not change. Which
 // commands it runs for which values is tests/run/fake/aliases_test.py.
 #include "app/SystemAliases.h"
 #include "support/FakeTool.h"

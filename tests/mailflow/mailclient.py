@@ -20,7 +20,7 @@ def enter_outside():
 
 
 class Message:
-    """A message that is told from every other by its token, and easily damaged."""
+    """A message that is identified by its token, and easily damaged."""
 
     _number = itertools.count(1)
 
@@ -59,7 +59,7 @@ class Client:
         self._thread = concurrent.futures.ThreadPoolExecutor(1, initializer=initializer)
 
     def session(self, talk):
-        """The result of talk(smtp) in a session of its own."""
+        """The result of talk(smtp) in a separate session."""
 
         def session():
             with smtplib.SMTP(self._address, 25, "client.example.com", timeout=PATIENCE) as smtp:

@@ -45,7 +45,7 @@ class MailFlowTest(MailTest):
 
     @classmethod
     def fill_tables(cls):
-        """What the panel keeps there; "virtual" holds what the run put in."""
+        """The panel's records; "virtual" also has those of the run."""
         cls.world.put("virtual_domains", **{PANEL_DOMAIN: "1"})
         cls.world.put("vmailbox", **{address: "x" for address in (INFO, ANNA, LIST)})
         cls.world.put("transport", **{LIST: "mailman:post"})

@@ -33,7 +33,7 @@ TORVA = SPOOL / "torva"
 PANEL_PROGRAMS = Path("/usr/lib/torva-9.0")
 MAILNAMES = Path("/var/qmail/mailnames")
 MAILLOG = Path("/var/log/mailflow.log")
-# What the stand-ins write down; fixed in their sources.
+# Written by the stand-ins; fixed in their sources.
 RECORDS = Path("/run/mailflow")
 SHELTER = Path("/run/mailflow-shelter")
 
@@ -61,7 +61,7 @@ def main():
 
 
 def run(*argv, **how):
-    """A program that has to succeed; its standard output."""
+    """Runs a program that must succeed; returns its standard output."""
     how = {"check": True, "text": True, "timeout": PATIENCE, "stdout": subprocess.PIPE, **how}
     return subprocess.run([str(word) for word in argv], **how).stdout
 
@@ -116,7 +116,7 @@ class Relayed:
 
 
 class World:
-    """One server. Each test file has a sandbox, and so a server, of its own."""
+    """One server. Each test file has its own sandbox, and so its own server."""
 
     program = standins = None
 
@@ -251,7 +251,7 @@ class World:
         return wait_for("in the mail log: " + pattern, lambda: re.search(pattern, self.log()))
 
     def new_complaints(self, expected):
-        """What Postfix has warned about since the last call, but for what is expected."""
+        """Postfix's warnings since the last call, without the expected ones."""
         text = self.log()[self._judged:]
         lines = text[: text.rfind("\n") + 1].splitlines(keepends=True)
         self._judged += sum(map(len, lines))
@@ -289,7 +289,7 @@ class MailTest(unittest.TestCase):
 
     longMessage = True
     maxDiff = None
-    # Warnings that this server gives without a fault of its own.
+    # Warnings of this server that are not faults.
     expected_warnings = (
         # Debian's "pickup" of type unix stands beside the tool's of type fifo, and
         # both mean the path public/pickup, which the later one, the fifo, takes over.

@@ -1,4 +1,4 @@
-"""What a run of the program did: how it ended, what it said, what it started."""
+"""The result of a run of the program: its end, its output, the programs it started."""
 
 import json
 import shlex

@@ -8,7 +8,7 @@ from calls import spelled
 
 
 class Expected:
-    """A command of a golden file: its spelling, and what is said before it."""
+    """A command of a golden file: its text, and the progress before it."""
 
     def __init__(self, argv, stdin, said):
         self.argv, self.stdin, self.said = argv, stdin, said
@@ -19,7 +19,7 @@ class Expected:
 
 def golden(name):
     text = (Path(__file__).resolve().parent / "fake" / "golden" / name).read_bytes()
-    # The first line of ours tells what the file proves.
+    # Our first line says what the file proves.
     return text if name.startswith("master.cf") else text.split(b"\n", 1)[1]
 
 

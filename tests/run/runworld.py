@@ -72,7 +72,7 @@ def main():
     PROGRAM = words.pop(0)
     if words and os.access(words[0], os.X_OK):
         FAKETOOL = words.pop(0)
-    # What a run leaves behind becomes a child of ours, and is found out.
+    # A process that a run leaves becomes our child, and is noticed.
     _libc.prctl(36, 1, 0, 0, 0)  # PR_SET_CHILD_SUBREAPER
     unittest.main(argv=[sys.argv[0], *words], verbosity=2)
 

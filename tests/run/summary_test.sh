@@ -1,5 +1,5 @@
 #!/bin/bash
-# What scripts/lib/test_summary.py makes of the results of real CTest runs.
+# The output of scripts/lib/test_summary.py for the results of real CTest runs.
 set -euo pipefail
 source "${BASH_SOURCE[0]%/*}/shell_test.sh"
 

@@ -1,4 +1,4 @@
-// Collects what is written to std::clog for as long as the object lives.
+// Collects the output to std::clog during the lifetime of the object.
 #pragma once
 
 #include <iostream>

@@ -1,6 +1,6 @@
-// A small shell script in the place of a program, for tests inside the sandbox: it
-// records how it is called and then does what the test says. Refuses to work
-// anywhere but in the sandbox, where the program's file is a private copy.
+// Replaces a program by a small shell script, for tests inside the sandbox: the script
+// records its calls and then does what the test says. Refuses to work
+// outside the sandbox, where the program's file is a private copy.
 #pragma once
 
 #include <string>
@@ -8,7 +8,7 @@
 
 namespace torva::test {
 
-/// Puts the script into the program's place for as long as the object lives.
+/// Replaces the program by the script during the lifetime of the object.
 class FakeTool {
 public:
     /// \param program  absolute path of the program
@@ -23,7 +23,7 @@ public:
     /// The calls so far, each "[ARGUMENT][ARGUMENT]...".
     std::vector<std::string> calls() const;
 
-    /// What all calls read from their standard input, one after the other.
+    /// The standard inputs of all calls, concatenated.
     std::string input() const;
 
     /// Forgets calls and input.
@@ -37,7 +37,7 @@ private:
 /// Runs the real program through a recording script.
 inline const char* const passThrough = "exec \"$REAL\" \"$@\" < \"$INPUT\"";
 
-/// Content of a file; empty when it cannot be read.
+/// The contents of a file; empty when it cannot be read.
 std::string contentOf(const std::string& path);
 
 /// Writes a file.

@@ -1,4 +1,4 @@
-// A child of the test that does nothing, for tests of who waits for whom.
+// A child of the test that does nothing, for tests about waiting for children.
 #pragma once
 
 #include <csignal>
@@ -8,8 +8,8 @@
 
 namespace torva::test {
 
-/// Lives as long as the object, and at most for 20 seconds: whoever waits for it then goes on,
-/// and isThere() tells.
+/// Runs during the lifetime of the object, but at most for 20 seconds, so that a process that
+/// waits for it goes on; isThere() then shows that.
 class WaitingChild {
 public:
     WaitingChild() : pid_(::fork()) {

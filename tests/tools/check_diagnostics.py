@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Holds the DIAGNOSTICS of torva-postfix-setup(8) against the sources, in both directions."""
+"""Compares the DIAGNOSTICS of torva-postfix-setup(8) with the sources, in both directions."""
 
 import re
 import shlex
@@ -10,7 +10,7 @@ from pathlib import Path
 SOURCES = ("app/*.cpp", "torva/postfix/*/*.cpp", "torva/process/*.cpp", "torva/util/*.cpp",
            "torva/libc/*.cpp", "torva/maildb/panel_db.cpp", "torva/maildb/panel_db_session.cpp")
 LITERAL = r'"(?:[^"\\]|\\.)*"'
-# Where a text is thrown or printed; a bare operation ("select") is told by one entry for all.
+# Where a text is thrown or printed; one entry is for all bare operations ("select").
 SPOKEN = re.compile(r"(?:throw (?:\w+::)*(?:Postfix\w+Error|runtime_error)\(|filesystemError\(|std::cerr\s*<<|"
                     r"torva_log\(\s*\w+,|report_error\(\s*\w+,)\s*((?:" + LITERAL + r"\s*)+)")
 # Written in the manual as they are read, in the sources in pieces.
@@ -53,7 +53,7 @@ def words_of(line):
 
 
 def entries(manual):
-    """The messages: what stands behind .TP in the section."""
+    """The messages: the lines after .TP in the section."""
     lines = manual.split(".SH DIAGNOSTICS\n")[1].split(".SH ")[0].splitlines()
     return [words_of(lines[n + 1]) for n, line in enumerate(lines) if line == ".TP"]
 

@@ -6,14 +6,13 @@
 extern "C" {
 #endif
 
-/// 256 marks, one for each byte value: "-" for a byte that is safe as it stands,
-/// "*" for one that needs a backslash before it, "n" for one that needs an escape
-/// sequence of its own. Bytes of 128 and more are safe.
+/// 256 marks, one for each byte value: "-" for a safe byte, "*" for one that needs a
+/// backslash before it, "n" for one that needs its own escape sequence. Bytes from 128 on
+/// are safe.
 extern const char* shell_escape_chars;
 
 /// \param text  may be null
-/// \return 1 when every byte is safe, so also for null and for the empty text;
-///         else 0
+/// \return 1 when every byte is safe, so also for null and the empty text; otherwise 0
 int is_shell_safe(const char* text);
 
 #ifdef __cplusplus

@@ -47,8 +47,8 @@ ifreq* queryEntries(int socket_fd, int* size) {
         if (::ioctl(socket_fd, SIOCGIFCONF, &query) == -1) {
             break;
         }
-        // The kernel copies whole entries only and says nothing of the others: there
-        // may be more unless one more would have fitted.
+        // The kernel copies only whole entries and does not say that there are more: there
+        // may be, unless one more would have fitted.
         if (static_cast<size_t>(query.ifc_len) + sizeof(ifreq) <= capacity) {
             *size = query.ifc_len;
             return entries;
@@ -76,7 +76,7 @@ void fillHardware(int socket_fd, const ifreq& entry, ifaceinfo* record) {
 }
 
 void fillNetmask(int socket_fd, const ifreq& entry, ifaceinfo* record) {
-    // The address in the entry tells apart several addresses of one name.
+    // The address in the entry distinguishes several addresses of one name.
     ifreq request = entry;
     if (::ioctl(socket_fd, SIOCGIFNETMASK, &request) == -1) {
         std::strcpy(record->netmask_text, "255.255.255.255");
@@ -126,7 +126,7 @@ struct ifaceinfo* list_interfaces(int* count) {
     if (count != nullptr) {
         *count = 0;
     }
-    // Never 0 to 2 where one of these is closed: a report would be written into it.
+    // Above 2 even if one of these is closed: a report would be written to the socket.
     const int socket_fd = fd_above_standard(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (socket_fd == -1) {
         torva_log(interfacePriority, "Can't create socket: %s\n", std::strerror(errno));

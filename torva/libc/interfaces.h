@@ -1,5 +1,5 @@
-// Enumeration of the host's IPv4 interfaces, see netdevice(7). What becomes of
-// the list is decided in torva/postfix/params/LocalNetworks.h.
+// Enumeration of the host's IPv4 interfaces, see netdevice(7). The list is used in
+// torva/postfix/params/LocalNetworks.h.
 #pragma once
 
 #include <stdint.h>
@@ -10,7 +10,7 @@ extern "C" {
 
 /// One interface address. The array ends with a record whose name is empty.
 struct ifaceinfo {
-    char name[32];          ///< as the kernel reports it; an alias holds a ":"
+    char name[32];          ///< as the kernel reports it; an alias contains a ":"
     uint32_t address;       ///< IPv4 address, network byte order
     char address_text[40];  ///< the address as a dotted quad
     char netmask_text[40];  ///< dotted quad; "255.255.255.255" when unknown
@@ -19,13 +19,13 @@ struct ifaceinfo {
 
 /// Lists the interface addresses outside 127.0.0.0/8, in the kernel's order.
 ///
-/// \param count  null, or set to the number of records (0 on failure)
-/// \return array owned by the caller, to be given to free_interfaces(); null on
-///         failure, reported through torva_log at level 3
-/// No descriptor is left open; where 0, 1 or 2 is closed it is not used.
+/// \param count  null, or receives the number of records (0 after a failure)
+/// \return array owned by the caller, to be freed by free_interfaces(); null after a
+///         failure, which is reported through torva_log at level 3
+/// No descriptor is left open, and 0, 1 and 2 are not used even where they are closed.
 struct ifaceinfo* list_interfaces(int* count);
 
-/// Releases what list_interfaces() returned; null is allowed.
+/// Frees an array of list_interfaces(); null is allowed.
 void free_interfaces(struct ifaceinfo* interfaces);
 
 #ifdef __cplusplus

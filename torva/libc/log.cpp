@@ -34,8 +34,8 @@ Text newText() {
     return text;
 }
 
-/// Appends to the text, which grows to the exact size; what does not fit when
-/// memory runs out is cut off. `error` is the errno that a "%m" refers to.
+/// Appends to the text, which grows to the exact size; truncates when memory runs out.
+/// `error` is the errno for "%m".
 __attribute__((format(printf, 3, 0))) void appendv(Text& text, int error, const char* format,
                                                    va_list arguments) {
     va_list again;
@@ -67,7 +67,7 @@ __attribute__((format(printf, 3, 4))) void append(Text& text, int error, const c
     va_end(arguments);
 }
 
-/// One copy of a report, in one call so that the line is not torn apart.
+/// Writes one copy of a report, in one call so that other output does not split it.
 void writeReport(FILE* stream, const char* message) {
     const char* program = PROGNAME;
     if (program != nullptr) {
@@ -94,9 +94,9 @@ void torva_console_logv(int priority, const char* format, va_list arguments) {
     if (text.data != nullptr) {
         appendv(text, saved_errno, format, arguments);
     }
-    // Without memory the bare format still tells more than nothing.
+    // Without memory, the bare format is better than nothing.
     const char* message = text.data != nullptr ? text.data : format;
-    // A reader that has gone is an output error like any other.
+    // A reader that is gone is an output error like any other.
     const int held = sigpipe_hold();
     for (FILE* stream : {stderr, stdout}) {
         std::fprintf(stream, "%s\n", message);

@@ -1,5 +1,5 @@
-// The console writers, to which the hooks of torva/libc/log.h point at first. Not to be
-// called by name: that is what the hooks are for.
+// The console writers, the initial values of the hooks in torva/libc/log.h. Do not call
+// them by name: use the hooks.
 // Private to the library: not installed.
 #pragma once
 

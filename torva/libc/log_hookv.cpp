@@ -1,5 +1,5 @@
-// Alone in its file: a program that defines this variable itself links without this object
-// of the archive, where a second definition beside other things would be an error.
+// Alone in its file, so that a program that defines this variable itself links without this
+// object of the archive. Otherwise there would be two definitions.
 #include "torva/libc/log.h"
 #include "torva/libc/log_console.h"
 

@@ -67,7 +67,7 @@ int panel_conf_load(void) {
     if (loaded != nullptr) {
         return 0;
     }
-    // "e": a child must not inherit it.
+    // "e": close-on-exec.
     FILE* stream = std::fopen(configurationFile, "rte");
     if (stream == nullptr) {
         const int saved_errno = errno;
@@ -94,7 +94,7 @@ const char* panel_conf_get(int index) {
 }
 
 const char* panel_conf_get_by_name(const char* name) {
-    // The last entry ends the table and is no variable.
+    // The last entry only ends the table.
     for (int index = 0; index < PANEL_CONF_VARIABLES - 1; ++index) {
         if (std::strcmp(variables[index].name, name) == 0) {
             return panel_conf_get(index);

@@ -22,7 +22,7 @@ bool isNameCharacter(char c) {
     return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_';
 }
 
-/// Reports a failure that errno tells about, and leaves errno at that.
+/// Reports a failure with the text of errno, and keeps errno.
 void reportFailure(const char* format) {
     const int saved_errno = errno;
     torva_log(parsePriority, format, std::strerror(saved_errno));
@@ -92,8 +92,8 @@ bool parseLine(panel_conf_file* file, const char* line) {
         torva_log(parsePriority, "Invalid variable definition %s\nExpected a value", line);
         return true;
     }
-    // At least the first character is neither white space nor a comment, so the
-    // trimming stops there.
+    // The first character is neither white space nor "#", so the trimming stops there at
+    // the latest.
     size_t length = std::strcspn(value, "#");
     while (isSpace(value[length - 1])) {
         --length;
@@ -109,8 +109,8 @@ bool parseLines(panel_conf_file* file, FILE* stream) {
     while (parsed) {
         errno = 0;
         const ssize_t length = getline(&line, &size, stream);
-        // A read that fails in the middle of a line hands out the beginning of that
-        // line first, and getline(3) tells lack of memory by errno alone.
+        // A read that fails in the middle of a line first returns the beginning of that
+        // line, and getline(3) reports lack of memory only by errno.
         if (std::ferror(stream) != 0 || (length == -1 && std::feof(stream) == 0)) {
             reportFailure("Unable to read configuration file: %s");
             parsed = false;

@@ -1,5 +1,5 @@
-// The text format of the panel's configuration file, apart from where the file
-// lies: used by panel_conf.cpp, whose header is the public side.
+// The format of the panel's configuration file, whatever its path. Used by
+// panel_conf.cpp, whose header is the public interface.
 // Private to the library: not installed.
 #pragma once
 
@@ -23,31 +23,30 @@ struct panel_conf_file {
     int sorted; ///< pairs are in the order of strcmp(3); 0 once a name was added
 };
 
-/// Reads lines of the form "NAME white-space VALUE" up to the end of the stream.
+/// Reads lines of the form "NAME white-space VALUE" to the end of the stream.
 ///
 /// A "#" starts a comment, blank lines are ignored, the last definition of a name
 /// wins. A malformed line is reported and skipped. A line ends at its first NUL.
 ///
-/// \param stream  stays the caller's
-/// \return owned by the caller (panel_conf_free()); null when reading fails or
-///         memory runs out, with errno, after a report
+/// \param stream  not closed
+/// \return owned by the caller (panel_conf_free()); null with errno, after a report, when
+///         reading fails or memory runs out
 /// Reports go through torva_log with priority 12.
 struct panel_conf_file* panel_conf_parse(FILE* stream);
 
 /// Value of a name, owned by the file; null when the file does not define it.
 const char* panel_conf_find(const struct panel_conf_file* file, const char* name);
 
-/// Sets a name, which keeps its place when it is there already.
+/// Sets a name; an existing one keeps its position.
 ///
-/// \return 0; -1 with errno when memory runs out, after a report; the file is
-///         unchanged then
+/// \return 0; -1 with errno, after a report, when memory runs out: the file is unchanged
 int panel_conf_put(struct panel_conf_file* file, const char* name, size_t name_length,
                    const char* value, size_t value_length);
 
 /// An empty file; null with errno when memory runs out, after a report.
 struct panel_conf_file* panel_conf_new(void);
 
-/// Releases the file with its texts; null is allowed. Keeps errno.
+/// Frees the file with its texts; null is allowed. Keeps errno.
 void panel_conf_free(struct panel_conf_file* file);
 
 #ifdef __cplusplus

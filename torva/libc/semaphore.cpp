@@ -17,8 +17,8 @@ int semaphoreFile = -1; ///< opened once; -1: not open
 
 static_assert(sizeof(off_t) == 8, "a semaphore number is a 64-bit offset");
 
-/// Reports errno's failure in a format that takes the number and the reason. Ends
-/// the process when the status is not 0, else leaves errno as it was.
+/// Reports the failure in errno, in a format for the number and the reason. Ends the
+/// process when the status is not 0, otherwise keeps errno.
 __attribute__((format(printf, 2, 0))) void reportFailure(int status, const char* format,
                                                          long semnum) {
     const int saved_errno = errno;
@@ -68,7 +68,7 @@ void init_sem(void) {
     const int length =
         std::snprintf(path, sizeof(path), "%s/var/utilities.sem", panel_conf_get(PRODUCT_ROOT_D));
     if (length < 0 || static_cast<std::size_t>(length) >= sizeof(path)) {
-        // A path that was cut off would be another file.
+        // A truncated path would be another file.
         errno = ENAMETOOLONG;
     } else {
         semaphoreFile = open_semaphore_file(path);
@@ -108,7 +108,7 @@ void shutdown_sem(void) {
     }
     const int closed = ::close(semaphoreFile);
     semaphoreFile = -1;
-    // An interrupted close has closed the descriptor nevertheless.
+    // Linux has closed the descriptor even if the call was interrupted.
     if (closed == -1 && errno != EINTR) {
         const int saved_errno = errno;
         const char* reason = std::strerror(saved_errno);

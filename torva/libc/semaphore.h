@@ -1,7 +1,6 @@
-// The panel's semaphores: numbered bytes of one file, each a record lock of the
-// process that holds it, see fcntl(2). They serialise processes, not threads; they
-// end with the process and are not inherited by its children. Locks on whole
-// files are torva/util/FileLock.h.
+// The panel's semaphores: numbered bytes of one file, each taken by a record lock, see
+// fcntl(2). They serialise processes, not threads. They are released when the process ends,
+// and its children do not inherit them. Locks on whole files are torva/util/FileLock.h.
 #pragma once
 
 #ifdef __cplusplus
@@ -9,18 +8,18 @@ extern "C" {
 #endif
 
 /// Opens the semaphore file, "var/utilities.sem" below the panel's product root,
-/// unless it is open already. The other functions do so by themselves.
+/// unless it is open already. sem_lock(), sem_lock_wait() and sem_unlock() do so themselves.
 ///
-/// A missing file is made with mode 0600, and each missing directory on the way to
-/// it with mode 0755. The file, its directory and the product root must belong to
-/// root or to the effective user and be writable by nobody else, and the file be a
-/// regular one, not a link: what is wrong is reported through report_error(). Any
-/// failure ends the process: report_error() with status 1, "failed to open semaphore
-/// file PATH: REASON".
+/// A missing file is created with mode 0600, and each missing directory in its path with
+/// mode 0755, minus the umask. The file, its directory and the product root must belong to
+/// root or to the effective user and must not be writable by anybody else, and the file must
+/// be a regular one and not a link; violations are reported through report_error(). Any
+/// failure ends the process: report_error() with status 1, "failed to open semaphore file
+/// PATH: REASON".
 void init_sem(void);
 
-/// Takes a semaphore without waiting. Taking it a second time is no error, and a
-/// single release gives it back.
+/// Takes a semaphore without waiting. Taking it again in the same process succeeds, and one
+/// release is enough.
 ///
 /// \param semnum  its number, 0 or more
 /// \return 0 when taken; -1, with errno EACCES or EAGAIN, when another process
@@ -29,22 +28,21 @@ void init_sem(void);
 /// status 1, "sem_lock() failed for semnum NUMBER: REASON".
 int sem_lock(long semnum);
 
-/// The same, waiting for as long as another process holds it.
+/// The same, but waits while another process holds it.
 ///
 /// \return 0
 int sem_lock_wait(long semnum);
 
-/// Releases a semaphore; one that is not held is no error.
+/// Releases a semaphore; one that is not held is not an error.
 ///
 /// \return 0; -1 with errno after a failure, reported through report_error() as
 ///         "sem_unlock() failed for semnum NUMBER: REASON"
 /// A negative number ends the process, as with sem_lock().
 int sem_unlock(long semnum);
 
-/// Closes the semaphore file, which releases all that is held. Nothing to do when
-/// it is not open. A failure is reported through report_error() as
-/// "shutdown_sem(): failed to close semaphore file: REASON"; the file counts as
-/// closed all the same.
+/// Closes the semaphore file, which releases all semaphores. Does nothing when it is not
+/// open. A failure is reported through report_error() as "shutdown_sem(): failed to close
+/// semaphore file: REASON"; the file counts as closed nevertheless.
 void shutdown_sem(void);
 
 #ifdef __cplusplus

@@ -13,7 +13,7 @@
 
 namespace {
 
-/// Writes the path of the directory that a path lies in: the path up to its last slash.
+/// Writes the directory part of a path, up to its last slash.
 ///
 /// \param parent  has room for the whole path
 void parentOf(const char* path, char* parent) {
@@ -23,17 +23,17 @@ void parentOf(const char* path, char* parent) {
     parent[kept] = '\0';
 }
 
-/// Makes each missing directory that leads to the file.
+/// Creates each missing directory in the path of the file.
 ///
-/// \param path  changed meanwhile
-/// \return false, with errno, when one cannot be made
+/// \param path  modified during the call
+/// \return false, with errno, when one cannot be created
 bool makeDirectories(char* path) {
     for (char* slash = std::strchr(path + 1, '/'); slash != nullptr;
          slash = std::strchr(slash + 1, '/')) {
         *slash = '\0';
         struct stat status;
         const bool missing = ::stat(path, &status) == -1 && errno == ENOENT;
-        // Another process may make it at the same time.
+        // Another process may create it at the same time.
         const bool failed = missing && ::mkdir(path, 0755) == -1 && errno != EEXIST;
         *slash = '/';
         if (failed) {
@@ -43,8 +43,8 @@ bool makeDirectories(char* path) {
     return true;
 }
 
-/// \return whether what is open can be trusted; if not, errno, reported unless fstat(2)
-///         failed
+/// \return whether the open file can be trusted; if not, with errno, and reported unless
+///         fstat(2) failed
 bool isTrusted(int fd, const char* path) {
     struct stat status;
     if (::fstat(fd, &status) == -1) {
@@ -71,9 +71,9 @@ void closeKeepingErrno(int fd) {
     errno = saved_errno;
 }
 
-/// Opens a name of a directory and judges what it is.
+/// Opens a file in a directory, and checks whether it can be trusted.
 ///
-/// \param path  the same as a whole, for the report
+/// \param path  its whole path, for the report
 int openTrusted(int directory, const char* name, const char* path, int flags) {
     int fd;
     do {
@@ -87,7 +87,7 @@ int openTrusted(int directory, const char* name, const char* path, int flags) {
     return fd;
 }
 
-/// Opens the file itself, which a FIFO or a terminal in its place must not delay.
+/// Opens the file itself, without blocking if it is a FIFO or a terminal.
 int openFile(int directory, const char* path, int flags) {
     const char* name = std::strrchr(path, '/') + 1;
     const int fd =

@@ -6,7 +6,7 @@
 
 namespace {
 
-// What a release has to undo.
+// What sigpipe_release() must undo.
 constexpr int dropPending = 1;
 constexpr int unblock = 2;
 
@@ -28,7 +28,7 @@ int sigpipe_hold(void) {
     ::sigemptyset(&pending);
     ::sigpending(&pending);
     int held = 0;
-    // A pending one is blocked already, and is for somebody else to take.
+    // One that is pending is blocked already, and not ours to drop.
     if (::sigismember(&pending, SIGPIPE) == 0) {
         sigset_t previous;
         if (::pthread_sigmask(SIG_BLOCK, &signals, &previous) == 0) {

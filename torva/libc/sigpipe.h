@@ -1,5 +1,5 @@
-// Writing to a pipe whose reader may have gone, without dying of it and without
-// touching the action of SIGPIPE, which belongs to the program: see signal(7), pipe(7).
+// Writing to a pipe whose reader may be gone, without being killed and without changing
+// the action of SIGPIPE, which belongs to the program: see signal(7), pipe(7).
 // Private to the library: not installed.
 #pragma once
 
@@ -7,16 +7,15 @@
 extern "C" {
 #endif
 
-/// Holds SIGPIPE back in the calling thread: a write(2) to a pipe without a reader then
-/// just fails with EPIPE. Other threads, the action of the signal and what children
-/// inherit are as before.
+/// Suppresses SIGPIPE in the calling thread: a write(2) to a pipe without a reader only
+/// fails with EPIPE. Other threads and the action of the signal are not affected.
 ///
-/// \return what sigpipe_release() has to undo. Keeps errno.
+/// \return a value for sigpipe_release(). Keeps errno.
 int sigpipe_hold(void);
 
-/// Drops the SIGPIPE that came while it was held, and lets the signal through again
-/// unless it was blocked before. One that was already pending stays pending. In the
-/// thread of sigpipe_hold(), the last hold first. Keeps errno.
+/// Drops a SIGPIPE that arrived since sigpipe_hold(), and unblocks the signal unless it was
+/// blocked before. One that was already pending stays pending. Call it in the thread of
+/// sigpipe_hold(), for the last hold first. Keeps errno.
 ///
 /// \param held  result of sigpipe_hold()
 void sigpipe_release(int held);

@@ -1,4 +1,4 @@
-// Owners of the MySQL client's handles, for the sources of this folder.
+// Owning pointers to the MySQL client's handles, for the sources of this folder.
 // Private to the library: not installed.
 #pragma once
 

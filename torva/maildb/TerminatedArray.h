@@ -1,5 +1,5 @@
-// The arrays that the plain functions hand out: memory of malloc(3), ended by an
-// element of zeros, while they are being filled.
+// Builds the arrays that the plain functions return: memory from malloc(3), terminated by
+// an element of zeros.
 // Private to the library: not installed.
 #pragma once
 
@@ -19,8 +19,8 @@ public:
     TerminatedArray(const TerminatedArray&) = delete;
     TerminatedArray& operator=(const TerminatedArray&) = delete;
 
-    /// Makes room for one more element and the end. False, with errno, when memory runs
-    /// out. Doubles, so that a long array is not copied for each of its elements.
+    /// Makes room for one more element and the terminator. False, with errno, when memory
+    /// runs out. The capacity doubles, so that a long array is not copied for each element.
     bool reserve() {
         if (elements_ != nullptr && count_ + 2 <= capacity_) {
             return true;
@@ -37,7 +37,7 @@ public:
         return true;
     }
 
-    /// Appends an element, which is owned by the array from then on. Needs reserve().
+    /// Appends an element, which the array then owns. Call reserve() first.
     void append(T element) {
         elements_[count_++] = element;
         elements_[count_] = T{};
@@ -45,7 +45,7 @@ public:
 
     std::size_t count() const { return count_; }
 
-    /// Hands the array out; null when nothing was ever reserved.
+    /// Gives up ownership of the array; null when reserve() was never called.
     T* release() {
         T* elements = elements_;
         elements_ = nullptr;

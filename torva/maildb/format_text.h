@@ -1,5 +1,4 @@
-// Texts made with the printf rules in memory of their own, for the sources of this
-// folder: nothing here throws.
+// Formatted texts in allocated memory, without exceptions, for the sources of this folder.
 // Private to the library: not installed.
 #pragma once
 

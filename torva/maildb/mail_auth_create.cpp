@@ -73,19 +73,18 @@ private:
     int descriptor_;
 };
 
-/// Makes one directory of the way, or leaves the one that is there. False with errno.
+/// Creates one directory of the path unless it exists. False with errno.
 bool make_part(const char* path) {
     constexpr mode_t mode = 0755;
     if (mkdir(path, mode) != 0) {
         return errno == EEXIST;
     }
-    // A strict umask has closed it to the mail server.
+    // With a strict umask the mail server could not enter it.
     const Descriptor made(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     return made.get() >= 0 && fchmod(made.get(), mode) == 0;
 }
 
-/// Makes the directory with all that lead there, and opens it. A negative result is
-/// reported.
+/// Creates the directory with its parents, and opens it. A negative result is reported.
 int open_directory(const std::string& directory) {
     bool made = true;
     for (std::size_t end = 0; made && end != std::string::npos;) {
@@ -107,7 +106,7 @@ bool remove_old(int directory, const char* path) {
     return true;
 }
 
-/// Makes the file, for root's eyes only whatever the umask, and opens it. A negative
+/// Creates the file, readable by root only whatever the umask, and opens it. A negative
 /// result is reported.
 int make_file(int directory, const char* path) {
     constexpr mode_t mode = 0600;
@@ -116,7 +115,7 @@ int make_file(int directory, const char* path) {
     if (made < 0) {
         torva_log(3, "Unable to open database %s: %s", path, sqlite3_errstr(SQLITE_CANTOPEN));
     } else {
-        fchmod(made, mode); // the umask may have taken what SQLite needs, and it will tell
+        fchmod(made, mode); // undoes the umask; if this fails, SQLite reports it
     }
     return made;
 }
@@ -125,8 +124,8 @@ bool run_schema(const Database& database) {
     RetryPause pause;
     int code = SQLITE_BUSY;
     while (is_locked(code) && pause.wait()) {
-        // What was locked may have been the end of the script: its beginning would fail
-        // inside the transaction that is still open.
+        // If the end of the script met the lock, its transaction is still open, and the
+        // beginning of the script would fail in it.
         if (sqlite3_get_autocommit(database.get()) == 0) {
             sqlite3_exec(database.get(), "ROLLBACK", nullptr, nullptr, nullptr);
         }
@@ -151,7 +150,7 @@ bool find_owner(const MailServer& server, uid_t& owner) {
     if (server.owner == nullptr) {
         return true;
     }
-    errno = 0; // a user that is not there is no system error
+    errno = 0; // a missing user is not a system error
     const passwd* entry = getpwnam(server.owner);
     if (entry == nullptr) {
         torva_log(2, "Unable to get user id for \"%s\": %s", server.owner, std::strerror(errno));
@@ -181,8 +180,8 @@ bool has_capability(int capability) {
     return asked && (data[bit / 32U].effective & (1U << bit % 32U)) != 0;
 }
 
-/// Whether this process may give the directory and the file to their owner, told as the
-/// failure that it would be: when it comes up afterwards, the old database is gone.
+/// Whether this process may give the directory and the file to their owner. Otherwise
+/// reports the failure that this will be, while the old database still exists.
 bool can_hand_over(const MailServer& server, const char* directory, uid_t owner) {
     if (owner == 0 && geteuid() == 0) {
         return true;
@@ -201,8 +200,8 @@ bool hand_over(int file, const char* path, uid_t owner, mode_t mode) {
     return fchmod(file, mode) == 0 || report_mode(path, mode);
 }
 
-/// Whether the file that was made is still the one at the path, and only there: the owner
-/// of the directory could have put another in its place.
+/// Whether the file that was created is still the one at the path, and only there: the
+/// owner of the directory could have replaced it.
 bool is_in_place(int file, int directory, const char* path) {
     struct stat made {};
     struct stat found {};
@@ -230,7 +229,7 @@ int create(const MailServer& server) {
         !can_hand_over(server, path.c_str(), owner) || !remove_old(directory.get(), server.path)) {
         return -1;
     }
-    // Held while SQLite has the file: closing it any earlier would release SQLite's locks.
+    // Kept open while SQLite uses the file: closing it would release SQLite's locks.
     const Descriptor file(make_file(directory.get(), server.path));
     const bool created = file.get() >= 0 && fill_database(server.path) &&
                          hand_over(directory.get(), path.c_str(), owner, server.directory_mode) &&

@@ -1,5 +1,4 @@
-// The pieces of the making of a mail-authentication database, apart for their tests;
-// the whole of it is mail_auth_create_db() of torva/maildb/mail_auth.h.
+// The parts of mail_auth_create_db() in torva/maildb/mail_auth.h that are tested alone.
 // Private to the library: not installed.
 #pragma once
 
@@ -7,7 +6,7 @@
 
 namespace torva::maildb {
 
-/// The script that makes tables, indices and triggers, in one transaction.
+/// The script that creates tables, indexes and triggers, in one transaction.
 extern const char auth_schema[];
 
 /// Directory part of a database path.

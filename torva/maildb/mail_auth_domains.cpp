@@ -51,7 +51,7 @@ bool find_domain(Database& database, const char* domain, FoundDomain& found, boo
 
 namespace {
 
-/// An address with an empty domain is invalid: its mailboxes could not be reached.
+/// A domain with an empty name would have mailboxes without a valid address.
 bool is_domain_name(const char* name) {
     if (*name == '\0') {
         torva_log(3, "Invalid mail domain '%s'", name);

@@ -49,7 +49,7 @@ bool look_up(Database& database, Statement& statement, const char* address, cons
 
 using UserList = torva::maildb::TerminatedArray<mail_auth_user, mail_auth_free_list>;
 
-/// Whether the row is one for the list; reports one that is not.
+/// Whether the mailbox belongs in the list; reports one that does not.
 bool is_usable(const mail_auth_user& user) {
     if (is_empty(user.name)) {
         torva_log(6, "NULL or empty mail address stored in the database, skipped");

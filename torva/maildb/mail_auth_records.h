@@ -1,4 +1,4 @@
-// Addresses, domain ids and mailbox records, for the sources behind
+// Addresses, domain ids and mailbox records, for the sources that implement
 // torva/maildb/mail_auth.h.
 // Private to the library: not installed.
 #pragma once
@@ -19,36 +19,36 @@ struct FoundDomain {
 
 enum class Search { found, missing, failed };
 
-/// Looks a domain up. Only a failure is reported.
+/// Looks up a domain. Only a failure is reported.
 Search search_domain(Database& database, const char* domain, FoundDomain& found,
                      bool with_status = false);
 
 /// The same in the database of a mail server type.
 Search search_domain(int type, const char* domain);
 
-/// Looks a domain up. False, reported, also when it is not there.
+/// Looks up a domain. False, reported, also when it does not exist.
 bool find_domain(Database& database, const char* domain, FoundDomain& found,
                  bool with_status = false);
 
-/// A mail address in two; both point into the text it was made from.
+/// The two parts of a mail address; both point into the address.
 struct Address {
     std::string_view name;
     const char* domain = nullptr;
 };
 
-/// Splits an address at its first "@". False, reported, without one or when nothing
-/// is before or after it.
+/// Splits an address at its first "@". False, reported, when there is none, or nothing
+/// before or after it.
 bool split_address(const char* text, Address& address);
 
-/// Copies a column, or null for a NULL column; owned by the caller (free(3)). False,
+/// Copies a column, null for NULL, into memory that the caller frees (free(3)). False,
 /// reported at level 2, when memory runs out.
 bool copy_column(sqlite3_stmt* row, int column, char** copy);
 
-/// Copies what follows a mailbox's name: plain password, encrypted password, status and,
-/// when there is a fourth column, the domain's status.
+/// Copies the columns after a mailbox's name: plain password, encrypted password, status
+/// and, when there is a fourth column, the domain's status.
 ///
 /// \param first  the first of these columns
-/// \param user   gets them; its name stays, and it is the caller's to free
+/// \param user   receives them and keeps its name; the caller frees it
 bool copy_record(sqlite3_stmt* row, int first, mail_auth_user& user);
 
 /// Reports that memory has run out; errno becomes ENOMEM. Always false.

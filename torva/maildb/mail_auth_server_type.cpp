@@ -17,8 +17,8 @@ namespace {
 
 constexpr MailServer servers[] = {
     {"qmail", "/var/lib/torva/mail/auth/passwd.db", nullptr, 0750, 0600},
-    // The owner, the mail server itself, may read only; root's group, which the panel's
-    // programs have, writes.
+    // The owner, the mail server itself, may only read; the panel's programs, which are in
+    // root's group, may write.
     {"postfix", "/var/spool/postfix/torva/passwd.db", "postfix", 0770, 0460},
 };
 

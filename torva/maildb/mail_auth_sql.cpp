@@ -15,8 +15,8 @@ namespace {
 constexpr int busy_timeout_ms = 50;
 constexpr long pause_step_us = 10;
 
-/// Opens a handle. Who owns the file may have written its schema as well, so that no
-/// trigger or view gets at more than the tables.
+/// Opens a handle. The owner of the file may have written its schema, so triggers and views
+/// must not reach more than the tables.
 int open_handle(const char* path, int flags, sqlite3** handle) {
     char resolved[PATH_MAX];
     const int code = sqlite3_open_v2(resolve_directory(path, resolved), handle,
@@ -99,7 +99,7 @@ bool Database::close() noexcept {
     }
     if (code != SQLITE_OK) {
         torva_log(3, "Unable to close database %s: %s", path_, sqlite3_errmsg(handle_));
-        sqlite3_close_v2(handle_); // closes itself with the last thing that uses it
+        sqlite3_close_v2(handle_); // is closed when nothing uses it any more
     }
     handle_ = nullptr;
     return code == SQLITE_OK;
@@ -154,7 +154,7 @@ bool Statement::bind_name(int index, const char* parameter, std::string_view nam
 bool Statement::bind_password(int index, const char* password) noexcept {
     const std::size_t length = password == nullptr ? 0 : std::strlen(password);
     const int code = bind(index, {true, password, length, 0});
-    if (code != SQLITE_OK) { // the password itself goes into no log
+    if (code != SQLITE_OK) { // the password itself must not be logged
         torva_log(3, "Unable to bind parameter password to SQL statement for query '%s': %s",
                   query_, sqlite3_errmsg(database_.get()));
     }
@@ -183,14 +183,14 @@ int Statement::step_unlocked() noexcept {
     RetryPause pause;
     int code = SQLITE_BUSY;
     while (is_locked(code) && pause.wait()) {
-        code = sqlite3_step(handle_); // which resets the statement after a failure
+        code = sqlite3_step(handle_); // resets the statement first if it has failed
     }
     return code;
 }
 
 Statement::Step Statement::step(const char* purpose) noexcept {
     int code = step_unlocked();
-    // Only the first step can meet a journal: from then on the statement holds a lock that
+    // Only the first step can meet a journal: after it, the statement holds a lock that
     // keeps writers out.
     if (code == SQLITE_READONLY && database_.become_writer()) {
         finalize();

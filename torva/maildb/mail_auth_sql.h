@@ -1,7 +1,7 @@
-// The mail-authentication database as an SQLite handle and statements that close
-// themselves, report their failures and wait for locks, for torva/maildb/mail_auth.h only.
-// Every member that answers bool has reported why it is false. Declare a statement
-// after its database: it must be finalized before the database is closed.
+// SQLite handles and statements that close themselves, report their failures and wait for
+// locks, for torva/maildb/mail_auth.h only. A member function that returns false has
+// reported why, unless its comment says otherwise. Declare a statement after its database:
+// it must be finalized before the database is closed.
 // Private to the library: not installed.
 #pragma once
 
@@ -13,18 +13,18 @@ struct sqlite3_stmt;
 
 namespace torva::maildb {
 
-/// The pauses between the attempts at something that is locked: none before the
-/// first, then 10 microseconds, and each 10 longer than the one before.
+/// The pauses between attempts while something is locked: none before the first, then 10
+/// microseconds, each 10 longer than the one before.
 class RetryPause {
 public:
-    /// False when a signal interrupted the pause: that ends the attempts.
+    /// False, unreported, when a signal interrupted the pause: that ends the attempts.
     bool wait() noexcept;
 
 private:
     long microseconds_ = -10;
 };
 
-/// Whether an SQLite result means that another connection has the database.
+/// Whether an SQLite result means that another connection holds a lock.
 bool is_locked(int code) noexcept;
 
 class Database {
@@ -36,20 +36,20 @@ public:
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;
 
-    /// Opens an existing file, see mail_auth_vfs.h for what is refused. Its schema is not
-    /// trusted: what a trigger or a view may do ends at the file. `path` must outlive this.
+    /// Opens an existing file; mail_auth_vfs.h tells which are refused. Its schema is not
+    /// trusted: triggers and views cannot reach beyond the file. `path` must outlive this.
     bool open(const char* path, Access access) noexcept;
 
     /// Opens the database of a mail server type.
     bool open(int type, Access access) noexcept;
 
-    /// Turns a database that is open for reading into one open for writing, on another
-    /// handle; the old one goes with the last statement that uses it. False, unreported,
-    /// when it is open for writing already or cannot be.
+    /// Reopens a database that is open for reading for writing, on another handle; the old
+    /// one is closed with the last statement that uses it. False, unreported, when it is
+    /// already open for writing or cannot be opened for it.
     bool become_writer() noexcept;
 
-    /// Closes the database, waiting for whoever uses it. To be called on success:
-    /// the destructor does it without telling.
+    /// Closes the database, waiting while it is busy. Call it on success: the destructor
+    /// cannot tell of a failure.
     bool close() noexcept;
 
     sqlite3* get() const noexcept { return handle_; }
@@ -69,9 +69,8 @@ public:
     Statement(const Statement&) = delete;
     Statement& operator=(const Statement&) = delete;
 
-    /// A journal left by a writer that was killed stops a reader here or at its first
-    /// step(). Only a writer may roll it back: the database becomes one, and the query is
-    /// run once more.
+    /// The journal of a killed writer stops a reader here or at its first step(). Only a
+    /// writer may roll it back: the database becomes one, and the query is run again.
     bool prepare() noexcept;
 
     /// Bound texts must live until the statement is finalized.
@@ -81,10 +80,10 @@ public:
     bool bind_status(int index, int status) noexcept;
     bool bind_domain_id(int index, long long id) noexcept;
 
-    /// \param purpose  what stands between "Unable to execute the " and " query: "
+    /// \param purpose  the text between "Unable to execute the " and " query: "
     Step step(const char* purpose) noexcept;
 
-    /// Steps once and finalizes: for statements that change something.
+    /// Steps once and finalizes, for statements that change something.
     bool execute(const char* purpose) noexcept;
 
     void finalize() noexcept;
@@ -92,7 +91,7 @@ public:
     sqlite3_stmt* get() const noexcept { return handle_; }
 
 private:
-    /// What was bound, to bind it again: a text, or the number when there is none.
+    /// A bound value, kept to bind it again.
     struct Parameter {
         bool is_text = false;
         const char* text = nullptr;

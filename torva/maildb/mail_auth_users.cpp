@@ -14,7 +14,7 @@ using Access = torva::maildb::Database::Access;
 
 namespace {
 
-/// Opens the database and finds the address's domain in it.
+/// Opens the database and finds the domain of the address in it.
 bool open_at_domain(Database& database, int type, Access access, const char* text, Address& address,
                     FoundDomain& domain) {
     return split_address(text, address) && database.open(type, access) &&

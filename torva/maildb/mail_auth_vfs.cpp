@@ -18,17 +18,17 @@ constexpr char vfs_name[] = "torva-mail-auth";
 using OpenCall = int (*)(const char*, int, int);
 
 OpenCall unguarded_open = nullptr;
-thread_local const char* guarded_path = nullptr; // what this thread is about to open
+thread_local const char* guarded_path = nullptr; // the file that this thread is opening
 
-/// A file without links is only here: it cannot be somebody else's as well. It may have
-/// been removed since it was opened, as journals are.
+/// A regular file with a single name is not also somebody else's. It may have been removed
+/// since it was opened, as journals are.
 bool is_plain_file(const struct stat& status) {
     return S_ISREG(status.st_mode) && status.st_nlink <= 1;
 }
 
-/// Whether the open file has its only name at the path, or none any more. Somebody may link
-/// another's file there and remove the link again after it was opened; to be taken for
-/// ours it would have to come and go in step with every look.
+/// Whether the only name of the open file is the path, or it has none left. Somebody may
+/// link another file there and remove the link after it was opened; to pass, the link would
+/// have to come and go in step with every check.
 bool is_only_here(int fd, const char* path) {
     constexpr int looks = 8;
     struct stat opened {};
@@ -49,7 +49,7 @@ bool is_only_here(int fd, const char* path) {
     return true;
 }
 
-/// In place of the "open" of SQLite, for the whole process.
+/// Replaces the "open" of SQLite, for the whole process.
 int guarded_open(const char* path, int flags, int mode) {
     if (guarded_path == nullptr || std::strcmp(path, guarded_path) != 0) {
         return unguarded_open(path, flags, mode);
@@ -71,7 +71,7 @@ public:
     PathGuard& operator=(const PathGuard&) = delete;
 };
 
-/// A look before opening: opening a device can have effects of its own.
+/// Checked before opening: opening a device can have side effects.
 bool is_obstacle(const char* path) {
     struct stat status {};
     return lstat(path, &status) == 0 && !is_plain_file(status);
@@ -80,7 +80,7 @@ bool is_obstacle(const char* path) {
 int open_file(sqlite3_vfs* /*vfs*/, const char* path, sqlite3_file* file, int flags,
               int* out_flags) {
     sqlite3_vfs* base = sqlite3_vfs_find("unix");
-    if (path == nullptr) { // a temporary file, which SQLite names by itself
+    if (path == nullptr) { // a temporary file, which SQLite names itself
         return base->xOpen(base, path, file, flags, out_flags);
     }
     file->pMethods = nullptr; // there is nothing to close
@@ -110,7 +110,7 @@ bool register_vfs() {
     if (base == nullptr) {
         return false;
     }
-    static sqlite3_vfs vfs = *base; // its members take any VFS that has the same data
+    static sqlite3_vfs vfs = *base; // its functions accept any VFS with the same data
     vfs.zName = vfs_name;
     vfs.xOpen = open_file;
     guard_open_call(base);
@@ -121,7 +121,7 @@ bool register_vfs() {
 
 const char* mail_auth_vfs() noexcept {
     static const bool registered = register_vfs();
-    static_cast<void>(registered); // without it, SQLite says that there is no such VFS
+    static_cast<void>(registered); // if it failed, SQLite reports that the VFS is unknown
     return vfs_name;
 }
 

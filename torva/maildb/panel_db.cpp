@@ -66,7 +66,7 @@ int run_list_query(MYSQL* connection, const char* query, char*** list) {
     return 0;
 }
 
-/// Logs that a query could not even be made.
+/// Reports that the text of a query could not be made.
 int report_no_query() {
     torva_log(3, "Unable to create database query");
     return -1;

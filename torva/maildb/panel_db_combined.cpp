@@ -14,7 +14,7 @@ using torva::maildb::format_text;
 using torva::maildb::Search;
 using torva::maildb::Text;
 
-/// A result list of the panel's database, to be walked through.
+/// A result list of the panel's database.
 class List {
 public:
     List() = default;
@@ -25,7 +25,7 @@ public:
     char*** out() { return &entries_; }
     bool empty() const { return entries_ == nullptr || *entries_ == nullptr; }
 
-    /// Calls the function with each text; nothing when the query has failed.
+    /// Calls the function with each text; never when the query has failed.
     template <typename Function>
     void for_each(Function function) const {
         for (char** entry = entries_; entry != nullptr && *entry != nullptr; ++entry) {
@@ -37,10 +37,10 @@ private:
     char** entries_ = nullptr;
 };
 
-/// The result of several steps.
+/// Collects the results of several steps.
 class Steps {
 public:
-    /// Takes a step's result; true when it has failed and is to be reported.
+    /// Records the result of a step; true when it failed and must be reported.
     bool failed(int result) {
         if (result != 0) {
             result_ = -1;
@@ -70,12 +70,12 @@ int set_user(int type, const char* name, const char* domain, const char* passwor
                : mail_auth_set_user(type, address.get(), password, encrypted, status);
 }
 
-/// Whether there is no such password.
+/// Whether there is no password.
 bool has_no_text(const char* password) {
     return password == nullptr || *password == '\0';
 }
 
-/// Copies one mailbox, with the one password that it has.
+/// Copies one mailbox with one password.
 int clone_user(int type, const char* name, const char* from, const char* to) {
     const Text address = make_address(name, from);
     mail_auth_user user{};

@@ -20,10 +20,10 @@ using torva::maildb::ResultHolder;
 constexpr char password_path[] = "/etc/kra/.kra.shadow";
 constexpr std::size_t password_limit = 99;
 
-/// The password's bytes: they are wiped wherever this goes out of scope.
+/// The password, wiped when this goes out of scope.
 struct Password {
     char line[password_limit + 1] = {};
-    char stream_buffer[BUFSIZ] = {}; // what stdio reads ahead is wiped as well
+    char stream_buffer[BUFSIZ] = {}; // for stdio, so that it is wiped as well
 
     Password() = default;
     ~Password() {
@@ -34,9 +34,9 @@ struct Password {
     Password& operator=(const Password&) = delete;
 };
 
-/// Keeps descriptors 0 to 2 occupied while it exists: in a program that was started
-/// without standard streams the session would become one of them, and whatever is
-/// printed would go to the server.
+/// Keeps descriptors 0 to 2 occupied while it exists: in a program that was started without
+/// standard streams, the session would become one of them, and output would go to the
+/// server.
 class StandardStreams {
 public:
     StandardStreams() {
@@ -63,7 +63,7 @@ private:
     bool occupied_[STDERR_FILENO + 1] = {};
 };
 
-/// A server that says nothing must not be waited for for ever.
+/// A silent server must not block the program for ever.
 void set_time_outs(MYSQL* connection) {
     constexpr unsigned int connect_seconds = 10;
     constexpr unsigned int transfer_seconds = 30; // for each single read or write
@@ -84,7 +84,7 @@ bool read_password(Password& password, char* error, std::size_t error_size) {
         return false;
     }
     std::setvbuf(file.get(), password.stream_buffer, _IOFBF, sizeof password.stream_buffer);
-    errno = 0; // the end of an empty file is no system error
+    errno = 0; // the end of an empty file is not a system error
     if (std::fgets(password.line, sizeof password.line, file.get()) == nullptr) {
         std::snprintf(error, error_size, "Unable to read admin password file: %s",
                       std::strerror(errno));
@@ -102,8 +102,8 @@ bool is_old_version(const char* version) {
     return std::strncmp(version, "3.", 2) == 0 || std::strncmp(version, "4.0.", 4) == 0;
 }
 
-/// A connection whose session is being set up. Each step answers whether it worked;
-/// the one that did not has written its message.
+/// A connection whose session is being set up. Each step returns whether it succeeded; one
+/// that failed has written its message.
 class Session {
 public:
     Session(MYSQL* connection, char* error, std::size_t error_size)
@@ -210,7 +210,7 @@ struct st_mysql* db_connect(char* error, size_t error_size) {
                       mysql_error(connection.get()));
         return nullptr;
     }
-    // The client does not do it, and a program started meanwhile would hold the session.
+    // The client does not do it, and a program started later would inherit the session.
     fcntl(mysql_get_socket(connection.get()), F_SETFD, FD_CLOEXEC);
     return connection.release();
 }
@@ -231,7 +231,7 @@ struct st_mysql* db_open_session(char* error, std::size_t error_size) {
 
 struct st_mysql* db_open(char* error, size_t error_size) {
     if (error_size > 0) {
-        error[0] = '\0'; // neither is to tell of an earlier session
+        error[0] = '\0'; // neither may be left from an earlier session
     }
     db_utf8_compatible = 0;
     ConnectionHolder connection(db_open_session(error, error_size));

@@ -22,8 +22,8 @@ constexpr std::array<const char*, 3> dup2Operations = {"stdin dup2", "stdout dup
 // Brings the prepared descriptors to 0, 1 and 2. One of them may itself be 0, 1 or
 // 2, and two streams may share one.
 void redirectStreams(std::array<int, 3> prepared) {
-    // First out of the way: the dup2 for one stream must not overwrite what
-    // another is waiting for, as with 1 and 2 exchanged.
+    // Move them out of the way first: the dup2 for one stream must not overwrite the
+    // descriptor that another one needs, as when 1 and 2 are swapped.
     for (int target = 0; target < 3; ++target) {
         int& fd = prepared[static_cast<std::size_t>(target)];
         if (fd >= 0 && fd < firstOther && fd != target) {
@@ -41,7 +41,7 @@ void redirectStreams(std::array<int, 3> prepared) {
             return fd == target ? ::fcntl(fd, F_SETFD, 0) : ::dup2(fd, target);
         });
     }
-    // Only now, and each once: a shared one was needed up to here.
+    // Only now, and each once: two streams may share one.
     std::sort(prepared.begin(), prepared.end());
     const auto end = std::unique(prepared.begin(), prepared.end());
     for (auto fd = prepared.begin(); fd != end; ++fd) {
@@ -84,10 +84,10 @@ void closeOtherDescriptors(int controlFd) {
     errno = saved;
 }
 
-// exit(3) cleans up the streams of the whole process: it would move the offset of a file
-// that the parent has half read back to where the parent's buffer began, and write what
-// the parent's own buffers hold a second time. Standard output and error stay, for what
-// the hook and the exit handlers have to say.
+// exit(3) cleans up the streams of the process: for a file that the parent has half read, it
+// would move the shared offset back to the beginning of the parent's buffer, and it would
+// write the contents of the parent's own buffers a second time. Standard output and error
+// stay open for output of the hook and the exit handlers.
 void leaveDescriptorsToTheParent() {
     ::close(STDIN_FILENO);
     ::open("/dev/null", O_RDONLY); // or the next file opened would become standard input
@@ -105,12 +105,11 @@ void leaveDescriptorsToTheParent() {
     } else {
         systemCall("execv", [&plan] { return ::execv(plan.program, plan.arguments); });
     }
-    std::abort(); // an exec that comes back has failed and thrown
+    std::abort(); // not reached: an exec that returns has failed, and that was thrown
 }
 
 [[noreturn]] void becomeProgram(const ChildPlan& plan) {
-    // Open across exec it would keep the parent waiting for as long as the program
-    // runs.
+    // If it stayed open across exec, the parent would wait until the program ends.
     systemCall("control pipe close-on-exec fcntl",
                [&plan] { return ::fcntl(plan.controlFd, F_SETFD, FD_CLOEXEC); });
     redirectStreams(plan.prepared);

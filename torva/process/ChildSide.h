@@ -1,5 +1,5 @@
-// The child between fork and exec. What it needs is prepared by torva/process/Launch.h;
-// how its failure travels is torva/process/ErrorRelay.h.
+// The child between fork and exec. torva/process/Launch.h prepares what it needs;
+// torva/process/ErrorRelay.h transports its failure.
 // Private to the library: not installed.
 #pragma once
 
@@ -10,7 +10,7 @@
 
 namespace torva::process {
 
-/// Everything that the child needs, nothing of it owned.
+/// Everything that the child needs; owns nothing.
 struct ChildPlan {
     const char* program;
     char* const* arguments;       ///< null-terminated
@@ -22,12 +22,12 @@ struct ChildPlan {
     bool closeOtherDescriptors;
     bool newSession;
     const boost::function<void()>* preExecHook; ///< may be empty
-    const sigset_t* signalMask;                 ///< null: as it is
+    const sigset_t* signalMask;                 ///< null: unchanged
 };
 
-/// Becomes the program, or reports why not over the control pipe, closes standard input
-/// and all descriptors above 2, and ends with exit(3): 67 after a SystemError, 66 after
-/// another std::exception, 65 after anything else.
+/// Executes the program. On failure reports it over the control pipe, replaces standard
+/// input by "/dev/null", closes all descriptors above 2, and ends with exit(3): 67 after a
+/// SystemError, 66 after another std::exception, 65 after anything else.
 [[noreturn]] void runChild(const ChildPlan& plan) noexcept;
 
 } // namespace torva::process

@@ -1,7 +1,7 @@
-// The owner of one file descriptor, and the anonymous pipes made of two of them.
-// Whatever is opened here is close-on-exec from birth and above 2: a child gets
-// only what it is given, and the standard streams of a process that was started
-// with some of them closed are never taken by accident.
+// The owner of one file descriptor, and anonymous pipes. All descriptors that are opened
+// here are close-on-exec from birth and above 2: a child inherits only what it is given,
+// and a process that was started with a closed standard stream does not get one of ours in
+// its place.
 #pragma once
 
 #include <utility>
@@ -12,9 +12,9 @@ namespace torva::process {
 class Descriptor {
 public:
     Descriptor() noexcept = default;
-    /// \param fd  descriptor to own from now on; -1: none
+    /// \param fd  descriptor to own; -1: none
     explicit Descriptor(int fd) noexcept : fd_(fd) {}
-    /// For the ways out that were not planned: closes silently, like closeQuietly().
+    /// Like closeQuietly(); call release() on planned paths.
     ~Descriptor() { closeQuietly(); }
     Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
     Descriptor& operator=(Descriptor&& other) noexcept {
@@ -29,15 +29,15 @@ public:
     int get() const noexcept { return fd_; }
     explicit operator bool() const noexcept { return fd_ != -1; }
 
-    /// Closes, and says so when that fails; the way to release on every planned
-    /// path. Nothing is owned afterwards, even on failure.
+    /// Closes the descriptor and reports a failure. Nothing is owned afterwards, even
+    /// after a failure.
     ///
     /// \param operation  the message of the error
     /// \throws SystemError  close(2) failed; never while an exception is
-    ///         propagating: then the release is silent and keeps errno
+    ///         propagating: then this is closeQuietly()
     void release(const char* operation = "close");
 
-    /// Closes without a word and keeps errno; for handlers that hold an exception.
+    /// Closes the descriptor, ignores failures and keeps errno; for exception handlers.
     void closeQuietly() noexcept;
 
 private:
@@ -53,7 +53,7 @@ struct PipeEnds {
 /// A new pipe, both ends close-on-exec and above 2.
 ///
 /// \param operation  the message of the error
-/// \throws SystemError  nothing stays open then
+/// \throws SystemError  nothing is left open
 PipeEnds openPipe(const char* operation);
 
 /// The null device, close-on-exec and above 2.
@@ -63,10 +63,10 @@ PipeEnds openPipe(const char* operation);
 /// \throws SystemError
 Descriptor openNullDevice(int flags, const char* operation);
 
-/// A number that is closed now and stays so whatever is opened later: the given
-/// one when it is open, otherwise one that no descriptor can have. Ask before
-/// opening anything, or the number of a descriptor that a caller has closed is
-/// taken by one of ours and handed over in its place.
+/// The given number when it is an open descriptor or negative, otherwise a number that no
+/// descriptor can have. Call it before opening anything: otherwise the number of a
+/// descriptor that a caller has closed could be taken by one of ours, which would be
+/// passed on in its place.
 int pinned(int fd) noexcept;
 
 } // namespace torva::process

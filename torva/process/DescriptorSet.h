@@ -1,5 +1,5 @@
-// A bit set of descriptors for select(2), wider than fd_set: that one ends at 1024,
-// where its macros abort the process.
+// A set of descriptors for select(2), larger than fd_set, which is limited to 1024 and
+// whose macros abort the process beyond that.
 // Private to the library: not installed.
 #pragma once
 
@@ -15,7 +15,7 @@ namespace torva::process {
 
 class DescriptorSet {
 public:
-    /// One more than the highest descriptor; the count to give to select(2).
+    /// One more than the highest descriptor; the count for select(2).
     static constexpr int capacity = 16384;
 
     void clear() noexcept { words_.fill(0); }
@@ -29,7 +29,7 @@ public:
         words_[wordOf(fd)] |= bitOf(fd);
     }
 
-    /// False for every number outside the set, -1 among them.
+    /// False for every number beyond the capacity, and for negative ones.
     bool contains(int fd) const noexcept {
         return fd >= 0 && fd < capacity && (words_[wordOf(fd)] & bitOf(fd)) != 0;
     }
@@ -39,7 +39,7 @@ public:
 
 private:
     static constexpr int bitsPerWord = 32;
-    // The kernel counts in words of long: only here are those two of ours in order.
+    // The kernel's words are longs: only on these machines do two of ours make one.
     static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ || sizeof(long) == 4,
                   "words of 32 bits do not add up to words of long on this machine");
 

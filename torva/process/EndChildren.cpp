@@ -12,7 +12,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Each child by its own number: others may belong to the caller.
+// Each child by its own pid: others may belong to the caller.
 void reap(ProcessSet& children, int options) noexcept {
     for (const WatchedChild& child : children.children()) {
         if (child.ended) {
@@ -21,7 +21,7 @@ void reap(ProcessSet& children, int options) noexcept {
         int status = 0;
         const pid_t pid = child.pid;
         if (retried([&] { return ::waitpid(pid, &status, options); }) != 0) {
-            // -1: it is not ours to wait for any more; asking again would never end.
+            // -1: it was reaped elsewhere; waiting for it would never end.
             children.recordEnd(pid, status);
         }
     }
@@ -39,8 +39,8 @@ timespec timeUntil(Clock::time_point deadline) noexcept {
     return time;
 }
 
-// A blocked SIGCHLD stays pending, so none that comes between the reaping and the
-// waiting is missed.
+// A blocked SIGCHLD stays pending, so one that arrives between reap() and sigtimedwait(2)
+// is not missed.
 void waitForAll(ProcessSet& children, std::chrono::milliseconds patience) noexcept {
     sigset_t signals;
     ::sigemptyset(&signals);

@@ -20,8 +20,8 @@ constexpr std::string_view typeTag = "ET: ";
 constexpr std::string_view messageTag = "EM: ";
 constexpr std::string_view codeTag = "EC: ";
 
-// Text with the NUL that ends its record. A NUL inside would end it too early and
-// make a stray record of the rest.
+// The text up to its first NUL, with the NUL that ends its record. The text after an inner
+// NUL would be taken for a record.
 std::string terminated(const std::string& text) {
     return std::string(text.c_str(), std::strlen(text.c_str()) + 1);
 }
@@ -111,7 +111,7 @@ void ErrorReader::interpret(const std::string& record) {
     } else if (tag == codeTag) {
         code_ = parseCode(text);
     } else {
-        const SigpipeHold hold; // its reader may have gone
+        const SigpipeHold hold; // the reader may be gone
         childOutput_ << "child output: " << record << std::endl;
     }
 }

@@ -83,8 +83,7 @@ std::vector<char*> pointersTo(const std::vector<std::string>& texts) {
     return pointers;
 }
 
-// What is still buffered would be written twice, by us and by the exit(3) of a
-// failing child.
+// Buffered output would be written twice, by us and by the exit(3) of a failing child.
 void flushStandardStreams() {
     std::cout.flush();
     std::cerr.flush();
@@ -92,7 +91,7 @@ void flushStandardStreams() {
     std::fflush(nullptr);
 }
 
-// Returns when the child runs its program: exec has closed the other end.
+// Returns when the child executes its program, because exec closes the other end.
 void awaitExec(Descriptor& control) {
     ErrorReader reader(std::clog);
     char chunk[1024];

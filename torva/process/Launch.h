@@ -1,5 +1,5 @@
-// Starts one child and waits for one. A failure of the child before its program
-// runs surfaces here as an exception of the same kind. Serving the child's streams is
+// Starts a child, and waits for one. A failure of the child before its program runs is
+// thrown here as an exception of the same kind. Serving the child's streams is
 // torva/process/Pipe.h.
 #pragma once
 
@@ -14,16 +14,16 @@
 
 namespace torva::process {
 
-/// Where a standard stream of a child leads.
+/// A standard stream of a child.
 struct ChildStream {
     enum class Kind {
-        inherited,  ///< left as it is
+        inherited,  ///< that of this process
         nullDevice, ///< "/dev/null"
-        newPipe,    ///< a new pipe, the other end in the LaunchResult
+        newPipe,    ///< a new pipe, whose other end is in the LaunchResult
         descriptor  ///< fd
     };
     Kind kind = Kind::inherited;
-    int fd = -1; ///< Kind::descriptor only; stays the caller's
+    int fd = -1; ///< Kind::descriptor only; not closed
 };
 
 /// What to start and how.
@@ -42,10 +42,10 @@ struct LaunchRequest {
     /// called in the child just before exec; must not wait for this process, which
     /// waits for the exec
     boost::function<void()> preExecHook;
-    const sigset_t* signalMask = nullptr; ///< mask of the program, not owned; null: inherited
+    const sigset_t* signalMask = nullptr; ///< of the program, not owned; null: inherited
 };
 
-/// A child that runs its program.
+/// A child that is executing its program.
 struct LaunchResult {
     pid_t pid = -1;
     Descriptor input;  ///< write end; closed unless Kind::newPipe
@@ -54,24 +54,23 @@ struct LaunchResult {
 };
 
 /// Forks, and executes the program in the child. See fork(2), execve(2). While a pipe
-/// (torva/process/Pipe.h) runs, it reaps this child, too: waitForExit() then fails.
+/// (torva/process/Pipe.h) runs, it reaps this child as well: waitForExit() then fails.
 ///
-/// \param forked  takes the pid as soon as there is a child; also one that could
-///                not execute its program and is left to the caller to wait for;
-///                null: not wanted
-/// \throws SystemError  a system call failed here or, with its text twice, in the
-///         child: "pipe", "stdin pipe", "stdin /dev/null open", "fork", "control
-///         pipe read", "close"; "control pipe close-on-exec fcntl", "stdin dup2",
-///         "cwd chdir", "setsid", "restore sigprocmask", "execve", "execvp", "execv";
-///         "stdout" and "stderr" in place of "stdin"
+/// \param forked  receives the pid as soon as there is a child, even one that then fails
+///                to execute its program: the caller must wait for it; null: not wanted
+/// \throws SystemError  a system call failed here: "pipe", "stdin pipe", "stdin /dev/null
+///         open", "fork", "control pipe read", "close"; or in the child, whose message
+///         ends with the system's text twice: "control pipe close-on-exec fcntl", "stdin
+///         dup2", "cwd chdir", "setsid", "restore sigprocmask", "execve", "execvp",
+///         "execv"; with "stdout" and "stderr" as with "stdin"
 /// \throws std::invalid_argument  "invalid FD for stdin" (or "stdout", "stderr"): a
 ///         negative descriptor; nothing was started
-/// \throws other  what the hook threw, as std::runtime_error, std::exception or,
-///         for what is no std::exception, std::runtime_error "unknown error"
-/// No descriptor stays open after a failure. All standard output streams are flushed
-/// first, because a child that fails ends with exit(3) and runs the exit handlers and
-/// static destructors of this process, with "/dev/null" as its input and nothing open
-/// above 2: files that are half read stay where they are, buffers are written once.
+/// \throws other  what the hook threw, as SystemError, std::runtime_error or
+///         std::exception; anything else as std::runtime_error "unknown error"
+/// After a failure no descriptor is left open. All standard output streams are flushed
+/// first, because a child that fails ends with exit(3), which runs the exit handlers and
+/// static destructors of this process. The child's input is then "/dev/null" and nothing
+/// above 2 is open, so that it neither moves our file positions nor writes our buffers.
 LaunchResult launch(const LaunchRequest& request, pid_t* forked = nullptr);
 
 /// Waits until a child has ended.
@@ -81,9 +80,9 @@ LaunchResult launch(const LaunchRequest& request, pid_t* forked = nullptr);
 ///         no such child, or a running pipe has reaped it
 int waitForExit(pid_t pid);
 
-/// Waits for every child that this process still has: for callers of system(3) and
-/// pclose(3), which forget their child when their own waiting fails. Only where no
-/// other child is meant to go on. Leaves errno as it was.
+/// Waits for all children of this process: for callers of system(3) and pclose(3), which
+/// forget their child when waiting for it fails. Call it only where no other child should
+/// keep running. Leaves errno as it was.
 void waitForLostChildren() noexcept;
 
 } // namespace torva::process

@@ -35,12 +35,12 @@ void complete(Callback& own, const Callback& common) {
 }
 
 void completeDescriptor(int& own, int common) {
-    // Now, before anything is opened that could take the number of a closed one.
+    // Before anything is opened that could take the number of a closed one.
     own = pinned(own == -1 ? common : own);
 }
 
-// What is not set takes the pipe's setting. With the environment it is the other
-// way round: the pipe's takes the place of one that is set.
+// Settings that are not set are taken from the pipe. For the environment it is the opposite:
+// the pipe's replaces one that is set.
 void completeFlags(CommonFlags& own, const CommonFlags& common) {
     if (own.workingDirectory.empty()) {
         own.workingDirectory = common.workingDirectory;
@@ -85,7 +85,7 @@ int statusOfFailed(pid_t pid) noexcept {
     try {
         return waitForExit(pid);
     } catch (const SystemError&) {
-        return 0; // reaped elsewhere; the error to report is why the launch failed
+        return 0; // reaped elsewhere; the launch error is the one to report
     }
 }
 
@@ -94,7 +94,7 @@ void start(Process& process, const sigset_t& mask, ServedChild& served, ProcessS
     try {
         started = launch(requestFor(process, mask), &process.pid);
     } catch (...) {
-        // It is on its way out and in nobody's set: nobody else would reap it.
+        // It is about to exit and in no set: nobody else would reap it.
         if (process.pid != -1) {
             process.status = statusOfFailed(process.pid);
         }
@@ -118,14 +118,14 @@ void startAndServe(std::vector<Process>& processes, std::vector<ServedChild>& se
 }
 
 void takeStatuses(std::vector<Process>& processes, const ProcessSet& children) {
-    // In the order of starting; when that failed the set is the shorter one.
+    // In the order of starting; after a failure the set has fewer.
     for (std::size_t index = 0; index < children.children().size(); ++index) {
         processes[index].status = children.children()[index].status;
     }
 }
 
-// A child that failed has its own reason not to read on, and its caller reports
-// that. One that claims success has lost input.
+// A child that failed may have stopped reading for that reason, which the caller reports.
+// One that claims success has lost input.
 void refuseLostInput(const std::vector<Process>& processes,
                      const std::vector<ServedChild>& served) {
     for (std::size_t index = 0; index < processes.size(); ++index) {
@@ -174,14 +174,14 @@ void Pipe::launch() {
     SigchldBlock sigchld;
     ProcessSetCatcher catcher(children);
     catcher.install();
-    // Behind the catcher, of which there is one: of two guards in two threads the one that
-    // goes first would leave the other pipe without.
+    // After the catcher, of which there can be only one: of two guards in two threads, the
+    // first to be destroyed would leave the other pipe unprotected.
     SigpipeGuard sigpipe;
     try {
         startAndServe(processes, served, children, catcher, sigchld);
     } catch (...) {
         sigchld.blockAgain();
-        served.clear(); // end of file for those that wait for input
+        served.clear(); // end of file for children that wait for input
         endChildren(children, patience);
         takeStatuses(processes, children);
         throw;

@@ -1,7 +1,6 @@
-// A set of processes whose standard streams are served by callbacks in one
-// select(2) loop. How one child is started is torva/process/Launch.h, how it is reaped
-// torva/process/ProcessSetCatcher.h. Running a Postfix tool and judging its outcome is
-// torva/postfix/params/PostfixTool.h.
+// A set of processes whose standard streams are served by callbacks in one select(2) loop.
+// torva/process/Launch.h starts one child, torva/process/ProcessSetCatcher.h reaps it.
+// Running a Postfix tool is torva/postfix/params/PostfixTool.h.
 #pragma once
 
 #include <boost/function.hpp>
@@ -14,12 +13,12 @@
 
 namespace torva::process {
 
-/// Appends the next piece of a process's standard input to the buffer, which is
-/// empty on entry, and answers whether more input will follow. Called only when
-/// all that it gave before has been written.
+/// Appends the next piece of a process's standard input to the buffer, which is empty on
+/// entry, and returns whether more input will follow. It is called only when everything
+/// that it gave before has been written.
 using InputProducer = boost::function<bool(std::vector<char>& buffer)>;
 
-/// Takes one chunk of a process's output, never empty.
+/// Takes one chunk of a process's output, which is never empty.
 using OutputConsumer = boost::function<void(const std::vector<char>& chunk)>;
 
 /// Settings that a process and a whole pipe share.
@@ -34,7 +33,7 @@ public:
     InputProducer input;     ///< empty: not set
     OutputConsumer output;   ///< empty: not set
     OutputConsumer error;    ///< empty: not set
-    int inputFd = -1;        ///< descriptor to hand over, stays the caller's; -1: not given
+    int inputFd = -1;        ///< descriptor for the process, not closed; -1: not given
     int outputFd = -1;       ///< the same
     int errorFd = -1;        ///< the same
 };
@@ -57,10 +56,10 @@ public:
     ///
     /// \param program    path of the executable
     /// \param arguments  argument vector, argument 0 included
-    /// \param flags      settings of this process; what is not set in them comes
-    ///                   from the pipe's, but for the environment: the pipe's
-    ///                   replaces that of a process that has one, and a process
-    ///                   without one inherits the parent's
+    /// \param flags      settings of this process; those that are not set are taken from
+    ///                   the pipe. The environment is different: the pipe's replaces that
+    ///                   of a process that has one, and a process without one inherits
+    ///                   the parent's
     /// \throws std::logic_error  "adding processes to the launched pipe is prohibited"
     void addProcess(const std::string& program, const std::vector<std::string>& arguments,
                     const CommonFlags& flags = CommonFlags());
@@ -68,18 +67,18 @@ public:
     /// Starts every process and serves the streams until all have ended and all
     /// stream pipes are closed. A stream with a callback is a pipe, one with a
     /// descriptor gets that descriptor, one with neither is inherited; a callback
-    /// wins over a descriptor.
+    /// takes precedence over a descriptor.
     ///
-    /// While this runs SIGCHLD is ours, and every child of the process that ends is
-    /// reaped here, whoever started it: the status of the caller's own children is lost
-    /// (their waitpid(2) fails with ECHILD), and callbacks must not wait for children.
-    /// Other threads may run, as long as they wait for no child meanwhile.
+    /// While this runs, it handles SIGCHLD and reaps every child of the process that ends,
+    /// whoever started it: the statuses of the caller's own children are lost (waitpid(2)
+    /// for them fails with ECHILD), and callbacks must not wait for children. Other threads
+    /// may run, as long as they do not wait for children meanwhile.
     ///
-    /// Producers and consumers cannot feed each other: nothing tells one of them that
-    /// the child of the other has ended, and an input callback that has nothing yet can
-    /// only answer with an empty piece and "true", upon which the pipe asks again with
-    /// the next event of any stream, and waits for ever when there is none. Collect the
-    /// output of one pipe, or have it written to a file, and give it to the next.
+    /// A producer cannot be fed by a consumer. It is not told when the other child has
+    /// ended, and while it has nothing to give, it can only leave the buffer empty and
+    /// return true. The pipe then calls it again at the next event of any stream, and
+    /// waits for ever when there is none. Collect the output of one pipe, or have it
+    /// written to a file, and give it to the next pipe.
     ///
     /// \throws std::logic_error  "the pipe has been launched already", "No processes
     ///         to launch were assigned so far", or "ProcessSetCatcher instance has been
@@ -89,9 +88,10 @@ public:
     /// \throws SystemError  a system call failed, here or in a child before exec;
     ///         "write" also when a child exited 0 without reading all its input
     /// \throws whatever a callback throws
-    /// How a child ended is no error: see status(). After an error no descriptor and
-    /// no child is left: those that run lose their pipes and are given three seconds
-    /// to end, then terminated, then killed. Signal mask and actions are as before.
+    /// How a child ends is not an error here: see status(). After an error no descriptor
+    /// and no child is left: the pipes of running children are closed; those that do not
+    /// end within three seconds get SIGTERM, and three seconds later SIGKILL. The signal
+    /// mask and the signal actions are as before.
     void launch();
 
     /// Whether launch() has been called with at least one process.

@@ -13,22 +13,22 @@
 namespace torva::process {
 namespace {
 
-// The one that is installed or about to be. The handler follows it in its owner's thread
-// only, where it cannot go away meanwhile.
+// The catcher that is installed or being installed. The handler uses it only in its owner's
+// thread, where it cannot be destroyed meanwhile.
 std::atomic<ProcessSetCatcher*> theCatcher{nullptr};
-// The thread whose handler reaps, by its kernel number: a pthread_t of a thread that has
-// ended may not even be asked about. 0: none, the handler does nothing.
+// The kernel id of the thread in which the handler reaps; a pthread_t must not be used after
+// its thread has ended. 0: none, and the handler does nothing.
 std::atomic<pid_t> theOwner{0};
 static_assert(std::atomic<ProcessSetCatcher*>::is_always_lock_free &&
                   std::atomic<pid_t>::is_always_lock_free &&
                   std::atomic<std::size_t>::is_always_lock_free,
               "a lock in a signal handler is a dead-lock");
 
-// A call of the handler. Nobody hears of its failure, and a child that is not reaped
-// or a byte that is not written would leave the run waiting for ever: whatever the
-// error, it is tried again, but not without end.
+// A system call in the handler, which cannot report a failure. If a child were not reaped,
+// or a byte not written, the loop would wait for ever: so the call is repeated after any
+// error, a limited number of times.
 //
-// \param answer  the errno value that is an answer and no failure
+// \param answer  the errno value that is not a failure
 template <typename Call>
 auto insisted(int answer, Call call) noexcept -> decltype(call()) {
     constexpr int attempts = 3;
@@ -53,7 +53,7 @@ void ProcessSet::add(pid_t pid) noexcept {
 
 bool ProcessSet::recordEnd(pid_t pid, int status) noexcept {
     for (WatchedChild& child : children_) {
-        // A number that came back belongs to a younger child of somebody else.
+        // A pid that was reused belongs to a child that is not in the set.
         if (child.pid == pid && !child.ended) {
             child.status = status;
             child.ended = true;
@@ -65,7 +65,7 @@ bool ProcessSet::recordEnd(pid_t pid, int status) noexcept {
 }
 
 std::size_t ProcessSet::running() const noexcept {
-    // Whoever sees the count sees the statuses.
+    // The acquire makes the statuses visible, too.
     return children_.size() - ended_.load(std::memory_order_acquire);
 }
 
@@ -90,7 +90,7 @@ ProcessSetCatcher::~ProcessSetCatcher() {
 }
 
 void ProcessSetCatcher::install() {
-    // In one step: two threads may try at the same time.
+    // Atomically: two threads may try at the same time.
     ProcessSetCatcher* none = nullptr;
     if (!theCatcher.compare_exchange_strong(none, this)) {
         throw std::logic_error("ProcessSetCatcher instance has been installed already");
@@ -105,7 +105,7 @@ void ProcessSetCatcher::install() {
 
 void ProcessSetCatcher::takeSigchld() {
     PipeEnds wake = openPipe("process set catcher control pipe");
-    // Neither may the handler wait for room nor drain() for one more byte.
+    // The handler must not block on a full pipe, and drain() not on an empty one.
     for (const int fd : {wake.read.get(), wake.write.get()}) {
         systemCall("control pipe fcntl", [fd] { return ::fcntl(fd, F_SETFL, O_NONBLOCK); });
     }
@@ -163,9 +163,9 @@ void ProcessSetCatcher::handleSigchld(int /*signal*/) {
     if (owner == ::gettid()) {
         theCatcher.load()->reap();
     } else if (owner != 0) {
-        // The kernel chooses any thread. A child that is reaped here, before the launching
-        // thread has entered it, would be waited for without end: over there the signal
-        // stays pending for as long as the set is being changed.
+        // The kernel may choose any thread. If this one reaped a child before the launching
+        // thread has added it to the set, that thread would wait for ever. There the signal
+        // stays pending while the set is being changed.
         ::tgkill(::getpid(), owner, SIGCHLD);
     }
     errno = saved;

@@ -1,11 +1,11 @@
-// Learns of the end of children: a set of them, and the one SIGCHLD handler of the
-// process that reaps them and wakes whoever waits in select(2). Waiting for a
-// single child without a handler is waitForExit() in torva/process/Launch.h.
+// Notices the end of children: a set of them, and the SIGCHLD handler that reaps them and
+// wakes a loop in select(2). Waiting for a single child without a handler is waitForExit()
+// in torva/process/Launch.h.
 //
-// Threads: one thread of the process uses a set with its catcher, from install() until
-// it is removed, and does not end before that. Other threads may run, take SIGCHLD or
-// have it blocked: their handler hands the signal to that thread. A child that any of
-// them starts is reaped, too, and its status is lost to them.
+// Threads: one thread uses a set with its catcher, from install() until it is removed, and
+// does not end before that. Other threads may run, and may have SIGCHLD blocked or not:
+// when the handler is called in one of them, it forwards the signal to that thread. A child
+// that any of them starts is also reaped, and its status is lost to them.
 #pragma once
 
 #include "torva/process/Descriptor.h"
@@ -25,20 +25,20 @@ struct WatchedChild {
     bool ended;
 };
 
-/// Children in the order of adding. SIGCHLD has to be blocked around every change
-/// while a catcher is installed, or its handler finds the set half changed.
+/// Children in the order of adding. While a catcher is installed, SIGCHLD must be blocked
+/// around every change, or the handler could find the set half changed.
 class ProcessSet {
 public:
     /// \param capacity  how many children can be added
     explicit ProcessSet(std::size_t capacity);
 
-    /// Enters a running child. Cannot fail within the capacity: a child that could
-    /// not be entered any more would be nobody's.
+    /// Adds a running child. Cannot fail within the capacity: nobody would reap a child
+    /// that could not be added.
     void add(pid_t pid) noexcept;
 
-    /// Stores how a child has ended. Safe in a signal handler.
+    /// Stores the wait status of a child that has ended. Async-signal-safe.
     ///
-    /// \return false: no such child runs in the set
+    /// \return false: there is no such running child in the set
     bool recordEnd(pid_t pid, int status) noexcept;
 
     /// How many children have not ended yet.
@@ -56,44 +56,44 @@ private:
     std::atomic<std::size_t> ended_{0}; ///< changed by the handler, after the child's entry
 };
 
-/// Watches a set. The sequence: block SIGCHLD, install(), add the children, let
-/// SIGCHLD through; select(2) on wakeFd(), then drain(); remove().
+/// Watches a set. The sequence: block SIGCHLD, install(), add the children, unblock
+/// SIGCHLD; select(2) on wakeFd(), then drain(); remove().
 class ProcessSetCatcher {
 public:
-    /// \param children  the set, which has to outlive the catcher
+    /// \param children  the set, which must outlive the catcher
     explicit ProcessSetCatcher(ProcessSet& children);
-    /// Removes silently, whatever still runs; for the ways out by exception.
+    /// Like remove(), but silent, and even while children run; for exceptions.
     ~ProcessSetCatcher();
     ProcessSetCatcher(const ProcessSetCatcher&) = delete;
     ProcessSetCatcher& operator=(const ProcessSetCatcher&) = delete;
 
-    /// Takes SIGCHLD over. The handler reaps every child of the process, in the calling
-    /// thread.
+    /// Takes over SIGCHLD. The handler reaps every child of the process, in the thread
+    /// that calls this.
     ///
     /// \throws std::logic_error  "ProcessSetCatcher instance has been installed
-    ///         already", by whatever thread: that one goes on undisturbed
+    ///         already", in any thread: that one is not disturbed
     /// \throws SystemError  "process set catcher control pipe", "control pipe
-    ///         fcntl", "sigaction"; nothing is installed then, and this catcher or
-    ///         another can be
+    ///         fcntl", "sigaction"; nothing is installed, and a later install() can
+    ///         succeed
     void install();
 
     /// Readable when children have ended since the last drain(); owned here.
     int wakeFd() const noexcept { return wake_.read.get(); }
 
-    /// Takes what made wakeFd() readable; the ends are in the set before that.
+    /// Empties wakeFd(). The set already has the children whose end made it readable.
     ///
     /// \throws SystemError  "read"
     void drain();
 
-    /// Puts the previous SIGCHLD action back; does nothing when not installed.
+    /// Restores the previous SIGCHLD action; does nothing when not installed.
     ///
     /// \throws std::logic_error  "there're some child processes still running";
-    ///         the catcher goes on
+    ///         the catcher stays installed
     /// \throws SystemError  "restore sigaction", "close"
     void remove();
 
-    /// Makes the handler do nothing in a process that was just forked off: its
-    /// children, if any, are none of ours.
+    /// Disables the handler in a process that was just forked: its children, if any, are
+    /// not ours.
     static void forgetInChild() noexcept;
 
 private:

@@ -1,6 +1,6 @@
-// What a running pipe changes in the signals of its process, each put back by its
-// guard: SIGCHLD blocked while the set of children changes, and SIGPIPE harmless.
-// The handler of SIGCHLD is torva/process/ProcessSetCatcher.h.
+// What a running pipe changes in the signals of its process, and how it is restored:
+// SIGCHLD is blocked while the set of children changes, and SIGPIPE made harmless. The
+// handler of SIGCHLD is torva/process/ProcessSetCatcher.h.
 // Private to the library: not installed.
 #pragma once
 
@@ -8,31 +8,30 @@
 
 namespace torva::process {
 
-/// Blocks SIGCHLD for as long as it lives, but for the time between allow() and
-/// blockAgain(). See sigprocmask(2).
+/// Blocks SIGCHLD during its lifetime, except between allow() and blockAgain(). See
+/// sigprocmask(2).
 class SigchldBlock {
 public:
     /// \throws SystemError  "get sigprocmask", "sigaddset", "set sigprocmask"; the
     ///                      mask is as before
     SigchldBlock();
-    /// Puts the old mask back unless restore() has; silently.
+    /// Restores the old mask unless restore() has done so; ignores failures.
     ~SigchldBlock();
     SigchldBlock(const SigchldBlock&) = delete;
     SigchldBlock& operator=(const SigchldBlock&) = delete;
 
-    /// The mask as it was before.
+    /// The old mask.
     const sigset_t& previous() const { return previous_; }
 
-    /// Lets SIGCHLD through, also when it was blocked before; the rest of the mask
-    /// becomes the old one.
+    /// Sets the old mask, but with SIGCHLD unblocked even if it was blocked.
     ///
     /// \throws SystemError  "set sigprocmask"
     void allow();
 
-    /// Blocks SIGCHLD again after allow(); for handlers that hold an exception.
+    /// Blocks SIGCHLD again after allow(); for exception handlers.
     void blockAgain() noexcept;
 
-    /// Puts the old mask back exactly.
+    /// Restores the old mask.
     ///
     /// \throws SystemError  "restore sigprocmask"
     void restore();
@@ -42,19 +41,19 @@ private:
     bool active_ = false;
 };
 
-/// Makes a write to a pipe without a reader fail with EPIPE where it would end the
-/// process: while it lives, SIGPIPE has an empty handler if its action was the
-/// default. A handler and not SIG_IGN, which children would inherit.
+/// Makes a write to a pipe without a reader fail with EPIPE instead of ending the process:
+/// during its lifetime, SIGPIPE has an empty handler if its action was the default. Not
+/// SIG_IGN, which children would inherit.
 class SigpipeGuard {
 public:
     /// \throws SystemError  "sigaction"; the action is as before
     SigpipeGuard();
-    /// Puts the old action back unless restore() has; silently.
+    /// Restores the old action unless restore() has done so; ignores failures.
     ~SigpipeGuard();
     SigpipeGuard(const SigpipeGuard&) = delete;
     SigpipeGuard& operator=(const SigpipeGuard&) = delete;
 
-    /// Puts the old action back.
+    /// Restores the old action.
     ///
     /// \throws SystemError  "restore sigaction"
     void restore();

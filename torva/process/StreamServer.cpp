@@ -27,7 +27,7 @@ StreamServer::StreamServer(std::vector<ServedChild>& served, const ProcessSet& c
     : served_(served), children_(children), catcher_(catcher) {}
 
 void StreamServer::run() {
-    // One child that does not read must not keep us from serving the others.
+    // A child that does not read must not keep us from serving the others.
     for (const ServedChild& child : served_) {
         makeNonBlocking(child.input);
         makeNonBlocking(child.output);
@@ -63,8 +63,8 @@ void StreamServer::prepareInput(ServedChild& child) {
     if (!hasPending(child) && child.inputComplete) {
         child.input.closeQuietly();
     } else if (!childrenLeft_) {
-        // Whoever may still hold the other end is not one of ours, and nothing
-        // would ever tell us that it has ended.
+        // Another process may still hold the other end, but it is not our child, and we
+        // would never learn that it has ended.
         child.inputRefused = hasPending(child);
         child.input.closeQuietly();
     }
@@ -127,8 +127,8 @@ void StreamServer::feed(ServedChild& child) {
         if (error.code() != EPIPE) {
             throw;
         }
-        // The child has stopped reading. What it has to say about that comes over
-        // its other streams, and its status tells whether it matters.
+        // The child has stopped reading. Its other streams may tell why, and its status
+        // tells whether that matters.
         child.inputRefused = true;
         child.input.closeQuietly();
     }

@@ -1,6 +1,6 @@
-// Serves the standard streams of running children in one select(2) loop: feeds
-// their input from producers, hands their output to consumers. Starting the
-// children and judging the result is torva/process/Pipe.h.
+// Serves the standard streams of running children in one select(2) loop: feeds their input
+// from producers, and passes their output to consumers. Starting the children is
+// torva/process/Pipe.h.
 // Private to the library: not installed.
 #pragma once
 
@@ -21,10 +21,10 @@ struct ServedChild {
     Descriptor input;                   ///< write end; closed: nothing (more) to feed
     Descriptor output;                  ///< read end; closed: nothing (more) to read
     Descriptor error;                   ///< the same
-    std::vector<char> pending;          ///< what the producer gave last
-    std::size_t written = 0;            ///< how much of it the child's pipe has taken
+    std::vector<char> pending;          ///< the last piece from the producer
+    std::size_t written = 0;            ///< how much of it has been written
     bool inputComplete = false;         ///< the producer has no more
-    bool inputRefused = false;          ///< something that it gave was never taken
+    bool inputRefused = false;          ///< some input could not be written
 };
 
 /// The loop for the children of one pipe.
@@ -33,17 +33,16 @@ public:
     /// \param served    the streams; all that are open are served
     /// \param children  the set of the same children
     /// \param catcher   installed for that set
-    /// All three have to outlive the server.
+    /// All three must outlive the server.
     StreamServer(std::vector<ServedChild>& served, const ProcessSet& children,
                  ProcessSetCatcher& catcher);
 
-    /// Serves until every child has ended and every stream is closed. SIGCHLD has
-    /// to be let through.
+    /// Serves until every child has ended and every stream is closed. SIGCHLD must not be
+    /// blocked.
     ///
     /// \throws SystemError  "fcntl", "select", "write", "read", "pipe read-end
-    ///         close"; EPIPE is no error here, it sets ServedChild::inputRefused
+    ///         close"; EPIPE is not an error here, it sets ServedChild::inputRefused
     /// \throws whatever a callback throws
-    /// After an exception the streams are as far as they came.
     void run();
 
 private:
@@ -61,17 +60,17 @@ private:
     bool childrenLeft_ = true;
     DescriptorSet readable_;
     DescriptorSet writable_;
-    std::array<char, 65536> buffer_; // what a pipe holds by default: one read empties it
+    std::array<char, 65536> buffer_; // the default capacity of a pipe: one read empties it
     std::vector<char> chunk_;
 };
 
-/// Writes as much as a non-blocking descriptor takes; asks for half of it as long
-/// as it takes nothing, because a nearly full pipe takes a small piece whole or not
-/// at all. See pipe(7), PIPE_BUF.
+/// Writes as much as a non-blocking descriptor accepts. While it accepts nothing, tries
+/// half the size, because a nearly full pipe accepts a small piece whole or not at all. See
+/// pipe(7), PIPE_BUF.
 ///
 /// \param size  at least 1
 /// \return the count written, at least 1; errno is as before the call
-/// \throws SystemError  "write"; EAGAIN when not even one byte is taken
+/// \throws SystemError  "write"; EAGAIN when not even one byte is accepted
 std::size_t writeSome(int fd, const char* data, std::size_t size);
 
 } // namespace torva::process

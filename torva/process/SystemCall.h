@@ -1,5 +1,5 @@
-// System calls the way this layer makes them: repeated while a signal interrupts
-// them, and a failure thrown under the name of the operation.
+// System calls that are repeated while a signal interrupts them, and whose failure is
+// thrown with the name of the operation.
 // Private to the library: not installed.
 #pragma once
 
@@ -9,15 +9,15 @@
 
 namespace torva::process {
 
-/// Throws SystemError for the errno of the call that has just failed. errno is
-/// read before the message is copied: an allocation may change it.
+/// Throws SystemError for the call that has just failed. errno is read before the message
+/// is copied: an allocation may change it.
 [[noreturn]] inline void throwLastError(const char* operation) {
     const int code = errno;
     throw SystemError(operation, code);
 }
 
-/// The result of a call that answers -1 on failure, made again while it fails
-/// with EINTR. errno is that of the last attempt.
+/// The result of a call that returns -1 on failure, repeated while it fails with EINTR.
+/// errno is that of the last attempt.
 template <typename Call>
 auto retried(Call call) -> decltype(call()) {
     for (;;) {
@@ -28,7 +28,7 @@ auto retried(Call call) -> decltype(call()) {
     }
 }
 
-/// The same for a call that has to succeed.
+/// The same for a call that must succeed.
 ///
 /// \param operation  the message of the error
 /// \throws SystemError  any failure but EINTR

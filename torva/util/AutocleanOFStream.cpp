@@ -11,7 +11,7 @@ namespace torva {
 
 namespace {
 
-/// What open(2) is told for a mode, see fopen(3); -1 when there is no such mode.
+/// The flags of open(2) for a mode, see fopen(3); -1 when there is no such mode.
 int flagsOf(std::ios_base::openmode mode) {
     const bool reads = (mode & std::ios_base::in) != 0;
     const bool appends = (mode & std::ios_base::app) != 0;
@@ -29,8 +29,8 @@ int flagsOf(std::ios_base::openmode mode) {
     return flags;
 }
 
-/// std::filebuf opens files that every child would inherit, and takes a standard
-/// stream that was closed for its descriptor.
+/// std::filebuf would open a descriptor that children inherit, and that may be 0, 1 or 2
+/// when that is closed.
 int openFile(const std::string& file, std::ios_base::openmode mode) {
     const int flags = flagsOf(mode);
     if (flags == -1) {

@@ -1,6 +1,5 @@
-// A scratch file: an output file stream that always removes its file. There is no
-// way to keep it; whoever wants the content renames the file away before. Files
-// that replace others are torva/util/TmpFile.h.
+// A scratch file: an output file stream that always removes its file. To keep the
+// contents, rename the file before. Files that replace others are torva/util/TmpFile.h.
 #pragma once
 
 #include <fstream>
@@ -8,8 +7,8 @@
 
 namespace torva {
 
-/// The stream. As with any std::ofstream, a failed opening or writing shows in
-/// the stream's state, and close() tells whether all of it reached the file. Its
+/// The stream. As with any std::ofstream, the stream's state tells whether opening or
+/// writing failed, and that after close() whether everything reached the file. Its
 /// descriptor is close-on-exec from birth and above 2.
 class AutocleanOFStream : public std::ofstream {
 public:
@@ -20,12 +19,11 @@ public:
     /// \param mode  see std::ofstream
     explicit AutocleanOFStream(const std::string& file, openmode mode = out);
 
-    /// Writes to a file that is open already, where another file could have taken
-    /// its name in the meantime.
+    /// Writes to a file that is already open, for when another file could have taken its
+    /// name since.
     ///
-    /// \param file  its name, removed by the destructor whatever it then stands for
-    /// \param fd    open for writing; stays the caller's, the stream writes through
-    ///              a duplicate
+    /// \param file  its name, removed by the destructor whatever file then has it
+    /// \param fd    open for writing; duplicated, not closed
     AutocleanOFStream(const std::string& file, int fd);
 
     /// Removes the file, then closes it. Reports nothing, keeps errno.

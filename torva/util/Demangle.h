@@ -22,7 +22,7 @@ public:
 
     explicit operator bool() const { return text_ != nullptr; }
 
-    /// Valid for as long as the object; null when false.
+    /// Valid as long as the object; null when false.
     const char* get() const { return text_.get(); }
 
 private:

@@ -5,9 +5,9 @@
 
 namespace torva {
 
-/// Writes "Fatal error: TYPE(TEXT)" and a line end to the utility error stream:
-/// the dynamic type of the exception, demangled where possible, and its what().
-/// When the object is a Traceback too, the trace follows.
+/// Writes "Fatal error: TYPE(TEXT)" and a line feed to the utility error stream: the
+/// dynamic type of the exception, demangled where possible, and its what(). If the object
+/// is also a Traceback, the trace follows.
 void printFatalError(const std::exception& error);
 
 } // namespace torva

@@ -33,8 +33,8 @@ char* lockPath(const char* name, bool in_lock_dir) {
     return path;
 }
 
-/// Whether the name of the lock directory is that of a file with another name, too.
-/// Nobody but us can make one there, unless the directory was somebody else's once.
+/// Whether a name in the lock directory belongs to a file with a second hard link. Only we
+/// can create one there, unless the directory once belonged to another account.
 bool hasSecondName(int directory, const char* name) {
     struct stat status;
     return ::fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
@@ -47,8 +47,8 @@ void closeKeepingErrno(int fd) {
     errno = saved_errno;
 }
 
-/// Opens, and so empties, a regular file: no link is followed, and no terminal, FIFO
-/// or device makes us wait. What is no regular file has nothing to be emptied.
+/// Opens, and so empties, a regular file. Does not follow a link, and does not block on a
+/// terminal, FIFO or device.
 int openRegularFile(int directory, const char* name) {
     int fd;
     do {
@@ -56,7 +56,7 @@ int openRegularFile(int directory, const char* name) {
                       O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
                       0644);
     } while (fd == -1 && errno == EINTR);
-    // Above 2: a 0 in a handle means that somebody else holds the lock.
+    // Above 2: a 0 in a handle means that the lock is held elsewhere.
     fd = fd_above_standard(fd);
     struct stat status;
     if (fd == -1 || (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode))) {
@@ -102,8 +102,8 @@ int lockDescriptor(int fd, int operation) {
     return result;
 }
 
-/// Whether the locked file still has its name. One that was removed between its
-/// opening and its locking keeps nobody out, see torva/util/UntrustedLocks.h.
+/// Whether the locked file still has its name. A lock on one that was removed between
+/// opening and locking excludes nobody, see torva/util/UntrustedLocks.h.
 bool isStillNamed(int fd) {
     struct stat status;
     return ::fstat(fd, &status) == -1 || status.st_nlink > 0;
@@ -111,7 +111,7 @@ bool isStillNamed(int fd) {
 
 /// Opens and locks the file.
 ///
-/// \return what file_lock::fd tells
+/// \return the value for file_lock::fd
 int openAndLock(const char* path, bool in_lock_dir, int operation) {
     for (;;) {
         const int fd = openLockFile(path, in_lock_dir);

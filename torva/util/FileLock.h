@@ -1,7 +1,7 @@
-// Exclusive flock(2) locks between processes: the two plain functions, and the
-// wrapper that the class layers use. Everyone in this system locks a file of the
-// lock directory, never the file itself, which opening for the lock would empty.
-// The byte-range semaphores of the panel are torva/libc/semaphore.h.
+// Exclusive flock(2) locks between processes: the two plain functions, and the class for
+// them. This system always locks a file in the lock directory instead of the file itself,
+// which opening for the lock would empty. The byte-range semaphores of the panel are
+// torva/libc/semaphore.h.
 #pragma once
 
 #include "torva/util/file_lock.h"
@@ -10,19 +10,19 @@
 
 namespace torva {
 
-/// What to do when somebody else holds a lock.
+/// What to do when a lock is held elsewhere.
 enum class LockMode { wait, fail };
 
-/// A lock of "/var/lock/files" held for as long as the object lives. Two locks of
-/// one name in one process exclude each other: take each once, at the outermost
-/// operation.
+/// A lock in "/var/lock/files", held during the lifetime of the object. Two locks with one
+/// name exclude each other even in one process: take each once, in the outermost operation.
 class FileLock {
 public:
-    /// \param name  path of the file that the lock stands for
-    /// \throws SystemError by errno, "lock() failed"
+    /// Creates the lock directory, with mode 0700, if it does not exist.
+    ///
+    /// \param name  path of the file to lock
+    /// \throws SystemError  "lock() failed", or ExSystemError for the errno
     /// \throws std::runtime_error "lock(NAME) failed: file is already locked"
     ///         (LockMode::fail only)
-    /// The lock directory is made, with mode 0700, when it is missing.
     FileLock(const std::string& name, LockMode mode);
     ~FileLock();
     FileLock(const FileLock&) = delete;
@@ -32,8 +32,8 @@ private:
     file_lock* handle_;
 };
 
-/// The throwing wrapper around the two plain functions, which makes the lock directory,
-/// with mode 0700, when `in_lock_dir` is set and it is missing.
+/// The throwing wrapper around the two plain functions. With `in_lock_dir`, creates the
+/// lock directory, with mode 0700, if it does not exist.
 ///
 /// \return handle with a locked descriptor, owned by the caller
 /// \throws as FileLock

@@ -13,8 +13,8 @@ boost::system::error_code systemCode(int code) {
     return {code, boost::system::system_category()};
 }
 
-// Some versions of Boost keep the bare operation and compose their text when asked; the
-// others compose it at once, more than users are to see, and give back what is kept.
+// Some versions of Boost store the bare operation and compose their text in what(). Others
+// compose it in the constructor, with more than users should see, and what() returns that.
 filesystem_error withPlainText(filesystem_error error, const char* operation, int code) {
     if (std::strcmp(error.std::runtime_error::what(), operation) != 0) {
         std::runtime_error& text = error;

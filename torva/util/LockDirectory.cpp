@@ -23,8 +23,8 @@ int openDirectory() {
         fd = ::open(lockDirectory, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     } while (fd == -1 && errno == EINTR);
     if (fd == -1 && errno == ENOTDIR) {
-        // Linux tells the same of a link and of a file; only the link is odd enough to
-        // be named.
+        // Linux gives the same error for a link and for a file; only the link is suspicious
+        // enough for a report.
         struct stat status;
         const bool link = ::lstat(lockDirectory, &status) == 0 && S_ISLNK(status.st_mode);
         errno = ENOTDIR;
@@ -49,7 +49,7 @@ int judge(int fd) {
         return -1;
     }
     if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-        // What lies in it may have been put there by anybody.
+        // Anybody may have put files into it.
         errno = EPERM;
         report_error(0, "Lock directory \"%s\" is writable by its group or by others (mode %04o).",
                      lockDirectory, static_cast<unsigned>(status.st_mode & 07777U));

@@ -1,6 +1,5 @@
-// Errors of the mail server layer: what a Postfix tool or a Postfix file made
-// impossible. Their text is the whole message. Failed system calls are
-// torva/util/SystemError.h.
+// Errors of the mail server layer, caused by a Postfix tool or a Postfix file. Their text
+// is the whole message. Failed system calls are torva/util/SystemError.h.
 #pragma once
 
 #include <stdexcept>
@@ -15,7 +14,7 @@ public:
     ~PostfixError() override;
 };
 
-/// The mail server's configuration is not as it must be, or cannot be changed.
+/// The mail server's configuration is invalid, or cannot be read or changed.
 class PostfixConfigurationError : public PostfixError {
 public:
     explicit PostfixConfigurationError(const std::string& message);

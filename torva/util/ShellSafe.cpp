@@ -9,7 +9,7 @@
 namespace torva {
 
 void requireShellSafe(const std::string& text) {
-    // Piece by piece: a NUL would hide what follows it from the plain function.
+    // Piece by piece: the plain function stops at a NUL.
     std::size_t start = 0;
     while (start <= text.size()) {
         const char* piece = text.c_str() + start;

@@ -1,14 +1,14 @@
-// The check for texts that the code itself puts into a shell's command line. The
-// table of safe bytes is torva/libc/escape.h.
+// A check for texts that the code itself puts into a shell command line. The table of safe
+// bytes is torva/libc/escape.h.
 #pragma once
 
 #include <string>
 
 namespace torva {
 
-/// Makes sure that a text means nothing to a shell.
+/// Checks that a text contains nothing special to a shell.
 ///
-/// \param text  text that must be safe, NUL bytes included
+/// \param text  text that must be safe; it may contain NUL bytes
 /// \throws std::runtime_error "Internal error: bad escape_chars value"
 void requireShellSafe(const std::string& text);
 

@@ -1,5 +1,5 @@
-// Holds SIGPIPE back in the calling thread for as long as it lives, for whoever writes
-// to a stream whose reader may have gone. The plain functions are torva/libc/sigpipe.h.
+// Suppresses SIGPIPE in the calling thread during its lifetime, for writing to a stream
+// whose reader may be gone. The plain functions are torva/libc/sigpipe.h.
 // Private to the library: not installed.
 #pragma once
 

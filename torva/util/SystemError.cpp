@@ -11,8 +11,8 @@ template class ExSystemError<4>;
 template class ExSystemError<10>;
 template class ExSystemError<11>;
 
-// errno is an argument of its own: copying the message may allocate, and an
-// allocation may change errno before a later line could read it.
+// errno is passed as an argument, and so read first: copying the message may allocate
+// memory, which may change it.
 SystemError::SystemError(const std::string& message, int code)
     : SystemError(errno, message, code) {}
 

@@ -1,6 +1,6 @@
-// Errors of failed system calls: a runtime error that carries an errno value,
-// and one subclass for each errno that a caller may want to catch by type. The
-// errors of the mail server layer are in torva/util/PostfixError.h.
+// Errors of failed system calls: a runtime error with an errno value, and a subclass for
+// each errno that a caller may want to catch by type. The errors of the mail server layer
+// are in torva/util/PostfixError.h.
 #pragma once
 
 #include <cstdint>
@@ -13,15 +13,14 @@ namespace torva {
 class SystemError : public std::runtime_error {
 public:
     /// \param message  name of the operation that failed, such as "select"
-    /// \param code     errno value; 0 takes errno as it is now
+    /// \param code     errno value; 0: the current errno
     explicit SystemError(const std::string& message, int code = 0);
-    /// The same, for a literal: errno is taken before any memory is.
+    /// The same for a literal: errno is read before memory is allocated.
     explicit SystemError(const char* message, int code = 0);
     ~SystemError() override;
 
-    /// The message, ": " and the text of strerror(3) for the code; the latter
-    /// alone when the message is empty. Built once. When memory runs out, the
-    /// bare message.
+    /// The message, ": " and the text of strerror(3) for the code; only the latter when
+    /// the message is empty; only the message when memory runs out. Built once.
     const char* what() const noexcept override;
 
     /// The errno value.
@@ -48,8 +47,8 @@ extern template class ExSystemError<4>;  // EINTR
 extern template class ExSystemError<10>; // ECHILD
 extern template class ExSystemError<11>; // EAGAIN
 
-/// Throws the ExSystemError of the code, or a plain SystemError when there is
-/// none for it. A code of 0 throws a plain SystemError with the current errno.
+/// Throws the ExSystemError for the code, or a plain SystemError when there is none. For
+/// code 0 throws a plain SystemError with the current errno.
 [[noreturn]] void throwSystemError(const std::string& message, int code);
 
 } // namespace torva

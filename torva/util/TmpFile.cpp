@@ -64,7 +64,7 @@ void TmpFile::Buffer::note(bool written) {
     }
 }
 
-// The base is made before the buffer, so it first gets none.
+// The base is constructed before the buffer, so it gets none at first.
 TmpFile::TmpFile(const std::string& prefix, bool autoclean)
     : TmpFileBase(prefix), std::ostream(nullptr), autoclean_(autoclean) {
     try {
@@ -74,7 +74,7 @@ TmpFile::TmpFile(const std::string& prefix, bool autoclean)
             throwSystemError(creationFailed, saved_errno);
         }
     } catch (...) {
-        // Closed already where the buffer had taken it.
+        // Already closed if the buffer had taken it.
         ::close(fd);
         ::unlink(path().c_str());
         throw;
@@ -82,7 +82,7 @@ TmpFile::TmpFile(const std::string& prefix, bool autoclean)
     rdbuf(&buffer_);
 }
 
-// The buffer's own destruction, after this, writes what is left and closes.
+// The destructor of the buffer, which runs after this, writes the rest and closes the file.
 TmpFile::~TmpFile() {
     const int saved_errno = errno;
     if (autoclean_ && ::unlink(path().c_str()) == -1) {
@@ -98,7 +98,7 @@ void TmpFile::commit() {
     if (!buffer_.is_open()) {
         throw SystemError("write", EBADF);
     }
-    // The buffer knows of a failure that the stream's state was cleared of.
+    // The buffer remembers a failure even if the stream's state was cleared.
     if (buffer_.pubsync() != 0 || !good() || buffer_.error() != 0) {
         throw SystemError("write", buffer_.error() != 0 ? buffer_.error() : EIO);
     }

@@ -1,7 +1,6 @@
-// A temporary file beside the file that it will replace. The sequence: create,
-// write as to any stream, commit(), setAutoclean(true) for as long as the rename
-// may fail, rename path() over the target, setAutoclean(false). Files that are
-// only scratch are torva/util/AutocleanOFStream.h.
+// A temporary file next to the file that it will replace. The sequence: create, write as to
+// any stream, commit(), setAutoclean(true) until the rename has succeeded, rename path()
+// over the target, setAutoclean(false). Scratch files are torva/util/AutocleanOFStream.h.
 #pragma once
 
 #include <ext/stdio_filebuf.h>
@@ -10,11 +9,12 @@
 
 namespace torva {
 
-/// The file itself, made with mkstemp(3).
+/// The file itself, created with mkstemp(3).
 class TmpFileBase {
 public:
-    /// \param prefix  path of the file but for six characters at its end
-    /// \throws SystemError by errno, "mkstemp() failed: "; nothing was created
+    /// \param prefix  path of the file without its last six characters
+    /// \throws SystemError  "mkstemp() failed: ", or ExSystemError for the errno; nothing
+    ///         was created
     explicit TmpFileBase(const std::string& prefix);
     TmpFileBase(const TmpFileBase&) = delete;
     TmpFileBase& operator=(const TmpFileBase&) = delete;
@@ -22,7 +22,7 @@ public:
 protected:
     ~TmpFileBase() = default;
 
-    std::string path; ///< the file actually created
+    std::string path; ///< the file that was created
     int fd;           ///< open descriptor, close-on-exec; owned by TmpFile's buffer
 };
 
@@ -33,37 +33,36 @@ public:
     ///
     /// \param prefix     see TmpFileBase
     /// \param autoclean  true: the destructor removes the file
-    /// \throws as TmpFileBase; nothing is left behind
+    /// \throws as TmpFileBase; no file is left
     explicit TmpFile(const std::string& prefix, bool autoclean = true);
 
-    /// Removes the file when asked to, and closes it. A failing removal is one
-    /// line on std::cerr, "TmpFile autoclean failed: " and the reason.
+    /// Removes the file if autoclean() is set, and closes it. If removing it fails, writes
+    /// one line to std::cerr, "TmpFile autoclean failed: " and the reason.
     ~TmpFile() override;
 
-    /// The file, for rename(2) and for external commands.
+    /// The name of the file, for rename(2) and for external commands.
     const std::string& path() const { return TmpFileBase::path; }
 
-    /// The file itself, for fchmod(2), fchown(2) and fstat(2): its name may stand for
-    /// another file where somebody else may write the directory. Close-on-exec and
-    /// above 2; owned by the stream; -1 once commit() has closed it.
+    /// The file itself, for fchmod(2), fchown(2) and fstat(2): if another account may write
+    /// the directory, its name may belong to another file. Close-on-exec and above 2; owned
+    /// by the stream; -1 once commit() has closed it.
     int descriptor() const { return buffer_.is_open() ? fd : -1; }
 
     /// Whether the destructor removes the file.
     void setAutoclean(bool autoclean) { autoclean_ = autoclean; }
     bool autoclean() const { return autoclean_; }
 
-    /// Makes the file whole and durable: flushes, fsync(2), closes, and turns the
-    /// clean-up off: from here on the file is the caller's.
+    /// Makes the file complete and durable: flushes, syncs (fsync(2)) and closes it, and
+    /// sets autoclean() to false: the file then belongs to the caller.
     ///
-    /// \throws SystemError "write" when anything written to the stream did not
-    ///         reach the file, with the errno of the first failing write; "fsync"
-    ///         or "close"; the clean-up is still on then. "write" with EBADF when
-    ///         the file is closed by an earlier call
+    /// \throws SystemError "write" when anything written to the stream did not reach the
+    ///         file, with the errno of the first failing write; "fsync"; "close".
+    ///         autoclean() is unchanged then
+    /// \throws SystemError "write" with EBADF when an earlier call has closed the file
     void commit();
 
 private:
-    /// Remembers why the first failing write failed: what is written later, or
-    /// done before commit(), would hide it.
+    /// Remembers why the first failing write failed: later operations would hide it.
     class Buffer : public __gnu_cxx::stdio_filebuf<char> {
     public:
         Buffer() = default;

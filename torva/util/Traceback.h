@@ -1,5 +1,5 @@
-// A capture of the call stack that an exception may carry by deriving from it as
-// well; torva/util/FatalError.h prints it after the error.
+// A captured call stack. An exception carries one by also deriving from Traceback;
+// torva/util/FatalError.h prints it after the error.
 #pragma once
 
 #include <cstdint>
@@ -17,9 +17,9 @@ public:
     Traceback& operator=(const Traceback& other);
     virtual ~Traceback();
 
-    /// Writes "Traceback:" and a line for each frame, names demangled, or, when
-    /// the names are not available, "Traceback addresses:" and the bare addresses;
-    /// nothing when no frame is left to print. Not for several threads.
+    /// Writes "Traceback:" and a line for each frame, with demangled names, or, when names
+    /// are not available, "Traceback addresses:" and the addresses; nothing when no frame
+    /// is left to print. Not thread-safe.
     void print(std::ostream& stream) const;
 
     /// Number of frames captured.
@@ -31,7 +31,7 @@ private:
     std::uint32_t count;
     std::uint32_t skip;
     void* frames[frameLimit];
-    mutable char** symbols; ///< made by the first print(), for free(3); null until then
+    mutable char** symbols; ///< allocated by the first print(), for free(3); null until then
 };
 
 } // namespace torva

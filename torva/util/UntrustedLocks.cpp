@@ -55,16 +55,16 @@ int openAt(int directory, const char* name) {
     return ::openat(directory, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
 }
 
-/// What is known about a process or a file.
+/// The answer to a question about a process.
 enum class Answer { no, yes, unknown };
 
-/// Whether the process runs for root or for the effective user, by its real user.
+/// Whether the real user of the process is root or the effective user.
 Answer isOurs(int process) {
     const int fd = ::openat(process, "status", O_RDONLY | O_CLOEXEC);
     if (fd == -1) {
         return errno == ENOENT || errno == ESRCH ? Answer::no : Answer::unknown;
     }
-    char text[1024]; // the line is one of the first ten
+    char text[1024]; // the line is among the first ten
     const ssize_t size = ::read(fd, text, sizeof(text) - 1);
     const int reason = errno;
     ::close(fd);
@@ -81,7 +81,7 @@ Answer isOurs(int process) {
     return user == 0 || user == ::geteuid() ? Answer::yes : Answer::no;
 }
 
-/// Whether one of the process's descriptors is the file.
+/// Whether the process has the file open.
 Answer hasOpen(int process, const struct stat& file) {
     Directory descriptors(openAt(process, "fd"));
     if (!descriptors.isOpen()) {
@@ -97,7 +97,7 @@ Answer hasOpen(int process, const struct stat& file) {
     return errno == 0 || errno == ENOENT || errno == ESRCH ? Answer::no : Answer::unknown;
 }
 
-/// Whether no process of ours has the file open, as far as can be known for sure.
+/// Whether it is certain that no process of ours has the file open.
 bool isUntrusted(const struct stat& file) {
     Directory processes(openAt(AT_FDCWD, "/proc"));
     if (!processes.isOpen()) {
@@ -111,7 +111,7 @@ bool isUntrusted(const struct stat& file) {
         const int process = openAt(processes.fd(), name);
         if (process == -1) {
             if (errno == ENOENT || errno == ESRCH) {
-                continue; // it has ended meanwhile
+                continue; // it has ended
             }
             return false;
         }

@@ -14,14 +14,14 @@ UtilityErrorStreamBuf::int_type UtilityErrorStreamBuf::overflow(int_type c) {
     if (traits_type::eq_int_type(c, traits_type::eof())) {
         return c;
     }
-    // A reader that has gone may end neither the process nor the other copy.
+    // If one reader is gone, that must not end the process or the other copy.
     const SigpipeHold hold;
     const char ch = traits_type::to_char_type(c);
     std::cerr.put(ch);
     try {
         pending += ch;
     } catch (const std::bad_alloc&) { // NOLINT(bugprone-empty-catch)
-        // The copy is lost; a failure here would cost standard error the rest too.
+        // The copy is lost; an exception would also lose the rest on standard error.
     }
     return c;
 }
@@ -35,7 +35,7 @@ int UtilityErrorStreamBuf::sync() {
     return 0;
 }
 
-// The base is made before the buffer, so it first gets none.
+// The base is constructed before the buffer, so it gets none at first.
 UtilityErrorStream::UtilityErrorStream() : std::ostream(nullptr) {
     rdbuf(&buf_);
 }

@@ -1,7 +1,6 @@
-// The process-wide stream for fatal messages: each character reaches standard
-// error at once, each finished line is repeated on standard output. Output errors are
-// ignored, also those of a reader that has left: there is no SIGPIPE. Everything else
-// that reports goes through torva/libc/log.h.
+// The process-wide stream for fatal messages: each character goes to standard error at
+// once, each finished line is repeated on standard output. Output errors are ignored, and a
+// reader that is gone causes no SIGPIPE. All other reports go through torva/libc/log.h.
 #pragma once
 
 #include <ostream>
@@ -16,16 +15,15 @@ protected:
     /// Writes the character to std::cerr and keeps it for sync().
     int_type overflow(int_type c) override;
 
-    /// Flushes std::cerr and moves what was written since the last call to
-    /// std::cout, flushed.
+    /// Flushes std::cerr, and writes the characters since the last call to std::cout.
     int sync() override;
 
 private:
     std::string pending;
 };
 
-/// The stream. std::endl or a flush finishes a line; what is unfinished at the
-/// end of its life is on standard error only.
+/// The stream. std::endl or a flush finishes a line; a line that is never finished is only
+/// on standard error.
 class UtilityErrorStream : public std::ostream {
 public:
     UtilityErrorStream();

@@ -1,5 +1,5 @@
-// Whose files stand in a directory: where another account may write, a link, a FIFO
-// or a second hard link may have been planted, and is to be judged before use.
+// Whether the files in a directory can be trusted: where another account may write, a link,
+// a FIFO or a second hard link may have been planted, and must be checked before use.
 // Private to the library: not installed.
 #pragma once
 
@@ -7,17 +7,16 @@
 
 namespace torva {
 
-/// Whether an account other than root and the effective user may put names into a
-/// directory, or put another directory in its place: it, or one above it, belongs to
-/// somebody else or is writable for its group or for others. A sticky directory
-/// above it does no harm (nobody can move what is not his), the directory itself
-/// must not even be sticky.
+/// Whether an account other than root and the effective user may create files in a
+/// directory, or replace the directory: it, or one above it, belongs to another account or
+/// is writable by its group or by others. A directory above it may be writable if it is
+/// sticky, because then nobody can rename what is not theirs; the directory itself may not.
 ///
 /// \param directory  path; links are followed; empty: the working directory
-/// A directory that cannot be looked at counts as writable.
+/// A directory that stat(2) fails for counts as writable.
 bool writableByOthers(const std::string& directory);
 
-/// The directory in which a path has its last component.
+/// The directory part of a path, with its final "/"; "." when there is none.
 std::string directoryOf(const std::string& path);
 
 } // namespace torva

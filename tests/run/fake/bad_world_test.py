@@ -26,7 +26,7 @@ def until(step):
 
 class ProgramsTest(RunTest):
     def check(self, path, spoil, reason):
-        """A program that cannot be started: the reason stands twice, once from the child."""
+        """A program that cannot be started: the message has the reason twice, once from the child."""
         spoil(path)
         run = self.world.run()
         said = "" if path == POSTCONF else until(" Virtual Domains DB")
@@ -175,7 +175,7 @@ class FullDiskTest(RunTest):
         self.assertTrue(run.err.endswith(fatal(SYSTEM_ERROR, "write: No space left on device")), run.err)
         self.assertEqual((TORVA / "master.cf.disabled").read_text(), text)
         self.assertEqual(sorted(os.listdir(TORVA)), sorted(TABLES + ["filler", "master.cf.disabled"]))
-        # The store has to be on disk before master.cf is replaced.
+        # The store must be on disk before master.cf is replaced.
         self.assertEqual(MASTER_CF.read_bytes(), golden("master.cf.before"))
 
     def test_no_room_for_a_table_leaves_the_old_one(self):

@@ -1,4 +1,4 @@
-"""Which programs a run starts, in which order, and what each of them finds."""
+"""The programs that a run starts, their order, and the state that each of them finds."""
 
 import os
 import sys

@@ -153,7 +153,7 @@ class DiesOfSignalTest(Walks, FailurePoints):
 
 
 class SaysFatalAndExitsZeroTest(Walks, FailurePoints):
-    """Only the reading of a parameter judges by the text alone."""
+    """Only reading a parameter can fail by the text alone."""
 
     said = read_text = TEXT
     alias_fails = False
@@ -276,7 +276,7 @@ class MoreFailuresTest(RunTest):
 
 
 class KilledTest(RunTest):
-    """The program itself is killed while a tool runs: what is on disk is whole."""
+    """The program itself is killed while a tool runs: every file on disk is complete."""
 
     def test_a_killed_run_leaves_the_old_master_cf_and_no_temporary_file(self):
         expected = commands("first_run.commands")

@@ -1,4 +1,4 @@
-"""The repair of the host name, and what becomes of the name."""
+"""The repair of the host name, and its use."""
 
 import sys
 from pathlib import Path

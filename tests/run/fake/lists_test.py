@@ -1,4 +1,4 @@
-"""List-valued parameters: what an administrator had, and what is written."""
+"""List-valued parameters: the administrator's value, and the one that is written."""
 
 import sys
 from pathlib import Path

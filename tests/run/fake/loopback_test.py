@@ -21,7 +21,7 @@ class LoopbackOnlyTest(OnAnyHost):
         self.assertCompleted(run)
 
     def test_without_ipv6_each_run_adds_one_more_odd_network(self):
-        """The default is then the loopback network alone, and stands at the start of our list."""
+        """The default is then only the loopback network, with which our list begins."""
         self.world.defaults(mynetworks="127.0.0.0/8")
         self.world.params(mynetworks="127.0.0.0/8", myhostname="localhost.localdomain")
         for run in range(1, 4):

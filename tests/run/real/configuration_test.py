@@ -1,4 +1,4 @@
-"""The program on real Postfix: what it makes of a stock and of a hand-made configuration."""
+"""The program with the real Postfix: the results with a stock and a hand-made configuration."""
 
 import os
 import re
@@ -140,7 +140,7 @@ class StockTest(RealTest):
         self.assertIn("\n#postlog ", expected)
         expected = replaced(expected, "smtp", "inet", SMTP)
         expected = replaced(expected, "mailman", "unix", MAILMAN)
-        # Stock has a tlsmgr, which stays, and a pickup of another type, which stays beside the new one.
+        # Stock has a tlsmgr, which stays, and a pickup of another type, which stays as well.
         added = [line for line in PANEL_SERVICES if not line.startswith("tlsmgr ")]
         self.assertEqual(len(added), 6)
         self.assertCompleted(self.world.run())
@@ -285,10 +285,22 @@ class OtherMainCfTest(RealTest):
         values = self.world.values()
         self.assertEqual(values["alias_maps"], "hash:/etc/aliases, hash:/var/spool/postfix/torva/aliases")
         self.assertEqual(values["alias_database"], "hash:/etc/aliases")
-        # Postfix's own default stands here: it becomes the narrow list.
+        # Here it has Postfix's own default, which becomes the narrow list.
         self.assertEqual(values["mynetworks"], LOCAL_NETWORKS)
         self.assertEqual({name: values[name] for name in ("virtual_transport", "smtpd_recipient_restrictions")},
                          {"virtual_transport": "torva_virtual", "smtpd_recipient_restrictions": CLOSED})
+
+    def test_another_configuration_directory_is_chosen_by_mail_config(self):
+        self.world.shelter()
+        other = Path("/etc/other-postfix")
+        shutil.copytree(POSTFIX, other, symlinks=True)
+        self.addCleanup(remove, other)
+        before = {path: path.read_bytes() for path in (MAIN_CF, MASTER_CF)}
+        run = self.world.run(env={"MAIL_CONFIG": str(other)})
+        self.assertEqual(run.status, 0, run.err)
+        self.assertEqual({path: path.read_bytes() for path in before}, before)
+        self.assertIn("\nvirtual_transport = torva_virtual\n", (other / "main.cf").read_text())
+        self.assertIn("\n" + SMTP + "\n", (other / "master.cf").read_text())
 
     def test_the_default_networks_become_the_narrow_list(self):
         text = STOCK_MAIN_CF.replace("mynetworks = 127.0.0.0/8\n", "").replace("compatibility_level = 3.6\n", "")

@@ -1,5 +1,5 @@
-// What a forked child does and writes: for code that ends the process, that keeps
-// process-wide state, or whose standard streams are to be read byte for byte.
+// Results and output of a forked child, for code that ends the process, that keeps
+// process-wide state, or whose standard streams are compared byte for byte.
 #pragma once
 
 #include <cstdio>
@@ -86,11 +86,11 @@ inline Outcome inChild(const std::function<int()>& body, Streams streams = Strea
     return outcome;
 }
 
-/// Takes all the memory there is: from here on malloc(3) fails, whatever the size.
+/// Allocates all memory: from now on malloc(3) fails for every size.
 inline void exhaustMemory() {
     const rlimit none = {0, 0};
     ::setrlimit(RLIMIT_AS, &none);
-    // Volatile: the compiler may leave out an allocation that nobody looks at.
+    // Volatile: the compiler may remove an allocation that is not used.
     void* volatile taken = nullptr;
     for (std::size_t size = 65536; size >= 8; size /= 2) {
         do {

@@ -1,5 +1,5 @@
-// What calls leave allocated. The sanitizers find leaks, too, in the unit tests that they
-// are built for; this finds them in every build.
+// Memory that calls leave allocated. The sanitizers also find leaks, but only in the tests that
+// they are built for; this finds them in every build.
 #pragma once
 
 #include <cstddef>

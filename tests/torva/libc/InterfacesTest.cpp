@@ -31,7 +31,7 @@ std::string addressText(const sockaddr* address) {
     return text;
 }
 
-/// The address of the hardware, as netlink tells it; empty for an alias.
+/// The hardware address according to netlink; empty for an alias.
 std::string hardwareText(const ifaddrs* all, const std::string& name) {
     for (const ifaddrs* one = all; one != nullptr; one = one->ifa_next) {
         if (one->ifa_addr == nullptr || one->ifa_addr->sa_family != AF_PACKET ||
@@ -135,7 +135,7 @@ TEST(InterfacesTest, TheSocketIsNeverAStandardStream) {
     for (const std::uint32_t number : {0U, 1U, 2U}) {
         SCOPED_TRACE(number);
         const auto outcome = inChild([number] {
-            // As long as nobody asks through that descriptor, nothing fails.
+            // Nothing fails until that descriptor is used.
             if (!failSyscall(SYS_ioctl, EBADF, 0, number)) {
                 return static_cast<int>(noFilters);
             }

@@ -1,4 +1,4 @@
-// The plain functions free by hand: nothing of theirs stays allocated.
+// The plain functions free memory by hand: nothing must stay allocated.
 #include "torva/libc/Child.h"
 #include "torva/libc/HeapCensus.h"
 #include "torva/libc/interfaces.h"

@@ -28,7 +28,7 @@ void logThroughList(int priority, const char* format, ...) {
     va_end(arguments);
 }
 
-/// Makes a standard stream a pipe that nobody reads.
+/// Replaces a standard stream by a pipe without a reader.
 void losesItsReader(int stream) {
     int fds[2];
     if (::pipe2(fds, O_CLOEXEC) == 0) {
@@ -91,7 +91,7 @@ TEST(LogTest, StandardErrorComesFirstAndBothCopiesAreFlushed) {
 TEST(LogTest, BothCopiesShowTheSameErrnoAndItIsKept) {
     const Outcome outcome = inChild([] {
         errno = ENOENT;
-        const std::string format = "%m"; // no literal: it is no ISO C++
+        const std::string format = "%m"; // not a literal: this is not ISO C++
         torva_log(3, format.c_str());
         return errno == ENOENT ? 0 : 1;
     });
@@ -301,7 +301,7 @@ TEST(ReportErrorTest, AGrownMessageStillMeansTheErrnoOfTheEntry) {
     const std::string text(5000, 'y');
     const Outcome outcome = inChild([&] {
         errno = EACCES;
-        const std::string format = text + " %m"; // no literal: it is no ISO C++
+        const std::string format = text + " %m"; // not a literal: this is not ISO C++
         report_error(0, format.c_str());
         return 0;
     });

@@ -1,4 +1,4 @@
-// Another process that holds something, or waits for it, for as long as a test
+// Another process that holds something, or waits for it, as long as a test
 // wants it to.
 #pragma once
 
@@ -15,7 +15,7 @@
 
 namespace torva::test {
 
-/// Another process, which does one thing, tells how that went, and waits.
+/// Another process, which does one thing, reports the result, and waits.
 class OtherProcess {
 public:
     explicit OtherProcess(const std::function<int()>& body) {
@@ -38,13 +38,13 @@ public:
     OtherProcess(const OtherProcess&) = delete;
     OtherProcess& operator=(const OtherProcess&) = delete;
 
-    /// What the body answered, once it has; -2: it ended without.
+    /// The result of the body, once there is one; -2: it ended without.
     int result() const {
         char result = 0;
         return ::read(fd_, &result, 1) == 1 ? result : -2;
     }
 
-    /// Whether it has answered already.
+    /// Whether there is a result.
     bool answered() const {
         pollfd poll = {fd_, POLLIN, 0};
         return ::poll(&poll, 1, 0) == 1;

@@ -255,8 +255,8 @@ TEST_F(PanelConfParseTest, ReleasingNothingIsAllowed) {
 
 namespace {
 
-// The failures of memory run in children, where a limit stands; their reports go
-// out without any memory.
+// Memory failures are tested in children with a limit; their reports are written
+// without allocating memory.
 void writeOut(int priority, const char* format, ...) {
     dprintf(STDERR_FILENO, "%d: ", priority);
     va_list arguments;

@@ -1,5 +1,5 @@
 // The panel's configuration file at its fixed path. What was read is kept for the
-// life of the process, so each look-up has a child of its own.
+// lifetime of the process, so each look-up has its own child.
 #include "torva/libc/panel_conf.h"
 
 #include "torva/libc/Child.h"

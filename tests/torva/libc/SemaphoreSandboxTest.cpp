@@ -220,7 +220,7 @@ TEST_F(SemaphoreSandboxTest, ANegativeNumberIsFatalForAllThree) {
     } cases[] = {{sem_lock, "sem_lock"}, {sem_lock_wait, "sem_lock"}, {sem_unlock, "sem_unlock"}};
     for (const auto& c : cases) {
         const Outcome outcome = inChild([&] {
-            errno = ENOENT; // of something else
+            errno = ENOENT; // from something else
             c.operation(-3);
             return 7;
         });
@@ -417,6 +417,17 @@ TEST_F(SemaphoreSandboxTest, WithoutUmaskFileAndDirectoriesHaveTheirModesNeverth
     EXPECT_EQ(outcome.exited, 0) << outcome.err;
     EXPECT_EQ(modeOf(semaphorePath), "100600");
     EXPECT_EQ(modeOf("/usr/local/kra/var"), "40755");
+}
+
+TEST_F(SemaphoreSandboxTest, TheUmaskTakesBitsFromTheModesOfDirectories) {
+    const Outcome outcome = inChild([] {
+        ::umask(077);
+        init_sem();
+        return 0;
+    });
+    EXPECT_EQ(outcome.exited, 0) << outcome.err;
+    EXPECT_EQ(modeOf(path), "100600");
+    EXPECT_EQ(modeOf("/usr/local/kra/var"), "40700");
 }
 
 TEST_F(SemaphoreSandboxTest, ADirectoryThatCannotBeMadeIsFatalWithItsOwnReason) {

@@ -30,7 +30,7 @@ void block() {
     ::pthread_sigmask(SIG_BLOCK, &mask, nullptr);
 }
 
-/// The write end of a pipe that nobody reads.
+/// The write end of a pipe without a reader.
 int readerless() {
     int fds[2];
     if (::pipe2(fds, O_CLOEXEC) == 0) {

@@ -1,5 +1,5 @@
 // Makes system calls of this process fail, with a seccomp(2) filter, where the
-// failure cannot be brought about otherwise. For forked children: it stays.
+// failure cannot be produced otherwise. For forked children only: it cannot be undone.
 #pragma once
 
 #include <cstddef>
@@ -11,12 +11,12 @@
 
 namespace torva::test {
 
-/// What a child's body answers when there are no filters here.
+/// The result of a child's body when there are no filters here.
 enum { noFilters = 77 };
 
 /// \param number    of the system call, SYS_...
 /// \param error     errno value that it fails with from now on
-/// \param argument  index of an argument to look at; -1: every call fails
+/// \param argument  index of an argument to check; -1: every call fails
 /// \param value     lower half of that argument in the calls that fail
 /// \return false when the kernel allows no filters
 inline bool failSyscall(long number, int error, int argument = -1, std::uint32_t value = 0) {

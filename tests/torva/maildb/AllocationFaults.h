@@ -1,6 +1,6 @@
 // Memory that runs out at a chosen moment: this executable's own malloc, calloc and
-// realloc, which hand on to the C library's. Under AddressSanitizer, which brings an
-// allocator of its own, there are no faults: see allocation_faults_work.
+// realloc, which call the C library's. Under AddressSanitizer, which has its
+// own allocator, there are no faults: see allocation_faults_work.
 #pragma once
 
 #include <cstddef>
@@ -25,7 +25,7 @@ public:
     AllocationFaults(const AllocationFaults&) = delete;
     AllocationFaults& operator=(const AllocationFaults&) = delete;
 
-    /// While it exists, nothing fails: for what is no part of the code under test.
+    /// While it exists, nothing fails: for code that is not under test.
     class Pause {
     public:
         Pause();

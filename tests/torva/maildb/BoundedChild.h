@@ -1,4 +1,4 @@
-// Code that may hang, in a process of its own.
+// Code that may hang, in a separate process.
 #pragma once
 
 #include <functional>
@@ -6,7 +6,7 @@
 
 namespace torva::test {
 
-/// Runs the function in another process, with a log of its own, for at most a minute.
+/// Runs the function in another process, with its own log, for at most a minute.
 ///
 /// \return what it wrote to its log, one message in a line, after its result: "-1\n3 Unable
 ///         to ...\n"; "hangs" when it was ended by us, "died" when it ended otherwise

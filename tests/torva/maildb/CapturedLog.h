@@ -1,4 +1,4 @@
-// What goes through torva_log while one of these exists, in place of the console.
+// Captures the messages of torva_log while it exists, instead of printing them.
 #pragma once
 
 #include <string>

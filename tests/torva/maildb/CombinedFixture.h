@@ -39,7 +39,7 @@ protected:
         }
     }
 
-    /// What is in the authentication database.
+    /// The contents of the authentication database.
     static std::vector<std::string> users() {
         return rows("SELECT u.name || '@' || d.name FROM users u JOIN domains d ON d.id=u.dom_id");
     }

@@ -1,4 +1,4 @@
-// Fixture of the tests that make a mail-authentication database.
+// Fixture of the tests that create a mail-authentication database.
 #pragma once
 
 #include "torva/maildb/AuthDatabase.h"

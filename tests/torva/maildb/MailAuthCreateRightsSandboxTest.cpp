@@ -1,4 +1,4 @@
-// Who may make a mail-authentication database, and what the making leaves of the process.
+// Who may create a mail-authentication database, and what that changes in the process.
 #include "torva/maildb/BoundedChild.h"
 #include "torva/maildb/CreateFixture.h"
 #include "torva/maildb/Files.h"
@@ -44,7 +44,7 @@ TEST_F(CreateAuthDatabase, AMissingPostfixUserIsReportedAndLeavesTheOldDatabase)
     EXPECT_EQ(before, read_file(auth_path));
 }
 
-/// Creates the database in a process that has given something up, and answers its messages.
+/// Creates the database in a process without some rights, and returns its messages.
 std::vector<LogLine> create_after(const std::function<void()>& give_up) {
     int ends[2];
     EXPECT_EQ(0, pipe(ends));

@@ -133,7 +133,7 @@ TEST_F(CreateAuthDatabase, AnObstacleAtThePathIsReported) {
                                                        auth_path + ": Is a directory")));
 }
 
-/// A file system of its own under the database's directory.
+/// A separate file system for the database's directory.
 class Mounted {
 public:
     explicit Mounted(const char* options) {

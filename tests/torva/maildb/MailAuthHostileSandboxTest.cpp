@@ -1,5 +1,5 @@
-// What the account that owns the database's directory puts in the place of the database
-// and of its journal, while root works there.
+// The account that owns the database's directory replaces the database
+// and its journal, while root works there.
 #include "torva/maildb/AuthDatabase.h"
 #include "torva/maildb/BoundedChild.h"
 #include "torva/maildb/Files.h"
@@ -78,7 +78,7 @@ protected:
         fs::remove(path);
     }
 
-    /// Every way in answers that the database cannot be opened, and soon.
+    /// Every operation reports that the database cannot be opened, and soon.
     static void expect_refusal(const std::string& what) {
         const std::string reason = auth_path + std::string(": unable to open database file\n");
         EXPECT_EQ("-1\n3 Unable to open database " + reason, bounded(add_domain)) << what;
@@ -86,7 +86,7 @@ protected:
     }
 };
 
-// In the place of the database.
+// The database is replaced.
 
 TEST_F(HostileDirectory, AFifoInThePlaceOfTheDatabaseBlocksNobody) {
     put_aside();
@@ -196,7 +196,7 @@ TEST_F(HostileDirectory, WithoutTheOverriddenCallTheLookBeforeOpeningIsLeft) {
                 testing::StartsWith("-1\n"));
 }
 
-// In the place of the journal.
+// The journal is replaced.
 
 TEST_F(HostileDirectory, AFifoInThePlaceOfTheJournalBlocksNobody) {
     ASSERT_EQ(0, mkfifo(journal.c_str(), 0666));
@@ -231,7 +231,7 @@ TEST_F(HostileDirectory, AFileLinkedAsTheJournalIsNeitherWrittenNorGivenAway) {
     }
 }
 
-/// A number as a journal has it.
+/// A number in the format of a journal.
 std::string big_endian(std::uint32_t number) {
     std::string bytes;
     for (const unsigned shift : {24U, 16U, 8U, 0U}) {
@@ -314,11 +314,11 @@ TEST_F(HostileDirectory, AFileThatIsLinkedAsTheJournalNowAndThenIsLeftAlone) {
     EXPECT_EQ("somebody else's|0:0 33184 1", state(victim));
 }
 
-// Making the database in a directory that belongs to somebody else already.
+// Creating the database in a directory that already belongs to somebody else.
 
 using Swap = std::function<void()>;
 
-/// Creates the database while the directory is changed the moment it has been opened.
+/// Creates the database, and changes the directory as soon as it has been opened.
 int create_with(const Swap& swap) {
     bool done = false;
     const OpenHook hook([&](sqlite3* /*handle*/) {

@@ -136,7 +136,7 @@ TEST_F(AuthLoad, AWriterKilledAtAnyMomentLeavesEveryAcknowledgedChange) {
     int first = 0;
     for (int turn = 0; turn < 200; ++turn) {
         const int next = first + killed_writer(first, changes(random), moment(random));
-        // The first to come by is a reader: it must cope with the journal that was left.
+        // The next one is a reader: it must handle the journal that was left.
         mail_auth_user user;
         ASSERT_EQ(0, mail_auth_lookup(postfix_type, "steady@d.example", &user)) << log.text();
         mail_auth_free_user(&user);
@@ -149,7 +149,7 @@ TEST_F(AuthLoad, AWriterKilledAtAnyMomentLeavesEveryAcknowledgedChange) {
                     ElementsAre(std::to_string(next)))
             << "every change that was acknowledged is there, turn " << turn;
         ASSERT_LE(stored, next + 1) << "and at most one that was not";
-        first = stored; // goes on after what is there
+        first = stored; // goes on after these
     }
     EXPECT_THAT(log.take(), IsEmpty());
 }

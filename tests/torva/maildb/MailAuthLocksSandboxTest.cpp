@@ -1,4 +1,4 @@
-// What happens while another process has the database locked.
+// Operations while another process has the database locked.
 #include "torva/maildb/AuthDatabase.h"
 #include "torva/maildb/Files.h"
 
@@ -83,7 +83,7 @@ TEST_F(AuthLocks, AnInterruptedSleepEndsTheAttempts) {
     EXPECT_THAT(rows("SELECT name FROM domains"), IsEmpty());
 }
 
-/// A statement in somebody else's hands, which keeps the handle from being closed.
+/// A foreign statement, which prevents the handle from being closed.
 class Straggler {
 public:
     void attach(sqlite3* handle) {

@@ -1,4 +1,4 @@
-// What each operation sends, and what it says when it fails.
+// The statements of each operation, and its messages when it fails.
 #include "torva/maildb/AllocationFaults.h"
 #include "torva/maildb/AuthDatabase.h"
 #include "torva/maildb/Files.h"

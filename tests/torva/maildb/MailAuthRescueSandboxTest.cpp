@@ -1,4 +1,4 @@
-// Readers that meet the journal of a writer that was killed.
+// Readers that find the journal of a killed writer.
 #include "torva/maildb/AuthDatabase.h"
 #include "torva/maildb/BoundedChild.h"
 #include "torva/maildb/Files.h"
@@ -25,7 +25,7 @@ namespace {
 
 const std::string auth_journal = std::string(auth_path) + "-journal";
 
-/// A writer that dies half-way: everything is deleted in the file, and the journal has it.
+/// A writer that dies half-way: everything is deleted from the file, and still in the journal.
 void leave_a_journal() {
     const pid_t writer = fork();
     if (writer == 0) {
@@ -80,7 +80,7 @@ protected:
     }
 };
 
-/// What a query answered: "joe@example.com p 2".
+/// The result of a query: "joe@example.com p 2".
 std::string shown(const mail_auth_user& user) {
     const char* password = user.password == nullptr ? user.encrypted_password : user.password;
     return std::string(user.name) + " " + password + " " + std::to_string(user.status) + "\n";

@@ -20,7 +20,7 @@ using testing::IsEmpty;
 
 namespace {
 
-constexpr const char* panel_root = "/usr/local/kra"; // what holds without a configuration file
+constexpr const char* panel_root = "/usr/local/kra"; // the default without a configuration file
 constexpr const char* panel_conf = "/etc/kra/kra.conf";
 constexpr const char* undetermined =
     "Unable to determine mail server type from ``mtactl --features''";
@@ -30,7 +30,7 @@ protected:
     ServerType() { std::filesystem::remove(panel_conf); }
     ~ServerType() override { std::filesystem::remove_all(panel_root); }
 
-    /// Puts a shell script in the place of the panel's mail tool.
+    /// Replaces the panel's mail tool by a shell script.
     static void install(const std::string& script) {
         const std::string directory = std::string(panel_root) + "/admin/sbin";
         std::filesystem::create_directories(directory);
@@ -123,7 +123,7 @@ TEST_F(ServerType, NoChildAndNoDescriptorIsLeft) {
     EXPECT_EQ(ECHILD, errno);
 }
 
-/// Runs a check in a process of its own, for what cannot be undone. It answers 0.
+/// Runs a check in a separate process, if it cannot be undone. 0 is good.
 int in_a_child(int (*check)(CapturedLog&), CapturedLog& log) {
     const pid_t child = fork();
     if (child == 0) {

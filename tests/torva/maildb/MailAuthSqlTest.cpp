@@ -24,7 +24,7 @@ bool interrupted = false;
 
 } // namespace
 
-// In place of the C library's, so that a test sees how long a sleep was meant to be.
+// Replaces the C library's, so that a test sees the requested time.
 extern "C" int nanosleep(const timespec* request, timespec* /*remaining*/) {
     if (recorded != nullptr) {
         recorded->push_back(request->tv_sec * 1'000'000'000 + request->tv_nsec);

@@ -1,5 +1,5 @@
-// What is put in the place of the database or its journal at the last moment: after the
-// look before opening, or between opening and the look at the descriptor.
+// Replacing the database or its journal at the last moment: after the
+// check before opening, or between opening and the check of the descriptor.
 #include "torva/maildb/AuthDatabase.h"
 #include "torva/maildb/BoundedChild.h"
 #include "torva/maildb/Files.h"

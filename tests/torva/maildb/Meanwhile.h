@@ -1,4 +1,4 @@
-// Another process at work beside the test.
+// Another process at work during the test.
 #pragma once
 
 #include <csignal>

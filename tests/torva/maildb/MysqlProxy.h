@@ -1,5 +1,5 @@
 // A child process between the MySQL client and the private server that spoils one
-// query: for the failures that a healthy server does not bring about by itself.
+// query: for failures that a healthy server does not produce.
 #pragma once
 
 #include <string>

@@ -25,7 +25,7 @@ const LogLine no_data{error_level, "Unable to get data from mysql database"};
 
 char* const untouched = const_cast<char*>("untouched");
 
-/// A list as it came out, freed at the end.
+/// A returned list, freed at the end.
 class List {
 public:
     List() = default;

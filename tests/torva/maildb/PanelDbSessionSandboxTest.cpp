@@ -41,7 +41,7 @@ TEST_F(PanelSession, AnUnreadablePasswordFileIsReported) {
 TEST_F(PanelSession, AnEmptyPasswordFileIsNoSystemError) {
     write_shadow("");
     char message[512] = "";
-    errno = EBADF; // left over from somebody else
+    errno = EBADF; // left over from something else
     EXPECT_EQ(nullptr, db_connect(message, sizeof message));
     EXPECT_STREQ("Unable to read admin password file: Success", message);
 }

@@ -21,7 +21,7 @@ using testing::StartsWith;
 
 namespace {
 
-/// A query on a connection of its own, for at most a minute.
+/// A query on its own connection, for at most a minute.
 std::string ask() {
     return bounded([] {
         char** list = nullptr;

@@ -1,5 +1,5 @@
 // The private MariaDB server of a sandbox test, through tests/tools/private-mariadb,
-// and root's road into it.
+// and root's access to it.
 #pragma once
 
 #include <memory>
@@ -16,7 +16,7 @@ public:
     static constexpr const char* shadow = "/etc/kra/.kra.shadow";
 
     /// The server of this process, stopped at its end. The database is empty and the
-    /// server runs without options of its own, whatever was done to it before.
+    /// server runs without extra options, whatever was done to it before.
     static PrivateMariaDb& fresh();
 
     /// Starts the server again, on the same data, with further mariadbd options.

@@ -18,7 +18,7 @@ namespace torva::test {
 
 using Connection = std::unique_ptr<MYSQL, void (*)(MYSQL*)>;
 
-/// What an open answered.
+/// The result of an open.
 struct Opened {
     Connection connection{nullptr, mysql_close};
     std::string message;

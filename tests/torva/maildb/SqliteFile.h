@@ -53,13 +53,13 @@ class LockHolder {
 public:
     /// \param statements  run in one connection, such as "BEGIN EXCLUSIVE"; they hold
     ///                    when the constructor returns
-    /// \param hold_ms     when the lock is given up; -1: with the object
+    /// \param hold_ms     when the lock is released; -1: by the destructor
     LockHolder(const std::string& path, const std::string& statements, int hold_ms);
     ~LockHolder();
     LockHolder(const LockHolder&) = delete;
     LockHolder& operator=(const LockHolder&) = delete;
 
-    /// Whether it has begun to give the lock up.
+    /// Whether it has begun to release the lock.
     bool released() const;
 
 private:

@@ -1,4 +1,4 @@
-// Something at the database server's socket that is no database server.
+// Something at the database server's socket that is not a database server.
 #pragma once
 
 #include <functional>
@@ -8,10 +8,10 @@
 namespace torva::test {
 
 /// While it exists, connections to PrivateMariaDb::socket reach it. The private server's
-/// own socket is put aside meanwhile.
+/// own socket is moved away meanwhile.
 class StrangeServer {
 public:
-    /// What is done with each connection, in another process; it is held open afterwards.
+    /// The action for each connection, in another process; it is held open afterwards.
     using Behaviour = std::function<void(int connection)>;
 
     /// \param accepts  false: connections wait for ever in a queue of one

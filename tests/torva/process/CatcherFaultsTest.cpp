@@ -79,7 +79,7 @@ using namespace testing;
 
 class CatcherFaultsTest : public ProcessTest {
 protected:
-    // Installs a catcher, starts a child that exits with 5, and asks something.
+    // Installs a catcher, starts a child that exits with 5, and checks something.
     template <class Question>
     static auto whileAChildEnds(Question question) {
         ProcessSet children(1);

@@ -17,7 +17,7 @@ using std::chrono::milliseconds;
 
 class EndChildrenTest : public ProcessTest {};
 
-// Starts a script that says when it is ready, and enters it.
+// Starts a script that reports when it is ready, and adds it to the set.
 LaunchResult startScript(ProcessSet& children, const std::string& script) {
     LaunchRequest request;
     request.program = "/bin/sh";

@@ -77,7 +77,7 @@ TEST_F(ErrorRelayTest, TextWithNulEndsThereAndLeavesNoStrayRecord) {
 }
 
 TEST_F(ErrorRelayTest, EachPieceIsOneWrite) {
-    // A packet pipe gives the writes back one by one.
+    // A packet pipe returns the writes one by one.
     int fds[2];
     ASSERT_EQ(0, ::pipe2(fds, O_DIRECT | O_CLOEXEC));
     const Descriptor readEnd(fds[0]);

@@ -13,7 +13,7 @@ sock_filter load(std::size_t offset) {
     return BPF_STMT(BPF_LD | BPF_W | BPF_ABS, static_cast<std::uint32_t>(offset));
 }
 
-// Skips the next so many statements when the loaded word is another.
+// Skips this many statements if the loaded word is different.
 sock_filter unlessEqualSkip(std::uint32_t value, std::uint8_t statements) {
     return BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, value, 0, statements);
 }

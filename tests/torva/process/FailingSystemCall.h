@@ -1,6 +1,6 @@
 // Makes chosen system calls of this process fail, see seccomp(2), for failures
-// that cannot be produced otherwise. For good and for all children: only in a
-// subprocess made for it.
+// that cannot be produced otherwise. Permanent, and for all children: only in a
+// separate subprocess.
 #pragma once
 
 #include "ProcessFixture.h"

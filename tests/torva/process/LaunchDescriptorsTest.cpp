@@ -1,4 +1,4 @@
-// What a child gets of its parent's descriptors, and where its streams lead.
+// The descriptors that a child inherits, and its streams.
 #include "torva/process/Launch.h"
 
 #include "ProcessFixture.h"

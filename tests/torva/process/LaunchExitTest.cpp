@@ -1,4 +1,4 @@
-// What a child that fails before exec leaves of its parent's streams when it ends with
+// The effects on the parent's streams of a child that fails before exec and ends with
 // exit(3), which cleans up streams and runs exit handlers.
 #include "torva/process/Launch.h"
 
@@ -22,7 +22,7 @@ using namespace testing;
 class LaunchExitTest : public ProcessTest {};
 class LaunchExitSystemCallTest : public FailingCallTest {};
 
-// Launches what is not there, and waits for the child that failed.
+// Launches a missing program, and waits for the child that failed.
 void failToLaunch() {
     LaunchRequest request;
     request.program = "/does/not/exist";
@@ -90,7 +90,7 @@ TEST_F(LaunchExitTest, StreamOfTheCallersOwnIsWrittenOnce) {
     Descriptor file(::mkstemp(name));
     ASSERT_TRUE(file);
     EXPECT_EQ("", inSubprocess([&](std::ostream&) {
-                  // Its buffer is its own: nobody flushes it before the fork, and the
+                  // Its buffer is separate: nobody flushes it before the fork, and the
                   // child would destroy it.
                   static std::ofstream stream(name, std::ios::app);
                   stream << "once";

@@ -31,7 +31,7 @@ LaunchRequest program(const std::string& path) {
     return request;
 }
 
-// What launch() throws and, for a child that was forked, its exit status.
+// The exception of launch() and, for a child that was forked, its exit status.
 std::string failureOf(const LaunchRequest& request) {
     pid_t pid = -1;
     std::string text = thrownBy([&] { launch(request, &pid); });
@@ -61,7 +61,7 @@ TEST_F(LaunchFailureTest, MissingProgramIsASystemErrorFromExecv) {
 
 TEST_F(LaunchFailureTest, EachKindOfExecIsNamed) {
     const std::vector<std::string> environment;
-    LaunchRequest request = program("/etc/passwd"); // no executable
+    LaunchRequest request = program("/etc/passwd"); // not an executable
     EXPECT_EQ(relayedSystemError("execv", EACCES) + ", status 67", failureOf(request));
     request.environment = &environment;
     EXPECT_EQ(relayedSystemError("execve", EACCES) + ", status 67", failureOf(request));
@@ -223,7 +223,7 @@ TEST_F(LaunchFailureTest, NoDescriptorIsLeftWhenTheyRunOut) {
                       request.input = {row.kind, -1};
                       request.output = {row.kind, -1};
                       request.error = {row.kind, -1};
-                      // The census needs a descriptor of its own.
+                      // The census needs a descriptor itself.
                       const std::string before = census();
                       rlimit limit = {};
                       ::getrlimit(RLIMIT_NOFILE, &limit);
@@ -291,7 +291,7 @@ TEST_F(LaunchSystemCallTest, EachOperationOfParentAndChildIsNamed) {
 TEST_F(LaunchSystemCallTest, FailedReadOfTheControlPipeIsThrownAtOnceAndLeavesTheChildToTheCaller) {
     EXPECT_EQ(systemError("control pipe read", EIO) + ", status 0",
               inSubprocess([](std::ostream& out) {
-                  // A number that the program itself never gets to.
+                  // A number that the program itself never reaches.
                   std::vector<Descriptor> low(20);
                   for (Descriptor& descriptor : low) {
                       descriptor = openNullDevice(O_RDONLY, "open");
@@ -312,7 +312,7 @@ TEST_F(LaunchSystemCallTest, FailedCloseOfTheChildsEndIsThrown) {
               }));
 }
 
-// What of the descriptors 3, 10, 19, 20 and 30 is left in the child.
+// Which of the descriptors 3, 10, 19, 20 and 30 are open in the child.
 std::string leftOpen(const std::vector<FailingCall>& calls) {
     return inSubprocess([&](std::ostream& out) {
         for (int fd = 3; fd < 40; ++fd) {

@@ -251,7 +251,7 @@ TEST_F(LaunchTest, LostChildrenAreWaitedForAndErrnoStays) {
     EXPECT_EQ(errno, ENOSPC);
     EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1);
     EXPECT_EQ(errno, ECHILD);
-    waitForLostChildren(); // none: comes back
+    waitForLostChildren(); // none: returns
 }
 
 } // namespace

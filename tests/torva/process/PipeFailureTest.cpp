@@ -1,4 +1,4 @@
-// What a pipe leaves behind when something goes wrong: nothing.
+// After a failure, a pipe leaves nothing.
 #include "torva/process/Pipe.h"
 
 #include "FailingSystemCall.h"
@@ -262,7 +262,7 @@ std::string thrownWith(const CallsFor& calls) {
     return text.substr(0, text.find(", "));
 }
 
-// What cannot be put back any more is named all the same.
+// What cannot be restored is named anyway.
 TEST_F(PipeSystemCallTest, FailureToPutSomethingBackIsNamed) {
     EXPECT_EQ(systemError("restore sigprocmask", EINVAL),
               thrownWith([](const Numbers&) -> std::vector<FailingCall> {

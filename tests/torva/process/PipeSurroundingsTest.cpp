@@ -1,4 +1,4 @@
-// What a pipe meets in its own process, and what it leaves there: descriptors closed
+// The environment of a pipe in its process, before and after: descriptors closed
 // or numerous, signal masks and actions, other children.
 #include "torva/process/Pipe.h"
 

@@ -1,5 +1,5 @@
-// What the tests of this folder share: the census round every test, a shell child
-// with captured streams, and a subprocess for tests that bend their own process.
+// What the tests of this folder share: the census before and after every test, a shell child
+// with captured streams, and a subprocess for tests that change their own process.
 #pragma once
 
 #include "torva/process/Pipe.h"
@@ -30,7 +30,7 @@ private:
     std::string before_;
 };
 
-/// What a run came to.
+/// The result of a run.
 struct Outcome {
     std::string output;
     std::string error;
@@ -64,8 +64,8 @@ std::string systemError(const std::string& operation, int code);
 /// The same when it has travelled from a child.
 std::string relayedSystemError(const std::string& operation, int code);
 
-/// Runs the body in a forked process and answers what it wrote; an exception is
-/// added as thrownBy() puts it, and a death by a signal as "signal N".
+/// Runs the body in a forked process and returns its output; an exception is
+/// added in the form of thrownBy(), and a death by a signal as "signal N".
 std::string inSubprocess(const std::function<void(std::ostream&)>& body);
 
 /// The next numbers that new descriptors of this process will get.

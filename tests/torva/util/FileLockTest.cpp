@@ -287,16 +287,21 @@ TEST(FileLockTest, WhatIsNoRegularFileIsRefusedAtOnce) {
     ::close(bound);
 }
 
-TEST(FileLockTest, WithoutUmaskTheLockFileHasItsModeNevertheless) {
+TEST(FileLockTest, TheModeOfTheLockFileIs0644MinusTheUmask) {
     const TempDirectory directory;
     const std::string name = directory / "table";
-    const Outcome outcome = inChild([&] {
-        ::umask(0);
-        const Handle handle = tried(name);
-        struct stat status;
-        return ::fstat(handle->fd, &status) == 0 && status.st_mode == (S_IFREG | 0644) ? 0 : 1;
-    });
-    EXPECT_EQ(outcome.exited, 0);
+    const mode_t masks[] = {0, 077};
+    for (const mode_t mask : masks) {
+        const Outcome outcome = inChild([&] {
+            ::umask(mask);
+            const Handle handle = tried(name);
+            struct stat status;
+            const mode_t wanted = S_IFREG | (0644 & ~mask);
+            return ::fstat(handle->fd, &status) == 0 && status.st_mode == wanted ? 0 : 1;
+        });
+        EXPECT_EQ(outcome.exited, 0) << mask;
+        ASSERT_EQ(::unlink(name.c_str()), 0);
+    }
 }
 
 TEST(FileLockTest, WithoutADescriptorAboveTheStandardStreamsTheFileCannotBeOpened) {

@@ -14,15 +14,15 @@ namespace torva::mail::postfix {
 
 namespace {
 
-// Only a file that is certainly not there is taken for none: one that cannot be
-// looked at is for the reader to complain about, or the next save() would replace
-// a store that was never read.
+// Only a file that certainly does not exist counts as missing. One that stat(2) fails
+// for is left to the reader to complain about: the next save() would replace a store
+// that was never read.
 bool mayExist(const std::string& path) {
     boost::system::error_code ignored;
     return boost::filesystem::status(path, ignored).type() != boost::filesystem::file_not_found;
 }
 
-/// What a file holds that was written from the lines.
+/// The contents of a file that was written from the lines.
 std::string textOf(const MasterCfLines& lines) {
     std::string text;
     for (const std::string& line : lines.lines()) {
@@ -42,7 +42,7 @@ public:
           text_(textOf(lines)),
           lock_(path_, LockMode::wait) {}
 
-    /// \param loaded  what the file held when it was read; nothing: it was not there
+    /// \param loaded  the contents of the file when it was read; nothing: it did not exist
     void requireUnchanged(const std::optional<std::string>& loaded) const {
         const bool same =
             mayExist(path_) ? loaded && MasterCfReader::content(path_, owner_) == loaded : !loaded;
@@ -55,7 +55,7 @@ public:
     void stage() { staged_.emplace(lines_, path_); }
     void replaceTarget() { staged_->replaceTarget(); }
 
-    /// What the file holds after that.
+    /// The contents of the file after that.
     std::string& text() { return text_; }
 
 private:
@@ -130,8 +130,8 @@ MasterCfEntry MasterCf::getModule(const std::string& name, ModuleType type,
     return store->get(key);
 }
 
-// In the changes below, all that may fail comes before the first line that touches
-// a store or a flag, and set() itself either does all or nothing.
+// In the changes below, everything that may fail comes before the first line that changes
+// a store or a flag, and set() either succeeds or changes nothing.
 
 void MasterCf::putModule(const MasterCfModule& module, bool enabled) {
     requireLoaded();
@@ -139,8 +139,8 @@ void MasterCf::putModule(const MasterCfModule& module, bool enabled) {
     std::string text = formatModule(module);
     requireReadsBack(module, text);
     const std::shared_ptr<MasterCfLines> target = enabled ? active_ : disabledOrNew();
-    // Texts are compared, never records: the same text may parse into other words
-    // than the record has, and a second run must find nothing to write.
+    // The texts are compared, not the records: a text may parse into other words than
+    // those of its record, and a second run must find nothing to write.
     const bool changes = !target->contains(key) || target->text(key) != text;
 
     target->set(module, std::move(text));
@@ -200,8 +200,8 @@ void MasterCf::removeModule(const std::string& name, ModuleType type) {
 
 bool MasterCf::save(bool force) {
     requireLoaded();
-    // The locks are always taken in this order: two programs that save at the same time
-    // never wait for each other.
+    // The locks are always taken in this order, so that two programs that save at the
+    // same time cannot deadlock.
     std::optional<FileToSave> active;
     std::optional<FileToSave> disabled;
     if (activeChanged_ || force) {
@@ -216,8 +216,8 @@ bool MasterCf::save(bool force) {
     if (disabled && !force) {
         disabled->requireUnchanged(disabledText_);
     }
-    // A service that moves leaves master.cf first. Before it does, the store that takes
-    // it lies on disk in full: otherwise a full disk would lose its text.
+    // A service that is disabled leaves master.cf first. Before that, the new store is
+    // completely on disk: otherwise a full disk would lose the service.
     if (disabled) {
         disabled->stage();
     }

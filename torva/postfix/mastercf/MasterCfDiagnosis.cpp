@@ -37,7 +37,7 @@ bool isDigit(char character) {
     return character >= '0' && character <= '9';
 }
 
-/// The word at a place, with "?" for what is not printable, in quotes.
+/// The word at a position, in quotes, with "?" for each unprintable character.
 std::string wordAt(const char* at, const char* last) {
     std::string word;
     for (; at != last && !isBlank(*at) && *at != '\n'; ++at) {
@@ -61,7 +61,7 @@ public:
         if (progress_.fieldAt != nullptr && progress_.fieldAt >= progress_.stop) {
             return at(progress_.fieldAt, reasonForField());
         }
-        return at(progress_.stop, reasonBehindEntry());
+        return at(progress_.stop, reasonAfterEntry());
     }
 
 private:
@@ -70,7 +70,7 @@ private:
         return {static_cast<std::size_t>(breaks) + 1, reason};
     }
 
-    /// A line that begins with a blank, where no entry is that it could belong to.
+    /// Whether the line begins with a blank but there is no entry for it to continue.
     bool continuesNothing() const {
         const char* begin = progress_.stop;
         while (begin != first_ && begin[-1] != '\n') {
@@ -79,8 +79,8 @@ private:
         return begin != progress_.stop && std::all_of(begin, progress_.stop, isBlank);
     }
 
-    /// Where the word begins whose middle a column was tried in; null: it was tried at the
-    /// begin of a word, or behind the last.
+    /// The beginning of the word when a column was tried in the middle of one; null: it was
+    /// tried at the beginning of a word, or after the last.
     const char* gluedWord() const {
         const char* place = progress_.fieldAt;
         if (place == last_ || isBlank(*place) || *place == '\n') {
@@ -116,9 +116,9 @@ private:
         return std::string(rule.name) + " must be " + rule.wanted + ", not " + wordAt(place, last_);
     }
 
-    std::string reasonBehindEntry() const {
+    std::string reasonAfterEntry() const {
         if (progress_.stop != last_ && *progress_.stop == '#') {
-            return "a comment behind the last word of an entry";
+            return "a comment after the last word of an entry";
         }
         return wordAt(progress_.stop, last_) + " holds a character that is not printable ASCII";
     }

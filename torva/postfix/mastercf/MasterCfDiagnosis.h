@@ -1,6 +1,6 @@
-// Why a text is not in the syntax of master.cf that this system takes, in words for the
-// person who has to correct it. The syntax itself is MasterCfParser.h; what the reader
-// says of a whole file is MasterCfReader.h.
+// Why a text is not in the master.cf syntax that this system accepts, in words for the
+// person who has to correct it. The syntax itself is MasterCfParser.h; the errors of
+// reading a file are in MasterCfReader.h.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +9,7 @@
 
 namespace torva::mail::postfix {
 
-/// The first place at which a text is refused.
+/// The first error in a text.
 struct MasterCfDiagnosis {
     std::size_t line = 0; ///< counted from 1
     std::string reason;   ///< such as "chroot must be y, n or -, not \"Y\""
@@ -18,8 +18,8 @@ struct MasterCfDiagnosis {
     std::string text() const;
 };
 
-/// \param text  contents of a whole file; one of no bytes is refused, as by the reader
-/// \return nothing when the text is taken
+/// \param text  contents of a whole file; an empty one is refused, as by the reader
+/// \return nothing when the text is accepted
 /// Takes time linear in the length of the text.
 std::optional<MasterCfDiagnosis> diagnoseMasterCf(const std::string& text);
 

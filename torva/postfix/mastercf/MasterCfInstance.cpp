@@ -1,4 +1,4 @@
-// The part of MasterCf that needs Postfix itself.
+// The part of MasterCf that runs a Postfix tool.
 #include "torva/postfix/mastercf/MasterCf.h"
 
 #include "torva/postfix/params/PostfixParameters.h"

@@ -42,7 +42,7 @@ std::string formatModule(const MasterCfModule& module) {
     column(spelling(module.unpriv));
     column(spelling(module.chroot));
     column(spelling(module.wakeup));
-    // "-?" is no wakeup time.
+    // "-?" is not a wakeup time.
     if (module.wakeupConditional && module.wakeup != -1) {
         text += '?';
     }

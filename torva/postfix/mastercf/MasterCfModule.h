@@ -1,5 +1,5 @@
-// One service of master.cf, see master(5), and its one-line text. Where services
-// are kept is MasterCfLines.h; how their text is parsed, MasterCfParser.cpp.
+// One service of master.cf, see master(5), and its one-line text. Services are kept in
+// MasterCfLines.h and parsed in MasterCfParser.cpp.
 #pragma once
 
 #include <boost/logic/tribool.hpp>
@@ -8,19 +8,17 @@
 #include <string>
 #include <vector>
 
-// With GNU extensions, which a program that uses this header may have turned on,
-// this is a macro; here it is a service type.
+// A macro when GNU extensions are on, as they may be in a program that includes this
+// header; here it is a service type.
 #undef unix
 
 namespace torva::mail::postfix {
 
-/// Service types of master.cf. Postfix knows more; a file with one of those is
-/// not for us to edit.
+/// Service types of master.cf. Postfix has more; a file that uses one of those is refused.
 enum class ModuleType : std::int32_t { inet = 0, unix = 1, fifo = 2 };
 
-/// A service entry; its (name, type) is its key. The fields are the columns of
-/// master(5). A three-state field is indeterminate where the file says "-", which
-/// is Postfix's own default.
+/// A service entry, whose key is (name, type). The fields are the columns of master(5). A
+/// three-state field is indeterminate where the file says "-", for Postfix's default.
 struct MasterCfModule {
     std::string name;
     ModuleType type = ModuleType::inet;
@@ -33,9 +31,9 @@ struct MasterCfModule {
     std::vector<std::string> words; ///< the command, then its arguments
 };
 
-/// The text of a service: its columns and words with one space between them, no
-/// padding, no continuation lines, no line terminator. A word is written as it is:
-/// blanks within it stay, and it must hold no line feed.
+/// The text of a service: its columns and words separated by one space, without padding,
+/// continuation lines or line terminator. Words are written unchanged, including blanks
+/// within them; they must not contain a line feed.
 std::string formatModule(const MasterCfModule& module);
 
 } // namespace torva::mail::postfix

@@ -14,7 +14,7 @@ namespace {
 
 namespace spirit = boost::spirit::classic;
 
-// By their own names: within a grammar, "parser" is one of its base classes.
+// Named one by one: within a grammar, "parser" is one of its base classes.
 using parser::blanks;
 using parser::comments_line_parser;
 using parser::ConstAssigner;
@@ -24,18 +24,18 @@ using parser::empty_line_parser;
 using parser::newline_p;
 using parser::WordAppender;
 
-// '-' between two characters is a range, in the first place it is itself. Upper-case
-// letters are not meant to be there.
+// '-' between two characters makes a range; in first place it means itself. Upper-case
+// letters are left out on purpose.
 const char nameCharacters[] = "-a-z0-9_:.";
 
-// Letters, digits and these, of which ')' to '_' is a range: in all, everything
-// printable but '#', which always begins a comment. Letters and digits are spelt out
-// because alnum_p asks the locale.
+// Letters, digits and these, of which ')' to '_' is a range: all printable ASCII but '#',
+// which always begins a comment. Letters and digits are spelled out because alnum_p
+// depends on the locale.
 const char wordCharacters[] = "a-zA-Z0-9"
                               "/!@$%$^&*()-_=+\\|[]{}:;'\"<>.,?*~`";
 
-/// Action: returns the working record to its defaults, but for the memory that the
-/// list of words has: it would grow again for each service.
+/// Action: resets the working record to its defaults, but keeps the memory of its list of
+/// words, which would otherwise be allocated again for each service.
 class RecordResetter {
 public:
     explicit RecordResetter(MasterCfModule& record) : record_(record) {}
@@ -63,8 +63,8 @@ private:
     std::string& text_;
 };
 
-/// Action: stores an unsigned number into a signed field, bit by bit: the greatest
-/// one becomes -1.
+/// Action: stores an unsigned number in a signed field, keeping its bits: the largest one
+/// becomes -1.
 class NumberAssigner {
 public:
     explicit NumberAssigner(std::int32_t& number) : number_(number) {}
@@ -90,7 +90,7 @@ private:
     MasterCfLines& target_;
 };
 
-/// Action: stores a line that is not a service.
+/// Action: stores a line other than a service.
 class MasterCfRawAppender {
 public:
     explicit MasterCfRawAppender(MasterCfLines& target) : target_(target) {}
@@ -103,7 +103,7 @@ private:
     MasterCfLines& target_;
 };
 
-/// Action, in front of a column: notes that it is tried here, for whoever wants to know.
+/// Action, before a column: notes where it is tried, if somebody wants to know.
 class FieldNoter {
 public:
     FieldNoter(MasterCfProgress* progress, MasterCfField field)
@@ -121,20 +121,20 @@ private:
     MasterCfField field_;
 };
 
-/// The grammar. Alternatives are tried in order and the first that matches counts;
-/// repetitions take all they can get and give nothing back.
+/// The grammar. Alternatives are tried in order and the first match wins; repetitions are
+/// greedy and do not backtrack.
 ///
-/// It is linear, though the white space between two fields may run over any number
-/// of lines: a service tries it once behind each field, only the try behind its
-/// last word can fail without ending the whole parse, and that one stops at the
-/// first line that is neither empty nor a comment. So no byte is looked at by more
-/// than one such try and by the rule for its own line. Repetitions are loops: the
-/// stack does not grow with the text.
+/// It takes linear time, although the white space between two fields may span any number
+/// of lines: a service tries it once after each field, only the try after the last word
+/// can fail without ending the whole parse, and that one stops at the first line that is
+/// neither empty nor a comment. So each byte is looked at by at most one such try and by
+/// the rule for its own line. Repetitions are loops: the stack does not grow with the
+/// text.
 class MasterCfParser : public spirit::grammar<MasterCfParser> {
 public:
     /// \param record  working record, not owned
     /// \param target  where lines and services are appended, not owned
-    /// \param progress  takes the column that was tried last, not owned; null: not wanted
+    /// \param progress  takes the last column that was tried, not owned; null: not wanted
     MasterCfParser(MasterCfModule& record, MasterCfLines& target, MasterCfProgress* progress)
         : record_(record), target_(target), progress_(progress) {}
 
@@ -213,17 +213,17 @@ template <class Scanner>
 void MasterCfParser::definition<Scanner>::defineLines(MasterCfModule& record,
                                                       MasterCfLines& target) {
     const spirit::rule<Scanner>& separator = spaces.start();
-    // the columns of master(5), each two of them with white space between, which
-    // may be none; blanks at the end belong to the service. A "-" must not find
-    // what the line before has left in the record.
+    // the columns of master(5) with white space between them, which may be empty; blanks
+    // at the end belong to the service. The record is reset because a "-" would otherwise
+    // keep the value of the service before.
     service = spirit::epsilon_p[RecordResetter(record)] >> name >> separator >> type >> separator >>
               private_ >> separator >> unpriv >> separator >> chroot >> separator >> wakeup >>
               separator >> maxproc >> separator >> words >> *blanks();
-    // a service, a line with only a comment, or a line with only blanks, or nothing
+    // a service, a line with only a comment, or an empty line
     line = service[MasterCfModuleAppender(record, target)] |
            commentLine.start()[MasterCfRawAppender(target)] |
            emptyLine.start()[MasterCfRawAppender(target)];
-    // lines with a line feed between each two; the last one may be empty
+    // lines separated by line feeds; the last one may be empty
     file = line >> *(newline_p >> line) >> !newline_p;
 }
 

@@ -9,15 +9,15 @@ namespace torva::mail::postfix {
 
 /// Parses a text in master.cf syntax.
 ///
-/// \param first   begin of the text
+/// \param first   beginning of the text
 /// \param last    its end; an empty text is one empty line
 /// \param target  where lines and services are appended
 /// \return whether the whole text is in this syntax; if not, the target holds what
-///         stood before the first line that is not
+///         comes before the first line that is not
 /// Takes time linear in the length of the text.
 bool parseMasterCf(const char* first, const char* last, MasterCfLines& target);
 
-/// What a name, and what a word of a service, is made of, and what separates words.
+/// The characters of service names, those of words, and those that separate words.
 bool isNameCharacter(char c);
 bool isWordCharacter(char c);
 bool isBlank(char c);
@@ -25,17 +25,17 @@ bool isBlank(char c);
 /// The columns of a service, in their order.
 enum class MasterCfField { name, type, private_, unpriv, chroot, wakeup, maxproc, words };
 
-/// How far the syntax goes in a text.
+/// How far parsing got in a text.
 struct MasterCfProgress {
-    bool whole = false;         ///< all of the text is in this syntax
-    const char* stop = nullptr; ///< where it ends; in a service that lacks a column: at the
-                                ///< first character of its line that is no blank
-    MasterCfField field = MasterCfField::name; ///< the column that was tried last
+    bool whole = false;         ///< the whole text is in this syntax
+    const char* stop = nullptr; ///< where parsing stopped; for a service that lacks a
+                                ///< column: the first non-blank character of its line
+    MasterCfField field = MasterCfField::name; ///< the last column that was tried
     const char* fieldAt = nullptr;             ///< where it was tried; null: none was
 };
 
-/// Parses a text as parseMasterCf() does, to tell where it is refused. What that means
-/// in words is MasterCfDiagnosis.h.
+/// Parses a text like parseMasterCf() does, to find out where it is refused.
+/// MasterCfDiagnosis.h says that in words.
 MasterCfProgress progressOfMasterCf(const char* first, const char* last);
 
 } // namespace torva::mail::postfix

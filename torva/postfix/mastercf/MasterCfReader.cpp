@@ -21,7 +21,7 @@ bool isOurs(const struct stat& status) {
            (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 && status.st_nlink == 1;
 }
 
-/// An open regular file; closed again when the object goes.
+/// An open regular file; the destructor closes it.
 class OpenFile {
 public:
     /// Check valid().
@@ -51,7 +51,7 @@ private:
     struct stat status_ {};
 };
 
-/// The bytes of a whole regular file, in place.
+/// A whole regular file, mapped.
 class MappedFile {
 public:
     /// Keeps no descriptor. Check valid().
@@ -59,7 +59,7 @@ public:
         const OpenFile file(path, owner);
         if (file.valid()) {
             size_ = file.size();
-            // Fails by itself for a size of 0.
+            // Fails for a size of 0.
             data_ = ::mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, file.descriptor(), 0);
         }
     }

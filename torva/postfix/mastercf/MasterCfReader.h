@@ -1,6 +1,5 @@
-// Reads a file in master.cf syntax: master.cf itself, or the store of disabled
-// services. What is taken for a line and for a service is MasterCfParser.cpp; the
-// way back is MasterCfWriter.h.
+// Reads a file in master.cf syntax: master.cf itself, or the store of disabled services.
+// The grammar is in MasterCfParser.cpp; the counterpart is MasterCfWriter.h.
 #pragma once
 
 #include "torva/postfix/mastercf/MasterCfLines.h"
@@ -10,36 +9,34 @@
 
 namespace torva::mail::postfix {
 
-/// Whose file is read. Opening never waits, whatever stands at the path.
+/// Whose file may be read. Opening never waits, whatever the path leads to.
 enum class FileOwner {
-    any, ///< whoever could write it: master.cf, which may be a symbolic link
-    /// ours alone: where somebody else may write the directory or one above it,
-    /// only a regular file with one name that belongs to root or to the effective
-    /// user, and that neither its group nor others may write, can be opened. In a
-    /// directory that is ours alone, as any.
+    any, ///< anybody's: master.cf, which may also be a symbolic link
+    /// only ours: where another account may write the directory or one above it, the
+    /// file must be a regular one with a single name, must belong to root or to the
+    /// effective user, and must not be writable by its group or others. In a directory
+    /// that only we may write, the same as any.
     self
 };
 
 struct MasterCfReader {
-    /// Appends the lines and services of a file. The file is parsed where it is
-    /// mapped; it is not locked.
+    /// Appends the lines and services of a file. The file is mapped, and not locked.
     ///
     /// \param path    file to read
     /// \param target  new, empty content
     /// \return the bytes of the file
     /// \throws PostfixConfigurationError "unable to open PATH": it cannot be opened,
-    ///         is not a regular file or not of this owner, or cannot be mapped, as
-    ///         one of no bytes
-    /// \throws PostfixConfigurationError "unable to parse PATH": not all of it is
-    ///         master.cf syntax; the target, then only fit to be dropped, holds
-    ///         what stood before that
-    /// A file that somebody cuts shorter during the read ends the process with
-    /// SIGBUS, as with any mapping. Who replaces the file by renaming another over
-    /// it, as we do, does no harm.
+    ///         is not a regular file, is not of this owner, or cannot be mapped, as an
+    ///         empty file
+    /// \throws PostfixConfigurationError "unable to parse PATH": not all of it is in
+    ///         master.cf syntax; the target holds what comes before the error and is
+    ///         good only for being discarded
+    /// As with any mapping, a file that is truncated during the read ends the process
+    /// with SIGBUS. Replacing it by rename(2), as we do, does no harm.
     static std::string read(const std::string& path, MasterCfLines& target,
                             FileOwner owner = FileOwner::any);
 
-    /// The bytes of a file, as read() would take them; of a file of no bytes, too.
+    /// The bytes of a file that read() could open, or of an empty one.
     ///
     /// \return nothing when it cannot be opened or read
     static std::optional<std::string> content(const std::string& path,

@@ -17,16 +17,16 @@ namespace {
 
 void writeLines(const MasterCfLines& lines, std::ostream& stream) {
     for (const std::string& line : lines.lines()) {
-        // The flush brings a full disk to light while errno still tells of it.
+        // The flush makes a full disk show while errno still has its error.
         if (!(stream << line << '\n' << std::flush)) {
             throw SystemError("write");
         }
     }
 }
 
-/// Brings a rename to disk. Nobody hears of a failure: the new file is in place
-/// already, whole and on disk, and at worst a crash brings the old one back; an
-/// error would claim that the old one is still there.
+/// Syncs a rename to disk. A failure is ignored: the new file is already in place and
+/// complete on disk, and at worst a crash brings the old one back. An error would claim
+/// that the old one is still there.
 void syncDirectoryOf(const std::string& path) {
     const int fd = ::open(directoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd >= 0) {
@@ -41,9 +41,8 @@ StagedFile::StagedFile(const MasterCfLines& lines, const std::string& targetPath
     : file_(targetPath + "."), target_(targetPath) {
     file_.clear();
     writeLines(lines, file_);
-    // On the descriptor: the directory of the store may belong to an account that puts
-    // another file in the place of ours. Before the commit, so that the mode is on disk
-    // when the name is.
+    // By the descriptor: the directory of the store may belong to an account that replaces
+    // our file by another. Before the commit, so that the mode is on disk when the name is.
     if (::fchmod(file_.descriptor(), 0644) != 0) {
         throw filesystemError("chmod", file_.path(), errno);
     }
@@ -51,9 +50,9 @@ StagedFile::StagedFile(const MasterCfLines& lines, const std::string& targetPath
     file_.setAutoclean(true);
 }
 
-// Who may write the directory can still swap the name before the rename. That gains
-// nothing: they may as well rename over the target afterwards. What they make of the
-// store is judged when it is read.
+// Whoever may write the directory can still swap the name before the rename. That gains
+// them nothing: they could as well rename over the target afterwards. Whether the store
+// can be trusted is checked when it is read.
 void StagedFile::replaceTarget() {
     file_.setAutoclean(false);
     if (std::rename(file_.path().c_str(), target_.c_str()) != 0) {

@@ -1,6 +1,6 @@
-// Actions for grammars in Boost's Spirit classic that work on any target. What the
-// grammars are put together from is ParserPieces.h; the actions that know master.cf
-// are in MasterCfParser.cpp.
+// Semantic actions for Boost.Spirit classic grammars that work on any target. The pieces
+// of the grammars are ParserPieces.h; the actions specific to master.cf are in
+// MasterCfParser.cpp.
 // Private to the library: not installed.
 #pragma once
 
@@ -21,7 +21,7 @@ private:
     Words& words_;
 };
 
-/// Action: whatever was matched, assigns a fixed value.
+/// Action: assigns a fixed value, whatever was matched.
 template <class Target>
 class ConstAssigner {
 public:

@@ -1,12 +1,12 @@
-// Pieces for line-oriented grammars over bytes, for Boost's Spirit classic: blanks,
-// comments, the white space between the fields of a logical line. No skipper is meant
-// to be used with them: white space is matched where it may stand. Actions that go
-// with them are ParserActions.h; the grammar they were made for is MasterCfParser.cpp.
+// Pieces of line-oriented grammars over bytes, for Boost.Spirit classic: blanks,
+// comments, the white space between the fields of a logical line. Use them without a
+// skipper: they match white space explicitly. Actions to go with them are in
+// ParserActions.h; the grammar that uses them is in MasterCfParser.cpp.
 // Private to the library: not installed.
 #pragma once
 
-// Under sanitizers GCC takes the empty boost::optional of every match that failed
-// for a value that may be read.
+// Under sanitizers, GCC warns that the empty boost::optional of a failed match may be
+// read.
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
@@ -27,15 +27,15 @@ inline boost::spirit::classic::chset<char> blanks() {
     return boost::spirit::classic::chset<char>("\t \r");
 }
 
-/// A piece inside the definition of another grammar, where start() is its rule. Used
-/// as a parser itself, a grammar looks its definition up at every place of the text,
-/// which takes longer than most pieces do.
+/// A piece inside the definition of another grammar, where start() is its rule. A grammar
+/// that is used as a parser itself looks up its definition at every position of the text,
+/// which takes longer than matching most pieces.
 template <class Piece, class Scanner>
 struct definition_of : Piece::template definition<Scanner> {
     definition_of() : Piece::template definition<Scanner>(Piece()) {}
 };
 
-/// What may stand on an empty line: any number of blanks, none included.
+/// An empty line: any number of blanks, or none.
 struct empty_line_parser : boost::spirit::classic::grammar<empty_line_parser> {
     template <class Scanner>
     struct definition {
@@ -59,7 +59,7 @@ struct comments_parser : boost::spirit::classic::grammar<comments_parser> {
     };
 };
 
-/// A line that holds nothing but a comment, which may be indented.
+/// A line with only a comment, which may be indented.
 struct comments_line_parser : boost::spirit::classic::grammar<comments_line_parser> {
     template <class Scanner>
     struct definition {
@@ -74,13 +74,13 @@ struct comments_line_parser : boost::spirit::classic::grammar<comments_line_pars
     };
 };
 
-/// What may stand between two fields of one logical line: blanks and a comment to
-/// the end of the line; then, if the logical line goes on, the line break, lines
-/// that are empty or hold only a comment, and the blanks that every continuation
-/// line begins with. It matches nothing at all, too.
+/// What may separate two fields of one logical line: blanks and a comment to the end of
+/// the line; then, if the logical line goes on, the line break, lines that are empty or
+/// hold only a comment, and the blanks that every continuation line begins with. It also
+/// matches the empty text.
 ///
-/// It looks ahead over all lines that might belong to it, once: a grammar should
-/// try it once in a place, not once in each of several alternatives.
+/// It looks ahead over all lines that might belong to it: a grammar should try it once
+/// at a position, not once in each of several alternatives.
 struct continuous_spaces_parser : boost::spirit::classic::grammar<continuous_spaces_parser> {
     template <class Scanner>
     struct definition {

@@ -13,7 +13,7 @@ bool isName(const std::string& text) {
     return !text.empty() && std::all_of(text.begin(), text.end(), &isNameCharacter);
 }
 
-/// Word characters, and among them the blanks at which the text is read as several
+/// Whether these are word characters, and blanks, at which a text is read as several
 /// words.
 bool areWords(const std::vector<std::string>& words) {
     bool any = false;

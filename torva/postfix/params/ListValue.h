@@ -1,7 +1,6 @@
-// Lists as main.cf parameters hold them: taking the text apart and making the text
-// that a change asks for. Pure text work; reading and writing the parameters is
-// PostfixParameters.h. Elements are compared byte for byte: nothing in them is
-// interpreted.
+// The lists in main.cf parameters: splitting a value, and the new text after a change.
+// Pure text work; reading and writing the parameters is PostfixParameters.h. Elements
+// are compared byte for byte: nothing in them is interpreted.
 #pragma once
 
 #include <optional>
@@ -13,24 +12,25 @@ namespace torva::mail::postfix {
 /// Elements between runs of blanks, tabs and commas; empty ones are dropped.
 std::vector<std::string> splitList(const std::string& value);
 
-/// Elements between commas, white space at both ends trimmed; empty ones are
+/// Elements between commas, with white space trimmed from both ends; empty ones are
 /// dropped. Elements of two words stay whole.
 std::vector<std::string> splitAtCommas(const std::string& value);
 
-/// The elements with ", " between them.
+/// The elements, joined with ", ".
 std::string joinList(const std::vector<std::string>& elements);
 
-/// Whether splitList(list) holds the element.
+/// Whether the element is in splitList(list).
 bool listHolds(const std::string& list, const std::string& element);
 
-/// The list with the element at its end, the rest of its text as it is; nothing
-/// when it holds the element already.
+/// The list with ", " and the element appended, its text otherwise unchanged; the element
+/// alone when the list has none. Nothing when the element is in the list already.
 std::optional<std::string> withElement(const std::string& list, const std::string& element);
 
-/// The remaining elements, joined; nothing when no element equals the given one.
+/// The remaining elements, joined with ", "; nothing when no element equals the given one.
 std::optional<std::string> withoutElement(const std::string& list, const std::string& element);
 
-/// As withElement(), for a list whose elements are separated by commas alone.
+/// Like withElement(), for a list whose elements are separated by commas only. A list of
+/// nothing but commas keeps them.
 std::optional<std::string> withRestriction(const std::string& list, const std::string& restriction);
 
 } // namespace torva::mail::postfix

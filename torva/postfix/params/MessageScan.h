@@ -1,19 +1,19 @@
-// Judges what a Postfix tool wrote to standard error, where its exit status alone
-// does not tell. Pure text work.
+// Tells from the standard error of a Postfix tool whether it failed, where the exit
+// status alone does not. Pure text work.
 #pragma once
 
 #include <string>
 
 namespace torva::mail::postfix {
 
-/// How much a message may say without being a failure.
+/// Which messages count as failures.
 enum class Severity {
-    lenient, ///< only "panic:", "fatal:" and "error:" are failures
-    strict   ///< everything but "warning:" is one
+    lenient, ///< only "panic:", "fatal:" and "error:"
+    strict   ///< everything but "warning:"
 };
 
-/// Whether a line of the text, in the tools' own form "postconf: fatal: text",
-/// reports a failure. Lines of any other form count for nothing.
+/// Whether any line of the text reports a failure. Only lines in the tools' own form,
+/// such as "postconf: fatal: text", are considered.
 bool reportsFailure(const std::string& messages, Severity severity);
 
 } // namespace torva::mail::postfix

@@ -28,13 +28,13 @@ void requireName(const std::string& name) {
     }
 }
 
-/// What postconf prints about a parameter; nothing about one that it does not know.
+/// What postconf prints for a parameter; nothing for one that it does not know.
 std::string askPostconf(std::vector<std::string> command, const std::string& name) {
     requireName(name);
     command.insert(command.begin(), postconf);
     command.push_back(name);
     const ToolResult result = runTool(command);
-    // postconf can exit 0 after "fatal:"; it then has printed no value.
+    // postconf can exit 0 after a "fatal:" message; then it has printed no value.
     if (!result.succeeded() ||
         (result.output.empty() && reportsFailure(result.error, Severity::lenient))) {
         throw PostfixConfigurationError(result.message());
@@ -48,11 +48,11 @@ std::string readParameter(const std::string& name, bool defaults) {
     return boost::algorithm::trim_right_copy(askPostconf(options, name));
 }
 
-/// Moves the modification time of a file a few seconds back. Every Postfix program
-/// that reads main.cf within about two seconds of its last change sleeps until it
-/// is older, to be sure that it does not read half of a change. Here the change is
-/// complete, and the run reads after nearly every write: it would spend the better
-/// part of a minute asleep. Best effort: at worst the next program sleeps.
+/// Moves the modification time of a file five seconds back. A Postfix program that reads
+/// main.cf within about two seconds of its last change sleeps until the file is older, so
+/// as not to read half a change. Here the change is complete, and the run reads after
+/// nearly every write: it would sleep for most of a minute. Best effort: at worst the next
+/// program sleeps.
 void agePastChangeWindow(const std::string& path) {
     timespec times[2] = {};
     times[0].tv_nsec = UTIME_OMIT;
@@ -85,7 +85,7 @@ std::string PostfixParameters::getExpandedParameter(const std::string& name) {
 }
 
 bool PostfixParameters::hasParameter(const std::string& name) {
-    // Of one that is set to nothing, postconf prints the end of the line.
+    // For a parameter that is set to nothing, postconf prints an empty line.
     return !askPostconf({"-h"}, name).empty();
 }
 
@@ -94,8 +94,8 @@ void PostfixParameters::setParameter(const std::string& name, const std::string&
     if (name.find('=') != std::string::npos) {
         throw std::invalid_argument("not a parameter: " + name);
     }
-    // The name of the lock is a constant: asking Postfix for the path once more, just
-    // to name it, would cost a process for every change.
+    // The name of the lock is a constant: asking Postfix for the path, just to name the
+    // lock, would cost a process for every change.
     const FileLock lock("/etc/postfix/main.cf", LockMode::wait);
     const ToolResult result = runTool({postconf, "-e", name + "=" + value});
     if (!result.succeeded()) {
@@ -109,7 +109,7 @@ std::string PostfixParameters::mainCfPath() {
     try {
         directory = getParameter("config_directory");
     } catch (const std::exception&) {
-        // The built-in default is answered even when main.cf itself is unreadable.
+        // postconf knows the built-in default even when main.cf is unreadable.
         directory = getParameter("config_directory", true);
     }
     if (directory.empty()) {
@@ -124,8 +124,8 @@ void PostfixParameters::addToListParameter(const std::string& name, const std::s
     if (changed) {
         setParameter(name, *changed);
     } else if (name == "mynetworks") {
-        // The value may be the narrow list that was read in place of Postfix's
-        // default: it only takes effect once it is in main.cf.
+        // The value may be the narrow list that replaces Postfix's default: it takes
+        // effect only once it is in main.cf.
         setParameter(name, current);
     }
 }

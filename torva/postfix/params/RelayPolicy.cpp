@@ -12,8 +12,8 @@ const char clientCheck[] = "check_client_access";
 const char noRelayTable[] = "pcre:/var/spool/postfix/torva/no_relay.re";
 const char popLockTable[] = "hash:/var/spool/postfix/torva/poplock";
 
-/// Makes the restrictions FIRST, the client check, LAST, step by step, unless they
-/// are just that.
+/// Sets the restrictions to FIRST, the client check, LAST, step by step, unless they are
+/// exactly that already.
 void setRestrictions(const char* first, const char* last) {
     PostfixParameters& parameters = PostfixParameters::instance();
     const std::string check = std::string(clientCheck) + " " + noRelayTable;

@@ -1,11 +1,11 @@
-// The panel's relay policies: who may send mail through this host to elsewhere.
-// Each writes main.cf through PostfixParameters.h, whose errors pass through; a
-// failure in a later step leaves the earlier ones applied. The table that every
-// policy consults, "pcre:/var/spool/postfix/torva/no_relay.re", is not written
-// here; the blacklist of senders is torva/postfix/tables/Blacklist.h.
+// The panel's relay policies: who may send mail through this host to other hosts.
+// Each changes main.cf through PostfixParameters.h, whose errors pass through; a failure
+// in a later step leaves the earlier ones applied. The table that every policy consults,
+// "pcre:/var/spool/postfix/torva/no_relay.re", is not written here; the blacklist of
+// senders is torva/postfix/tables/Blacklist.h.
 //
-// While a tool of Postfix runs here, every child of the process is reaped, the caller's
-// own among them: see torva/process/Pipe.h.
+// While a Postfix tool runs, every child of the process is reaped, including the caller's
+// own: see torva/process/Pipe.h.
 #pragma once
 
 namespace torva::mail::postfix {
@@ -19,8 +19,8 @@ void openRelay();
 /// Whether clients authenticate through SASL.
 enum class SaslAuthentication { off, on };
 
-/// Relays for "mynetworks", which loses the table of POP locks, and with SASL for
-/// authenticated clients too.
+/// Relays for "mynetworks", from which the table of POP-before-SMTP locks is removed,
+/// and, with SASL, for authenticated clients.
 void relayAfterAuthentication(SaslAuthentication sasl);
 
 } // namespace torva::mail::postfix

@@ -1,8 +1,8 @@
-// The panel's blacklist of senders, the table that main.cf's sender restrictions
+// The panel's blacklist of senders, a table that the sender restrictions in main.cf
 // consult. Errors are those of Postmap.h.
 //
-// While a tool of Postfix runs here, every child of the process is reaped, the caller's
-// own among them: see torva/process/Pipe.h.
+// While a Postfix tool runs, every child of the process is reaped, including the caller's
+// own: see torva/process/Pipe.h.
 #pragma once
 
 #include "torva/postfix/tables/Records.h"
@@ -12,7 +12,7 @@ namespace torva::mail::postfix {
 /// Refuses mail from the given addresses or domains.
 void addToBlacklist(const Keys& senders);
 
-/// Accepts mail from them again; one that is not listed is no error.
+/// Accepts mail from them again; a sender who is not on the list is no error.
 void removeFromBlacklist(const Keys& senders);
 
 /// The senders on the list.

@@ -26,9 +26,9 @@ namespace {
     throw PostfixDatabaseError("unable to write " + path + ": " + std::strerror(code));
 }
 
-/// The scratch file, beside the source, of an unpredictable name. The descriptor is
-/// held until postmap takes over: the tables directory may belong to an account that
-/// puts another file, or a link, in the place of any name.
+/// The temporary file, next to the source, with an unpredictable name. Its descriptor is
+/// kept until postmap takes over: the tables directory may belong to an account that
+/// replaces any name by another file or a link.
 class ScratchFile : private TmpFileBase {
 public:
     explicit ScratchFile(const std::string& source) : TmpFileBase(source + "."), held_(fd) {}
@@ -45,7 +45,7 @@ void writeRecords(const ScratchFile& scratch, const Records& records, std::ofstr
     for (const Record& record : records) {
         stream << record.first << ' ' << record.second << '\n';
     }
-    // Set here, the mode can be that of no other file.
+    // By the descriptor, this can change the mode of no other file.
     if (::fchmod(scratch.descriptor(), 0644) != 0) {
         throw SystemError("chmod");
     }
@@ -67,13 +67,13 @@ void writeSource(const ScratchFile& scratch, const std::string& source, const Re
     } catch (const SystemError& error) {
         throwUnableToWrite(source, error.code());
     }
-    // rename(2) knows names only. Who swaps the name after this look has the source
-    // replaced by his own file, which he may do without us at any time; what postmap
-    // is given is looked at once more.
+    // rename(2) takes only names. Whoever swaps the name after this check gets the source
+    // replaced by their own file, which they can do at any time without us. The source is
+    // checked again before postmap reads it.
     if (!isNameOf(scratch.path(), scratch.descriptor())) {
         throwSwapped(source);
     }
-    // From here on the scratch name is gone; the stream that removes it finds nothing.
+    // The temporary name is gone after this, and the stream finds nothing to remove.
     if (std::rename(scratch.path().c_str(), source.c_str()) != 0) {
         throwUnableToWrite(source, errno);
     }

@@ -1,5 +1,5 @@
-// The beginning of the filter chain of ListingFilter.h: bytes become lines, and the
-// lines that a filter accepts go to a stream.
+// The beginning of the filter chain of ListingFilter.h: cuts bytes into lines, and writes
+// the lines that a filter accepts to a stream.
 #pragma once
 
 #include "torva/postfix/tables/Listing.h"
@@ -11,17 +11,17 @@
 
 namespace torva::mail::postfix::database {
 
-/// Consumer of the bytes of a listing.
+/// Consumer for the bytes of a listing.
 template <class LineFilter>
 class DataStreamFilter {
 public:
-    /// \param stream  takes the lines that stay; must outlive the object
+    /// \param stream  takes the accepted lines; must outlive the object
     DataStreamFilter(std::ostream& stream, LineFilter filter)
         : stream_(stream), filter_(std::move(filter)) {}
 
-    /// Takes the next bytes, cut anywhere. Lines that they finish and the filter
-    /// accepts are in the stream, each with its line end, and the stream is flushed
-    /// when the call returns. An unfinished last line is never written.
+    /// Takes the next bytes, cut anywhere. Writes the lines that they complete and the
+    /// filter accepts, each with its line feed, and flushes the stream. An unfinished
+    /// last line is never written.
     void operator()(const std::vector<char>& chunk);
 
 private:
@@ -37,8 +37,8 @@ void DataStreamFilter<LineFilter>::operator()(const std::vector<char>& chunk) {
             stream_ << line << '\n';
         }
     });
-    // Once for all lines of the chunk: a system call for each line would take longer
-    // than the rest of the chain.
+    // Once for each chunk: a system call for each line would take longer than the rest of
+    // the chain.
     stream_.flush();
 }
 

@@ -19,7 +19,7 @@ class QueryList {
 public:
     QueryList() : list_(nullptr, &db_free_list) {}
 
-    /// Takes over what a query handed out.
+    /// Takes ownership of the list that a query returned.
     explicit QueryList(char** list) : list_(list, &db_free_list) {}
 
     /// The texts, up to the null entry that ends them.

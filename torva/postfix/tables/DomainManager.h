@@ -1,9 +1,9 @@
-// Keeps the panel's Postfix tables in step with the panel's mail domains. What a
-// domain holds is read from the panel's database (torva/maildb/panel_db.h), the tables
-// are written through RecordCache.h.
+// Keeps the panel's Postfix tables in step with the panel's mail domains. The contents of
+// a domain are read from the panel's database (torva/maildb/panel_db.h); the tables are
+// written through RecordCache.h.
 //
-// While a tool of Postfix runs here, every child of the process is reaped, the caller's
-// own among them: see torva/process/Pipe.h.
+// While a Postfix tool runs, every child of the process is reaped, including the caller's
+// own: see torva/process/Pipe.h.
 #pragma once
 
 #include "torva/postfix/tables/Records.h"
@@ -14,18 +14,18 @@ namespace torva::mail::postfix {
 
 class DomainManager {
 public:
-    /// Makes a second name an alias domain of a mail domain, in the panel's virtual
-    /// table: the reserved addresses of the alias are delivered locally, and each
-    /// mail name and mail alias of the domain is, at the alias, the mail name at the
-    /// domain.
+    /// Makes a name an alias domain of a mail domain, in the panel's virtual table: the
+    /// reserved addresses at the alias (postmaster, mailer-daemon, root, anonymous, drweb)
+    /// are delivered locally, and each mail name and mail alias at the alias leads to the
+    /// mail name at the domain.
     ///
-    /// \param domain  existing mail domain; goes into database queries as it is
+    /// \param domain  existing mail domain; used in database queries as in panel_db.h
     /// \param alias   the second name
-    /// \return the alias as an entry of a table of domains, its value "1"; not written
-    ///         anywhere here
-    /// \throws the errors of putRecords()
-    /// A database that cannot be read is reported by its own layer and only reduces
-    /// what is written: the reserved addresses always are.
+    /// \return the alias as a record for a table of domains, with the value "1"; it is not
+    ///         written to any table
+    /// \throws as putRecords()
+    /// A database that cannot be read is no error: panel_db.h reports it, and the records
+    /// that depend on it are missing. The reserved addresses are always written.
     Records addAliasDomain(const std::string& domain, const std::string& alias);
 };
 

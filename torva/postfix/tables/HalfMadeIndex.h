@@ -1,5 +1,5 @@
-// What a killed or failed creation of an index file leaves behind, and its removal.
-// Creating tables is CreateTable.h; the system's aliases are the application's.
+// Removes the temporary file that a killed or failed creation of an index leaves behind.
+// Used for tables here, and for the system's aliases by the application.
 // Private to the library: not installed.
 #pragma once
 
@@ -8,18 +8,18 @@
 
 namespace torva::mail::postfix {
 
-/// Removes the file under which Berkeley DB, the library of the types "hash" and
-/// "btree", makes a new index before it gives it its name: "__db.NAME.db" beside
-/// the source file. A full disk or a kill leaves it there, and as long as it is
-/// there every new creation tries for 100 seconds and fails with "File exists".
+/// Removes the file in which Berkeley DB, the library behind the types "hash" and
+/// "btree", creates a new index before it renames it: "__db.NAME.db" next to the source
+/// file. A full disk or a kill leaves it there. While it exists, every new creation
+/// retries for 100 seconds and then fails with "File exists".
 ///
-/// \param source  path of the source file; nobody else creates its index now
-/// Best effort: what cannot be removed the next creation complains about. Leaves
-/// errno as it was.
+/// \param source  path of the source file; nobody else may be creating its index
+/// Best effort: if the file cannot be removed, the next creation fails and says so.
+/// Leaves errno as it was.
 void removeHalfMadeIndex(const std::string& source) noexcept;
 
-/// Around a tool that may make an index: removes what an earlier, killed one left, and
-/// what this one leaves unless it is told that all went well.
+/// Around a tool that may create an index: removes the file that an earlier, killed one
+/// left, and that of this one unless letGo() was called.
 class HalfMadeIndexGuard {
 public:
     /// \param source  path of the source file
@@ -34,6 +34,7 @@ public:
     HalfMadeIndexGuard(const HalfMadeIndexGuard&) = delete;
     HalfMadeIndexGuard& operator=(const HalfMadeIndexGuard&) = delete;
 
+    /// The tool succeeded.
     void letGo() { armed_ = false; }
 
 private:

@@ -18,9 +18,9 @@ bool sameFile(const struct stat& left, const struct stat& right) {
     return left.st_dev == right.st_dev && left.st_ino == right.st_ino;
 }
 
-/// Makes the temporary file's name a second name of the file at a path.
+/// Makes the temporary file's name a second hard link to the file at a path.
 ///
-/// \param status  of the file that is meant
+/// \param status  of the file as it was checked
 bool linkTo(const std::string& path, const struct stat& status, TmpFile& name) {
     ::unlink(name.path().c_str());
     struct stat linked = {};
@@ -30,11 +30,11 @@ bool linkTo(const std::string& path, const struct stat& status, TmpFile& name) {
         }
         ::unlink(name.path().c_str()); // swapped in between
     }
-    name.setAutoclean(false); // nothing of that name is ours
+    name.setAutoclean(false); // a file of that name is not ours
     return false;
 }
 
-/// Puts what was kept back. Should that fail, it stays where it is.
+/// Restores the kept file. If that fails, it stays where it is.
 void putBack(TmpFile& kept, const std::string& path) {
     const int saved_errno = errno;
     kept.setAutoclean(false);

@@ -1,4 +1,4 @@
-// Files of a table that come back when what replaces them does not work out. For the
+// Keeps the files of a table, and restores them when replacing them fails. For the
 // rewriting of tables (TableRewrite.h) only.
 // Private to the library: not installed.
 #pragma once
@@ -11,19 +11,19 @@
 
 namespace torva::mail::postfix {
 
-/// A source file that is about to be replaced by rename(2). It is kept under a second
-/// name, so that the very same file comes back: content, mode, owner, times, other
-/// names. Where a file cannot have a second name, a copy is kept.
+/// A source file that is about to be replaced by rename(2). It is kept as a second hard
+/// link, so that the same file can be restored: contents, mode, owner, times, other links.
+/// Where it cannot be linked, a copy is kept.
 class KeptSource {
 public:
-    /// \param path  a file, which need not be there
+    /// \param path  a file, which need not exist
     /// \throws SystemError  it can be neither linked nor copied
     explicit KeptSource(const std::string& path);
     KeptSource(const KeptSource&) = delete;
     KeptSource& operator=(const KeptSource&) = delete;
 
-    /// Puts the file back if it was replaced and not let go; removes the second name.
-    /// Should putting back fail, the second name stays: it is all that is left.
+    /// Restores the file if it was replaced and not let go; removes the second link. If
+    /// restoring fails, the second link stays: it is the only one left.
     ~KeptSource();
 
     void setReplaced() { replaced_ = true; }
@@ -35,16 +35,16 @@ private:
     bool replaced_ = false;
 };
 
-/// An index file that postmap is about to write to where it is: a copy is kept.
+/// An index file that postmap is about to overwrite in place: a copy is kept.
 class KeptIndex {
 public:
-    /// \param path  a file, which need not be there; administrators' links are followed
+    /// \param path  a file, which need not exist; administrators' links are followed
     /// \throws SystemError  it cannot be copied
     explicit KeptIndex(const std::string& path);
     KeptIndex(const KeptIndex&) = delete;
     KeptIndex& operator=(const KeptIndex&) = delete;
 
-    /// Puts the copy in the place of the file if that was touched since and not let go.
+    /// Replaces the file by the copy if it was changed since and not let go.
     ~KeptIndex();
 
     void letGo() { copy_.reset(); }
@@ -53,7 +53,7 @@ private:
     bool wasTouched() const;
 
     std::string path_;
-    std::unique_ptr<TmpFile> copy_; ///< null: there was no file, or it was let go
+    std::unique_ptr<TmpFile> copy_; ///< null: there was no file, or letGo() was called
     struct stat status_ = {};
 };
 

@@ -1,6 +1,6 @@
-// The listing of a table as "postmap -s" prints it: cutting the bytes into lines
-// and a line into key and value. Running postmap is Postmap.h; what is kept of a
-// listing is decided by a filter.
+// The listing of a table as "postmap -s" prints it: cutting the bytes into lines and a
+// line into key and value. Running postmap is Postmap.h; what to keep of a listing is up
+// to a filter.
 #pragma once
 
 #include <optional>
@@ -9,12 +9,12 @@
 
 namespace torva::mail::postfix {
 
-/// Cuts a stream of bytes into lines, whatever the chunks it comes in. Takes time
-/// proportional to the bytes, and holds one unfinished line beyond the chunk.
+/// Cuts a stream of bytes into lines, whatever chunks it comes in. Takes time proportional
+/// to the bytes, and keeps one unfinished line between chunks.
 class LineCutter {
 public:
-    /// Calls consumer(std::string& line) for each line that the chunk finishes,
-    /// without its "\n". What follows the last "\n" waits for the next chunk.
+    /// Calls consumer(std::string& line) for each line that the chunk completes, without
+    /// its "\n". The rest, after the last "\n", waits for the next chunk.
     template <class Consumer>
     void feed(const std::vector<char>& chunk, Consumer&& consumer);
 
@@ -26,11 +26,11 @@ private:
 struct ListingLine {
     std::string key;
     std::string::size_type valueStart; ///< first character of the value
-    std::string value;                 ///< blanks and tabs at both ends trimmed; may be empty
+    std::string value;                 ///< without blanks and tabs at both ends; may be empty
 };
 
-/// Takes a line apart: the key ends at the first blank or tab. A line without one
-/// is no record: it is reported on std::clog, and nothing is returned.
+/// Splits a line: the key ends at the first blank or tab. A line without one is not a
+/// record: it is reported on std::clog, and nothing is returned.
 std::optional<ListingLine> parseListingLine(const std::string& line);
 
 template <class Consumer>

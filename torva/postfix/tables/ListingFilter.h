@@ -1,8 +1,8 @@
-// The chain that takes a listing of a table, as "postmap -s" prints it, and lets
-// through what is to stay: DataStreamFilter.h cuts the bytes into lines,
-// ElementsFilter takes a line apart, ValueListFilter its value. At the end of the
-// chain stands a test of one text: true keeps it. The test that the domain manager
-// uses is NotInDomainFilter.h; what becomes of the survivors is TableRewrite.h.
+// A chain of filters for the listing of a table, as "postmap -s" prints it, that passes
+// on what is to stay: DataStreamFilter.h cuts the bytes into lines, ElementsFilter splits
+// a line, ValueListFilter its value. At the end of the chain is a test of one text: true
+// keeps it. The test for mail domains is NotInDomainFilter.h; the result is used in
+// TableRewrite.h.
 #pragma once
 
 #include "torva/postfix/tables/Listing.h"
@@ -24,13 +24,13 @@ class ValueListFilter {
 public:
     explicit ValueListFilter(Test test) : test_(std::move(test)) {}
 
-    /// Whether a character stands between elements; a run of them counts as one.
+    /// Whether a character separates elements; a run of separators counts as one.
     static bool isListSep(char c) {
         return c == ',' || std::isspace(static_cast<unsigned char>(c)) != 0;
     }
 
-    /// Drops what the test rejects. When something goes, what stays is joined with
-    /// ", "; else the value is left as it is, to the byte.
+    /// Drops the elements that the test rejects. When any is dropped, the others are
+    /// joined with ", "; otherwise the value stays as it is, byte for byte.
     ///
     /// \return whether any element is kept
     bool operator()(std::string& value) const;
@@ -39,17 +39,17 @@ private:
     Test test_;
 };
 
-/// Judges one line of a listing.
+/// Decides about one line of a listing.
 template <class Test>
 class ElementsFilter {
 public:
     explicit ElementsFilter(const Test& test) : keyTest_(test), valueFilter_(test) {}
 
-    /// Whether the line stays: its key passes the test, and an element of its value
-    /// does. The value in the line may lose elements; the key and what separates
-    /// the two never change. A line that is no record goes, with a line on
-    /// std::clog. A line that begins with a double quote stays as it is, to the byte,
-    /// with a line on std::clog: its key may hold blanks and need not end at the first.
+    /// Whether the line stays: its key passes the test, and so does at least one element
+    /// of its value. The value may lose elements; the key and the separator never change.
+    /// A line that is not a record is dropped and reported on std::clog. A line that begins
+    /// with a double quote stays as it is, byte for byte, and is reported on std::clog: its
+    /// key may contain blanks, so that its end is unknown.
     bool operator()(std::string& line) const;
 
 private:
@@ -65,7 +65,7 @@ bool ValueListFilter<Test>::operator()(std::string& value) const {
     std::string kept;
     bool dropped = false;
     for (const std::string& element : elements) {
-        // Left by a separator at either end of the value.
+        // From a separator at either end of the value.
         if (element.empty()) {
             continue;
         }

@@ -1,5 +1,5 @@
-// Whether a key or an element of a value lies outside a mail domain. The domain
-// manager's own; the filters that ask it are ListingFilter.h.
+// Tests whether a key or an element of a value lies outside a mail domain. The filters
+// that use it are ListingFilter.h.
 #pragma once
 
 #include <string>
@@ -10,12 +10,12 @@ namespace torva::mail::postfix::database {
 class NotInDomainFilter {
 public:
     /// \param domain      compared byte for byte, so case matters
-    /// \param subdomains  true: what ends in "." and the domain is inside, too
+    /// \param subdomains  true: anything that ends in "." and the domain is inside as well
     NotInDomainFilter(std::string domain, bool subdomains)
         : domain_(std::move(domain)), subdomains_(subdomains) {}
 
-    /// Whether the text is neither the domain nor an address of it (nor, when they
-    /// count, a subdomain of it or an address of one).
+    /// Whether the text is neither the domain nor an address in it (nor, when they count,
+    /// a subdomain of it or an address in one).
     bool operator()(const std::string& text) const {
         if (text.size() < domain_.size() ||
             text.compare(text.size() - domain_.size(), domain_.size(), domain_) != 0) {

@@ -9,7 +9,7 @@ namespace torva::mail::postfix {
 
 const passwd& popUser() {
     static const char name[] = "popuser";
-    // A user who is not there is no system error, and leaves errno as it finds it.
+    // When there is no such user, getpwnam(3) leaves errno alone.
     errno = 0;
     const passwd* entry = ::getpwnam(name);
     const int code = errno;

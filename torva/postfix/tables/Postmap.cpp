@@ -30,7 +30,7 @@ void appendLine(std::vector<char>& buffer, const Pair& record) {
     buffer.push_back('\n');
 }
 
-/// Produces one line of input a call: the whole input never stands in memory.
+/// Produces one line of input per call: the whole input is never in memory.
 template <class Iterator>
 class LineFeeder {
 public:
@@ -101,7 +101,7 @@ void deleteKeys(const std::string& table, const Keys& keys) {
     const FileLock lock(source, LockMode::wait);
     settleIndexes(source, IndexUse::changed);
     const ToolResult result = runTool(postmapCommand({"-d", "-"}, table), feederOf(keys));
-    // Exit status 1 is also how postmap says that a key was not in the table.
+    // postmap also exits with status 1 when a key was not in the table.
     if (result.signaled() ||
         (!result.succeeded() && reportsFailure(result.error, Severity::lenient))) {
         throw PostfixDatabaseError(result.message());

@@ -1,5 +1,4 @@
-// The command lines of postmap(1), for the operations of this folder; none takes a
-// lock.
+// Builds the command lines of postmap(1) for the operations in this folder.
 // Private to the library: not installed.
 #pragma once
 

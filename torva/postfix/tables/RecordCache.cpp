@@ -8,7 +8,7 @@ namespace torva::mail::postfix {
 
 RecordCache::RecordCache(const std::string& table, CacheMode mode) : table_(table), mode_(mode) {}
 
-// A collection belongs to a table: without a name nothing could ever write it out.
+// Without the name of a table, the records could never be written.
 void RecordCache::requireName() const {
     if (table_.empty()) {
         throw PostfixDatabaseError("unable to form record cache");

@@ -1,8 +1,8 @@
-// A cache of records in front of one table: in direct mode every operation goes to
-// postmap at once (Postmap.h), in collecting mode records wait until flush().
+// A cache of records in front of one table: in direct mode every operation runs postmap
+// at once (Postmap.h), in collecting mode records wait for flush().
 //
-// While a tool of Postfix runs here, every child of the process is reaped, the caller's
-// own among them: see torva/process/Pipe.h.
+// While a Postfix tool runs, every child of the process is reaped, including the caller's
+// own: see torva/process/Pipe.h.
 #pragma once
 
 #include "torva/postfix/tables/Postmap.h"
@@ -14,41 +14,43 @@
 
 namespace torva::mail::postfix {
 
-/// Where the operations of a cache go.
+/// Whether operations go to the table or to the pending records.
 enum class CacheMode { direct, collecting };
 
-/// Not copyable. What was not flushed when the object goes is dropped.
+/// Not copyable. Records that were not flushed are dropped by the destructor.
 class RecordCache {
 public:
-    /// \param table  "type:path"; when it is empty, put(), remove() and list() fail in
-    ///               collecting mode with PostfixDatabaseError "unable to form record
-    ///               cache", and flush() does nothing
+    /// \param table  "type:path"; when it is empty, put(), remove() and list() throw
+    ///               PostfixDatabaseError "unable to form record cache" in collecting
+    ///               mode, and flush() does nothing
     RecordCache(const std::string& table, CacheMode mode);
     RecordCache(const RecordCache&) = delete;
     RecordCache& operator=(const RecordCache&) = delete;
 
-    /// Direct: putRecords(). Collecting: adds the records to the pending ones, in
-    /// their order; one whose key is pending takes that place.
+    /// Direct: putRecords(). Collecting: appends the records to the pending ones, in
+    /// their order; one whose key is pending replaces the value there.
     ///
-    /// \throws as putRecords(); PostfixDatabaseError "unable to form record cache"
-    ///         when the collection cannot be made; the pending records of before are
-    ///         kept then
+    /// \throws as putRecords(), in direct mode
+    /// \throws PostfixDatabaseError "unable to form record cache": out of memory; the
+    ///         first of the given records may be pending, the others are not
     void put(const Records& records);
 
-    /// Direct: deleteKeys(). Collecting: takes the keys out of the pending records;
-    /// the table itself is not touched.
+    /// Direct: deleteKeys(). Collecting: removes the keys from the pending records and
+    /// leaves the table alone.
     void remove(const Keys& keys);
 
     /// Direct: dumpTable(). Collecting: the pending records that the filter keeps.
     Records list(const RecordFilter& filter = RecordFilter()) const;
 
-    /// Writes the pending records with one putRecords() and forgets them; they stay
-    /// when that fails. Nothing in direct mode.
+    /// Writes the pending records with one putRecords() and forgets them. Does nothing in
+    /// direct mode.
+    ///
+    /// \throws as putRecords(); the records are still pending then
     void flush();
 
 private:
-    /// Records in their order, and where each key stands: a merge of n records takes
-    /// time proportional to n.
+    /// Records in their order, and the position of each key: merging n records takes time
+    /// proportional to n.
     struct Collection {
         Records records;
         std::unordered_map<std::string, Records::iterator> positions;

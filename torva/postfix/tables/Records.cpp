@@ -5,7 +5,7 @@
 namespace torva::mail::postfix {
 
 std::string tableFile(const std::string& table) {
-    // npos + 1 is 0: a name without a type is the path itself.
+    // Without a colon, npos + 1 is 0, and the whole name is the path.
     return table.substr(table.find(':') + 1);
 }
 

@@ -18,7 +18,7 @@ namespace {
 
 const char* const indexSuffixes[] = {".db", ".cdb", ".lmdb", ".dir", ".pag"};
 
-/// Whether anything stands at a path; its status then.
+/// Whether a file of any kind exists at a path; its status then.
 bool look(const std::string& path, struct stat& status) {
     if (::lstat(path.c_str(), &status) == 0) {
         return true;
@@ -35,7 +35,7 @@ void remove(const std::string& path) {
     }
 }
 
-/// Puts a copy in the place of a file that has other names, too.
+/// Replaces a file that has other hard links by a copy.
 void unshare(const std::string& path) {
     TmpFile copy(path + ".");
     copyFile(path, copy);
@@ -57,7 +57,7 @@ void settleIndex(const std::string& path, IndexUse use) {
     }
 }
 
-/// What a symbolic link says, as a path from where we are.
+/// The target of a symbolic link, relative to the working directory or absolute.
 std::string targetOf(const std::string& link) {
     char target[PATH_MAX];
     const ssize_t size = ::readlink(link.c_str(), target, sizeof(target));
@@ -80,7 +80,7 @@ std::vector<std::string> indexFiles(const std::string& source) {
 
 bool isPlanted(const std::string& path, const struct stat& status) {
     const bool link = S_ISLNK(status.st_mode);
-    // No account makes directories for us to run into: postmap refuses them by itself.
+    // Directories are harmless: postmap refuses them itself.
     if (!S_ISREG(status.st_mode) && !link) {
         return !S_ISDIR(status.st_mode);
     }
@@ -118,7 +118,8 @@ void requireOwnSource(const std::string& source) {
     if (!look(path, status) || !isPlanted(path, status)) {
         return;
     }
-    // What a link leads to is not copied: its reader need not be allowed to read it.
+    // The target of a link is not copied: those who may read the table need not be
+    // allowed to read it.
     if (!S_ISREG(status.st_mode)) {
         throw PostfixConfigurationError("unable to open " + path +
                                         ": it may have been planted by another account");
@@ -156,7 +157,7 @@ struct stat copyFile(const std::string& path, TmpFile& copy) {
         }
         copy.write(piece, size == -1 ? 0 : size);
     }
-    copy.flush(); // a later write would give it a new age
+    copy.flush(); // a later write would change the times
     setOwnerAndMode(copy, status.st_uid, status.st_gid, status.st_mode);
     const timespec times[2] = {status.st_atim, status.st_mtim};
     if (::futimens(copy.descriptor(), times) != 0) {

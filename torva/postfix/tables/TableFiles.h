@@ -1,17 +1,16 @@
-// The files of a lookup table, judged before postmap sees them: its source, and the
-// index files beside it. postmap follows links, writes into whatever has the name of
-// an index, and waits on a FIFO. For the operations of this folder only; they hold the
-// table's lock.
+// Checks the files of a lookup table, its source and the index files next to it, before
+// postmap opens them: it follows links, writes to any file that has the name of an index,
+// and blocks on a FIFO. For the operations in this folder only; they hold the table's lock.
 //
-// Who may write a directory (torva/util/WritableByOthers.h) decides whose links are in
-// it. Where only root and we may, a link or a second hard link is the administrator's:
-// it is followed, and stays (a created table replaces a link to its source). Where somebody
-// else may, it is planted. A FIFO, a socket or a device is planted wherever it stands. The
-// directories above are trusted to lead where they lead.
+// Whose links are in a directory depends on who may write it (torva/util/WritableByOthers.h).
+// Where only root and we may, a link or a second hard link is the administrator's: it is
+// followed, and stays (only creating a table replaces a link to its source). Where another
+// account may, it is planted. A FIFO, a socket or a device is planted in any directory. The
+// directories above are trusted.
 //
-// What is judged by name can be swapped before postmap opens that name: no tool can be
-// handed descriptors for its index files. That gap is left; here it is as narrow as it
-// gets, and closed for all that we write, give away or set modes on ourselves.
+// A file that was checked by name can be swapped before postmap opens that name, because
+// postmap takes no descriptors for its index files. This race remains, as short as it can
+// be. It does not exist for files that we write, chown or chmod ourselves.
 // Private to the library: not installed.
 #pragma once
 
@@ -26,49 +25,49 @@ namespace torva::mail::postfix {
 /// What a postmap is about to do with the index files.
 enum class IndexUse {
     read,    ///< dump
-    changed, ///< put, delete: what is in it matters
-    madeAnew ///< create, rebuild, rewrite: what is in it goes anyway
+    changed, ///< put, delete: its records stay
+    madeAnew ///< create, rebuild, rewrite: its records go
 };
 
 /// The index files that the table of a source file may have.
 std::vector<std::string> indexFiles(const std::string& source);
 
-/// Takes planted index files out of postmap's way. Links and files that are not
-/// regular are removed. A second hard link is removed when the index is rebuilt,
-/// replaced by a copy of its own when it is changed, and left when it is only read.
+/// Removes or replaces planted index files. Links, FIFOs, sockets and devices are removed.
+/// A second hard link is removed when the index is rebuilt, replaced by a separate copy
+/// when it is changed, and left alone when it is only read.
 ///
-/// \throws SystemError  a file cannot be removed, or not be copied
+/// \throws SystemError  a file cannot be removed or copied
 void settleIndexes(const std::string& source, IndexUse use);
 
-/// Where the source file really is: administrators' links are followed, up to a file
+/// The path of the source file itself: administrators' links are followed, up to a file
 /// or a planted link.
 ///
-/// \throws SystemError "stat": the links lead in a circle
+/// \throws SystemError "stat": the links form a loop
 std::string resolvedSource(const std::string& source);
 
-/// Makes sure that a source may be read (rebuild): a second hard link that was planted
-/// is replaced by a copy of its own.
+/// Makes sure that a source may be read (rebuild): a planted second hard link is replaced
+/// by a separate copy.
 ///
 /// \throws PostfixConfigurationError "unable to open PATH: it may have been planted by
-///         another account": a planted link, or no regular file
+///         another account": a planted link, a FIFO, a socket or a device
 /// \throws SystemError  it cannot be copied
 void requireOwnSource(const std::string& source);
 
-/// Whether what stands at a path, with this lstat(2), is planted.
+/// Whether the file at a path, with this lstat(2), is planted.
 bool isPlanted(const std::string& path, const struct stat& status);
 
 /// Whether a path still names the file that a descriptor is open on.
 bool isNameOf(const std::string& path, int fd);
 
-/// Writes a copy of a regular file: content, owner, permission bits, and both times.
+/// Copies a regular file: contents, owner, permission bits, and both times.
 ///
 /// \param path  not followed when it is a link
 /// \param copy  new, in the same directory; committed
-/// \return what was copied, as fstat(2) told before the first byte was read
-/// \throws SystemError  "open", "read", or of the copy
+/// \return the fstat(2) of the file before the first byte was read
+/// \throws SystemError  "open", "read", or an error of the copy
 struct stat copyFile(const std::string& path, TmpFile& copy);
 
-/// Gives a temporary file, by its descriptor, an owner and permission bits.
+/// Sets the owner and the permission bits of a temporary file, by its descriptor.
 ///
 /// \throws SystemError "chown" or "chmod"
 void setOwnerAndMode(const TmpFile& file, uid_t owner, gid_t group, mode_t mode);

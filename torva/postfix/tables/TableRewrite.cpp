@@ -37,8 +37,8 @@ void writeSurvivors(const std::string& table, TmpFile& survivors,
         runTool(postmapCommand({"-s"}, table), process::InputProducer(), filterFor(survivors)));
 }
 
-/// Gives a file that is to replace a source what belongs to the source. A planted one
-/// has nothing to give: who put it there must not choose an owner or a mode.
+/// Gives the new source the owner and mode of the old one, unless that was planted: its
+/// owner must not choose them.
 void takeAfter(const std::string& source, const TmpFile& file) {
     struct stat status = {};
     if (::lstat(source.c_str(), &status) != 0) {
@@ -51,7 +51,7 @@ void takeAfter(const std::string& source, const TmpFile& file) {
     }
 }
 
-/// A committed file with a descriptor that tells it from whatever takes its name.
+/// A committed file with a descriptor, to tell when its name leads to another file.
 class NewSource {
 public:
     NewSource(TmpFile& file, std::string source)
@@ -73,7 +73,7 @@ public:
         file_.setAutoclean(false);
     }
 
-    /// Between this and postmap's own opening the source can still be swapped.
+    /// The source can still be swapped between this check and postmap's open.
     void requireInPlace() const { requireOurs(source_); }
 
 private:
@@ -101,7 +101,7 @@ std::vector<std::unique_ptr<KeptIndex>> keepIndexes(const std::string& named) {
 
 void rewriteTable(const std::string& table, const ListingFilterFor& filterFor) {
     requireTableName(table);
-    // postmap takes the name, and looks for the index beside it; the source that is
+    // postmap gets the name, and expects the index next to it; the source that is
     // replaced may be elsewhere.
     const std::string named = tableFile(table);
     const FileLock lock(named, LockMode::wait);
@@ -112,8 +112,8 @@ void rewriteTable(const std::string& table, const ListingFilterFor& filterFor) {
     takeAfter(source, survivors);
     NewSource newSource(survivors, source);
 
-    // What was not replaced or touched is not put back: an age that changes in between
-    // would have Postfix say that the index is older than the source.
+    // Files that were not replaced or changed are not restored: if their times changed in
+    // between, Postfix would say that the index is older than the source.
     const auto indexes = keepIndexes(named);
     KeptSource oldSource(source);
     newSource.moveIntoPlace();

@@ -6,7 +6,7 @@
 
 namespace torva::mail::postfix::testing {
 
-/// While it exists, the allocation that follows `allowed` others, and each behind
+/// While it exists, the allocation that follows `allowed` others, and each after
 /// it, throws std::bad_alloc.
 class AllocationLimit {
 public:

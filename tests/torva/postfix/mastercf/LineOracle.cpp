@@ -135,7 +135,7 @@ OracleService readService(const std::string& text) {
     return service;
 }
 
-/// Where the service that begins in a line ends: behind the last line that begins
+/// The end of the service that begins in a line: after the last line that begins
 /// with a blank and holds more than a comment, with only empty lines and comments
 /// skipped on the way there.
 std::size_t endOfService(const std::vector<std::string>& lines, std::size_t begin) {

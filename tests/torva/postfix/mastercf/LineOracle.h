@@ -1,5 +1,5 @@
-// The syntax of master.cf, decided by hand and line by line, to hold the grammar
-// against: no look-ahead, no alternatives, no shared code.
+// The syntax of master.cf, checked by hand and line by line, to compare with the
+// grammar: no look-ahead, no alternatives, no shared code.
 #pragma once
 
 #include <string>

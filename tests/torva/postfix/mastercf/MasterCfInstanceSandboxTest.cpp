@@ -1,5 +1,5 @@
-// The one instance, and where it asks for master.cf: a script in the place of
-// postconf answers.
+// The shared instance, and how it finds master.cf: a script instead of
+// postconf gives the directory.
 #include "torva/postfix/mastercf/MasterCf.h"
 
 #include "Sandboxed.h"
@@ -32,7 +32,7 @@ TEST_F(MasterCfInstanceSandboxTest, AnswerIsUsedAsItComes) {
 TEST_F(MasterCfInstanceSandboxTest, InstanceIsMadeByTheFirstCallThatSucceedsAndAsksNeverAgain) {
     {
         const FakeTool tool(postconf, "echo /etc/postfix");
-        // The parameters' own instance asks for its own sake.
+        // The instance of the parameters has its own call.
         EXPECT_EQ(MasterCf::masterCfPath(), "/etc/postfix/master.cf");
     }
     {

@@ -1,5 +1,5 @@
 // The grammar against the oracle of LineOracle.h, over texts made of pieces that
-// are likely to meet badly. The seed is fixed: a failure comes back on every run.
+// are likely to cause trouble. The seed is fixed: a failure is repeated in every run.
 #include "torva/postfix/mastercf/MasterCfParser.h"
 
 #include "LineOracle.h"
@@ -47,7 +47,7 @@ std::string blankLines(Random& random) {
     return text;
 }
 
-/// What may stand between two fields, mostly just blanks.
+/// What may separate two fields, mostly just blanks.
 std::string separator(Random& random) {
     if (!random.once(6)) {
         return random.oneOf(blankRuns);
@@ -200,7 +200,7 @@ TEST(MasterCfParserRandomTest, AcceptedTextsAreGivenBackByTheirLines) {
         const OracleVerdict verdict = judge(text);
         MasterCfLines lines;
         if (!parseText(text, lines) || lines.lines().size() != verdict.lines.size()) {
-            continue; // refused, or a service stands there twice
+            continue; // refused, or a service is in it twice
         }
         std::string back;
         for (const std::string& each : lines.lines()) {

@@ -214,7 +214,7 @@ TEST_P(RefusedTest, StopsThereAndKeepsWhatStoodBefore) {
     EXPECT_THAT(linesOf(lines), ElementsAreArray(GetParam().before));
 }
 
-// The line that is refused is taken for an empty one first, by its blanks, and only
+// The refused line first matches as an empty one, by its blanks, and only
 // then something other than a line feed follows.
 INSTANTIATE_TEST_SUITE_P(
     Lines, RefusedTest,

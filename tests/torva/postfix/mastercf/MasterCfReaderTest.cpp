@@ -19,7 +19,7 @@ using ::testing::ElementsAre;
 
 class MasterCfReaderTest : public ::testing::Test {
 protected:
-    /// What reading says; the class of the error is checked, not just its family.
+    /// The error of reading; its class is checked, not just its base class.
     static std::string refusalOf(const std::string& path) {
         MasterCfLines lines;
         try {
@@ -96,7 +96,7 @@ TEST_F(MasterCfReaderTest, UnreadableFileCannotBeOpened) {
     fill(path_, "# c");
     ASSERT_EQ(::chmod(path_.c_str(), 0), 0);
     ASSERT_EQ(::chmod(directory_.path().c_str(), 0755), 0);
-    // Root reads every file: be somebody else meanwhile.
+    // Root reads every file: use another account meanwhile.
     const uid_t self = ::geteuid();
     if (self == 0) {
         ASSERT_EQ(::seteuid(65534), 0);

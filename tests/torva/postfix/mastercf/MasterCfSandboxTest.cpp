@@ -1,4 +1,4 @@
-// The model with its files, the store of disabled services at its fixed place.
+// The model with its files, with the store of disabled services at its fixed path.
 #include "torva/postfix/mastercf/MasterCf.h"
 
 #include "AllocationLimit.h"

@@ -1,4 +1,4 @@
-// Saving master.cf and its store together: what has to be ready before the first of
+// Saving master.cf and its store together: what must be ready before the first of
 // them is replaced, and what somebody else has done to them since they were read.
 #include "torva/postfix/mastercf/MasterCf.h"
 
@@ -194,7 +194,7 @@ TEST_F(MasterCfSaveSandboxTest, MasterCfThatSomebodyElseChangedIsNotOverwritten)
     EXPECT_TRUE(model_.activeChanged());
     EXPECT_TRUE(model_.disabledChanged());
     EXPECT_NO_THROW(FileLock(path_, LockMode::fail));
-    // Their change is taken over by reading again.
+    // Reading again accepts their change.
     model_.load(true);
     model_.disableModule("a", ModuleType::unix);
     EXPECT_TRUE(model_.save(false));
@@ -295,7 +295,7 @@ TEST_F(MasterCfSaveSandboxTest, ForcedSaveWritesWhatItHasOverTheChangesOfOthers)
     EXPECT_TRUE(model_.save(true));
     EXPECT_EQ(contentOfFile(path_), "# c\n\n");
     EXPECT_EQ(contentOfFile(savedStorePath), "# store\n\n");
-    // What it wrote is what stands there from now on.
+    // From now on, the file must have what it wrote.
     model_.putModule(service("a", "one"), true);
     EXPECT_TRUE(model_.save(false));
 }

@@ -1,4 +1,4 @@
-// The model in memory, on a master.cf of the test's own. What reaches the disk is
+// The model in memory, with a master.cf of the test. What is written to disk is
 // MasterCfSandboxTest.cpp.
 #include "torva/postfix/mastercf/MasterCf.h"
 
@@ -209,7 +209,7 @@ TEST_F(MasterCfTest, PutModuleComparesTextsNotRecords) {
     record.words.emplace_back("-o a=b");
     model_.putModule(record, true);
     EXPECT_EQ(flags(), "");
-    // The record of the caller is kept all the same.
+    // The record of the caller is kept anyway.
     EXPECT_EQ(describe(model_.getModule("x", ModuleType::unix, true).record),
               "x/unix - - - -1 -1 [smtpd][-o a=b]");
     // An equal record in other columns is another text.

@@ -29,7 +29,7 @@ pid_t inChild(Body body) {
         int status = 125;
         try {
             status = body();
-        } catch (...) { // NOLINT(bugprone-empty-catch): the status tells
+        } catch (...) { // NOLINT(bugprone-empty-catch): the status shows it
         }
         ::_exit(status);
     }
@@ -55,7 +55,7 @@ TEST_F(MasterCfWriterProcessSandboxTest, ProcessKilledBeforeTheRenameLeavesTheOl
     ASSERT_TRUE(WIFSIGNALED(status));
     EXPECT_EQ(WTERMSIG(status), SIGKILL);
     EXPECT_EQ(contentOfFile(path_), oldText);
-    // The lock went with the process.
+    // The lock ended with the process.
     writeTo(path_, {"b"});
     EXPECT_EQ(contentOfFile(path_), "b\n");
 }
@@ -74,7 +74,7 @@ bool waitsForLock(pid_t pid) {
 
 TEST_F(MasterCfWriterProcessSandboxTest, WaitsWhileTheLockIsHeldElsewhere) {
     fill(path_, oldText);
-    // The child is there before the lock is: it would inherit it.
+    // The child is forked before the lock is taken: it would inherit it.
     int start[2];
     ASSERT_EQ(::pipe2(start, O_CLOEXEC), 0);
     const pid_t pid = inChild([&] {

@@ -32,7 +32,7 @@ class MasterCfWriterSandboxTest : public SandboxedTest {
 protected:
     void write(const std::vector<std::string>& texts) const { writeTo(path_, texts); }
 
-    /// The old file is there, byte for byte, and nothing beside it.
+    /// The old file is unchanged, byte for byte, and there is no other.
     void expectOldFileAlone() const {
         EXPECT_EQ(contentOfFile(path_), oldText);
         EXPECT_EQ(entriesOf(directory_.path()), 1U);

@@ -86,7 +86,7 @@ TEST(ReadBackTest, WordsWithBlanksGoThrough) {
 TEST(ReadBackTest, EveryByteIsJudgedAsTheGrammarReadsIt) {
     for (int byte = 0; byte < 256; ++byte) {
         const std::string c(1, static_cast<char>(byte));
-        if (c != "\n") { // which the grammar takes within a service
+        if (c != "\n") { // which the grammar accepts within a service
             const MasterCfModule word = serviceOf("a", {"x" + c + "x"});
             EXPECT_EQ(refusalOf(word) == "nothing thrown", isReadBack(word)) << byte;
         }

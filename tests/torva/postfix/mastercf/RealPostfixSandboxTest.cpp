@@ -1,5 +1,5 @@
 // The model on the master.cf of the machine's own Postfix, in its private copy, with
-// postconf as the judge of what the file holds.
+// postconf reading the result.
 #include "support/FakeTool.h"
 #include "torva/postfix/mastercf/MasterCf.h"
 
@@ -44,7 +44,7 @@ protected:
         ASSERT_NE(std::getenv("TORVA_SANDBOX"), nullptr);
         ::mkdir("/var/spool/postfix/torva", 0755);
         before_ = contentOf(masterCf);
-        // Of a type that is not for us to edit, in every Postfix since 3.4.
+        // Has a type that we do not edit, in every Postfix since 3.4.
         outputOf("postconf -M# postlog/unix-dgram 2>&1");
         sheltered_ = contentOf(masterCf);
     }

@@ -1,5 +1,5 @@
 // For tests that write where the system itself does: refuses to run them anywhere
-// but in the sandbox, where those places are private copies.
+// but in the sandbox, where those paths are private copies.
 #pragma once
 
 #include "Support.h"

@@ -14,7 +14,7 @@
 
 namespace torva::mail::postfix::testing {
 
-/// A directory that lives as long as the object.
+/// A directory that exists as long as the object.
 class TempDir {
 public:
     TempDir() {
@@ -93,7 +93,7 @@ inline bool parses(const std::string& text) {
     return parseText(text, ignored);
 }
 
-/// The record that a text of one service parses into.
+/// The record that is parsed from the text of one service.
 inline std::string recordIn(const std::string& text, const std::string& name,
                             ModuleType type = ModuleType::inet) {
     MasterCfLines lines;
@@ -106,7 +106,7 @@ inline std::string recordIn(const std::string& text, const std::string& name,
     return describe(lines.record({name, type}));
 }
 
-/// What an exception that is thrown says; "nothing thrown" otherwise.
+/// The text of the exception; "nothing thrown" if there is none.
 template <class Error, class Operation>
 std::string messageOf(Operation operation) {
     try {

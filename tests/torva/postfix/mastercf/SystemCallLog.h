@@ -1,6 +1,6 @@
 // The system calls with which a file is replaced, seen and made to fail: chmod,
 // fchmod, rename, fsync and flock of the test executables of this folder note that they
-// were called and hand on to the system.
+// were called and then do the system call.
 #pragma once
 
 #include <functional>
@@ -21,7 +21,7 @@ public:
     /// errno.
     void fail(const std::string& beginning, int error);
 
-    /// Runs something in the place of, and right before, a call whose note begins so.
+    /// Runs something right before a call whose note begins so.
     void before(const std::string& beginning, std::function<void()> action);
 
     /// "chmod NAME MODE", "fchmod NAME MODE", "rename FROM TO", "fsync file", "fsync directory",

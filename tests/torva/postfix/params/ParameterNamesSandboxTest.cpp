@@ -1,10 +1,11 @@
-// Names that postconf does not know or would take for something else, and references.
+// Names that postconf does not know or would take for options, and references.
 #include "support/FakeTool.h"
 #include "torva/postfix/params/PostfixParameters.h"
 #include "torva/util/PostfixError.h"
 
 #include <gmock/gmock.h>
 
+#include <fstream>
 #include <functional>
 #include <stdexcept>
 
@@ -51,6 +52,20 @@ TEST(ParameterNameTest, UnknownOneIsToldApartFromOneThatIsSetToNothing) {
     EXPECT_EQ(parameters.getParameter("no_such_parameter"), "");
     EXPECT_FALSE(parameters.hasParameter("no_such_parameter"));
     EXPECT_TRUE(parameters.hasParameter("myhostname"));
+}
+
+TEST(ParameterNameTest, OneOfMainCfIsKnownOnceAnotherParameterOrAServiceRefersToIt) {
+    PostfixParameters parameters;
+    parameters.setParameter("own_first", "1");
+    parameters.setParameter("own_second", "2");
+    EXPECT_FALSE(parameters.hasParameter("own_first"));
+    EXPECT_EQ(parameters.getParameter("own_first"), "");
+    parameters.setParameter("relayhost", "$own_first");
+    EXPECT_TRUE(parameters.hasParameter("own_first"));
+    EXPECT_FALSE(parameters.hasParameter("own_second"));
+    std::ofstream("/etc/postfix/master.cf", std::ios_base::app)
+        << "own unix - - y - - smtp -o relayhost=$own_second\n";
+    EXPECT_TRUE(parameters.hasParameter("own_second"));
 }
 
 TEST(ParameterNameTest, QuestionThatFailsIsNoAnswer) {

@@ -1,5 +1,5 @@
-// PostfixParameters and the relay policies, with a fake in the place of postconf
-// where its behaviour is the point, and with the real one beside it.
+// PostfixParameters and the relay policies, with a fake for postconf
+// where its behaviour is the point, and with the real one.
 #include "support/FakeTool.h"
 #include "torva/postfix/params/PostfixParameters.h"
 #include "torva/postfix/params/PostfixTool.h"
@@ -34,7 +34,7 @@ const char restrictions[] = "smtpd_recipient_restrictions";
 const char closedList[] = "permit_mynetworks, check_client_access "
                           "pcre:/var/spool/postfix/torva/no_relay.re, reject_unauth_destination";
 
-/// Answers a directory for the path of main.cf and BODY for the rest.
+/// Prints a directory for the path of main.cf and does BODY for the rest.
 std::string locating(const std::string& body) {
     return "case \"$*\" in *config_directory) echo /etc/postfix; exit;; esac\n" + body;
 }
@@ -50,7 +50,7 @@ std::string messageOf(const std::function<void()>& action) {
 
 class FakePostconfTest : public testing::Test {
 protected:
-    /// A parameters object whose postconf behaves as told.
+    /// A parameters object whose postconf does what the script says.
     std::string read(const std::string& script, const std::string& name = "x") {
         const FakeTool fake(postconfPath, locating(script));
         return PostfixParameters().getParameter(name);
@@ -225,7 +225,7 @@ protected:
     void SetUp() override { before_ = torva::test::contentOf(mainCf); }
     void TearDown() override {
         writeFile(mainCf, before_);
-        // Else the next test's first postconf would wait until it is older.
+        // Otherwise the next test's first postconf would wait until it is older.
         timespec times[2] = {};
         ::utimensat(AT_FDCWD, mainCf, times, 0);
     }

@@ -1,4 +1,4 @@
-// What PostfixParameters remembers, and what it leaves alone in main.cf.
+// What PostfixParameters remembers, and what it does not change in main.cf.
 #include "support/FakeTool.h"
 #include "torva/postfix/params/PostfixParameters.h"
 #include "torva/util/PostfixError.h"
@@ -40,7 +40,7 @@ int firstCallFailsAndSecondSucceeds() {
 } // namespace
 
 TEST(SharedParametersTest, AFailingFirstCallIsTriedAgainByTheNextAndThenThePathIsKnown) {
-    // Started anew, so that no other test has made the instance.
+    // A new process, so that no other test has created the instance.
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(::_exit(firstCallFailsAndSecondSucceeds()), testing::ExitedWithCode(0), "");
 }

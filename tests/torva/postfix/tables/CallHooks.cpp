@@ -13,12 +13,12 @@ namespace {
 
 std::function<int(const std::string&, const std::string&)> hooked;
 
-/// Whether the call is to fail.
+/// Whether the call must fail.
 bool fails(const char* call, const std::string& path) {
     if (!hooked) {
         return false;
     }
-    // What the action itself calls goes through.
+    // Calls by the action itself are not affected.
     auto action = std::exchange(hooked, nullptr);
     const int error = action(call, path);
     hooked = std::move(action);

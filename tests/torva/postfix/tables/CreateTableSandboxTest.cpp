@@ -1,4 +1,4 @@
-// Making tables afresh.
+// Creating tables.
 #include "TablesFixture.h"
 #include "support/FakeTool.h"
 #include "torva/libc/Child.h"
@@ -7,6 +7,7 @@
 #include "torva/postfix/tables/Postmap.h"
 #include "torva/util/FileLock.h"
 #include "torva/util/PostfixError.h"
+#include "torva/util/SystemError.h"
 
 #include <gmock/gmock.h>
 
@@ -98,6 +99,15 @@ TEST_F(CreateTableTest, FailedPostmapLeavesTheScratchFileNowhere) {
     EXPECT_THAT(namesIn(directory), ElementsAre("virtual"));
 }
 
+TEST_F(CreateTableTest, PostmapThatCannotBeStartedLeavesTheNewSource) {
+    const FakeTool fake(postmap, "");
+    ASSERT_EQ(::unlink(postmap), 0);
+    writeFile(source, "old record\n");
+    EXPECT_THROW(createTable(table, {{"a", "b"}}), torva::SystemError);
+    EXPECT_EQ(contentOf(source), "a b\n");
+    EXPECT_THAT(namesIn(directory), ElementsAre("virtual"));
+}
+
 TEST_F(CreateTableTest, FullDiskLeavesTheOldSourceWhole) {
     if (::mount("tmpfs", directory.c_str(), "tmpfs", 0, "size=16k") != 0) {
         GTEST_SKIP() << "no tmpfs here: " << std::strerror(errno);
@@ -114,7 +124,7 @@ TEST_F(CreateTableTest, FullDiskLeavesTheOldSourceWhole) {
     EXPECT_EQ(::umount(directory.c_str()), 0);
 }
 
-/// A creation in a child whose system call fails: the error is told, and nothing changed.
+/// A creation in a child whose system call fails: reports the error, and changes nothing.
 void expectOldSourceAfter(long failingCall, int error) {
     writeFile(source, "old record\n");
     const Outcome outcome = inChild([failingCall, error] {

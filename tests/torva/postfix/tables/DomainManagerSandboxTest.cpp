@@ -57,7 +57,7 @@ protected:
     }
 };
 
-/// What the operation feeds to postmap, whose records it really puts.
+/// The input that the operation gives to postmap, which really writes the records.
 std::string fedRecords() {
     const FakeTool recording("/usr/sbin/postmap", torva::test::passThrough);
     DomainManager().addAliasDomain("example.com", "host.example.net");

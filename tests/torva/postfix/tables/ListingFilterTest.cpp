@@ -99,7 +99,7 @@ TEST(ListSeparatorTest, IsCommaOrWhiteSpace) {
 
 using Chain = DataStreamFilter<ElementsFilter<NotInDomainFilter>>;
 
-/// What the chain writes for the text, given in chunks of the size.
+/// The output of the chain for the text, in chunks of this size.
 std::string filtered(const std::string& text, std::size_t chunkSize) {
     std::ostringstream out;
     Chain chain(out, ElementsFilter<NotInDomainFilter>(NotInDomainFilter("d.net", false)));

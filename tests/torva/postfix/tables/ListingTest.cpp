@@ -66,6 +66,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Case{"TabSeparates", "key\tvalue", "key", "value"},
                     Case{"BlankAndTabSeparate", "key \t value\t", "key", "value"},
                     Case{"KeyAloneHasNoValue", "key \t ", "key", ""},
+                    Case{"QuotedKeyEndsAtItsFirstBlank", "\"a b\"@c.net x", "\"a", "b\"@c.net x"},
                     Case{"EmptyKey", " value", "", "value"}),
     [](const auto& tested) { return std::string(tested.param.name); });
 

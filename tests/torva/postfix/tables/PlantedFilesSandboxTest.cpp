@@ -1,5 +1,5 @@
-// A directory of tables that another account may write: what it plants there harms no
-// file elsewhere, gives nothing away, and stops nobody for ever.
+// A directory of tables that another account may write: files planted there harm no
+// file elsewhere, disclose nothing, and block nobody for ever.
 #include "CallHooks.h"
 #include "TablesFixture.h"
 #include "support/FakeTool.h"
@@ -44,7 +44,7 @@ const std::vector<Operation> operations = {
     {"rewrite", [] { removeDomainFromTable(table, "d.net", false); }},
 };
 
-/// A table with two records, in a directory that is not ours, and a victim beside it.
+/// A table with two records, in a directory that is not ours, and a victim.
 class PlantedFilesTest : public TablesTest {
 protected:
     void SetUp() override {
@@ -134,7 +134,7 @@ TEST_F(PlantedFilesTest, SecondNameOfAnotherFileInThePlaceOfAnIndexIsNotWrittenT
         runAnyway(operation);
         expectVictimUnharmed();
         expectNothingGivenAway();
-        // What is only listed, and cannot be, is left alone.
+        // A listing, which fails, does not change it.
         const std::string name = operation.name;
         const bool listed = name == "dump" || name == "rewrite";
         EXPECT_EQ(statusOf(victim).st_nlink, listed ? 2U : 1U);
@@ -244,9 +244,9 @@ TEST_F(PlantedFilesTest, SourceWithASecondNameIsRebuiltFromACopyOfItsOwn) {
     ::unlink(other.c_str());
 }
 
-// ---- swapped under our hands
+// ---- swapped while we work
 
-/// Puts a link to the victim in the place of each scratch file, once.
+/// Replaces each temporary file by a link to the victim, once.
 int swapScratchFiles() {
     for (const std::string& name : namesIn(directory)) {
         const std::string path = directory + "/" + name;
@@ -271,7 +271,7 @@ TEST_F(PlantedFilesTest, SwappedScratchFileGetsNoModeNoOwnerAndNoPlace) {
                 return called == call && !std::exchange(done, true) ? swapScratchFiles() : 0;
             });
             if (call == "fchown" && each == 0) {
-                continue; // a creation gives nothing away
+                continue; // a creation changes no owner
             }
             EXPECT_EQ(messageOf<PostfixDatabaseError>(operations[each].run),
                       "unable to write " + source + ": " + swapped);

@@ -1,4 +1,4 @@
-// The operations on lookup tables, with a fake in the place of postmap where its
+// The operations on lookup tables, with a fake for postmap where its
 // behaviour is the point, and with the real one on real hash tables.
 #include "TablesFixture.h"
 #include "support/FakeTool.h"
@@ -23,7 +23,7 @@ using testing::UnorderedElementsAre;
 
 namespace {
 
-// ---- the command lines, what postmap is fed, and how an outcome is judged
+// ---- the command lines, the input of postmap, and which results are failures
 
 using FakePostmapTest = TablesTest;
 

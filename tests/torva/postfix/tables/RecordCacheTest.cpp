@@ -1,9 +1,12 @@
 #include "torva/postfix/tables/RecordCache.h"
+
+#include "torva/libc/Child.h"
 #include "torva/util/PostfixError.h"
 
 #include <gmock/gmock.h>
 
 #include <functional>
+#include <sys/resource.h>
 #include <vector>
 
 using namespace torva::mail::postfix;
@@ -59,6 +62,27 @@ TEST(CollectingRecordCacheTest, ListGoesThroughTheFilter) {
 
 TEST(CollectingRecordCacheTest, FreshCacheIsEmpty) {
     EXPECT_THAT(RecordCache("hash:/nowhere", CacheMode::collecting).list(), IsEmpty());
+}
+
+TEST(CollectingRecordCacheTest, LackOfMemoryKeepsTheRecordsBeforeTheOneThatDoesNotFit) {
+    if (TORVA_TEST_ASAN != 0) {
+        GTEST_SKIP() << "the sanitizer's allocator does not keep to RLIMIT_AS";
+    }
+    const auto outcome = torva::test::inChild([] {
+        RecordCache cache("hash:/nowhere", CacheMode::collecting);
+        cache.put({{"a", "1"}});
+        const Records large = {{"b", "2"}, {"c", std::string(std::size_t{64} << 20U, 'x')}};
+        const rlimit none = {0, 0};
+        ::setrlimit(RLIMIT_AS, &none);
+        try {
+            cache.put(large);
+        } catch (const PostfixDatabaseError& error) {
+            const bool same = error.what() == std::string("unable to form record cache");
+            return same && cache.list() == Records{{"a", "1"}, {"b", "2"}} ? 0 : 2;
+        }
+        return 1;
+    });
+    EXPECT_EQ(outcome.exited, 0);
 }
 
 TEST(CollectingRecordCacheTest, WithoutATableNameItCannotBeFormed) {

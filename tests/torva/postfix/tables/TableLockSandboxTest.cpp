@@ -45,7 +45,7 @@ const std::vector<LockedOperation> lockedOperations = {
     {"rewrite", 2, true, [] { removeDomainFromTable(table, "d.net", false); }},
 };
 
-/// The line of proc(5)'s locks that tells of a lock on our lock file: "PID" of who
+/// The holder of our lock file according to the locks in proc(5): the PID of who
 /// holds it, "none" when nobody does.
 std::string holderIn(const std::string& locks) {
     std::string name = source;
@@ -119,7 +119,7 @@ TEST_F(TableLockTest, IsWaitedForAndUntilThenNoToolRuns) {
         }
         SCOPED_TRACE(operation.name);
         const FakeTool recording(postmap, passThrough);
-        // The child is there before the lock is: it would inherit it.
+        // The child is forked before the lock is taken: it would inherit it.
         int start[2];
         ASSERT_EQ(::pipe2(start, O_CLOEXEC), 0);
         const pid_t pid = ::fork();

@@ -22,8 +22,8 @@ using testing::UnorderedElementsAre;
 
 namespace {
 
-/// All that is to be as before; the change time and the access time of the moment are
-/// nobody's to set.
+/// Everything that must be as before; the change time and the current access time are
+/// not settable.
 struct Seen {
     explicit Seen(const std::string& path) : status(statusOf(path)), content(contentOf(path)) {}
 
@@ -61,8 +61,8 @@ protected:
 
     static void removeDomain() { removeDomainFromTable(table, "d.net", false); }
 
-    /// The removal fails, and all is as before; the files themselves, too, where they
-    /// were not touched.
+    /// The removal fails, and everything is as before, even the files themselves if they
+    /// were not changed.
     template <class Error>
     void expectAllAsBefore(bool indexTouched) {
         const Seen sourceBefore(source);
@@ -141,7 +141,7 @@ TEST_F(TableRewriteFailureTest, AccessTimesComeBackToo) {
     const FakeTool fake(postmap, failingRebuild_);
     EXPECT_THROW(removeDomain(), PostfixConfigurationError);
     EXPECT_EQ(statusOf(source).st_atim.tv_sec, 1000000000);
-    // Our own reading of the index is the last that it has seen.
+    // Our own read of the index was the last access.
     EXPECT_GE(statusOf(index_).st_atim.tv_sec, 1000000007);
 }
 
@@ -216,6 +216,13 @@ TEST_F(TableRewriteFailureTest, QuotedKeyIsStillFoundAfterwards) {
     rebuildTable(table);
     removeDomain();
     EXPECT_EQ(contentOf(source), "\"john doe\"@example.org\tx@e.net\n");
+    // Also one of the domain itself.
+    writeFile(source, "\"john doe\"@d.net x@e.net\n");
+    rebuildTable(table);
+    removeDomain();
+    EXPECT_EQ(contentOf(source), "\"john doe\"@d.net\tx@e.net\n");
+    writeFile(source, "\"john doe\"@example.org x@e.net\n");
+    rebuildTable(table);
     const std::string answer = directory + "/answer";
     const std::string ask = "/usr/sbin/postmap -q '\"john doe\"@example.org' " + std::string(table);
     ASSERT_EQ(std::system((ask + " > " + answer).c_str()), 0);

@@ -49,7 +49,7 @@ protected:
         }
     }
 
-    /// Runs the removal, which has to fail, and compares all files with before.
+    /// Runs the removal, which must fail, and compares all files with before.
     template <class Error>
     void expectNothingChanged() {
         const std::string sourceBefore = contentOf(source);
@@ -92,7 +92,7 @@ TEST_F(TableRewriteTest, FailedListingLeavesEverythingAsItWas) {
 }
 
 TEST_F(TableRewriteTest, FailedRebuildLeavesEverythingAsItWas) {
-    // As a postmap that dies halfway: the index is emptied, and stays so.
+    // Like a postmap that dies half-way: the index is emptied, and stays empty.
     const FakeTool fake(postmap,
                         "case $1 in -s) exec \"$REAL\" \"$@\";; esac\n: > " + index_ + "\nexit 1");
     expectNothingChanged<PostfixConfigurationError>();

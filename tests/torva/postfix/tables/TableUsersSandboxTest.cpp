@@ -1,4 +1,4 @@
-// What stands on the operations on tables: the record cache, the blacklist, the domain
+// Users of the operations on tables: the record cache, the blacklist, the domain
 // manager, the mailbox owner.
 #include "TablesFixture.h"
 #include "support/FakeTool.h"

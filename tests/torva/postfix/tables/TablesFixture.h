@@ -1,5 +1,5 @@
 // What the sandboxed tests of this folder share: a directory of tables, emptied for each
-// test, and what they ask of files.
+// test, and questions about files.
 #pragma once
 
 #include "support/FakeTool.h"
@@ -21,7 +21,7 @@ inline const std::string source = directory + "/virtual";
 inline const std::string index_ = source + ".db";
 inline const std::string table = "hash:" + source;
 
-/// What an exception that is thrown says; "no error" otherwise.
+/// The text of the exception; "no error" if there is none.
 template <class Error>
 std::string messageOf(const std::function<void()>& action) {
     try {
@@ -64,7 +64,7 @@ protected:
         }
     }
 
-    /// From here on an account that is not ours may write the directory.
+    /// From now on another account may write the directory.
     static void giveDirectoryAway() { ASSERT_EQ(::chown(directory.c_str(), 65534, 65534), 0); }
 };
 

@@ -31,7 +31,7 @@ Manifest parseManifest(const std::string& text);
 /// The host as an apply has left it: what later changes are measured by.
 struct LeftState {
     Snapshot entries;
-    Settings settings; ///< see askSettings()
+    Settings settings; ///< of main.cf, see Postfix.h
     Settings services; ///< texts, by NAME/TYPE
     RecordsByTable records;
 };

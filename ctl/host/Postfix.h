@@ -15,7 +15,8 @@ using Settings = std::map<std::string, std::string>;
 struct Postfix {
     std::string directory; ///< of main.cf and master.cf, see config_directory in postconf(5)
     Settings values;       ///< of all parameters, references expanded
-    Settings settings;     ///< of those that main.cf sets, as it has them
+    Settings settings;     ///< of those that main.cf sets, as it has them (postconf -n), with
+                           ///< those that belong to services; none when it is not read
     std::string failure;   ///< why Postfix does not read main.cf, in its own words; empty:
                            ///< it does. Values are then the built-in ones.
 
@@ -31,10 +32,6 @@ struct Postfix {
 ///
 /// \throws SystemError  no scratch directory
 Postfix askPostfix();
-
-/// The settings of main.cf alone (postconf -n), with those that belong to services;
-/// none when Postfix does not read it.
-Settings askSettings(const Postfix& postfix);
 
 /// master.cf as it stands; empty when there is none.
 MasterCfText readMasterCf(const Postfix& postfix);

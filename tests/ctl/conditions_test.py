@@ -161,11 +161,11 @@ class PrivateCopyTest(CtlTest):
         return sorted((str(path), path.lstat().st_mtime_ns) for path in Path("/home").rglob("*"))
 
     def test_preview_writes_nothing_on_another_file_system(self):
-        for value in ("hash:/etc/aliases hash:/home/list/aliases", "hash:/etc/aliases,hash:/home/list/aliases",
-                      "$alias_database", "hash:/home/list/aliases"):
-            with self.subTest(value):
-                database = "hash:/home/list/aliases" if "$" in value else "hash:/etc/aliases"
-                run("postconf", "-e", f"alias_maps = {value}", f"alias_database = {database}")
+        write("/home/list/more", "more: somebody\n")
+        for maps, database in (("hash:/etc/aliases hash:/home/list/aliases,hash:/home/list/more", "hash:/etc/aliases"),
+                               ("$alias_database", "hash:/home/list/aliases")):
+            with self.subTest(maps):
+                run("postconf", "-e", f"alias_maps = {maps}", f"alias_database = {database}")
                 before = self.home(), tree()
                 self.assertIn("exit status of torva-postfix-setup", ctl("preview").out)
                 self.assertEqual(before[0], self.home())

@@ -6,6 +6,7 @@
 #include "ctl/host/Postfix.h"
 
 #include <string>
+#include <vector>
 
 namespace torva::ctl {
 
@@ -37,7 +38,8 @@ public:
     std::string command(const FixedAtStart& now) const;
 
     /// Does it, if Postfix ran; starts it when it has stopped meanwhile. May be called
-    /// again, to go back: what it has activated is what the next call begins with.
+    /// again, to go back: what it has activated is what the next call begins with, and a
+    /// restart that failed is followed by another.
     ///
     /// \return why it failed; empty: it did not
     std::string activate(const FixedAtStart& now);
@@ -47,14 +49,15 @@ public:
 
 private:
     bool needsRestart(const FixedAtStart& now) const;
-    std::string activateUnit(const FixedAtStart& now) const;
+    std::vector<std::string> unitCommand(const FixedAtStart& now) const;
     std::string activateItself(const FixedAtStart& now) const;
 
     Postfix postfix_;
     FixedAtStart before_; ///< what the daemon that runs has
     bool wasRunning_;
     bool tried_ = false;
-    std::string unit_; ///< of systemd; empty: not run by it
+    bool inDoubt_ = false; ///< whether the daemon has something else than before_
+    std::string unit_;     ///< of systemd; empty: not run by it
 };
 
 } // namespace torva::ctl

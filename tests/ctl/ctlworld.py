@@ -77,6 +77,10 @@ def write(path, text, mode=0o644, owner=(0, 0)):
     path.write_bytes(text if isinstance(text, bytes) else text.encode())
     path.chmod(mode)
     os.chown(path, *owner)
+    settle(path)
+
+
+def settle(path):
     past = time.time() - 1000
     os.utime(path, (past, past))
 

@@ -134,7 +134,8 @@ class ApplyFailsTest(CtlTest):
             later = ctl(verb, "--json")
             self.assertEqual(later.status if verb != "preview" else 0, status, later)
             self.assertIn("apply was killed half-way", later.findings("stop")[0]["text"], verb)
-        self.assertStatus(0, ctl("rollback"))
+        run("sh", "-c", later.findings("stop")[0]["action"])
+        self.assertEqual([f for f in ctl("check", "--json").objects() if f["subject"] == "unfinished"], [])
         self.assertSame(self.before, "after rollback")
 
 
@@ -153,9 +154,11 @@ class LockTest(AroundARunTest):
         for verb in ("apply", "check"):
             found = [f for f in ctl(verb, "--json").objects() if f["subject"] == "lock"]
             self.assertRegex(found[-1]["text"], rf"process {first.pid}, since \d{{4}}-\d\d-\d\d \d\d:\d\d:\d\d, is at work")
+            self.assertEqual(found[-1]["action"], "wait for its end")
         go_on.touch()
         self.assertEqual(first.wait(), 0)
         self.assertIn("torva_virtual", postconf("-h", "virtual_transport"))
+        self.assertEqual([f for f in ctl("check", "--json").objects() if f["subject"] == "lock"], [])
 
     def test_only_one_of_several_applies_works_at_a_time(self):
         go_on = self.wait_in_the_run()

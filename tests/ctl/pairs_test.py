@@ -1,7 +1,6 @@
 """preview, apply and rollback on configurations with the oddities of real ones."""
 
 import os
-import tarfile
 from pathlib import Path
 
 import ctlworld

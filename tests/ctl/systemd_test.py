@@ -5,7 +5,7 @@ import subprocess
 from pathlib import Path
 
 import ctlworld
-from ctlworld import (MAIN_CF, MARKER, POSTFIX, AroundARunTest, CtlTest, ctl, kill_group, postconf, program, remove,
+from ctlworld import (MAIN_CF, MARKER, POSTFIX, AroundARunTest, ctl, kill_group, postconf, program, remove,
                       run, start, tree, wait_until, write)
 
 ASKED = Path("/run/systemctl-asked")

@@ -75,8 +75,8 @@ Finding tellNoAnswer(const Attempt& attempt, const std::vector<LogLine>& log,
             line = fault.why;
         }
     }
-    const std::string text =
-        withLine(attempt.what + ": not accepted: " + attempt.outcome.failure, line);
+    const char* const verdict = attempt.outcome.step.empty() ? ": not sent: " : ": not accepted: ";
+    const std::string text = withLine(attempt.what + verdict + attempt.outcome.failure, line);
     return warning(text, adviceAbout(text, dialogue, around));
 }
 

@@ -21,7 +21,8 @@ struct Attempt {
     std::string what;         ///< for the reader: "from outside to postmaster@example.net"
     bool relaying = false;    ///< to a domain that this host does not serve: to be refused
     std::string messageId;    ///< with angle brackets
-    SmtpOutcome outcome;      ///< of sendmail(1): step "sendmail", its words as failure
+    SmtpOutcome outcome;      ///< of sendmail(1): step "sendmail", its words as failure;
+                              ///< without a step nothing was sent, the failure tells why
     std::size_t logBegin = 0; ///< lines of the log from here on, up to
     std::size_t logEnd = 0;   ///< here, are those of its dialogue
 };

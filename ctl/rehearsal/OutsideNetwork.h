@@ -32,7 +32,7 @@ public:
     /// Makes the namespace and lays the cable. /proc has to show this process as 1.
     ///
     /// \throws SystemError         "open", "unshare", "setns"
-    /// \throws std::runtime_error  the words of ip(8)
+    /// \throws std::runtime_error  the words of ip(8), in one line
     OutsideNetwork(MailLog& log, const LinkAddresses& addresses, const Deadline& deadline);
 
     /// A TCP socket whose packets start outside.

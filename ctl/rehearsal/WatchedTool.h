@@ -20,12 +20,12 @@ struct ToolOutcome {
     bool succeeded() const;
 };
 
-/// Runs a program to the end of its output, and takes the log meanwhile.
+/// Runs a program to its end and that of its output, and takes the log meanwhile.
 ///
 /// \param command  path of the program, or its name in PATH, then its arguments
 /// \param input    its standard input
 /// \throws SystemError  it could not be started: "execvp" and others of launch();
-///         "memfd_create", "write", "read"
+///         "memfd_create", "write", "read", "pidfd_open"
 ToolOutcome runWatched(MailLog& log, const std::vector<std::string>& command,
                        const Deadline& deadline, const std::string& input = {});
 

@@ -176,9 +176,21 @@ TEST(DeliveryFindingsTest, AcceptedRelayingIsAWarning) {
                   "and smtpd_recipient_restrictions.");
 }
 
+TEST(DeliveryFindingsTest, MessageThatTookNoStepWasNotSent) {
+    Attempt attempt;
+    attempt.what = "from outside to r";
+    attempt.outcome.failure = "no network to the outside: ip: Error: Unknown device type";
+    expectFinding(tellAttempt(attempt, {}, host), Level::warning,
+                  "from outside to r: not sent: no network to the outside: ip: Error: Unknown "
+                  "device type.",
+                  "This tells nothing about mail from outside: rehearse where the kernel has "
+                  "veth(4).");
+}
+
 TEST(DeliveryFindingsTest, ServerThatDoesNotAnswerIsToldWithItsLastWordsFromAnywhere) {
     Attempt attempt;
     attempt.what = "from outside to r";
+    attempt.outcome.step = "greeting";
     attempt.outcome.failure = "port 25 of x: its server cannot start";
     const auto log =
         logOf({"postfix/smtpd[7]: fatal: no SASL authentication mechanisms",

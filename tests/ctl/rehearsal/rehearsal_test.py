@@ -203,6 +203,73 @@ class BadHostTest(RehearsalTest):
         self.assertEqual(len(rehearsed.findings), 1, rehearsed)
         self.assertTrue(rehearsed.findings[0]["text"].startswith("Postfix does not start"), rehearsed)
 
+    def test_postfix_that_says_no_more_and_does_not_end_is_told_within_the_time(self):
+        commands = Path("/run/commands")
+        program(commands / "postfix", "#!/bin/sh\ntrap '' TERM\nexec sleep 1000 <&- >&- 2>&-\n")
+        postconf("command_directory=/run/commands")
+        rehearsed = rehearse(timeout=60)
+        self.assertEqual(len(rehearsed.findings), 1, rehearsed)
+        self.assertTrue(rehearsed.findings[0]["text"].startswith("Postfix does not start"), rehearsed)
+
+
+class LesserKernelTest(RehearsalTest):
+    """Where the kernel lacks what the rehearsal would like to have."""
+
+    def nested(self, script):
+        """Rehearses behind a script, in a sandbox on top of this one: on two overlays the
+        kernel stacks no third."""
+        return world.Rehearsed(run(world.SANDBOX, "--loopback-only", "--with", world.RECORDS, "--",
+                                   "sh", "-c", f"{script}\nexec \"$@\"", "sh", world.REHEARSE, POSTFIX, HOST))
+
+    def test_without_overlays_every_message_is_told_all_the_same(self):
+        run(world.SANDBOX, "--loopback-only", "--", "sh", "-c", "mkdir /run/upper /run/work && ! mount -t overlay x "
+            "-o lowerdir=/var,upperdir=/run/upper,workdir=/run/work /media 2>/dev/null")
+        before = tree("/etc/postfix", "/var/spool", "/var/mail")
+        self.assertLevels(self.nested(""), "ok ok ok ok")
+        self.assertEqual(tree("/etc/postfix", "/var/spool", "/var/mail"), before)
+
+    def test_without_overlays_nothing_is_written_outside_and_that_is_told(self):
+        """A place on two overlays stands for a file system of the host that the sandbox shares."""
+        set_aliases("postmaster: root", "root: /srv/mbox")
+        rehearsed = self.nested("mkdir -m 777 /var/shared && touch /var/shared/mbox && chmod 666 /var/shared/mbox &&"
+                                " mount --bind /var/shared /srv")
+        self.assertLevels(rehearsed, "warning warning warning ok")
+        for finding in rehearsed.findings[:3]:
+            self.assertIn("Read-only file system", finding["text"])
+            self.assertEqual(finding["advice"], "The rehearsal lets nothing be written there: look at this place on "
+                             "the host itself.")
+
+    def test_without_a_cable_what_needs_none_is_sent(self):
+        ip = Path(run("which", "ip").strip())
+        real = ip.with_name("ip.real")
+        ip.rename(real)
+        self.addCleanup(real.replace, ip)
+        program(ip, f"#!/bin/sh\ncase \"$*\" in *veth*) echo 'Error: Unknown device type.' >&2; exit 2 ;; esac\n"
+                f"exec {real} \"$@\"\n")
+        rehearsed = self.assertLevels(rehearse(), "ok ok warning warning")
+        for finding in rehearsed.findings[2:]:
+            self.assertTrue(finding["text"].endswith(
+                ": not sent: no network to the outside: ip: Error: Unknown device type."), finding)
+            self.assertEqual(finding["advice"], "This tells nothing about mail from outside: rehearse where the "
+                             "kernel has veth(4).")
+
+
+class CutOffTest(RehearsalTest):
+    def test_rehearsal_that_hangs_is_cut_off_and_nothing_of_it_is_left(self):
+        mounts = Path("/proc/self/mountinfo").read_text()
+        addresses = run("ip", "-o", "address")
+        process = start_rehearsal()
+        wait_until(lambda: "master" in processes().values(), "the start of Postfix")
+        stage = int(Path(f"/proc/{process.pid}/task/{process.pid}/children").read_text().split()[0])
+        os.kill(stage, signal.SIGSTOP)
+        out, _ = process.communicate(timeout=60)
+        rehearsed = world.Rehearsed(out.decode())
+        self.assertEqual((process.returncode, [f["level"] for f in rehearsed.findings]), (0, ["warning"]), rehearsed)
+        self.assertIn("it was cut off after 30 seconds, while ", rehearsed.findings[0]["text"])
+        wait_until(lambda: processes() == {}, "the end of every process")
+        self.assertEqual(Path("/proc/self/mountinfo").read_text(), mounts)
+        wait_until(lambda: run("ip", "-o", "address") == addresses, "the end of the cable")
+
 
 class NothingIsLeftTest(RehearsalTest):
     def test_no_file_changes_and_the_queue_of_the_host_waits_on(self):

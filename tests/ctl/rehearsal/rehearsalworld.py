@@ -18,6 +18,7 @@ from pathlib import Path
 
 TESTS = Path(__file__).resolve().parents[2]
 SCRIPTS = TESTS.parent / "scripts/lib"
+SANDBOX = TESTS.parent / "scripts/sandbox"
 HOST = "sandbox.example.net"
 POSTFIX = Path("/etc/postfix")
 SPOOL = Path("/var/spool/postfix")

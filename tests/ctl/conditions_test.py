@@ -7,7 +7,8 @@ from pathlib import Path
 
 import ctlworld
 import pairs
-from ctlworld import BACKUPS, MAIN_CF, MASTER_CF, POSTFIX, TABLES, CtlTest, ctl, program, remove, run, tree, write
+from ctlworld import (BACKUPS, MAIN_CF, MASTER_CF, POSTFIX, TABLES, AroundARunTest, CtlTest, ctl, program, remove, run,
+                      tree, write)
 
 
 def add(path, text):
@@ -158,7 +159,7 @@ class PrivateCopyTest(CtlTest):
         self.assertSame(before, "after rollback")
 
 
-class RoomTest(CtlTest):
+class RoomTest(AroundARunTest):
     def test_check_tells_what_is_free(self):
         told = [f["text"] for f in ctl("check", "--json").findings("ok") if f["subject"] == "room"]
         self.assertRegex(told[0], r"/var/backups/torva-postfix: \d+ MB, \d+ inodes; .*/etc/postfix: \d+ MB")

@@ -67,9 +67,14 @@ def replace_program(path, text):
     return change
 
 
+def without_map_type(name):
+    return replace_program("/usr/sbin/postconf",
+                           f'#!/bin/sh\n/usr/sbin/postconf.replaced "$@" | grep -vx {name}\n')
+
+
 def without_hash():
     main_cf("alias_maps =\nalias_database =")()
-    return replace_program("/usr/sbin/postconf", '#!/bin/sh\n/usr/sbin/postconf.replaced "$@" | grep -vx hash\n')()
+    return without_map_type("hash")()
 
 
 def filled_table():
@@ -222,8 +227,7 @@ DEFECTS = [
     Defect("no_hash", without_hash, "stop", "map-type", "hash",
            "install a Postfix with Berkeley DB",
            by_hand("mv", "/usr/sbin/postconf.replaced", "/usr/sbin/postconf")),
-    Defect("no_pcre", replace_program("/usr/sbin/postconf", '#!/bin/sh\n/usr/sbin/postconf.replaced "$@" | grep -vx pcre\n'),
-           "warning", "map-type", "pcre",
+    Defect("no_pcre", without_map_type("pcre"), "warning", "map-type", "pcre",
            "apt-get install postfix-pcre", by_apt_get("postfix-pcre")),
     Defect("no_popuser", without_account("passwd", "popuser"), "stop", "account", "popuser is missing",
            CREATE_USER, by_hand("useradd", "--system", "--gid", "popuser", "popuser")),
@@ -239,10 +243,10 @@ DEFECTS = [
            INSTALL_PANEL, installed(PANEL / "postfix-queue")),
     Defect("no_postfix_mailman", without(PANEL / "postfix-mailman"), "warning", "panel", "postfix-mailman is missing",
            INSTALL_PANEL, installed(PANEL / "postfix-mailman")),
-    Defect("no_no_relay", without(TABLES / "no_relay.re"), "warning", "pcre-table", "no_relay.re is missing: smtpd answers 451",
-           WRITE_TABLE, written(TABLES / "no_relay.re")),
-    Defect("no_non_auth", without(TABLES / "non_auth.re"), "warning", "pcre-table", "non_auth.re is missing: smtpd answers 451",
-           WRITE_TABLE, written(TABLES / "non_auth.re")),
+    Defect("no_no_relay", without(TABLES / "no_relay.re"), "warning", "pcre-table",
+           "no_relay.re is missing: smtpd answers 451", WRITE_TABLE, written(TABLES / "no_relay.re")),
+    Defect("no_non_auth", without(TABLES / "non_auth.re"), "warning", "pcre-table",
+           "non_auth.re is missing: smtpd answers 451", WRITE_TABLE, written(TABLES / "non_auth.re")),
     Defect("no_certificate", without(POSTFIX / "postfix_default.pem"), "warning", "certificate", "is missing",
            "put certificate and key there", written(POSTFIX / "postfix_default.pem", "both\n", 0o600)),
     Defect("only_loopback", without_addresses, "warning", "network", "only loopback",
@@ -280,7 +284,8 @@ DEFECTS = [
            "correct it, or comment the entry out for the run", stock("master.cf")),
     Defect("empty_store", empty_store, "stop", "master.cf", "master.cf.disabled is not parsed",
            "correct it, or move it away", by_hand("mv", TABLES / "master.cf.disabled", "/run/tmp")),
-    Defect("upper_case_name", master_cf("SMTPS inet n - y - - smtpd"), "ok", "master.cf", "SMTPS/inet: not for the tool"),
+    Defect("upper_case_name", master_cf("SMTPS inet n - y - - smtpd"),
+           "ok", "master.cf", "SMTPS/inet: not for the tool"),
     Defect("address_in_brackets", master_cf("[::1]:25 inet n - y - - smtpd"), "ok", "master.cf", "[::1]:25/inet"),
     Defect("comment_behind_a_word", master_cf("a unix - - y - - smtp # fast"), "ok", "master.cf", "a/unix"),
     Defect("not_ascii", master_cf("a unix - - y - - smtp -o x=\u00e9"), "ok", "master.cf", "a/unix"),
@@ -290,9 +295,11 @@ DEFECTS = [
            "postconf -F 587/inet/private=n", as_it_stands),
     Defect("port_25_twice", master_cf("25 inet n - y - - smtpd"), "warning", "service", "one endpoint",
            "postconf -MX 25/inet", as_it_stands),
-    Defect("address_and_port_twice", master_cf("127.0.0.1:smtp inet n - y - - smtpd\n127.0.0.1:25 inet n - y - - smtpd"),
+    Defect("address_and_port_twice",
+           master_cf("127.0.0.1:smtp inet n - y - - smtpd\n127.0.0.1:25 inet n - y - - smtpd"),
            "warning", "service", "one endpoint", "postconf -MX 127.0.0.1:smtp/inet", as_it_stands),
-    Defect("no_daemon", master_cf("a unix - - y - - no-such-daemon"), "warning", "service", f"no {DAEMONS}/no-such-daemon",
+    Defect("no_daemon", master_cf("a unix - - y - - no-such-daemon"),
+           "warning", "service", f"no {DAEMONS}/no-such-daemon",
            INSTALL_DAEMON, installed(DAEMONS / "no-such-daemon")),
     Defect("no_sasl_daemon", without(DAEMONS / "torva_saslauthd"), "warning", "service", "torva_saslauthd",
            INSTALL_DAEMON, installed(DAEMONS / "torva_saslauthd")),
@@ -306,7 +313,8 @@ DEFECTS = [
            lambda action: (write("/etc/postfix/virtual", ""), behind(" run ")(action))),
     Defect("no_index_of_a_file", map_without_index, "warning", "map", "/etc/postfix/virtual.db",
            f"postmap hash:/etc/postfix/virtual{TAKE_OUT}", as_it_stands),
-    Defect("no_texthash_file", main_cf("transport_maps = texthash:/etc/transport"), "warning", "map", "no /etc/transport",
+    Defect("no_texthash_file", main_cf("transport_maps = texthash:/etc/transport"),
+           "warning", "map", "no /etc/transport",
            f"write /etc/transport{TAKE_OUT}", written("/etc/transport")),
     Defect("no_map_of_a_service", master_cf("587 inet n - y - - smtpd -o smtpd_client_restrictions=cidr:/etc/no.cidr"),
            "warning", "map", "no /etc/no.cidr",
@@ -328,9 +336,11 @@ DEFECTS = [
     Defect("damaged_table", damaged_table, "stop", "records", "cannot be read: ",
            "have the panel write it again",
            lambda _: (write(TABLES / "virtual", ""), run("postmap", f"hash:{TABLES}/virtual"))),
-    Defect("no_database", no_database, "warning", "database", "kra does not answer: there is no /run/mysqld/mysqld.sock",
+    Defect("no_database", no_database,
+           "warning", "database", "kra does not answer: there is no /run/mysqld/mysqld.sock",
            "start the panel's database before the run", by_hand("mv", f"{SOCKET}.away", SOCKET)),
-    Defect("no_database_password", without(SHADOW), "warning", "database", "there is no password in /etc/kra/.kra.shadow",
+    Defect("no_database_password", without(SHADOW),
+           "warning", "database", "there is no password in /etc/kra/.kra.shadow",
            "have the panel write it before the run", lambda _: write(SHADOW, PASSWORD[0], 0o600)),
     Defect("wrong_database_password", wrong_password, "warning", "database", "Access denied for user 'admin'",
            f"set that right before the run; the password is in {SHADOW}", lambda _: write(SHADOW, PASSWORD[0], 0o600)),

@@ -59,9 +59,10 @@ class HangingTest(RehearsalTest):
 class LesserKernelTest(RehearsalTest):
     """Where the kernel lacks what the rehearsal would like to have."""
 
-    def in_sandbox(self, script, *words, **how):
+    def in_sandbox(self, script, *words):
         """In a sandbox on top of this one: on two overlays the kernel stacks no third."""
-        return run(world.SANDBOX, "--loopback-only", "--with", world.RECORDS, "--", "sh", "-c", script, "sh", *words, **how)
+        sandbox = (world.SANDBOX, "--loopback-only", "--with", world.RECORDS, "--")
+        return run(*sandbox, "sh", "-c", script, "sh", *words)
 
     def rehearse_without_overlays(self, script):
         third = ("mkdir /run/upper /run/work; mount -t overlay x -o lowerdir=/var,upperdir=/run/upper,"

@@ -36,10 +36,21 @@ bool isServerFault(const SmtpReply& reply) {
     return reply.code == 0 || reply.text.compare(0, 5, "451 4") == 0 || reply.code == 421;
 }
 
+// Of the lines from the connection on: what a new smtpd(8) says before that is about its
+// start. Without any there, of all.
+LogLine worstOfConnection(const std::vector<LogLine>& dialogue) {
+    const auto connected = std::find_if(dialogue.begin(), dialogue.end(), [](const LogLine& line) {
+        return line.text.compare(0, 13, "connect from ") == 0;
+    });
+    LogLine worst =
+        worstLine(dialogue, static_cast<std::size_t>(std::distance(dialogue.begin(), connected)));
+    return worst.text.empty() ? worstLine(dialogue) : worst;
+}
+
 // The line in which smtpd(8) tells its refusal; after a fault, the one that tells the
 // cause.
 LogLine lineOfRefusal(const std::vector<LogLine>& dialogue, const SmtpReply& reply) {
-    LogLine worst = worstLine(dialogue);
+    LogLine worst = worstOfConnection(dialogue);
     if (isServerFault(reply) && !worst.text.empty()) {
         return worst;
     }

@@ -153,6 +153,16 @@ TEST(DeliveryFindingsTest, LinesOfAnotherMessageAreNotTold) {
     EXPECT_EQ(tellAttempt(attempt, log, host).text, "from outside to r: refused: 550 no.");
 }
 
+TEST(DeliveryFindingsTest, WhatAServerSaysBeforeTheConnectionIsNotTheReasonOfItsFault) {
+    const Attempt attempt = refused("from outside to r", {451, "451 4.7.1 Service unavailable"}, 3);
+    const auto log = logOf({"postfix/smtpd[2]: warning: error opening chain file",
+                            "postfix/smtpd[2]: connect from x[192.0.2.1]",
+                            "postfix/smtpd[2]: warning: connect to Milter service y"});
+    EXPECT_EQ(tellAttempt(attempt, log, host).text,
+              "from outside to r: refused: 451 4.7.1 Service unavailable. Log: "
+              "postfix/smtpd[2]: warning: connect to Milter service y");
+}
+
 TEST(DeliveryFindingsTest, RefusedRelayingIsFine) {
     Attempt attempt = refused("relaying", {554, "554 5.7.1 <r>: Relay access denied"}, 0);
     attempt.relaying = true;

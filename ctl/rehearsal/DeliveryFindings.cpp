@@ -3,6 +3,7 @@
 #include "ctl/rehearsal/Advice.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace torva::ctl::rehearsal {
 namespace {
@@ -36,14 +37,17 @@ bool isServerFault(const SmtpReply& reply) {
     return reply.code == 0 || reply.text.compare(0, 5, "451 4") == 0 || reply.code == 421;
 }
 
-// Of the lines from the connection on: what a new smtpd(8) says before that is about its
-// start. Without any there, of all.
+// Of the lines of the smtpd(8) that was connected to, from there on: what it says before is
+// about its start, and so is what another says that starts meanwhile. Without any, of all.
 LogLine worstOfConnection(const std::vector<LogLine>& dialogue) {
     const auto connected = std::find_if(dialogue.begin(), dialogue.end(), [](const LogLine& line) {
         return line.text.compare(0, 13, "connect from ") == 0;
     });
-    LogLine worst =
-        worstLine(dialogue, static_cast<std::size_t>(std::distance(dialogue.begin(), connected)));
+    std::vector<LogLine> own;
+    std::copy_if(connected, dialogue.end(), std::back_inserter(own), [&](const LogLine& line) {
+        return line.program == connected->program && line.pid == connected->pid;
+    });
+    LogLine worst = worstLine(own);
     return worst.text.empty() ? worstLine(dialogue) : worst;
 }
 

@@ -153,10 +153,11 @@ TEST(DeliveryFindingsTest, LinesOfAnotherMessageAreNotTold) {
     EXPECT_EQ(tellAttempt(attempt, log, host).text, "from outside to r: refused: 550 no.");
 }
 
-TEST(DeliveryFindingsTest, WhatAServerSaysBeforeTheConnectionIsNotTheReasonOfItsFault) {
-    const Attempt attempt = refused("from outside to r", {451, "451 4.7.1 Service unavailable"}, 3);
+TEST(DeliveryFindingsTest, WhatServersSayAtTheirStartIsNotTheReasonOfAFault) {
+    const Attempt attempt = refused("from outside to r", {451, "451 4.7.1 Service unavailable"}, 4);
     const auto log = logOf({"postfix/smtpd[2]: warning: error opening chain file",
                             "postfix/smtpd[2]: connect from x[192.0.2.1]",
+                            "postfix/smtpd[3]: warning: error opening chain file",
                             "postfix/smtpd[2]: warning: connect to Milter service y"});
     EXPECT_EQ(tellAttempt(attempt, log, host).text,
               "from outside to r: refused: 451 4.7.1 Service unavailable. Log: "

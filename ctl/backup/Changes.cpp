@@ -117,7 +117,7 @@ bool isWrittenByRun(const std::string& path, const Manifest& backup) {
 
 LeftState captureState(const Postfix& postfix, const std::vector<std::string>& paths) {
     LeftState state;
-    state.settings = askSettings(postfix);
+    state.settings = postfix.settings;
     state.services = servicesOf(postfix);
     state.records = readRecords(postfix);
     state.entries = describe(paths);

@@ -11,7 +11,8 @@ namespace torva::ctl {
 
 /// The host as it is now.
 ///
-/// \param paths  see touchedPaths()
+/// \param postfix  what Postfix has just been asked: its settings are taken from it
+/// \param paths    see touchedPaths()
 /// \throws std::exception  it cannot be read
 LeftState captureState(const Postfix& postfix, const std::vector<std::string>& paths);
 

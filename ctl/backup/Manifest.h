@@ -31,7 +31,7 @@ Manifest parseManifest(const std::string& text);
 /// The state of the host after an apply, with which later states are compared.
 struct LeftState {
     Snapshot entries;
-    Settings settings; ///< see askSettings()
+    Settings settings; ///< of main.cf, see Postfix.h
     Settings services; ///< texts, by NAME/TYPE
     RecordsByTable records;
 };

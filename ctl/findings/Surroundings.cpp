@@ -10,6 +10,7 @@
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <optional>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,6 +18,10 @@
 namespace torva::ctl {
 
 namespace {
+
+constexpr const char* databaseSocket = "/run/mysqld/mysqld.sock";
+constexpr const char* passwordFile = "/etc/kra/.kra.shadow";
+constexpr int timedOut = 124; ///< exit status of timeout(1)
 
 void findAccounts(Findings& findings) {
     const char advice[] = "create the user; the panel's installer does";
@@ -109,25 +114,46 @@ std::string databaseClient() {
     return std::string();
 }
 
-/// Without a client, only whether there is a socket.
-bool databaseAnswers() {
-    const char socket[] = "/run/mysqld/mysqld.sock";
-    struct stat status {};
-    if (::stat(socket, &status) != 0 || !S_ISSOCK(status.st_mode)) {
-        return false;
-    }
-    const std::string shadow = readFile("/etc/kra/.kra.shadow").value_or("");
-    const std::string client = databaseClient();
-    if (shadow.empty() || client.empty()) {
-        return !shadow.empty();
-    }
+struct DatabaseTrouble {
+    std::string reason;
+    std::string advice;
+};
+
+/// What the panel's database says to the program's account.
+ToolResult askDatabase(const std::string& client, const std::string& password) {
     // Not as an argument, which everybody could read.
-    ::setenv("MYSQL_PWD", shadow.substr(0, shadow.find('\n')).c_str(), 1);
+    ::setenv("MYSQL_PWD", password.c_str(), 1);
     const ToolResult result =
-        run({"timeout", "10", client, "--no-defaults", std::string("--socket=") + socket,
+        run({"timeout", "10", client, "--no-defaults", std::string("--socket=") + databaseSocket,
              "--user=admin", "--execute=SELECT 1", "kra"});
     ::unsetenv("MYSQL_PWD");
-    return result.succeeded();
+    return result;
+}
+
+/// Why the database does not answer; nothing when it does. Without a client, a socket and
+/// a password have to do.
+std::optional<DatabaseTrouble> databaseTrouble() {
+    struct stat status {};
+    if (::stat(databaseSocket, &status) != 0 || !S_ISSOCK(status.st_mode)) {
+        return DatabaseTrouble{std::string("there is no ") + databaseSocket,
+                               "start the panel's database before the run"};
+    }
+    const std::string shadow = readFile(passwordFile).value_or("");
+    if (shadow.empty()) {
+        return DatabaseTrouble{std::string("there is no password in ") + passwordFile,
+                               "have the panel write it before the run"};
+    }
+    const std::string client = databaseClient();
+    if (client.empty()) {
+        return std::nullopt;
+    }
+    const ToolResult result = askDatabase(client, shadow.substr(0, shadow.find('\n')));
+    if (result.succeeded()) {
+        return std::nullopt;
+    }
+    return DatabaseTrouble{
+        exitStatus(result) == timedOut ? "no answer within 10 seconds" : wordsOf(result),
+        std::string("set that right before the run; the password is in ") + passwordFile};
 }
 
 } // namespace
@@ -141,13 +167,12 @@ void findSurroundings(const Host& host, Findings& findings) {
 }
 
 void findDatabase(Findings& findings) {
-    if (!databaseAnswers()) {
-        findings.warning(
-            "database",
-            std::string("kra does not answer (/run/mysqld/mysqld.sock, /etc/kra/.kra.shadow): ") +
-                tablesDirectory +
-                "/virtual will miss the mail names of localhost.localdomain and their aliases",
-            "start the panel's database before the run");
+    if (const auto trouble = databaseTrouble()) {
+        findings.warning("database",
+                         "kra does not answer: " + trouble->reason + "; " + tablesDirectory +
+                             "/virtual will miss the mail names of localhost.localdomain and "
+                             "their aliases",
+                         trouble->advice);
     }
     findings.fine("database", "the panel's database");
 }

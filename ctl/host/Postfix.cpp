@@ -38,7 +38,7 @@ std::string configurationDirectory() {
     if (chosen != nullptr && *chosen != '\0') {
         return chosen;
     }
-    const std::string builtIn =
+    static const std::string builtIn =
         boost::algorithm::trim_copy(run({postconf, "-d", "-h", "config_directory"}).output);
     return builtIn.empty() ? "/etc/postfix" : builtIn;
 }
@@ -126,12 +126,6 @@ Postfix askPostfix() {
         postfix.values["queue_directory"] = "/var/spool/postfix";
     }
     return postfix;
-}
-
-Settings askSettings(const Postfix& postfix) {
-    Settings settings = parsed(MainCfCopy(postfix).ask("-n").output);
-    settings.erase("config_directory");
-    return settings;
 }
 
 MasterCfText readMasterCf(const Postfix& postfix) {

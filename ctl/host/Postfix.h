@@ -15,7 +15,8 @@ using Settings = std::map<std::string, std::string>;
 struct Postfix {
     std::string directory; ///< of main.cf and master.cf, see config_directory in postconf(5)
     Settings values;       ///< of all parameters, with references expanded
-    Settings settings;     ///< of those set in main.cf, unexpanded
+    Settings settings;     ///< of those set in main.cf, unexpanded (postconf -n), including
+                           ///< those for services; none when Postfix does not read it
     Settings redirects;    ///< types of tables that Postfix reads as another type, and that
                            ///< type: see non_bdb_migration_level in postconf(5), 3.11
     std::string failure;   ///< why Postfix does not read main.cf, in its own words: then
@@ -37,10 +38,6 @@ struct Postfix {
 ///
 /// \throws SystemError  no temporary directory
 Postfix askPostfix();
-
-/// The settings in main.cf (postconf -n), including those for services; none when Postfix
-/// does not read it.
-Settings askSettings(const Postfix& postfix);
 
 /// The current master.cf; empty when there is none.
 MasterCfText readMasterCf(const Postfix& postfix);

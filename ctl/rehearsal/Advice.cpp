@@ -44,6 +44,8 @@ const std::vector<Known> obstacles = {
     {"Domain not found", noNameServers},
     {"Host not found", noNameServers},
     {"cannot find your", noNameServers},
+    {"no network to the outside",
+     "This tells nothing about mail from outside: rehearse where the kernel has veth(4)."},
     {"Connection refused", "Only Postfix is started here. When another program listens there on "
                            "the host, this tells nothing about it."},
     {"No such file or directory",

@@ -3,6 +3,7 @@
 #include "ctl/rehearsal/Advice.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace torva::ctl::rehearsal {
 namespace {
@@ -31,9 +32,23 @@ bool isServerFault(const SmtpReply& reply) {
     return reply.code == 0 || reply.text.compare(0, 5, "451 4") == 0 || reply.code == 421;
 }
 
+// Of the lines of the smtpd(8) that was connected to, from there on: what it says before is
+// about its start, and so is what another says that starts meanwhile. Without any, of all.
+LogLine worstOfConnection(const std::vector<LogLine>& dialogue) {
+    const auto connected = std::find_if(dialogue.begin(), dialogue.end(), [](const LogLine& line) {
+        return line.text.compare(0, 13, "connect from ") == 0;
+    });
+    std::vector<LogLine> own;
+    std::copy_if(connected, dialogue.end(), std::back_inserter(own), [&](const LogLine& line) {
+        return line.program == connected->program && line.pid == connected->pid;
+    });
+    LogLine worst = worstLine(own);
+    return worst.text.empty() ? worstLine(dialogue) : worst;
+}
+
 // The line in which smtpd(8) logs its refusal; after a fault, the one with the cause.
 LogLine lineOfRefusal(const std::vector<LogLine>& dialogue, const SmtpReply& reply) {
-    LogLine worst = worstLine(dialogue);
+    LogLine worst = worstOfConnection(dialogue);
     if (isServerFault(reply) && !worst.text.empty()) {
         return worst;
     }
@@ -69,8 +84,8 @@ Finding tellNoAnswer(const Attempt& attempt, const std::vector<LogLine>& log,
             line = fault.why;
         }
     }
-    const std::string text =
-        withLine(attempt.what + ": not accepted: " + attempt.outcome.failure, line);
+    const char* const verdict = attempt.outcome.step.empty() ? ": not sent: " : ": not accepted: ";
+    const std::string text = withLine(attempt.what + verdict + attempt.outcome.failure, line);
     return warning(text, adviceAbout(text, dialogue, around));
 }
 

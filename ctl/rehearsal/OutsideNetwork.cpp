@@ -4,6 +4,10 @@
 #include "torva/libc/interfaces.h"
 #include "torva/process/SystemCall.h"
 
+#include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/replace.hpp>
+#include <boost/algorithm/string/trim.hpp>
+
 #include <algorithm>
 #include <fcntl.h>
 #include <memory>
@@ -43,7 +47,10 @@ void ip(MailLog& log, const Deadline& deadline, std::vector<std::string> words) 
     words.insert(words.begin(), "ip");
     const ToolOutcome outcome = runWatched(log, words, deadline);
     if (!outcome.succeeded()) {
-        throw std::runtime_error("ip: " + outcome.said());
+        // Its sentences become part of one.
+        const std::string said = boost::algorithm::trim_right_copy_if(
+            outcome.said(), boost::algorithm::is_any_of(".\n "));
+        throw std::runtime_error("ip: " + boost::algorithm::replace_all_copy(said, "\n", "; "));
     }
 }
 

@@ -32,7 +32,7 @@ public:
     /// Creates the namespace and the cable. This process must be 1 in /proc.
     ///
     /// \throws SystemError         "open", "unshare", "setns"
-    /// \throws std::runtime_error  the message of ip(8)
+    /// \throws std::runtime_error  the message of ip(8), in one line
     OutsideNetwork(MailLog& log, const LinkAddresses& addresses, const Deadline& deadline);
 
     /// A TCP socket in the outside namespace.

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -55,6 +56,31 @@ std::string contentsOf(const process::Descriptor& file) {
     }
 }
 
+// Readable when the process has ended, see pidfd_open(2).
+process::Descriptor endOf(pid_t pid) {
+    return process::Descriptor(static_cast<int>(
+        process::systemCall("pidfd_open", [pid] { return ::syscall(SYS_pidfd_open, pid, 0); })));
+}
+
+// Waits for the end of the output, then for that of the program: one that has closed its
+// streams may go on for ever. False: the deadline came first.
+bool awaitEnd(MailLog& log, pid_t pid, int said, const Deadline& deadline, std::string& output) {
+    Wake wake = Wake::logged;
+    bool isOpen = true;
+    while (isOpen && wake != Wake::late) {
+        wake = log.wait(said, POLLIN, deadline);
+        isOpen = wake != Wake::ready || readSome(said, output);
+    }
+    const process::Descriptor end = endOf(pid);
+    while (wake != Wake::late) {
+        wake = log.wait(end.get(), POLLIN, deadline);
+        if (wake == Wake::ready) {
+            return true;
+        }
+    }
+    return false;
+}
+
 } // namespace
 
 bool ToolOutcome::succeeded() const {
@@ -80,13 +106,7 @@ ToolOutcome runWatched(MailLog& log, const std::vector<std::string>& command,
     said.write.release();
 
     ToolOutcome outcome;
-    while (!outcome.ended) {
-        const Wake wake = log.wait(said.read.get(), POLLIN, deadline);
-        if (wake == Wake::late) {
-            break;
-        }
-        outcome.ended = wake == Wake::ready && !readSome(said.read.get(), outcome.output);
-    }
+    outcome.ended = awaitEnd(log, started.pid, said.read.get(), deadline, outcome.output);
     if (outcome.ended) {
         outcome.status = process::waitForExit(started.pid);
         outcome.error = contentsOf(complaints);

@@ -24,12 +24,12 @@ struct ToolOutcome {
     std::string said() const { return error + output; }
 };
 
-/// Runs a program to the end of its output, and reads the log meanwhile.
+/// Runs a program to its end and that of its output, and reads the log meanwhile.
 ///
 /// \param command  path of the program, or its name in PATH, then its arguments
 /// \param input    its standard input
 /// \throws SystemError  it could not be started: "execvp" and others of launch();
-///         "memfd_create", "write", "read", "pread"
+///         "memfd_create", "write", "read", "pread", "pidfd_open"
 ToolOutcome runWatched(MailLog& log, const std::vector<std::string>& command,
                        const Deadline& deadline, const std::string& input = {});
 

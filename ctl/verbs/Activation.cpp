@@ -3,6 +3,7 @@
 #include "ctl/host/Files.h"
 #include "ctl/host/Program.h"
 
+#include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/predicate.hpp>
 #include <boost/algorithm/string/trim.hpp>
 
@@ -12,10 +13,15 @@ namespace torva::ctl {
 
 namespace {
 
+/// See sd_booted(3).
+bool systemdRunsHost() {
+    return exists("/run/systemd/system");
+}
+
 /// The unit of systemd that a process belongs to, see cgroup in proc(5): the last
 /// component of its control group; empty when systemd does not run this host.
 std::string unitOf(int process) {
-    if (process == 0 || !exists("/run/systemd/system")) {
+    if (process == 0 || !systemdRunsHost()) {
         return std::string();
     }
     const std::string group = boost::algorithm::trim_copy(
@@ -25,6 +31,16 @@ std::string unitOf(int process) {
                    unit.find("postfix") != std::string::npos
                ? unit
                : std::string();
+}
+
+/// The unit to restart for a Postfix that does not run. A start would not do: a unit that
+/// has started the daemon and ended counts as active. Empty: systemd does not start it.
+std::string unitToStart(const Postfix& postfix) {
+    const std::string unit = "postfix.service";
+    const bool isThere =
+        exists("/etc/systemd/system/" + unit) || exists("/lib/systemd/system/" + unit);
+    return systemdRunsHost() && isThere && postfix.directory == "/etc/postfix" ? unit
+                                                                               : std::string();
 }
 
 /// What failed; empty after success.
@@ -55,15 +71,21 @@ Activation::Activation(const Postfix& postfix, const FixedAtStart& before)
       unit_(unitOf(masterProcess(postfix))) {}
 
 bool Activation::needsRestart(const FixedAtStart& now) const {
-    return !(now == before_);
+    return inDoubt_ || !(now == before_);
+}
+
+std::vector<std::string> Activation::unitCommand(const FixedAtStart& now) const {
+    // The second starts a unit that has stopped, too.
+    return {"systemctl", needsRestart(now) ? "restart" : "reload-or-restart", unit_};
 }
 
 std::string Activation::command(const FixedAtStart& now) const {
-    if (!wasRunning_ || masterProcess(postfix_) == 0) {
-        return "postfix start";
-    }
     if (!unit_.empty()) {
-        return std::string("systemctl ") + (needsRestart(now) ? "restart " : "reload ") + unit_;
+        return boost::algorithm::join(unitCommand(now), " ");
+    }
+    if (masterProcess(postfix_) == 0) {
+        const std::string unit = unitToStart(postfix_);
+        return unit.empty() ? "postfix start" : "systemctl restart " + unit;
     }
     return needsRestart(now) ? "postfix stop && postfix start" : "postfix reload";
 }
@@ -73,22 +95,24 @@ std::string Activation::activate(const FixedAtStart& now) {
         return std::string();
     }
     tried_ = true;
-    std::string failure = unit_.empty() ? activateItself(now) : activateUnit(now);
+    std::string failure = unit_.empty() ? activateItself(now) : failureOf(run(unitCommand(now)));
     if (failure.empty()) {
         before_ = now; // the settings of the daemon from now on
+        inDoubt_ = false;
+    } else if (needsRestart(now)) {
+        inDoubt_ = true; // it may have been started and run, all the same
     }
     return failure;
-}
-
-std::string Activation::activateUnit(const FixedAtStart& now) const {
-    return failureOf(
-        run({"systemctl", needsRestart(now) ? "restart" : "reload-or-restart", unit_}));
 }
 
 std::string Activation::activateItself(const FixedAtStart& now) const {
     const bool runs = masterProcess(postfix_) != 0;
     if (runs && !needsRestart(now)) {
         return failureOf(run({"/usr/sbin/postfix", "reload"}));
+    }
+    const std::string unit = runs ? std::string() : unitToStart(postfix_);
+    if (!unit.empty()) {
+        return failureOf(run({"systemctl", "restart", unit}));
     }
     const std::string failure =
         runs ? failureOf(run({"/usr/sbin/postfix", "stop"})) : std::string();

@@ -6,6 +6,7 @@
 #include "ctl/host/Postfix.h"
 
 #include <string>
+#include <vector>
 
 namespace torva::ctl {
 
@@ -38,7 +39,7 @@ public:
     std::string command(const FixedAtStart& now) const;
 
     /// Does that, if Postfix was running; starts it if it has stopped meanwhile. May be
-    /// called again, to go back.
+    /// called again, to go back; a restart that failed is followed by another.
     ///
     /// \return why it failed; empty: it succeeded
     std::string activate(const FixedAtStart& now);
@@ -48,14 +49,15 @@ public:
 
 private:
     bool needsRestart(const FixedAtStart& now) const;
-    std::string activateUnit(const FixedAtStart& now) const;
+    std::vector<std::string> unitCommand(const FixedAtStart& now) const;
     std::string activateItself(const FixedAtStart& now) const;
 
     Postfix postfix_;
     FixedAtStart before_; ///< the settings of the running daemon
     bool wasRunning_;
     bool tried_ = false;
-    std::string unit_; ///< of systemd; empty: systemd does not run it
+    bool inDoubt_ = false; ///< whether the daemon has something else than before_
+    std::string unit_;     ///< of systemd; empty: systemd does not run it
 };
 
 } // namespace torva::ctl

@@ -31,7 +31,7 @@ struct Before {
 Before lookBefore(const Host& host) {
     Backups backups;
     const std::string stamp = backups.take(manifestOf(host.postfix, "before preview"));
-    return {askSettings(host.postfix), readFile(host.postfix.masterCf()).value_or(""),
+    return {host.postfix.settings, readFile(host.postfix.masterCf()).value_or(""),
             backups.find(stamp).value().manifest};
 }
 
@@ -159,7 +159,7 @@ int previewInside(Call& call) {
     const RunResult result = performRun(host, before.manifest, progress, call.request.emptyTables);
     report.findings(result.findings);
     const Postfix after = askPostfix();
-    showSettings(report, before.settings, askSettings(after));
+    showSettings(report, before.settings, after.settings);
     showMasterCf(report, after, before.masterCf);
     showFiles(report, before.manifest.entries, describe(before.manifest.paths));
     showVerdict(report);

@@ -26,16 +26,38 @@ copy_whole() {
     done | copy_listed "$root"
 }
 
-# copy_programs ROOT: commands and shared libraries, /bin and /lib as links or as
-# directories. What is bigger than 64 MB is a compiler or an interpreter.
+# needed_libraries PROGRAM...: prints the shared libraries that they are linked to, by
+# the paths that the loader finds them at and by those of the files behind the links.
+needed_libraries() {
+    local libraries
+    mapfile -t libraries < <(
+        ldd -- "$@" 2>/dev/null | awk '$2 == "=>" && $3 ~ "^/" { print $3 }' | sort -u)
+    ((${#libraries[@]})) || return 0
+    # Each file once: the loader names some by way of the link /lib.
+    [[ ! -L /lib ]] || libraries=("${libraries[@]/#\/lib/\/usr\/lib}")
+    {
+        printf '%s\0' "${libraries[@]}"
+        realpath -z -- "${libraries[@]}"
+    } | sort -zu
+}
+
+# copy_programs ROOT PATH...: commands and shared libraries, /bin and /lib as links or as
+# directories. A command of more than a megabyte is a compiler, an interpreter or a
+# server, a library of more than four is theirs: they are copied only where Postfix, the
+# shell or one of the files PATH cannot do without.
 copy_programs() {
-    local root=$1 libraries
+    local root=$1 libraries shell
+    shift
     copy_whole "$root" /bin /sbin /lib /lib32 /lib64 /libx32
     for libraries in /usr/lib /usr/lib/*-linux-gnu*; do
-        find "$libraries" -maxdepth 1 \( -name '*.so*' -o -name 'os-release' \) -size -65536k -print0
+        find "$libraries" -maxdepth 1 \( -name '*.so*' -o -name 'os-release' \) -size -4096k -print0
     done | copy_listed "$root"
-    find /usr/bin /usr/sbin /usr/lib/postfix /usr/lib/locale /usr/lib64 /usr/share/postfix \
-        -xdev ! -type d -size -65536k -print0 2>/dev/null | copy_listed "$root" || true
+    find /usr/bin /usr/sbin /usr/lib/locale /usr/lib64 -xdev ! -type d -size -1024k -print0 \
+        2>/dev/null | copy_listed "$root" || true
+    shell=$(realpath /bin/bash)
+    copy_whole "$root" "$shell" /usr/lib/postfix /usr/share/postfix /usr/sbin/post*
+    needed_libraries "$shell" /usr/sbin/post* /usr/lib/postfix/*.so* /usr/lib/postfix/sbin/* "$@" |
+        copy_listed "$root"
     mkdir -p "$root/usr/local/bin" "$root/usr/local/sbin"
 }
 
@@ -93,7 +115,7 @@ make_chroot() {
 # checkout TREE, and each PATH whole.
 fill_chroot() {
     local root=$1
-    copy_programs "$root"
+    copy_programs "$root" "${@:3}"
     copy_var "$root"
     cp -a /etc/. "$root/etc/"
     copy_checkout "$root" "$2"

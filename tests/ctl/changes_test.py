@@ -6,8 +6,8 @@ from pathlib import Path
 
 import ctlworld
 import pairs
-from ctlworld import (BACKUPS, MAIN_CF, MARKER, MASTER_CF, TABLES, TOOL, CtlTest, ctl, kill_group, postconf, program,
-                      remove, run, start, tree, wait_until, write)
+from ctlworld import (BACKUPS, MAIN_CF, MARKER, MASTER_CF, TABLES, TOOL, AroundARunTest, CtlTest, ctl, kill_group,
+                      postconf, program, remove, run, start, tree, wait_until, write)
 
 
 def stamps():
@@ -18,11 +18,7 @@ def records(table):
     return run("postmap", "-s", f"hash:{TABLES}/{table}", check=False)
 
 
-class EditsTest(CtlTest):
-    def setUp(self):
-        super().setUp()
-        run("postfix", "check")
-
+class EditsTest(AroundARunTest):
     def test_nothing_has_changed_since_an_apply(self):
         self.assertStatus(0, ctl("apply"))
         self.assertEqual(self.assertStatus(0, ctl("diff")).out, "")
@@ -133,7 +129,7 @@ class SecondApplyTest(CtlTest):
         self.assertSame(before, "after rollback")
 
 
-class BackupsTest(CtlTest):
+class BackupsTest(AroundARunTest):
     def test_prune_keeps_the_newest_and_the_way_back(self):
         before = tree()
         for _ in range(3):

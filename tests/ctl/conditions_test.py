@@ -1,5 +1,5 @@
-"""Hosts as they are found: odd lists, services that the program does not take, tools that
-die, full and read-only file systems, hard links, many services, odd surroundings."""
+"""Hosts as they are found: services that the program does not take, other file systems,
+full disks, hard links, many services, odd surroundings."""
 
 import os
 import subprocess
@@ -7,7 +7,7 @@ from pathlib import Path
 
 import ctlworld
 import pairs
-from ctlworld import (BACKUPS, CTL, MAIN_CF, MASTER_CF, POSTFIX, TABLES, CtlTest, ctl, postconf, program, remove, run,
+from ctlworld import (BACKUPS, MAIN_CF, MASTER_CF, POSTFIX, TABLES, AroundARunTest, CtlTest, ctl, program, remove, run,
                       tree, write)
 
 
@@ -23,72 +23,11 @@ class FindingsTest(CtlTest):
     def found(self, subject):
         return [f for f in ctl("check", "--json").findings("warning", "stop") if f["subject"] == subject]
 
-    def carry_out(self, subject):
-        """Does what the finding advises; the finding is gone then."""
-        findings = self.found(subject)
-        self.assertEqual(len(findings), 1, findings)
-        run("sh", "-c", findings[0]["action"].split(", or ")[0])
-        self.assertEqual(self.found(subject), [])
-        return findings[0]
-
-    def test_mail_to_root_after_a_run(self):
+    def test_advice_about_mail_to_root_holds_after_a_run(self):
         pairs.both(pairs.MAIN, pairs.SMTP + pairs.SERVICES)
-        finding = self.carry_out("mydestination")
-        self.assertIn("root@, postmaster@ and mailer-daemon@mail.example.net", finding["text"])
-        self.assertEqual(postconf("-h", "mydestination").strip(),
-                         "$myhostname, localhost.example.net, localhost, localhost.localdomain")
+        run("sh", "-c", self.found("mydestination")[0]["action"])
         self.assertStatus(0, ctl("apply"))
         self.assertEqual(self.found("mydestination"), [])
-
-    def test_advice_for_a_hard_link(self):
-        os.link(MAIN_CF, POSTFIX / "main.cf.other")
-        self.assertIn("2 names", self.carry_out("main.cf")["text"])
-
-    def test_advice_for_a_missing_index(self):
-        write("/etc/postfix/virtual", "a@example.com b@example.com\n")
-        add(MAIN_CF, "virtual_alias_maps = hash:/etc/postfix/virtual\n")
-        self.carry_out("map")
-
-    def test_advice_for_a_private_inet_service(self):
-        add(MASTER_CF, "587 inet - - y - - smtpd\n")
-        self.carry_out("service")
-
-    def test_advice_for_one_endpoint_names_the_operators_entry(self):
-        add(MASTER_CF, "25 inet n - y - - smtpd\n")
-        self.assertEqual(self.carry_out("service")["action"], "postconf -MX 25/inet")
-
-    def test_advice_for_a_missing_newline(self):
-        write(MAIN_CF, MAIN_CF.read_bytes() + b"relayhost =")
-        finding = self.found("main.cf")[0]
-        run("sh", "-c", finding["action"].split("else: ")[1])
-        self.assertEqual(self.found("main.cf"), [])
-
-    def test_advice_for_a_wrong_daemon_directory_is_one_finding(self):
-        add(MAIN_CF, "daemon_directory = /no/such/directory\n")
-        finding = self.found("service")
-        self.assertEqual(len(finding), 1, finding)
-        run("postconf", "-X", "daemon_directory")
-        self.assertEqual(self.found("service"), [])
-
-    def test_tables_that_postmap_does_not_build_and_those_of_postfix(self):
-        add(MAIN_CF, "smtpd_client_restrictions = check_client_access cidr:/etc/no.cidr\n"
-            "address_verify_map = btree:$data_directory/verify_cache\n")
-        finding = self.found("map")
-        self.assertEqual(len(finding), 1, finding)
-        self.assertNotIn("postmap", finding[0]["action"])
-
-    def test_tool_that_dies_is_one_finding_with_its_words(self):
-        for line, words in (("myorigin = /etc/no-mailname\n", "/etc/no-mailname"),
-                            ("setgid_group =\n", "setgid_group"), ("default_privs = nobody-here\n", "nobody-here")):
-            with self.subTest(line):
-                kept = MAIN_CF.read_bytes()
-                add(MAIN_CF, line)
-                findings = ctl("check", "--json").findings("warning", "stop")
-                troubled = [f for f in findings if f["subject"] not in ("database",)]
-                self.assertEqual(len(troubled), 1, troubled)
-                self.assertEqual(troubled[0]["subject"], "main.cf")
-                self.assertIn(words, troubled[0]["text"])
-                write(MAIN_CF, kept)
 
     def test_master_cf_that_postfix_refuses_is_told_in_its_words(self):
         add(MASTER_CF, "a unix - - y\n")
@@ -161,11 +100,11 @@ class PrivateCopyTest(CtlTest):
         return sorted((str(path), path.lstat().st_mtime_ns) for path in Path("/home").rglob("*"))
 
     def test_preview_writes_nothing_on_another_file_system(self):
-        for value in ("hash:/etc/aliases hash:/home/list/aliases", "hash:/etc/aliases,hash:/home/list/aliases",
-                      "$alias_database", "hash:/home/list/aliases"):
-            with self.subTest(value):
-                database = "hash:/home/list/aliases" if "$" in value else "hash:/etc/aliases"
-                run("postconf", "-e", f"alias_maps = {value}", f"alias_database = {database}")
+        write("/home/list/more", "more: somebody\n")
+        for maps, database in (("hash:/etc/aliases hash:/home/list/aliases,hash:/home/list/more", "hash:/etc/aliases"),
+                               ("$alias_database", "hash:/home/list/aliases")):
+            with self.subTest(maps):
+                run("postconf", "-e", f"alias_maps = {maps}", f"alias_database = {database}")
                 before = self.home(), tree()
                 self.assertIn("exit status of torva-postfix-setup", ctl("preview").out)
                 self.assertEqual(before[0], self.home())
@@ -220,7 +159,7 @@ class PrivateCopyTest(CtlTest):
         self.assertSame(before, "after rollback")
 
 
-class RoomTest(CtlTest):
+class RoomTest(AroundARunTest):
     def test_check_tells_what_is_free(self):
         told = [f["text"] for f in ctl("check", "--json").findings("ok") if f["subject"] == "room"]
         self.assertRegex(told[0], r"/var/backups/torva-postfix: \d+ MB, \d+ inodes; .*/etc/postfix: \d+ MB")
@@ -265,7 +204,7 @@ class SurroundingsTest(CtlTest):
         add(MASTER_CF, "".join(f"svc{number} unix - - y - - smtp\n" for number in range(3000)))
         self.assertStatus(0, ctl("check", timeout=120)) # one postconf for each would take an hour
 
-    def test_asks_postfix_about_services_once(self):
+    def test_asks_postfix_five_questions_and_about_services_once(self):
         real = Path("/usr/sbin/postconf.real")
         os.rename("/usr/sbin/postconf", real)
         self.addCleanup(os.rename, real, "/usr/sbin/postconf")
@@ -275,6 +214,7 @@ class SurroundingsTest(CtlTest):
         asked = Path("/run/asked").read_text().splitlines()
         whole = [line for line in asked if not line.startswith(("-c ", "-d", "-m"))]
         self.assertEqual(whole, ["-M"])
+        self.assertEqual(len(asked), 5, asked)
 
     def test_tells_what_it_waits_for(self):
         real = Path("/usr/sbin/postconf.real")

@@ -97,23 +97,21 @@ def trailing_blanks():
          (SMTP + SERVICES).replace("\n", "  \n") + POSTLOG.replace("\n", "\t\n") + "   \n\t\n")
 
 
-def braces():
-    """Options in braces, with blanks inside."""
-    both(MAIN + "smtpd_client_restrictions = check_client_access inline:{ {192.0.2.1 = REJECT go away} }\n",
-         SMTP + "  -o { smtpd_recipient_restrictions = permit_mynetworks, reject }\n"
-         "  -o {smtpd_banner=hello there}\n" + SERVICES + POSTLOG.replace("postlogd", "postlogd { -o } { a b }"))
-
-
-def numeric_ports():
-    """Ports as numbers, with and without an address; types in between to shelter."""
-    both(MAIN, "25 inet n - y - - smtpd\n127.0.0.1:587 inet n - y - - smtpd\n"
-         "  -o smtpd_sasl_auth_enable=yes\n" + SERVICES + POSTLOG + "465 inet n - y - - smtpd -o smtpd_tls_wrappermode=yes\n")
-
-
-def address_in_brackets():
-    """Addresses in brackets, which the tool does not parse."""
-    both(MAIN, SMTP + "[::1]:587 inet n - y - - smtpd\n  -o syslog_name=six\n" + SERVICES + POSTLOG +
-         "[127.0.0.1]:465 inet n - y - - smtpd\n")
+def names_and_options():
+    """Ports as numbers, with and without an address; addresses in brackets, which the tool
+    does not parse; options in braces, with blanks inside."""
+    both(MAIN + "smtpd_client_restrictions = check_client_access inline:{ {192.0.2.1 = REJECT go away} }\n", """\
+25 inet n - y - - smtpd
+  -o { smtpd_recipient_restrictions = permit_mynetworks, reject }
+  -o {smtpd_banner=hello there}
+127.0.0.1:587 inet n - y - - smtpd
+  -o smtpd_sasl_auth_enable=yes
+[::1]:587 inet n - y - - smtpd
+  -o syslog_name=six
+""" + SERVICES + POSTLOG.replace("postlogd", "postlogd { -o } { a b }") + """\
+[127.0.0.1]:2465 inet n - y - - smtpd
+465 inet n - y - - smtpd -o smtpd_tls_wrappermode=yes
+""")
 
 
 def duplicates():
@@ -194,6 +192,5 @@ def no_main_cf():
     remove(MAIN_CF)
 
 
-ALL = [stock, crlf, no_final_newline, comments_inside, trailing_blanks, braces, numeric_ports, address_in_brackets, duplicates, links,
-       mode_0640, used_by_the_panel, elsewhere, linked_directory,
-       short_host_name, no_main_cf]
+TEXTS = [crlf, no_final_newline, comments_inside, trailing_blanks, names_and_options, duplicates, short_host_name]
+PLACES = [stock, links, mode_0640, used_by_the_panel, elsewhere, linked_directory, no_main_cf]

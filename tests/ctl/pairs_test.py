@@ -1,7 +1,6 @@
 """preview, apply and rollback on configurations with the oddities of real ones."""
 
 import os
-import tarfile
 from pathlib import Path
 
 import ctlworld
@@ -24,8 +23,12 @@ def order():
     return [key for key in keys if key not in run_s_own and not key.startswith("127.0.0.1:1002")]
 
 
-class PairTest(CtlTest):
-    pass
+class TextTest(CtlTest):
+    """Oddities in the text of the files."""
+
+
+class PlaceTest(CtlTest):
+    """Oddities of where the files are, and of what is beside them."""
 
 
 def promise(lay_out):
@@ -71,8 +74,9 @@ def promise(lay_out):
     return test
 
 
-for lay_out in pairs.ALL:
-    setattr(PairTest, f"test_{lay_out.__name__}", promise(lay_out))
+for suite, laid_out in ((TextTest, pairs.TEXTS), (PlaceTest, pairs.PLACES)):
+    for lay_out in laid_out:
+        setattr(suite, f"test_{lay_out.__name__}", promise(lay_out))
 
 if __name__ == "__main__":
     ctlworld.main()

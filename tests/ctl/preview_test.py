@@ -66,6 +66,7 @@ class PreviewTest(CtlTest):
         self.assertStatus(1, outcome)
 
     def test_leaves_no_process_and_no_mount(self):
+        program(TOOL, "#!/bin/sh\nsetsid sleep 1000 </dev/null >/dev/null 2>&1 &\n")
         mounts = Path("/proc/self/mountinfo").read_text()
         processes = sorted(run("ps", "-eo", "comm=").split())
         self.assertStatus(0, ctl("preview"))
@@ -117,7 +118,8 @@ class CommandLineTest(CtlTest):
         built = checkout / "build/release/bin"
         built.mkdir(parents=True)
         shutil.copy(CTL, built / "torva-postfixctl")
-        shutil.move(TOOL, built / "torva-postfix-setup")
+        remove(TOOL)
+        program(built / "torva-postfix-setup", "#!/bin/sh\n")
         self.assertIn(str(built), run(str(built / "torva-postfixctl"), "check"))
         run(str(built / "torva-postfixctl"), "preview")
         container = ["setpriv", "--bounding-set", "-sys_admin", "--inh-caps", "-sys_admin", "--"]

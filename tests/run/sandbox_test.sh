@@ -347,6 +347,16 @@ test_chroot_has_a_postfix_that_works() {
         2>/dev/null)"
 }
 
+test_chroot_has_every_library_that_postfix_and_a_shell_need() {
+    need_chroot
+    [[ -x /usr/sbin/postconf ]] || skip_test "no Postfix on this machine"
+    expect_equal "not found" "" "$(in_chroot -- sh -c '
+        cd /usr/bin
+        ldd awk bash cat cmp cp diff find grep hostname ls mount sed sort stat tar tr \
+            /usr/sbin/post* /usr/lib/postfix/sbin/* /usr/lib/postfix/*.so* 2>&1 |
+            grep -i -e "not found" -e "no such file" | sort -u' 2>/dev/null || true)"
+}
+
 test_without_namespaces_one_line_and_status_77() {
     need_root_here
     local text status=0

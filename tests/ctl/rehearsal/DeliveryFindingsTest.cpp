@@ -153,6 +153,17 @@ TEST(DeliveryFindingsTest, LinesOfAnotherMessageAreNotTold) {
     EXPECT_EQ(tellAttempt(attempt, log, host).text, "from outside to r: refused: 550 no.");
 }
 
+TEST(DeliveryFindingsTest, WhatServersSayAtTheirStartIsNotTheReasonOfAFault) {
+    const Attempt attempt = refused("from outside to r", {451, "451 4.7.1 Service unavailable"}, 4);
+    const auto log = logOf({"postfix/smtpd[2]: warning: error opening chain file",
+                            "postfix/smtpd[2]: connect from x[192.0.2.1]",
+                            "postfix/smtpd[3]: warning: error opening chain file",
+                            "postfix/smtpd[2]: warning: connect to Milter service y"});
+    EXPECT_EQ(tellAttempt(attempt, log, host).text,
+              "from outside to r: refused: 451 4.7.1 Service unavailable. Log: "
+              "postfix/smtpd[2]: warning: connect to Milter service y");
+}
+
 TEST(DeliveryFindingsTest, RefusedRelayingIsFine) {
     Attempt attempt = refused("relaying", {554, "554 5.7.1 <r>: Relay access denied"}, 0);
     attempt.relaying = true;
@@ -176,9 +187,21 @@ TEST(DeliveryFindingsTest, AcceptedRelayingIsAWarning) {
                   "and smtpd_recipient_restrictions.");
 }
 
+TEST(DeliveryFindingsTest, MessageThatTookNoStepWasNotSent) {
+    Attempt attempt;
+    attempt.what = "from outside to r";
+    attempt.outcome.failure = "no network to the outside: ip: Error: Unknown device type";
+    expectFinding(tellAttempt(attempt, {}, host), Level::warning,
+                  "from outside to r: not sent: no network to the outside: ip: Error: Unknown "
+                  "device type.",
+                  "This tells nothing about mail from outside: rehearse where the kernel has "
+                  "veth(4).");
+}
+
 TEST(DeliveryFindingsTest, ServerThatDoesNotAnswerIsToldWithItsLastWordsFromAnywhere) {
     Attempt attempt;
     attempt.what = "from outside to r";
+    attempt.outcome.step = "greeting";
     attempt.outcome.failure = "port 25 of x: its server cannot start";
     const auto log =
         logOf({"postfix/smtpd[7]: fatal: no SASL authentication mechanisms",

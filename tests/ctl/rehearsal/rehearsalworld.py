@@ -18,6 +18,7 @@ from pathlib import Path
 
 TESTS = Path(__file__).resolve().parents[2]
 SCRIPTS = TESTS.parent / "scripts/lib"
+SANDBOX = TESTS.parent / "scripts/sandbox"
 HOST = "sandbox.example.net"
 POSTFIX = Path("/etc/postfix")
 SPOOL = Path("/var/spool/postfix")
@@ -201,3 +202,38 @@ def wait_until(condition, what):
         if time.monotonic() > deadline:
             raise AssertionError("never happened: " + what)
         time.sleep(0.01)
+
+
+SENDMAIL = "sendmail root"
+LOOPBACK = f"from loopback to root@{HOST}"
+OUTSIDE = f"from outside to postmaster@{HOST}"
+RELAYING = "relaying from outside to somebody@elsewhere.example"
+MESSAGES = (SENDMAIL, LOOPBACK, OUTSIDE, RELAYING)
+
+
+class RehearsalTest(unittest.TestCase):
+    maxDiff = None
+
+    @classmethod
+    def setUpClass(cls):
+        if not KEPT.exists():
+            KEPT.mkdir()
+            make_host()
+
+    def setUp(self):
+        restore()
+        self.addCleanup(lambda: self.assertEqual(processes(), {}, "left running"))
+
+    def assertLevels(self, rehearsed, levels, others=()):
+        """The levels of the four messages, and how the texts of all other findings begin."""
+        self.assertEqual([f["level"] for f in rehearsed.findings[:4]], levels.split(), rehearsed)
+        for finding, message in zip(rehearsed.findings, MESSAGES):
+            self.assertTrue(finding["text"].startswith(message + ": "), rehearsed)
+        rest = rehearsed.findings[4:]
+        self.assertEqual(len(rest), len(others), rehearsed)
+        for finding, start in zip(rest, others):
+            self.assertEqual(finding["level"], "warning", rehearsed)
+            self.assertTrue(finding["text"].startswith(start), rehearsed)
+        self.assertEqual({f["subject"] for f in rehearsed.findings}, {"delivery"}, rehearsed)
+        self.assertFalse([f for f in rehearsed.findings if "\n" in f["text"] + f["advice"]], rehearsed)
+        return rehearsed

@@ -28,12 +28,12 @@ private:
 };
 
 const char* const names[] = {"smtp", "a", "127.0.0.1:10025", "-x_", "yn", "b7", "inet"};
-const char* const types[] = {"inet", "unix", "fifo"};
+const char* const typeWords[] = {"inet", "unix", "fifo"};
 const char* const flags[] = {"y", "n", "-"};
 const char* const numbers[] = {"-", "0", "60", "1000", "4294967295", "2147483648"};
 const char* const wordPieces[] = {"smtpd", "-o", "a=b", "$x", "!", "[]", "?", "7", "-", "y"};
 const char* const blankRuns[] = {" ", "  ", "\t", " \r", "\r", "   \t "};
-const char* const comments[] = {"#", "# text", "## smtp inet n - n - - x", "#\x80\xFF", "#\r"};
+const char* const commentLines[] = {"#", "# text", "## smtp inet n - n - - x", "#\x80\xFF", "#\r"};
 const char* const troubles[] = {"#", "\x80", "SMTP", "\v", "\x7F",      "4294967296",
                                 "?", "\n",   " ",    "_",  "unix-dgram"};
 
@@ -42,7 +42,7 @@ std::string blankLines(Random& random) {
     while (random.once(2)) {
         text += "\n";
         text += random.once(2) ? random.oneOf(blankRuns) : "";
-        text += random.once(2) ? random.oneOf(comments) : "";
+        text += random.once(2) ? random.oneOf(commentLines) : "";
     }
     return text;
 }
@@ -53,12 +53,12 @@ std::string separator(Random& random) {
         return random.oneOf(blankRuns);
     }
     std::string text = random.once(2) ? random.oneOf(blankRuns) : "";
-    text += random.once(2) ? random.oneOf(comments) : "";
+    text += random.once(2) ? random.oneOf(commentLines) : "";
     return text + blankLines(random) + "\n" + random.oneOf(blankRuns);
 }
 
 std::string service(Random& random) {
-    std::string text = random.oneOf(names) + separator(random) + random.oneOf(types);
+    std::string text = random.oneOf(names) + separator(random) + random.oneOf(typeWords);
     const auto field = [&](const std::string& value) {
         text += (random.once(12) ? "" : separator(random)) + value;
     };
@@ -80,7 +80,7 @@ std::string service(Random& random) {
 std::string line(Random& random) {
     switch (random.below(4)) {
     case 0:
-        return (random.once(2) ? random.oneOf(blankRuns) : "") + random.oneOf(comments);
+        return (random.once(2) ? random.oneOf(blankRuns) : "") + random.oneOf(commentLines);
     case 1:
         return random.once(2) ? random.oneOf(blankRuns) : "";
     default:

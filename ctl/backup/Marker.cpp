@@ -9,7 +9,7 @@ namespace torva::ctl {
 
 namespace {
 
-const char name[] = "unfinished";
+const char markerName[] = "unfinished";
 
 } // namespace
 
@@ -17,19 +17,19 @@ Marker readMarker() {
     Marker marker;
     if (Backups::exist()) {
         const process::Descriptor directory = openOwnDirectory(Backups::path);
-        std::istringstream text(readOwnFile(directory.get(), name));
+        std::istringstream text(readOwnFile(directory.get(), markerName));
         text >> marker.verb >> marker.stamp;
     }
     return marker;
 }
 
 void setMarker(Backups& backups, const Marker& marker) {
-    writeOwnFile(backups.directory(), name, marker.verb + " " + marker.stamp + "\n");
+    writeOwnFile(backups.directory(), markerName, marker.verb + " " + marker.stamp + "\n");
 }
 
 void clearMarker(Backups& backups) {
-    removeAll(backups.directory(), std::string(".") + name);
-    removeAll(backups.directory(), name);
+    removeAll(backups.directory(), std::string(".") + markerName);
+    removeAll(backups.directory(), markerName);
     backups.removePartial();
     ::fsync(backups.directory());
 }

@@ -40,7 +40,7 @@ LevelStyle styleOf(Level level) {
     return {"failed", "31"};
 }
 
-void writeAll(int fd, const std::string& text) {
+void print(int fd, const std::string& text) {
     const char* at = text.data();
     std::size_t left = text.size();
     while (left > 0) {
@@ -119,13 +119,13 @@ void Report::findings(const std::vector<Finding>& findings) {
 
 void Report::heading(const std::string& text) {
     if (!json_) {
-        writeAll(STDOUT_FILENO, "\n=== " + text + "\n");
+        print(STDOUT_FILENO, "\n=== " + text + "\n");
     }
 }
 
 void Report::object(const std::vector<Field>& fields, const std::string& line) {
     if (!json_) {
-        writeAll(STDOUT_FILENO, line);
+        print(STDOUT_FILENO, line);
         return;
     }
     nlohmann::ordered_json object;
@@ -137,11 +137,11 @@ void Report::object(const std::vector<Field>& fields, const std::string& line) {
             object[field.name] = textOfBytes(field.text);
         }
     }
-    writeAll(STDOUT_FILENO, object.dump(-1, ' ', true) + '\n');
+    print(STDOUT_FILENO, object.dump(-1, ' ', true) + '\n');
 }
 
 void complain(const std::string& text) {
-    writeAll(STDERR_FILENO, "torva-postfixctl: " + text + '\n');
+    print(STDERR_FILENO, "torva-postfixctl: " + text + '\n');
 }
 
 } // namespace torva::ctl

@@ -101,12 +101,12 @@ TEST_F(LaunchExitTest, StreamOfTheCallersOwnIsWrittenOnce) {
     ::unlink(name);
 }
 
-constexpr int lines = 5000;
+constexpr int lineCount = 5000;
 
 // A file of so many numbered lines, removed already.
 std::FILE* numberedLines() {
     std::FILE* const file = std::tmpfile();
-    for (int line = 0; line < lines; ++line) {
+    for (int line = 0; line < lineCount; ++line) {
         std::fprintf(file, "line %d\n", line);
     }
     std::rewind(file);

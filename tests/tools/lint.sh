@@ -58,14 +58,6 @@ case $linter in
         }
         ;;
     clang-tidy)
-        sources=$(sed -n 's/^ *"file": "\(.*\)".*/\1/p' "$3/compile_commands.json" | sort -u |
-            grep -E "^$PWD/(app|ctl|torva)/")
-        grammar=$PWD/torva/postfix/mastercf/MasterCfParser.cpp
-        # Following every path through the templates of the grammar would take minutes.
-        clang-tidy --quiet -p "$3" --checks='-clang-analyzer-*' "$grammar" 2>&1 |
-            sed '/warnings generated\.$/d'
-        grep -vxF "$grammar" <<<"$sources" | tr '\n' '\0' |
-            xargs -0 -n 1 -P "$(nproc)" clang-tidy --quiet -p "$3" 2>&1 |
-            sed '/warnings generated\.$/d'
+        tests/tools/tidy.py "$2" "$3"
         ;;
 esac

@@ -2,8 +2,11 @@
 # One linter over everything that it concerns:
 #     lint.sh shellcheck|clang-format|man CHECKOUT
 #     lint.sh clang-tidy CHECKOUT BUILD_DIR
-# Exit status 77: the linter is not installed.
+# Exit status 77: the linter is not installed, or of another version than the sources.
 set -euo pipefail
+
+# Each version of these two formats, and complains, in a way of its own.
+clang_version=14
 
 linter=$1
 cd "$2"
@@ -11,6 +14,13 @@ command -v "$linter" >/dev/null || {
     echo "SKIP: $linter is not installed"
     exit 77
 }
+if [[ $linter == clang-* ]]; then
+    version=$("$linter" --version | sed -n 's/.*version \([0-9]*\)\..*/\1/p' | head -n 1)
+    [[ $version == "$clang_version" ]] || {
+        echo "SKIP: $linter is version $version, and the sources follow version $clang_version"
+        exit 77
+    }
+fi
 
 # files FIND-EXPRESSION...: the files of the checkout, each ended by a null byte.
 files() { find . \( -name .git -o -path ./build \) -prune -o -type f "$@" -print0; }

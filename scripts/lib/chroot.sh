@@ -36,6 +36,8 @@ copy_programs() {
     done | copy_listed "$root"
     find /usr/bin /usr/sbin /usr/lib/postfix /usr/lib/locale /usr/lib64 /usr/share/postfix \
         -xdev ! -type d -size -65536k -print0 2>/dev/null | copy_listed "$root" || true
+    # From Debian 13 on, "postfix check" runs a script in Perl.
+    copy_whole "$root" /usr/lib/*-linux-gnu*/perl-base
     mkdir -p "$root/usr/local/bin" "$root/usr/local/sbin"
 }
 

@@ -30,6 +30,8 @@ MASTER_CF = POSTFIX / "master.cf"
 CERTIFICATE = POSTFIX / "postfix_default.pem"
 SPOOL = Path("/var/spool/postfix")
 TORVA = SPOOL / "torva"
+DAEMONS = Path("/usr/lib/postfix/sbin")
+CHROOT_HOOK = "/usr/lib/postfix/configure-instance.sh"
 PANEL_PROGRAMS = Path("/usr/lib/torva-9.0")
 MAILNAMES = Path("/var/qmail/mailnames")
 MAILLOG = Path("/var/log/mailflow.log")
@@ -156,8 +158,10 @@ class World:
             "maillog_file": str(MAILLOG),
             **parameters,
         }
-        text = Path("/usr/share/postfix/main.cf.debian").read_text()
-        MAIN_CF.write_text(text + "".join(f"{name} = {value}\n" for name, value in parameters.items()))
+        # Which parameters that file sets differs, and a second line for one is a warning.
+        lines = Path("/usr/share/postfix/main.cf.debian").read_text().splitlines(keepends=True)
+        kept = "".join(line for line in lines if line.split("=")[0].strip() not in parameters)
+        MAIN_CF.write_text(kept + "".join(f"{name} = {value}\n" for name, value in parameters.items()))
         # Postfix's programs sleep until it is older than about two seconds.
         past = time.time() - 10
         os.utime(MAIN_CF, (past, past))
@@ -176,16 +180,15 @@ class World:
             program=mailflow
             source "$1/messages.sh"
             source "$1/shelter.sh"
-            shelter_services "$2"
+            shelter_services "$2" >&2
             status=0
-            "$3" || status=$?
-            restore_services "$2"
+            "$3" 2>&1 || status=$?
+            restore_services "$2" >&2
             exit "$status"
         """
         environment = {name: value for name, value in os.environ.items() if name != "TORVA_INSTALLER_DEBUG"}
         remove(SHELTER)
-        said = run("bash", "-c", script, "mailflow", SCRIPTS, SHELTER, self.program,
-                   stderr=subprocess.STDOUT, env=environment)
+        said = run("bash", "-c", script, "mailflow", SCRIPTS, SHELTER, self.program, env=environment)
         # A run that reaches the database and finds nothing wrong says nothing.
         if said:
             raise AssertionError("the tool said: " + said)
@@ -211,7 +214,9 @@ class World:
     def start_postfix(self):
         """Starts Postfix the way Debian's service does."""
         self._started = True
-        run("/usr/lib/postfix/configure-instance.sh", "-")
+        # From Debian 13 on, Postfix itself calls it.
+        if CHROOT_HOOK not in (DAEMONS / "post-install").read_text():
+            run(CHROOT_HOOK, "-")
         run("postfix", "start")
         self._wait_for_unix_pickup()
 

@@ -139,10 +139,13 @@ class StockTest(RealTest):
         expected = MASTER_CF.read_text()
         self.assertIn("\n#postlog ", expected)
         expected = replaced(expected, "smtp", "inet", SMTP)
-        expected = replaced(expected, "mailman", "unix", MAILMAN)
         # Stock has a tlsmgr, which stays, and a pickup of another type, which stays beside the new one.
         added = [line for line in PANEL_SERVICES if not line.startswith("tlsmgr ")]
         self.assertEqual(len(added), 6)
+        if re.search(r"^mailman\s", expected, re.MULTILINE):
+            expected = replaced(expected, "mailman", "unix", MAILMAN)
+        else:
+            added.insert(1, MAILMAN)  # Debian 13 has none; it is the second that a run puts in
         self.assertCompleted(self.world.run())
         self.assertEqual(MASTER_CF.read_text(), expected + "\n" + "".join(line + "\n" for line in added))
         self.assertEqual(MASTER_CF.stat().st_mode & 0o7777, 0o644)

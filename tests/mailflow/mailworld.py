@@ -27,6 +27,7 @@ OUTSIDE_ADDRESS = "192.0.2.20"
 POSTFIX = Path("/etc/postfix")
 MAIN_CF = POSTFIX / "main.cf"
 MASTER_CF = POSTFIX / "master.cf"
+STOCK_MASTER_CF = Path("/usr/share/postfix/master.cf.dist")
 CERTIFICATE = POSTFIX / "postfix_default.pem"
 SPOOL = Path("/var/spool/postfix")
 TORVA = SPOOL / "torva"
@@ -142,7 +143,7 @@ class World:
 
     def _install_postfix(self, parameters):
         """The two files as Debian's package writes them for an "Internet Site"."""
-        shutil.copy("/usr/share/postfix/master.cf.dist", MASTER_CF)
+        shutil.copy(STOCK_MASTER_CF, MASTER_CF)
         parameters = {
             "smtpd_relay_restrictions": "permit_mynetworks permit_sasl_authenticated defer_unauth_destination",
             "myhostname": HOST,
@@ -189,7 +190,9 @@ class World:
         environment = {name: value for name, value in os.environ.items() if name != "TORVA_INSTALLER_DEBUG"}
         remove(SHELTER)
         said = run("bash", "-c", script, "mailflow", SCRIPTS, SHELTER, self.program, env=environment)
-        # A run that reaches the database and finds nothing wrong says nothing.
+        # A run that reaches the database and finds nothing wrong says nothing; from Postfix
+        # 3.11 on, postalias warns of each index of type hash.
+        said = re.sub(r"(?m)^postalias: warning: .*\n", "", said)
         if said:
             raise AssertionError("the tool said: " + said)
 
@@ -299,6 +302,9 @@ class MailTest(unittest.TestCase):
         # Debian's "pickup" of type unix stands beside the tool's of type fifo, and
         # both mean the path public/pickup, which the later one, the fifo, takes over.
         "master_wakeup_timer_event: service pickup(public/pickup): Connection refused",
+        # From Postfix 3.11 on, of each table of type hash.
+        "hash/btree support is deprecated",
+        "NON_BERKELEYDB_README",
     )
 
     @classmethod

@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <vector>

@@ -31,6 +31,10 @@ struct Verdict {
     int status = 0;
     std::string text;
 };
+
+/// Runs "postfix check". It makes missing directories of the queue. The files of
+/// Postfix's chroot stay as they are, although Debian's Postfix would refresh them; only
+/// where root may make no namespaces does it do so.
 Verdict postfixCheck();
 
 } // namespace torva::ctl

@@ -58,6 +58,8 @@ copy_programs() {
     copy_whole "$root" "$shell" /usr/lib/postfix /usr/share/postfix /usr/sbin/post*
     needed_libraries "$shell" /usr/sbin/post* /usr/lib/postfix/*.so* /usr/lib/postfix/sbin/* "$@" |
         copy_listed "$root"
+    # From Debian 13 on, "postfix check" runs a script in Perl.
+    copy_whole "$root" /usr/lib/*-linux-gnu*/perl-base
     mkdir -p "$root/usr/local/bin" "$root/usr/local/sbin"
 }
 

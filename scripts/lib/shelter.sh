@@ -16,24 +16,30 @@ foreign_services() {
     postconf -M | awk '/^[^ \t#]/ && $2 !~ /^(inet|unix|fifo)$/ { print $1 "/" $2 }'
 }
 
-# shelter_services STORE: comments those services out with Postfix's own postconf.
-# The directory STORE keeps master.cf as it was before and after that.
+# shelter_services STORE: comments those services out, and nothing else: what postconf
+# makes of the file differs between its versions. The directory STORE keeps master.cf as
+# it was before and after that.
 shelter_services() {
-    local store=$1 file services
+    local store=$1 file
     file=$(master_cf)
     mkdir -p "$store"
     cp -p "$file" "$store/before"
-    # By way of a file: a chroot has no /proc, so no process substitution.
-    foreign_services >"$store/services"
-    mapfile -t services <"$store/services"
-    if ((${#services[@]})); then
-        postconf -M# "${services[@]}"
-        # postconf leaves a new file, with a mode and an owner of its own.
-        chmod --reference="$store/before" "$file"
-        chown --reference="$store/before" "$file"
-    fi
-    cp -p "$file" "$store/sheltered"
+    cp -p "$file" "$store/sheltered" # for its mode and owner
+    [[ -n $(foreign_services) ]] || return 0
+    LC_ALL=C awk '
+        # A comment or an empty line ends no entry, see master(5).
+        /^[ \t\r]*(#|$)/ { print; next }
+        /^[^ \t\r]/ { foreign = $2 !~ /^(inet|unix|fifo)$/ }
+        { print (foreign ? "#" : "") $0 }
+    ' "$store/before" >"$store/sheltered"
+    keep_end_of_file "$store/before" "$store/sheltered"
+    cp -p "$store/sheltered" "$store/result"
+    mv "$store/result" "$file"
 }
+
+# keep_end_of_file FROM TO: takes the last line end off TO when FROM has none; awk
+# always ends the last line.
+keep_end_of_file() { [[ -z $(tail -c 1 "$1") ]] || truncate -s -1 "$2"; }
 
 # restore_services STORE: makes the lines that were commented out what they were,
 # in place, in a master.cf that may have changed around them since. A line is known
@@ -58,7 +64,6 @@ restore_services() {
         END { exit wanted != 0 }
     ' "$store/before" "$store/sheltered" "$file" >"$store/result" ||
         die "$file: a sheltered line is gone"
-    # awk always ends the last line.
-    [[ -z $(tail -c 1 "$file") ]] || truncate -s -1 "$store/result"
+    keep_end_of_file "$file" "$store/result"
     cmp -s "$store/result" "$file" || mv "$store/result" "$file"
 }

@@ -71,7 +71,7 @@ class ActivationTest(CtlTest):
         outcome = self.assertStatus(1, ctl("apply", "--reload", "--json"))
         self.assertEqual([f["subject"] for f in outcome.findings("failed")], ["reload", "apply"])
         self.assertFalse(listens())
-        self.assertEqual(run("postfix", "status", check=False).strip().splitlines()[-1:], [])
+        run("postfix", "status")  # fails unless it is running
         self.assertPickedUp("after a failed apply")
 
     def test_after_an_apply_that_was_ended_when_it_had_activated(self):

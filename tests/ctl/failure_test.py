@@ -75,6 +75,7 @@ class ApplyFailsTest(CtlTest):
         self.assertSame(self.before, "restored")
 
     def test_postfix_check_that_fails(self):
+        run("postfix", "check")  # makes the directory where Postfix has never been started
         run("chown", "daemon", "/var/spool/postfix/active")
         self.addCleanup(run, "chown", "postfix", "/var/spool/postfix/active")
         self.before = tree()

@@ -1,6 +1,7 @@
 """torva-postfixctl preview, and what all verbs share on the command line."""
 
 import os
+import re
 import shutil
 from pathlib import Path
 
@@ -33,13 +34,14 @@ class PreviewTest(CtlTest):
         self.assertIn("debug 1, input 0\ntype inet\ntype unix\n\n", self.assertStatus(0, ctl("preview")).out)
 
     def test_shows_everything_for_people(self):
+        aliases = re.escape(run("postconf", "-h", "alias_maps").strip())  # differs between releases of Debian
         out = self.assertStatus(0, ctl("preview")).out
         self.assertRegex(out, r"(?m)^\+ virtual_transport = torva_virtual$")
-        self.assertRegex(out, r"(?m)^- alias_maps = hash:/etc/aliases\n\+ alias_maps = hash:/etc/aliases, hash:")
+        self.assertRegex(out, rf"(?m)^- alias_maps = {aliases}\n\+ alias_maps = {aliases}, hash:")
         self.assertRegex(out, r"(?m)^\+torva_virtual unix ")
         self.assertNotRegex(out, r"(?m)^[-+]#?postlog")
         self.assertRegex(out, r"(?m)^created  -rw-r--r-- root:root +\d+ /var/spool/postfix/torva/virtual.db$")
-        self.assertRegex(out, r"(?m)^exit status 0$")
+        self.assertRegex(out, r"(?m)^exit status 0(: \S+: warning: .*)?$")  # newer ones warn of settings
         self.assertRegex(out, r"(?m)^warning  service .*torva_saslauthd")
 
     def test_shows_everything_for_programs(self):

@@ -343,7 +343,7 @@ test_chroot_has_a_postfix_that_works() {
     need_chroot
     [[ -x /usr/sbin/postconf ]] || skip_test "no Postfix on this machine"
     expect_equal "value" "chroot works" "$(in_chroot -- sh -c '
-        postconf -e "mail_name = chroot works" && postfix check && postconf -h mail_name' \
+        postconf -e "mail_name = chroot works" && postfix check >&2 && postconf -h mail_name' \
         2>/dev/null)"
 }
 

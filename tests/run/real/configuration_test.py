@@ -88,7 +88,7 @@ class RealTest(RunTest):
 
     def query(self, key, table="virtual"):
         run = self.world.tool("/usr/sbin/postmap", "-q", key, f"hash:{TORVA / table}", check=False)
-        self.assertEqual(run.stderr, "")
+        self.assertEqual([line for line in run.stderr.splitlines() if ": warning: " not in line], [])
         return run.stdout.rstrip("\n") if run.returncode == 0 else None
 
     def assertPostfixAccepts(self):
@@ -139,10 +139,13 @@ class StockTest(RealTest):
         expected = MASTER_CF.read_text()
         self.assertIn("\n#postlog ", expected)
         expected = replaced(expected, "smtp", "inet", SMTP)
-        expected = replaced(expected, "mailman", "unix", MAILMAN)
         # Stock has a tlsmgr, which stays, and a pickup of another type, which stays as well.
         added = [line for line in PANEL_SERVICES if not line.startswith("tlsmgr ")]
         self.assertEqual(len(added), 6)
+        if re.search(r"^mailman\s", expected, re.MULTILINE):
+            expected = replaced(expected, "mailman", "unix", MAILMAN)
+        else:
+            added.insert(1, MAILMAN)  # Debian 13 has none; it is the second that a run puts in
         self.assertCompleted(self.world.run())
         self.assertEqual(MASTER_CF.read_text(), expected + "\n" + "".join(line + "\n" for line in added))
         self.assertEqual(MASTER_CF.stat().st_mode & 0o7777, 0o644)
@@ -283,8 +286,12 @@ class OtherMainCfTest(RealTest):
         MASTER_CF.write_text(replaced(MASTER_CF.read_text(), "postlog", "unix-dgram", "#postlog"))
         self.assertCompleted(self.world.run())
         values = self.world.values()
-        self.assertEqual(values["alias_maps"], "hash:/etc/aliases, hash:/var/spool/postfix/torva/aliases")
-        self.assertEqual(values["alias_database"], "hash:/etc/aliases")
+        defaults = [self.world.tool("/usr/sbin/postconf", "-d", "-h", name).stdout.strip()
+                    for name in ("alias_maps", "alias_database")]
+        indexed = defaults[0].replace(", nis:mail.aliases", "")
+        self.assertRegex(indexed, r"\A\S+:/etc/aliases\Z")
+        self.assertEqual(values["alias_maps"], indexed + ", hash:/var/spool/postfix/torva/aliases")
+        self.assertEqual(values["alias_database"], defaults[1])
         # Here it has Postfix's own default, which becomes the narrow list.
         self.assertEqual(values["mynetworks"], LOCAL_NETWORKS)
         self.assertEqual({name: values[name] for name in ("virtual_transport", "smtpd_recipient_restrictions")},

@@ -3,6 +3,7 @@
 #include "torva/libc/Child.h"
 
 #include <cerrno>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 

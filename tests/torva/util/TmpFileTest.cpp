@@ -7,6 +7,7 @@
 #include "torva/util/TempDirectory.h"
 
 #include <cerrno>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>

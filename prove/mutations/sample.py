@@ -4,6 +4,7 @@ import random
 import time
 import tomllib
 from dataclasses import dataclass
+from itertools import islice
 from pathlib import Path
 
 from rules import mistakes
@@ -26,6 +27,9 @@ class Mistake:
 
     def apply(self, text):
         return text[:self.start] + self.new + text[self.end:]
+
+    def change(self):
+        return f"{self.file}:{self.line}: {self.rule}: {self.before}  =>  {self.after}"
 
 
 def one_line(text):
@@ -53,8 +57,13 @@ def all_by_line(tree):
     return lines
 
 
-def drawn(lines, seed):
-    """Without an end, none twice: first a line, then one of its mistakes."""
+def drawn(lines, seed, first=1, every=1):
+    """All of them, none twice, every so-manieth from the first on."""
+    return islice(drawn_all(lines, seed), first - 1, None, every)
+
+
+def drawn_all(lines, seed):
+    """First a line, then one of its mistakes."""
     source, places, seen = random.Random(seed), sorted(lines), set()
     total = sum(len(ones) for ones in lines.values())
     while len(seen) < total:
@@ -80,8 +89,8 @@ class Equivalents:
 class Sampler:
     """Tries mistakes out on a working copy."""
 
-    def __init__(self, copy, asker):
-        self.copy, self.asker = copy, asker
+    def __init__(self, copy, asker, say):
+        self.copy, self.asker, self.say = copy, asker, say
 
     def try_out(self, one):
         """What catches it, "" for nothing, None when it is no mistake: it does not compile, or
@@ -116,33 +125,38 @@ class Sampler:
         return "" if changed else None
 
 
-def run(copy, asker, number, seed, say, stop, only):
-    """Draws, and tries out those that have one of the texts. The numbers of the caught, of the argued and the survivors."""
-    lines = all_by_line(copy.tree)
-    say(f"{sum(map(len, lines.values()))} mistakes can be made on {len(lines)} lines")
-    equivalents, sampler = Equivalents(lines), Sampler(copy, asker)
-    for file, before, after in equivalents.stale:
-        say(f"no such mistake any more, though argued equivalent: {file}: {before} => {after}")
-    caught, argued, survivors, redrawn = 0, 0, [], 0
-    for one in drawn(lines, seed):
-        if caught + argued + len(survivors) == number or stop():
-            break
+    def judge(self, one):
+        """What try_out gives, and tells it."""
         begin = time.monotonic()
-        change = f"{one.file}:{one.line}: {one.rule}: {one.before}  =>  {one.after}"
-        if not any(text in change for text in only):
+        answer = self.try_out(one)
+        if answer is not None:
+            self.say(f"{'caught' if answer else 'SURVIVED'} ({time.monotonic() - begin:.0f} s): {one.change()}{': ' + answer if answer else ''}")
+        return answer
+
+
+def run(sampler, options, stop):
+    """Draws, and tries out those that are asked for. The numbers of the caught and of the argued, and the survivors."""
+    lines = all_by_line(sampler.copy.tree)
+    sampler.say(f"{sum(map(len, lines.values()))} mistakes can be made on {len(lines)} lines")
+    equivalents, only = Equivalents(lines), options.only or [""]
+    for file, before, after in equivalents.stale:
+        sampler.say(f"no such mistake any more, though argued equivalent: {file}: {before} => {after}")
+    caught, argued, survivors, redrawn = 0, 0, [], 0
+    for one in drawn(lines, options.seed, *options.part):
+        if caught + argued + len(survivors) == options.sample or stop():
+            break
+        if not any(text in one.change() for text in only):
             continue
         if reason := equivalents.reason(one):
             argued += 1
-            say(f"equivalent: {change} ({reason})")
+            sampler.say(f"equivalent: {one.change()} ({reason})")
             continue
-        answer = sampler.try_out(one)
+        answer = sampler.judge(one)
         if answer is None:
             redrawn += 1
-            continue
-        if answer:
+        elif answer:
             caught += 1
         else:
-            survivors.append(change)
-        say(f"{'caught' if answer else 'SURVIVED'} ({time.monotonic() - begin:.0f} s): {change}{': ' + answer if answer else ''}")
-    say(f"{redrawn} drawn again: they do not compile, or the programs are the same")
+            survivors.append(one.change())
+    sampler.say(f"{redrawn} drawn again: they do not compile, or the programs are the same")
     return caught, argued, survivors

@@ -1,4 +1,5 @@
 // The plain functions free by hand: nothing of theirs stays allocated.
+#include "support/AllocationFaults.h"
 #include "torva/libc/Child.h"
 #include "torva/libc/HeapCensus.h"
 #include "torva/libc/interfaces.h"
@@ -57,6 +58,36 @@ TEST_F(LeakTest, ANameThatIsSetAgainLeavesNothingOfItsOldValue) {
     const std::string value(200, 'x');
     EXPECT_EQ(bytesLeftBy([&] { panel_conf_put(file, "A", 1, value.data(), value.size()); }), 0U);
     panel_conf_free(file);
+}
+
+TEST_F(LeakTest, MemoryThatRunsOutLeavesNothingOfWhatWasTakenBefore) {
+    const auto usual = torva_log;
+    torva_log = silent;
+    const std::string name(400, 'n');
+    const std::string value(200, 'v');
+    panel_conf_file* file = panel_conf_new();
+    EXPECT_EQ(bytesLeftBy([&] {
+                  const torva::test::AllocationFaults no_copy_of_the_name(401, 401);
+                  panel_conf_put(file, name.data(), name.size(), value.data(), value.size());
+              }),
+              0U);
+    EXPECT_EQ(file->count, 0U);
+    panel_conf_free(file);
+    EXPECT_EQ(bytesLeftBy([] {
+                  const std::size_t pairs = 20 * sizeof(panel_conf_pair);
+                  const torva::test::AllocationFaults no_pairs(pairs, pairs);
+                  panel_conf_free(panel_conf_new());
+              }),
+              0U);
+    std::string text = name + " " + value + "\n";
+    EXPECT_EQ(bytesLeftBy([&] {
+                  const torva::test::AllocationFaults no_copy_of_the_name(401, 401);
+                  std::FILE* stream = ::fmemopen(text.data(), text.size(), "r");
+                  EXPECT_EQ(panel_conf_parse(stream), nullptr);
+                  std::fclose(stream);
+              }),
+              0U);
+    torva_log = usual;
 }
 
 TEST_F(LeakTest, MessagesLeaveNothing) {

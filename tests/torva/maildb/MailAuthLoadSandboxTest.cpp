@@ -1,5 +1,5 @@
 // Two processes at once, killed writers, hostile bytes and long lists.
-#include "torva/maildb/AllocationFaults.h"
+#include "support/AllocationFaults.h"
 #include "torva/maildb/AuthDatabase.h"
 #include "torva/maildb/Files.h"
 

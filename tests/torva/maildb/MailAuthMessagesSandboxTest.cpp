@@ -1,5 +1,5 @@
 // What each operation sends, and what it says when it fails.
-#include "torva/maildb/AllocationFaults.h"
+#include "support/AllocationFaults.h"
 #include "torva/maildb/AuthDatabase.h"
 #include "torva/maildb/Files.h"
 

@@ -1,6 +1,6 @@
 #include "torva/maildb/panel_db.h"
 
-#include "torva/maildb/AllocationFaults.h"
+#include "support/AllocationFaults.h"
 #include "torva/maildb/CapturedLog.h"
 #include "torva/maildb/Files.h"
 #include "torva/maildb/MysqlProxy.h"

@@ -60,6 +60,10 @@ int fchown(int fd, uid_t owner, gid_t group) noexcept {
     return fails("fchown", "") ? -1 : static_cast<int>(::syscall(SYS_fchown, fd, owner, group));
 }
 
+int link(const char* from, const char* to) noexcept {
+    return fails("link", from) ? -1 : ::linkat(AT_FDCWD, from, AT_FDCWD, to, 0);
+}
+
 int rename(const char* from, const char* to) noexcept {
     return fails("rename", from) ? -1 : ::renameat(AT_FDCWD, from, AT_FDCWD, to);
 }

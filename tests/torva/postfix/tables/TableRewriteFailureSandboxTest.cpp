@@ -130,6 +130,48 @@ TEST_F(TableRewriteFailureTest, OtherNamesOfTheSourceAreItsOwnAgain) {
     ::unlink(other.c_str());
 }
 
+TEST_F(TableRewriteFailureTest, SourceThatCannotHaveASecondNameComesBackAsACopy) {
+    for (const int error : {EPERM, EMLINK}) {
+        SCOPED_TRACE(error);
+        const CallHook hook([error](const std::string& called, const std::string&) {
+            return called == "link" ? error : 0;
+        });
+        const FakeTool fake(postmap, failingRebuild_);
+        const Seen before(source);
+        EXPECT_THROW(removeDomain(), PostfixConfigurationError);
+        const Seen now(source);
+        expectSame(now, before);
+        EXPECT_NE(now.status.st_ino, before.status.st_ino);
+        EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
+    }
+}
+
+TEST_F(TableRewriteFailureTest, SourceThatCannotHaveASecondNameIsRewrittenAsAnyOther) {
+    const CallHook hook(
+        [](const std::string& called, const std::string&) { return called == "link" ? EPERM : 0; });
+    removeDomain();
+    EXPECT_EQ(contentOf(source), "user@e.net\tb@e.net\n");
+    EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
+}
+
+TEST_F(TableRewriteFailureTest, LinkThatIsSwappedInBeforeTheSourceIsKeptEndsTheRewrite) {
+    const std::string victim = "/var/spool/postfix/victim";
+    writeFile(victim, "secret\n");
+    const Seen before(victim);
+    const CallHook hook([&](const std::string& called, const std::string&) {
+        if (called == "link") {
+            ::unlink(source.c_str());
+            EXPECT_EQ(::symlink(victim.c_str(), source.c_str()), 0);
+        }
+        return 0;
+    });
+    EXPECT_EQ(messageOf<torva::SystemError>(&removeDomain),
+              "open: Too many levels of symbolic links");
+    expectSame(Seen(victim), before);
+    EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
+    ::unlink(victim.c_str());
+}
+
 TEST_F(TableRewriteFailureTest, EmptySourceComesBackEmpty) {
     createTable(table, {});
     makeOld(source, 1000000000);
@@ -139,8 +181,14 @@ TEST_F(TableRewriteFailureTest, EmptySourceComesBackEmpty) {
 
 TEST_F(TableRewriteFailureTest, AccessTimesComeBackToo) {
     const FakeTool fake(postmap, failingRebuild_);
-    EXPECT_THROW(removeDomain(), PostfixConfigurationError);
-    EXPECT_EQ(statusOf(source).st_atim.tv_sec, 1000000000);
+    for (const int linkError : {0, EPERM}) {
+        makeOld(source, 1000000000);
+        const CallHook hook([linkError](const std::string& called, const std::string&) {
+            return called == "link" ? linkError : 0;
+        });
+        EXPECT_THROW(removeDomain(), PostfixConfigurationError);
+        EXPECT_EQ(statusOf(source).st_atim.tv_sec, 1000000000);
+    }
     // Our own reading of the index is the last that it has seen.
     EXPECT_GE(statusOf(index_).st_atim.tv_sec, 1000000007);
 }

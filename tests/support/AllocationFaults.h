@@ -38,6 +38,16 @@ public:
     };
 };
 
+/// While it exists, an allocation that succeeds leaves errno at a value of its own, as
+/// malloc(3) may.
+class DisturbedErrno {
+public:
+    explicit DisturbedErrno(int error);
+    ~DisturbedErrno();
+    DisturbedErrno(const DisturbedErrno&) = delete;
+    DisturbedErrno& operator=(const DisturbedErrno&) = delete;
+};
+
 /// Counts the blocks with a text in them that are freed while it exists. There is one at
 /// a time.
 class FreedTexts {

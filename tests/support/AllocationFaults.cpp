@@ -1,4 +1,4 @@
-#include "torva/maildb/AllocationFaults.h"
+#include "support/AllocationFaults.h"
 
 #include <cerrno>
 #include <cstring>
@@ -10,6 +10,8 @@ namespace {
 
 std::size_t smallest_failing = SIZE_MAX;
 std::size_t largest_failing = 0; // an empty range: nothing fails
+
+int left_errno = 0; // 0: errno is left alone
 
 const char* watched_text = nullptr;
 int freed_texts = 0;
@@ -47,6 +49,14 @@ AllocationFaults::Pause::~Pause() {
     largest_failing = largest_;
 }
 
+DisturbedErrno::DisturbedErrno(int error) {
+    left_errno = error;
+}
+
+DisturbedErrno::~DisturbedErrno() {
+    left_errno = 0;
+}
+
 #if !defined(__SANITIZE_ADDRESS__)
 namespace {
 
@@ -56,6 +66,13 @@ bool fails(std::size_t size) {
     }
     errno = ENOMEM;
     return true;
+}
+
+void* handed_out(void* memory) {
+    if (memory != nullptr && left_errno != 0) {
+        errno = left_errno;
+    }
+    return memory;
 }
 
 void look_at_freed(void* memory) {
@@ -82,15 +99,17 @@ void __libc_free(void* memory);
 // NOLINTEND(bugprone-reserved-identifier)
 
 void* malloc(std::size_t size) {
-    return torva::test::fails(size) ? nullptr : __libc_malloc(size);
+    return torva::test::fails(size) ? nullptr : torva::test::handed_out(__libc_malloc(size));
 }
 
 void* calloc(std::size_t count, std::size_t size) {
-    return torva::test::fails(count * size) ? nullptr : __libc_calloc(count, size);
+    return torva::test::fails(count * size) ? nullptr
+                                            : torva::test::handed_out(__libc_calloc(count, size));
 }
 
 void* realloc(void* memory, std::size_t size) {
-    return torva::test::fails(size) ? nullptr : __libc_realloc(memory, size);
+    return torva::test::fails(size) ? nullptr
+                                    : torva::test::handed_out(__libc_realloc(memory, size));
 }
 
 void free(void* memory) {

@@ -1,6 +1,7 @@
 #include "torva/maildb/panel_db.h"
 
 #include "support/AllocationFaults.h"
+#include "torva/libc/HeapCensus.h"
 #include "torva/maildb/CapturedLog.h"
 #include "torva/maildb/Files.h"
 #include "torva/maildb/MysqlProxy.h"
@@ -258,6 +259,25 @@ TEST_F(PanelDb, AListOf200000RowsComesOutWhole) {
     for (std::size_t i = 0; i < values.size(); ++i) {
         ASSERT_EQ(std::to_string(i + 1), values[i]);
     }
+}
+
+TEST_F(PanelDb, QueriesLeaveNothingAllocated) {
+    if (!allocation_faults_work) {
+        GTEST_SKIP() << "the sanitizer's allocator keeps no books of this kind";
+    }
+    const Connection connection = connect();
+    const auto everything = [&] {
+        for (const auto& query :
+             {"SELECT REPEAT('x', 500) FROM seq_1_to_3", "SELECT seq FROM seq_1_to_3 WHERE seq > 3",
+              "SELECT none FROM at_all"}) {
+            List list;
+            db_query_list(connection.get(), query, list.out());
+        }
+        List names;
+        EXPECT_EQ(0, db_get_mail_names(connection.get(), "d.example", names.out()));
+        log.take();
+    };
+    EXPECT_EQ(0U, bytesLeftBy(everything));
 }
 
 TEST_F(PanelDb, NoMemoryForTheQueryIsReported) {

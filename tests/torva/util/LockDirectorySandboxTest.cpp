@@ -176,6 +176,24 @@ TEST_F(LockDirectorySandboxTest, OneOfOursThatOthersMayReadIsClosedToThem) {
     }
 }
 
+TEST_F(LockDirectorySandboxTest, TheHandleIsTheOnlyDescriptorAndNoneIsLeftAfterIt) {
+    const auto before = openDescriptors();
+    for (const mode_t mode : {0700, 0755}) { // the second one is closed to others first
+        ASSERT_EQ(std::system("rm -rf /var/lock/files"), 0);
+        makeDirectory(mode);
+        writeFile(lockFile, "");
+        {
+            const Handle handle(file_lock_try(name, 1), &file_lock_free);
+            auto during = before;
+            during.insert(handle->fd);
+            EXPECT_EQ(openDescriptors(), during);
+            EXPECT_NE(thrownFor(LockMode::fail), "");
+            EXPECT_EQ(openDescriptors(), during);
+        }
+        EXPECT_EQ(openDescriptors(), before);
+    }
+}
+
 TEST_F(LockDirectorySandboxTest, ADirectoryThatCannotBeClosedToOthersIsAnError) {
     makeDirectory(0755);
     const Outcome outcome = inChild([] {

@@ -212,6 +212,23 @@ TEST_F(TableRewriteFailureTest, LinkOfTheAdministratorStaysOneWhetherItFailsOrNo
     ::unlink(elsewhere.c_str());
 }
 
+TEST_F(TableRewriteFailureTest, LinkThatGoesBeforeItIsFollowedEndsTheRewrite) {
+    const std::string elsewhere = "/var/spool/postfix/elsewhere";
+    ASSERT_EQ(::rename(source.c_str(), elsewhere.c_str()), 0);
+    ASSERT_EQ(::symlink("../elsewhere", source.c_str()), 0);
+    const Seen before(elsewhere);
+    const CallHook hook([](const std::string& called, const std::string& path) {
+        if (called == "readlink") {
+            ::unlink(path.c_str());
+        }
+        return 0;
+    });
+    EXPECT_EQ(messageOf<torva::SystemError>(&removeDomain), "stat: No such file or directory");
+    expectSame(Seen(elsewhere), before);
+    EXPECT_THAT(namesIn(directory), ElementsAre("virtual.db"));
+    ::unlink(elsewhere.c_str());
+}
+
 TEST_F(TableRewriteFailureTest, LinkOfTheAdministratorToTheIndexStaysOne) {
     const std::string elsewhere = "/var/spool/postfix/elsewhere.db";
     ASSERT_EQ(::rename(index_.c_str(), elsewhere.c_str()), 0);

@@ -1,0 +1,94 @@
+// Locks, traces, scratch files and printed errors leave nothing allocated.
+#include "torva/libc/Child.h"
+#include "torva/libc/HeapCensus.h"
+#include "torva/util/AutocleanOFStream.h"
+#include "torva/util/FatalError.h"
+#include "torva/util/FileLock.h"
+#include "torva/util/TempDirectory.h"
+#include "torva/util/TmpFile.h"
+#include "torva/util/Traceback.h"
+
+#include <functional>
+#include <gtest/gtest.h>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+
+using torva::LockMode;
+using torva::Traceback;
+using torva::test::bytesLeftBy;
+using torva::test::inChild;
+using torva::test::TempDirectory;
+
+namespace {
+
+class TracedError : public std::runtime_error, public Traceback {
+public:
+    TracedError() : std::runtime_error("traced"), Traceback(0) {}
+};
+
+class LeakTest : public testing::Test {
+protected:
+    void SetUp() override {
+        if (TORVA_TEST_ASAN != 0) {
+            GTEST_SKIP() << "the sanitizer's allocator keeps no books of this kind";
+        }
+    }
+
+    const TempDirectory directory_;
+    const std::string path_ = directory_ / "a name that is longer than any small string";
+};
+
+std::string printed(const Traceback& trace) {
+    std::ostringstream text;
+    trace.print(text);
+    return text.str();
+}
+
+} // namespace
+
+TEST_F(LeakTest, ALockThatIsReleasedLeavesNothing) {
+    EXPECT_EQ(bytesLeftBy([this] {
+                  file_lock* handle = torva::lock(path_, false, LockMode::fail);
+                  file_lock_free(handle);
+              }),
+              0U);
+}
+
+TEST_F(LeakTest, ALockThatIsRefusedLeavesNothing) {
+    file_lock* held = torva::lock(path_, false, LockMode::fail);
+    EXPECT_EQ(bytesLeftBy([this] {
+                  EXPECT_THROW(torva::lock(path_, false, LockMode::fail), std::runtime_error);
+              }),
+              0U);
+    file_lock_free(held);
+}
+
+TEST_F(LeakTest, ATraceThatWasPrintedCopiedAndAssignedLeavesNothing) {
+    EXPECT_EQ(bytesLeftBy([] {
+                  const Traceback original(0);
+                  printed(original);
+                  Traceback copy(original);
+                  printed(copy);
+                  copy = original; // and forgets the symbols that it had
+                  printed(copy);
+              }),
+              0U);
+}
+
+TEST_F(LeakTest, AnErrorThatIsPrintedLeavesNothing) {
+    EXPECT_EQ(inChild([] {
+                  return bytesLeftBy([] { torva::printFatalError(TracedError()); }) == 0 ? 0 : 1;
+              }).exited,
+              0);
+}
+
+TEST_F(LeakTest, ScratchFilesLeaveNothing) {
+    EXPECT_EQ(bytesLeftBy([this] {
+                  torva::TmpFile file(path_);
+                  file << "text";
+                  file.commit();
+                  torva::AutocleanOFStream(file.path()) << "text";
+              }),
+              0U);
+}

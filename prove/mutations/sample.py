@@ -1,8 +1,10 @@
 """Mistakes by rule: all that can be made, a sample of them, and those that are argued to be none."""
 
 import random
+import re
 import time
 import tomllib
+from collections import Counter
 from dataclasses import dataclass
 from itertools import islice
 from pathlib import Path
@@ -74,16 +76,42 @@ def drawn_all(lines, seed):
 
 
 class Equivalents:
-    """Found by file and text, so that they stay what they are when lines move."""
+    """Found by file and text, so that they stay what they are when lines move. An argument is
+    for one place unless it says for how many."""
 
     def __init__(self, lines):
-        listed = tomllib.loads(EQUIVALENTS.read_text())["equivalent"]
-        self.reasons = {(one["file"], one["before"], one["after"]): one["why"] for one in listed}
-        known = {(one.file, one.before, one.after) for ones in lines.values() for one in ones}
-        self.stale = [key for key in self.reasons if key not in known]
+        self.listed = tomllib.loads(EQUIVALENTS.read_text())["equivalent"]
+        self.reasons = {self._key(one): one["why"] for one in self.listed}
+        self.places = Counter((one.file, one.before, one.after) for ones in lines.values() for one in ones)
+
+    @staticmethod
+    def _key(one):
+        return one["file"], one["before"], one["after"]
+
+    def complaints(self):
+        for one in self.listed:
+            found, wanted = self.places[self._key(one)], one.get("places", 1)
+            if found != wanted:
+                yield f"in {found} places and not in {wanted}: {one['file']}: {one['before']} => {one['after']}"
+        for key, number in Counter(map(self._key, self.listed)).items():
+            if number > 1:
+                yield f"listed {number} times: {key[0]}: {key[1]} => {key[2]}"
 
     def reason(self, one):
         return self.reasons.get((one.file, one.before, one.after))
+
+
+def survivors_of(log, lines):
+    """The mistakes that an earlier sample has printed as survivors, wherever their text stands now."""
+    by_text = {}
+    for ones in lines.values():
+        for one in ones:
+            by_text.setdefault((one.file, one.change().split(": ", 1)[1]), []).append(one)
+    for line in log.read_text().splitlines():
+        if found := re.match(r"SURVIVED \(\d+ s\): (\S+?):(\d+): (.*)", line):
+            file, number, text = found[1], int(found[2]), found[3]
+            if known := by_text.get((file, text)):
+                yield min(known, key=lambda one: abs(one.line - number))
 
 
 class Sampler:
@@ -139,10 +167,11 @@ def run(sampler, options, stop):
     lines = all_by_line(sampler.copy.tree)
     sampler.say(f"{sum(map(len, lines.values()))} mistakes can be made on {len(lines)} lines")
     equivalents, only = Equivalents(lines), options.only or [""]
-    for file, before, after in equivalents.stale:
-        sampler.say(f"no such mistake any more, though argued equivalent: {file}: {before} => {after}")
+    for complaint in equivalents.complaints():
+        sampler.say(f"argued equivalent, but {complaint}")
     caught, argued, survivors, redrawn = 0, 0, [], 0
-    for one in drawn(lines, options.seed, *options.part):
+    draw = survivors_of(options.again, lines) if options.again else drawn(lines, options.seed, *options.part)
+    for one in draw:
         if caught + argued + len(survivors) == options.sample or stop():
             break
         if not any(text in one.change() for text in only):

@@ -1,6 +1,7 @@
 // Who may have made the lock directory, and what others may have left in it.
 #include "torva/util/LockDirectory.h"
 
+#include "support/AllocationFaults.h"
 #include "torva/libc/Child.h"
 #include "torva/libc/OtherProcess.h"
 #include "torva/libc/SyscallFault.h"
@@ -297,6 +298,23 @@ TEST_F(LockDirectorySandboxTest, WithoutProcNothingIsRemoved) {
     EXPECT_EQ(outcome.exited, 0);
     EXPECT_EQ(modeOf(directory), static_cast<mode_t>(S_IFDIR | 0700));
     EXPECT_EQ(inodeOf(lockFile), before);
+}
+
+TEST_F(LockDirectorySandboxTest, WithoutMemoryToLookAroundNothingIsRemovedAndNoDescriptorIsLeft) {
+    if (!torva::test::allocation_faults_work) {
+        GTEST_SKIP() << torva::test::no_allocation_faults;
+    }
+    makeDirectory(0755);
+    writeFile(lockFile, "");
+    const ino_t inode = inodeOf(lockFile);
+    const auto before = openDescriptors();
+    {
+        const torva::test::AllocationFaults no_stream_of_a_directory(30000);
+        EXPECT_EQ(thrownFor(LockMode::fail), "");
+    }
+    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_EQ(inodeOf(lockFile), inode);
+    EXPECT_EQ(modeOf(directory), static_cast<mode_t>(S_IFDIR | 0700));
 }
 
 TEST_F(LockDirectorySandboxTest, AWaiterWhoseFileWasRemovedTakesTheLockOfTheNewOne) {

@@ -1,5 +1,5 @@
 // Memory that runs out at a chosen moment: this executable's own malloc, calloc and
-// realloc, which hand on to the C library's. Under AddressSanitizer, which brings an
+// realloc, which hand on to the C library's and count. Under AddressSanitizer, which brings an
 // allocator of its own, there are no faults: see allocation_faults_work.
 #pragma once
 
@@ -16,6 +16,10 @@ constexpr bool allocation_faults_work = true;
 
 constexpr const char* no_allocation_faults =
     "memory cannot be made to run out under AddressSanitizer's allocator";
+
+/// Blocks of memory that this program has been given and has not freed; 0 where there are
+/// no faults.
+long allocatedBlocks();
 
 /// While it exists, allocations of `smallest` to `largest` bytes fail.
 class AllocationFaults {

@@ -1,7 +1,7 @@
 #include "torva/maildb/panel_db.h"
 
 #include "support/AllocationFaults.h"
-#include "torva/libc/HeapCensus.h"
+#include "support/HeapCensus.h"
 #include "torva/maildb/CapturedLog.h"
 #include "torva/maildb/Files.h"
 #include "torva/maildb/MysqlProxy.h"
@@ -10,6 +10,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <mysql.h>
 
@@ -277,23 +278,32 @@ TEST_F(PanelDb, QueriesLeaveNothingAllocated) {
         EXPECT_EQ(0, db_get_mail_names(connection.get(), "d.example", names.out()));
         log.take();
     };
-    EXPECT_EQ(0U, bytesLeftBy(everything));
+    EXPECT_EQ(0, blocksLeftBy(everything));
 }
 
 TEST_F(PanelDb, NoMemoryForTheQueryIsReported) {
     if (!allocation_faults_work) {
         GTEST_SKIP() << no_allocation_faults;
     }
-    const std::string domain(100000, 'd');
-    List list;
-    {
-        const AllocationFaults faults(100000);
-        EXPECT_EQ(-1, db_get_mail_names(nullptr, domain.c_str(), list.out()));
+    const std::string name(100000, 'd');
+    const std::function<int(char***)> queries[] = {
+        [&](char*** list) { return db_get_domain_aliases(nullptr, name.c_str(), list); },
+        [&](char*** list) { return db_get_mail_aliases(nullptr, "u", name.c_str(), list); },
+        [&](char*** list) { return db_get_mail_names(nullptr, name.c_str(), list); },
+        [&](char*** list) { return db_get_domain_by_alias(nullptr, name.c_str(), list); },
+    };
+    for (const auto& query : queries) {
+        List list;
+        {
+            const AllocationFaults faults(100000);
+            EXPECT_EQ(-1, query(list.out()));
+        }
+        EXPECT_EQ(nullptr, list.get());
+        EXPECT_THAT(
+            log.take(),
+            ElementsAre(LogLine(error_level, "Cannot allocate memory: Cannot allocate memory"),
+                        LogLine(error_level, "Unable to create database query")));
     }
-    EXPECT_EQ(nullptr, list.get());
-    EXPECT_THAT(log.take(),
-                ElementsAre(LogLine(error_level, "Cannot allocate memory: Cannot allocate memory"),
-                            LogLine(error_level, "Unable to create database query")));
 }
 
 TEST_F(PanelDb, NoMemoryForTheListIsReported) {

@@ -1,6 +1,6 @@
 // Locks, traces, scratch files and printed errors leave nothing allocated.
+#include "support/HeapCensus.h"
 #include "torva/libc/Child.h"
-#include "torva/libc/HeapCensus.h"
 #include "torva/util/AutocleanOFStream.h"
 #include "torva/util/FatalError.h"
 #include "torva/util/FileLock.h"
@@ -16,7 +16,7 @@
 
 using torva::LockMode;
 using torva::Traceback;
-using torva::test::bytesLeftBy;
+using torva::test::blocksLeftBy;
 using torva::test::inChild;
 using torva::test::TempDirectory;
 
@@ -48,24 +48,24 @@ std::string printed(const Traceback& trace) {
 } // namespace
 
 TEST_F(LeakTest, ALockThatIsReleasedLeavesNothing) {
-    EXPECT_EQ(bytesLeftBy([this] {
+    EXPECT_EQ(blocksLeftBy([this] {
                   file_lock* handle = torva::lock(path_, false, LockMode::fail);
                   file_lock_free(handle);
               }),
-              0U);
+              0);
 }
 
 TEST_F(LeakTest, ALockThatIsRefusedLeavesNothing) {
     file_lock* held = torva::lock(path_, false, LockMode::fail);
-    EXPECT_EQ(bytesLeftBy([this] {
+    EXPECT_EQ(blocksLeftBy([this] {
                   EXPECT_THROW(torva::lock(path_, false, LockMode::fail), std::runtime_error);
               }),
-              0U);
+              0);
     file_lock_free(held);
 }
 
 TEST_F(LeakTest, ATraceThatWasPrintedCopiedAndAssignedLeavesNothing) {
-    EXPECT_EQ(bytesLeftBy([] {
+    EXPECT_EQ(blocksLeftBy([] {
                   const Traceback original(0);
                   printed(original);
                   Traceback copy(original);
@@ -73,22 +73,22 @@ TEST_F(LeakTest, ATraceThatWasPrintedCopiedAndAssignedLeavesNothing) {
                   copy = original; // and forgets the symbols that it had
                   printed(copy);
               }),
-              0U);
+              0);
 }
 
 TEST_F(LeakTest, AnErrorThatIsPrintedLeavesNothing) {
     EXPECT_EQ(inChild([] {
-                  return bytesLeftBy([] { torva::printFatalError(TracedError()); }) == 0 ? 0 : 1;
+                  return blocksLeftBy([] { torva::printFatalError(TracedError()); }) == 0 ? 0 : 1;
               }).exited,
               0);
 }
 
 TEST_F(LeakTest, ScratchFilesLeaveNothing) {
-    EXPECT_EQ(bytesLeftBy([this] {
+    EXPECT_EQ(blocksLeftBy([this] {
                   torva::TmpFile file(path_);
                   file << "text";
                   file.commit();
                   torva::AutocleanOFStream(file.path()) << "text";
               }),
-              0U);
+              0);
 }

@@ -17,6 +17,7 @@
 #include <sched.h>
 #include <sys/file.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 using torva::FileLock;
@@ -315,6 +316,43 @@ TEST_F(LockDirectorySandboxTest, WithoutMemoryToLookAroundNothingIsRemovedAndNoD
     EXPECT_EQ(openDescriptors(), before);
     EXPECT_EQ(inodeOf(lockFile), inode);
     EXPECT_EQ(modeOf(directory), static_cast<mode_t>(S_IFDIR | 0700));
+}
+
+/// Takes and releases the lock with so many descriptors to spare.
+///
+/// \return whether it could be taken
+bool lockWithin(rlim_t spare) {
+    const Outcome outcome = inChild([spare] {
+        const auto before = openDescriptors();
+        const rlim_t limit = static_cast<rlim_t>(*before.rbegin()) + 1 + spare;
+        const rlimit few = {limit, limit};
+        ::setrlimit(RLIMIT_NOFILE, &few);
+        const bool taken = thrownFor(LockMode::fail).empty();
+        return openDescriptors() != before ? 2 : taken ? 0 : 1;
+    });
+    EXPECT_TRUE(outcome.exited == 0 || outcome.exited == 1) << outcome.exited;
+    return outcome.exited == 0;
+}
+
+TEST_F(LockDirectorySandboxTest, WithoutDescriptorsToLookAroundNothingIsRemoved) {
+    bool removed = false;
+    for (rlim_t spare = 0; !removed; ++spare) {
+        ASSERT_LT(spare, 12U);
+        ASSERT_EQ(std::system("rm -rf /var/lock/files"), 0);
+        makeDirectory(0755);
+        writeFile(lockFile, "");
+        const ino_t inode = inodeOf(lockFile);
+        // One of ours has it open: it must never go, whatever cannot be looked at.
+        const OtherProcess other([] { return ::open(lockFile.c_str(), O_RDONLY) != -1 ? 0 : 1; });
+        ASSERT_EQ(other.result(), 0);
+        lockWithin(spare);
+        EXPECT_EQ(inodeOf(lockFile), inode) << spare;
+        // One that nobody has open goes as soon as that can be told.
+        ASSERT_EQ(::chmod(directory, 0755), 0);
+        const std::string unused = "/var/lock/files/unused";
+        writeFile(unused, "");
+        removed = lockWithin(spare) && inodeOf(unused) == 0;
+    }
 }
 
 TEST_F(LockDirectorySandboxTest, AWaiterWhoseFileWasRemovedTakesTheLockOfTheNewOne) {

@@ -1,6 +1,7 @@
 // PostfixParameters and the relay policies, with a fake in the place of postconf
 // where its behaviour is the point, and with the real one beside it.
 #include "support/FakeTool.h"
+#include "support/LockHolder.h"
 #include "torva/postfix/params/PostfixParameters.h"
 #include "torva/postfix/params/PostfixTool.h"
 #include "torva/postfix/params/RelayPolicy.h"
@@ -23,7 +24,9 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
+using torva::test::contentOf;
 using torva::test::FakeTool;
+using torva::test::lockHolder;
 using torva::test::passThrough;
 using torva::test::writeFile;
 
@@ -181,6 +184,31 @@ TEST_F(FakePostconfTest, FailedReadMeansNoWrite) {
     EXPECT_EQ(messageOf([&] { parameters.removeFromListParameter("x", "b"); }), "unknown error");
     EXPECT_EQ(messageOf([&] { parameters.addRestriction("x", "b", "c"); }), "unknown error");
     EXPECT_THAT(fake.calls(), ElementsAre("[-h][x]", "[-h][x]", "[-h][x]"));
+}
+
+TEST_F(FakePostconfTest, LockOfMainCfIsHeldByTheCallerAsLongAsTheChangeLasts) {
+    const char mainCf[] = "/etc/postfix/main.cf";
+    const std::string locks = std::string(std::getenv("TMPDIR")) + "/locks";
+    for (const std::string status : {"0", "1"}) {
+        SCOPED_TRACE(status);
+        const FakeTool fake(postconf, locating("cat /proc/locks > " + locks + "\nexit " + status));
+        PostfixParameters parameters;
+        EXPECT_EQ(messageOf([&] { parameters.setParameter("a", "b"); }),
+                  status == "0" ? "no error" : "unknown error");
+        EXPECT_EQ(lockHolder(contentOf(locks), mainCf), std::to_string(::getpid()));
+        EXPECT_EQ(::unlink(locks.c_str()), 0);
+        EXPECT_EQ(lockHolder(contentOf("/proc/locks"), mainCf), "none");
+        EXPECT_NO_THROW(torva::FileLock(mainCf, torva::LockMode::fail));
+    }
+}
+
+TEST_F(FakePostconfTest, ReadingNeitherTakesNorWaitsForTheLockOfMainCf) {
+    const FakeTool fake(postconf, locating("echo value"));
+    PostfixParameters parameters;
+    const torva::FileLock held("/etc/postfix/main.cf", torva::LockMode::fail);
+    EXPECT_EQ(parameters.getParameter("a"), "value");
+    EXPECT_EQ(parameters.getExpandedParameter("a"), "value");
+    EXPECT_TRUE(parameters.hasParameter("a"));
 }
 
 TEST_F(FakePostconfTest, SettingWaitsForTheLockOfMainCf) {

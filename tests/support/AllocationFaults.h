@@ -43,7 +43,7 @@ public:
 };
 
 /// While it exists, an allocation that succeeds leaves errno at a value of its own, as
-/// malloc(3) may.
+/// malloc(3) may. (That free(3) leaves errno alone, the compiler takes for granted.)
 class DisturbedErrno {
 public:
     explicit DisturbedErrno(int error);

@@ -7,6 +7,7 @@
 #include "torva/libc/SyscallFault.h"
 #include "torva/util/FileLock.h"
 #include "torva/util/TempDirectory.h"
+#include "torva/util/UntrustedLocks.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -316,6 +317,25 @@ TEST_F(LockDirectorySandboxTest, WithoutMemoryToLookAroundNothingIsRemovedAndNoD
     EXPECT_EQ(openDescriptors(), before);
     EXPECT_EQ(inodeOf(lockFile), inode);
     EXPECT_EQ(modeOf(directory), static_cast<mode_t>(S_IFDIR | 0700));
+}
+
+TEST_F(LockDirectorySandboxTest, LookingAroundKeepsErrnoEvenWhenNothingCanBeClosed) {
+    makeDirectory(0700);
+    writeFile(lockFile, "");
+    const Outcome outcome = inChild([] {
+        const int fd = ::open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (!failSyscall(SYS_close, EIO)) {
+            return static_cast<int>(noFilters);
+        }
+        errno = EXDEV;
+        torva::removeUntrustedLocks(fd);
+        return errno == EXDEV ? 0 : 1;
+    });
+    if (outcome.exited == noFilters) {
+        GTEST_SKIP() << "the kernel allows no system call filters";
+    }
+    EXPECT_EQ(outcome.exited, 0);
+    EXPECT_EQ(inodeOf(lockFile), 0U) << "nobody has it open";
 }
 
 /// Takes and releases the lock with so many descriptors to spare.

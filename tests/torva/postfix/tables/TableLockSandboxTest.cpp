@@ -68,6 +68,22 @@ TEST_F(TableLockTest, IsHeldByTheCallerThroughoutTheRunOfTheTool) {
     }
 }
 
+TEST_F(TableLockTest, NeitherItsDescriptorNorAnotherOfOursReachesTheTool) {
+    const std::string log = "/var/spool/postfix/descriptors";
+    createTable(table, {{"a", "1"}});
+    for (const Operation& operation : operations) {
+        SCOPED_TRACE(operation.name);
+        const FakeTool fake(postmap, "readlink /proc/$$/fd/* >> " + log + "\n" + passThrough);
+        operation.run();
+        const std::string seen = contentOf(log);
+        EXPECT_NE(seen, "");
+        EXPECT_EQ(seen.find(directory), std::string::npos) << seen;
+        EXPECT_EQ(seen.find("/var/lock"), std::string::npos) << seen;
+        EXPECT_EQ(seen.find("/run/lock"), std::string::npos) << seen;
+        ::unlink(log.c_str());
+    }
+}
+
 TEST_F(TableLockTest, IsFreeAgainAfterAFailure) {
     createTable(table, {{"a", "1"}});
     const FakeTool fake(postmap, "echo 'postmap: fatal: x' >&2; exit 1");

@@ -172,6 +172,19 @@ TEST_F(TableRewriteFailureTest, LinkThatIsSwappedInBeforeTheSourceIsKeptEndsTheR
     ::unlink(victim.c_str());
 }
 
+TEST_F(TableRewriteFailureTest, FifoThatIsSwappedInBeforeTheSourceIsCopiedIsNotWaitedFor) {
+    const CallHook hook([&](const std::string& called, const std::string&) {
+        if (called != "link") {
+            return 0;
+        }
+        ::unlink(source.c_str());
+        EXPECT_EQ(::mkfifo(source.c_str(), 0600), 0);
+        return EPERM;
+    });
+    EXPECT_EQ(messageOf<torva::SystemError>(&removeDomain), "open: Invalid argument");
+    EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
+}
+
 TEST_F(TableRewriteFailureTest, EmptySourceComesBackEmpty) {
     createTable(table, {});
     makeOld(source, 1000000000);

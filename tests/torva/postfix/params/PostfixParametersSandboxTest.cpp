@@ -37,6 +37,8 @@ const char restrictions[] = "smtpd_recipient_restrictions";
 const char closedList[] = "permit_mynetworks, check_client_access "
                           "pcre:/var/spool/postfix/torva/no_relay.re, reject_unauth_destination";
 
+int failingForks = 0; ///< how many of the next ones have no process to give
+
 /// Answers a directory for the path of main.cf and BODY for the rest.
 std::string locating(const std::string& body) {
     return "case \"$*\" in *config_directory) echo /etc/postfix; exit;; esac\n" + body;
@@ -50,6 +52,23 @@ std::string messageOf(const std::function<void()>& action) {
     }
     return "no error";
 }
+
+} // namespace
+
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the name is the C library's
+extern "C" pid_t __fork(void);
+
+// The C library's, which this executable's own hides.
+extern "C" pid_t fork() noexcept {
+    if (failingForks > 0) {
+        --failingForks;
+        errno = EAGAIN;
+        return -1;
+    }
+    return __fork();
+}
+
+namespace {
 
 class FakePostconfTest : public testing::Test {
 protected:
@@ -136,6 +155,13 @@ TEST_F(FakePostconfTest, PathOfMainCfFallsBackToTheBuiltInDirectory) {
     const FakeTool fake(postconf, "[ \"$2\" = -d ] && echo /etc/postfix || exit 1");
     EXPECT_EQ(PostfixParameters().path(), "/etc/postfix/main.cf");
     EXPECT_THAT(fake.calls(), ElementsAre("[-h][config_directory]", "[-h][-d][config_directory]"));
+}
+
+TEST_F(FakePostconfTest, PathOfMainCfIsAskedForAgainWhateverTheFirstFailureWas) {
+    const FakeTool fake(postconf, "echo /built/in");
+    failingForks = 1;
+    EXPECT_EQ(PostfixParameters().path(), "/built/in/main.cf");
+    EXPECT_THAT(fake.calls(), ElementsAre("[-h][-d][config_directory]"));
 }
 
 TEST_F(FakePostconfTest, PathOfMainCfKeepsATrailingSlash) {

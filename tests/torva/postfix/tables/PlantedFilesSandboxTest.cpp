@@ -151,14 +151,20 @@ TEST_F(PlantedFilesTest, IndexWithASecondNameKeepsItsRecords) {
     ASSERT_EQ(::chmod(index_.c_str(), 0640), 0);
     ASSERT_EQ(::chown(index_.c_str(), 0, 65534), 0);
     putRecords(table, {{"new", "z"}});
-    deleteKeys(table, {"a"});
-    EXPECT_THAT(dumpTable(table), UnorderedElementsAre(Pair("old", "x@e.net"), Pair("new", "z")));
     EXPECT_TRUE(contentOf(other) == bytes);
     EXPECT_EQ(statusOf(other).st_nlink, 1U);
+    const std::string another = "/var/spool/postfix/another.db";
+    ASSERT_EQ(::link(index_.c_str(), another.c_str()), 0);
+    const std::string bytesBefore = contentOf(another);
+    deleteKeys(table, {"a"});
+    EXPECT_THAT(dumpTable(table), UnorderedElementsAre(Pair("old", "x@e.net"), Pair("new", "z")));
+    EXPECT_TRUE(contentOf(another) == bytesBefore);
+    EXPECT_EQ(statusOf(another).st_nlink, 1U);
     EXPECT_EQ(statusOf(index_).st_mode & 07777, 0640U);
     EXPECT_EQ(statusOf(index_).st_gid, 65534U);
     EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
     ::unlink(other.c_str());
+    ::unlink(another.c_str());
 }
 
 TEST_F(PlantedFilesTest, IndexWithASecondNameIsNotWrittenToWhenItIsMadeAnew) {
@@ -267,7 +273,9 @@ TEST_F(PlantedFilesTest, SwappedScratchFileGetsNoModeNoOwnerAndNoPlace) {
             const std::string indexBefore = contentOf(index_);
             const std::string sourceBefore = contentOf(source);
             bool done = false;
+            bool renamed = false;
             const CallHook hook([&](const std::string& called, const std::string&) {
+                renamed = renamed || called == "rename";
                 return called == call && !std::exchange(done, true) ? swapScratchFiles() : 0;
             });
             if (call == "fchown" && each == 0) {
@@ -279,6 +287,7 @@ TEST_F(PlantedFilesTest, SwappedScratchFileGetsNoModeNoOwnerAndNoPlace) {
             expectVictimUnharmed();
             expectNothingGivenAway();
             if (call != "rename") {
+                EXPECT_FALSE(renamed) << "not even for a moment";
                 EXPECT_EQ(contentOf(source), sourceBefore);
             }
             EXPECT_TRUE(contentOf(index_) == indexBefore);

@@ -18,8 +18,10 @@ enum { noFilters = 77 };
 /// \param error     errno value that it fails with from now on
 /// \param argument  index of an argument to look at; -1: every call fails
 /// \param value     lower half of that argument in the calls that fail
+/// \param others    true: the calls with any other value fail
 /// \return false when the kernel allows no filters
-inline bool failSyscall(long number, int error, int argument = -1, std::uint32_t value = 0) {
+inline bool failSyscall(long number, int error, int argument = -1, std::uint32_t value = 0,
+                        bool others = false) {
     const auto jump = [](std::uint32_t operand, std::uint8_t ifTrue, std::uint8_t ifFalse) {
         return sock_filter{BPF_JMP | BPF_JEQ | BPF_K, ifTrue, ifFalse, operand};
     };
@@ -37,7 +39,7 @@ inline bool failSyscall(long number, int error, int argument = -1, std::uint32_t
         load(offsetof(seccomp_data, nr)),
         jump(static_cast<std::uint32_t>(number), argument < 0 ? everyCall : std::uint8_t{0}, 2),
         load(argumentOffset),
-        jump(value, 1, 0),
+        jump(value, others ? 0 : 1, others ? 1 : 0),
         answer(SECCOMP_RET_ALLOW),
         answer(SECCOMP_RET_ERRNO | static_cast<std::uint32_t>(error)),
     };

@@ -1,6 +1,6 @@
 // The system calls with which a table's files are replaced, for tests that have to act
 // right before one of them, or to make it fail: chmod, chown, fchmod, fchown, link,
-// readlink and rename of the test executables of this folder.
+// read, readlink and rename of the test executables of this folder.
 #pragma once
 
 #include <functional>

@@ -13,6 +13,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <utility>
 
 using namespace torva::mail::postfix;
 using namespace torva::test;
@@ -172,6 +173,22 @@ TEST_F(TableRewriteFailureTest, LinkThatIsSwappedInBeforeTheSourceIsKeptEndsTheR
     ::unlink(victim.c_str());
 }
 
+TEST_F(TableRewriteFailureTest, SignalWhileTheSourceIsCopiedCostsNothingOfIt) {
+    bool copying = false;
+    const CallHook hook([&copying](const std::string& called, const std::string&) {
+        copying = copying || called == "link";
+        if (called == "read" && std::exchange(copying, false)) {
+            return EINTR;
+        }
+        return called == "link" ? EPERM : 0;
+    });
+    const FakeTool fake(postmap, failingRebuild_);
+    const Seen before(source);
+    EXPECT_THROW(removeDomain(), PostfixConfigurationError);
+    EXPECT_FALSE(copying);
+    expectSame(Seen(source), before);
+}
+
 TEST_F(TableRewriteFailureTest, FifoThatIsSwappedInBeforeTheSourceIsCopiedIsNotWaitedFor) {
     const CallHook hook([&](const std::string& called, const std::string&) {
         if (called != "link") {
@@ -279,6 +296,12 @@ TEST_F(TableRewriteFailureTest, GoodRewriteKeepsModeAndOwnerOfTheSource) {
     EXPECT_EQ(statusOf(source).st_gid, 0U);
     EXPECT_EQ(contentOf(source), "user@e.net\tb@e.net\n");
     EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
+}
+
+TEST_F(TableRewriteFailureTest, GoodRewriteKeepsPermissionsOnlyAndNoSetUserId) {
+    ASSERT_EQ(::chmod(source.c_str(), 06640), 0);
+    removeDomain();
+    EXPECT_EQ(statusOf(source).st_mode & 07777, 0640U);
 }
 
 TEST_F(TableRewriteFailureTest, EmptySourceMayBeRewritten) {

@@ -62,6 +62,7 @@ TEST_F(LaunchExitTest, OutputInBuffersThatStdioKnowsNothingOfIsNotPrintedTwiceEi
                       PipeEnds ends = openPipe("pipe");
                       ::dup2(ends.write.get(), stream == &std::cout ? 1 : 2);
                       std::ios::sync_with_stdio(false);
+                      std::cerr.tie(nullptr); // else its flush is one of std::cout, too
                       *stream << std::nounitbuf << "text ";
                       failToLaunch();
                       stream->flush();

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
@@ -46,6 +47,11 @@ inline bool failSyscall(long number, int error, int argument = -1, std::uint32_t
     sock_fprog filter = {sizeof(program) / sizeof(program[0]), program};
     return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
            ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
+
+/// Makes fstat(2) fail, by whichever system call the C library asks for it.
+inline bool failFstat(int error) {
+    return failSyscall(SYS_newfstatat, error, 3, AT_EMPTY_PATH) && failSyscall(SYS_fstat, error);
 }
 
 } // namespace torva::test

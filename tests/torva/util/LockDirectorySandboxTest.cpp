@@ -319,6 +319,23 @@ TEST_F(LockDirectorySandboxTest, WithoutMemoryToLookAroundNothingIsRemovedAndNoD
     EXPECT_EQ(modeOf(directory), static_cast<mode_t>(S_IFDIR | 0700));
 }
 
+TEST_F(LockDirectorySandboxTest, ADirectoryThatCannotBeLookedAtIsRefused) {
+    makeDirectory(0700);
+    const Outcome outcome = inChild([] {
+        const auto before = openDescriptors();
+        if (!torva::test::failFstat(EIO)) {
+            return static_cast<int>(noFilters);
+        }
+        const bool refused = thrownFor(LockMode::fail) == "lock() failed: Input/output error";
+        return refused && openDescriptors() == before ? 0 : 1;
+    });
+    if (outcome.exited == noFilters) {
+        GTEST_SKIP() << "the kernel allows no system call filters";
+    }
+    EXPECT_EQ(outcome.exited, 0) << outcome.err;
+    EXPECT_EQ(inodeOf(lockFile), 0U) << "nothing is made in it";
+}
+
 TEST_F(LockDirectorySandboxTest, LookingAroundKeepsErrnoEvenWhenNothingCanBeClosed) {
     makeDirectory(0700);
     writeFile(lockFile, "");

@@ -123,7 +123,7 @@ struct DatabaseTrouble {
 ToolResult askDatabase(const std::string& client, const std::string& password) {
     // Not as an argument, which everybody could read.
     ::setenv("MYSQL_PWD", password.c_str(), 1);
-    const ToolResult result =
+    ToolResult result =
         run({"timeout", "10", client, "--no-defaults", std::string("--socket=") + databaseSocket,
              "--user=admin", "--execute=SELECT 1", "kra"});
     ::unsetenv("MYSQL_PWD");

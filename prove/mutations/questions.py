@@ -37,16 +37,19 @@ class Question:
 
 
 class Asker:
-    def __init__(self, copy, asks_whole_runs=True):
-        self.copy, self.asks_whole_runs = copy, asks_whole_runs
+    def __init__(self, copy, reach="runs"):
+        """How far to ask: "nearest", the programs of the mistake's own layer; "layers", those of
+        the layers above, too; "runs", at last the whole runs."""
+        self.copy, self.reach = copy, reach
         self.passed = {}  # label -> seconds without a mistake
 
     def waves(self, file, first=None):
         """The questions in order; those of one wave are asked side by side, each in a world of
         its own. The one that is known to notice goes first."""
         folder = os.path.dirname(file)
-        waves = [self._programs(layer) for layer in [folder, *ABOVE[folder]]]
-        if self.asks_whole_runs:
+        above = [] if self.reach == "nearest" else ABOVE[folder]
+        waves = [self._programs(layer) for layer in [folder, *above]]
+        if self.reach == "runs":
             waves += [[self._whole_run(regex)] for regex in WHOLE_RUNS]
         if first is not None:
             known = next((one for wave in waves for one in wave if one.label == first), None) or self._whole_run(first)

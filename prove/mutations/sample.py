@@ -1,9 +1,12 @@
 """Mistakes by rule: all that can be made, a sample of them, and those that are argued to be none."""
 
 import random
+import re
 import time
 import tomllib
+from collections import Counter
 from dataclasses import dataclass
+from itertools import islice
 from pathlib import Path
 
 from rules import mistakes
@@ -26,6 +29,9 @@ class Mistake:
 
     def apply(self, text):
         return text[:self.start] + self.new + text[self.end:]
+
+    def change(self):
+        return f"{self.file}:{self.line}: {self.rule}: {self.before}  =>  {self.after}"
 
 
 def one_line(text):
@@ -53,8 +59,13 @@ def all_by_line(tree):
     return lines
 
 
-def drawn(lines, seed):
-    """Without an end, none twice: first a line, then one of its mistakes."""
+def drawn(lines, seed, first=1, every=1):
+    """All of them, none twice, every so-manieth from the first on."""
+    return islice(drawn_all(lines, seed), first - 1, None, every)
+
+
+def drawn_all(lines, seed):
+    """First a line, then one of its mistakes."""
     source, places, seen = random.Random(seed), sorted(lines), set()
     total = sum(len(ones) for ones in lines.values())
     while len(seen) < total:
@@ -65,23 +76,49 @@ def drawn(lines, seed):
 
 
 class Equivalents:
-    """Found by file and text, so that they stay what they are when lines move."""
+    """Found by file and text, so that they stay what they are when lines move. An argument is
+    for one place unless it says for how many."""
 
     def __init__(self, lines):
-        listed = tomllib.loads(EQUIVALENTS.read_text())["equivalent"]
-        self.reasons = {(one["file"], one["before"], one["after"]): one["why"] for one in listed}
-        known = {(one.file, one.before, one.after) for ones in lines.values() for one in ones}
-        self.stale = [key for key in self.reasons if key not in known]
+        self.listed = tomllib.loads(EQUIVALENTS.read_text())["equivalent"]
+        self.reasons = {self._key(one): one["why"] for one in self.listed}
+        self.places = Counter((one.file, one.before, one.after) for ones in lines.values() for one in ones)
+
+    @staticmethod
+    def _key(one):
+        return one["file"], one["before"], one["after"]
+
+    def complaints(self):
+        for one in self.listed:
+            found, wanted = self.places[self._key(one)], one.get("places", 1)
+            if found != wanted:
+                yield f"in {found} places and not in {wanted}: {one['file']}: {one['before']} => {one['after']}"
+        for key, number in Counter(map(self._key, self.listed)).items():
+            if number > 1:
+                yield f"listed {number} times: {key[0]}: {key[1]} => {key[2]}"
 
     def reason(self, one):
         return self.reasons.get((one.file, one.before, one.after))
 
 
+def survivors_of(log, lines):
+    """The mistakes that an earlier sample has printed as survivors, wherever their text stands now."""
+    by_text = {}
+    for ones in lines.values():
+        for one in ones:
+            by_text.setdefault((one.file, one.change().split(": ", 1)[1]), []).append(one)
+    for line in log.read_text().splitlines():
+        if found := re.match(r"SURVIVED \(\d+ s\): (\S+?):(\d+): (.*)", line):
+            file, number, text = found[1], int(found[2]), found[3]
+            if known := by_text.get((file, text)):
+                yield min(known, key=lambda one: abs(one.line - number))
+
+
 class Sampler:
     """Tries mistakes out on a working copy."""
 
-    def __init__(self, copy, asker):
-        self.copy, self.asker = copy, asker
+    def __init__(self, copy, asker, say):
+        self.copy, self.asker, self.say = copy, asker, say
 
     def try_out(self, one):
         """What catches it, "" for nothing, None when it is no mistake: it does not compile, or
@@ -116,33 +153,39 @@ class Sampler:
         return "" if changed else None
 
 
-def run(copy, asker, number, seed, say, stop, only):
-    """Draws, and tries out those that have one of the texts. The numbers of the caught, of the argued and the survivors."""
-    lines = all_by_line(copy.tree)
-    say(f"{sum(map(len, lines.values()))} mistakes can be made on {len(lines)} lines")
-    equivalents, sampler = Equivalents(lines), Sampler(copy, asker)
-    for file, before, after in equivalents.stale:
-        say(f"no such mistake any more, though argued equivalent: {file}: {before} => {after}")
-    caught, argued, survivors, redrawn = 0, 0, [], 0
-    for one in drawn(lines, seed):
-        if caught + argued + len(survivors) == number or stop():
-            break
+    def judge(self, one):
+        """What try_out gives, and tells it."""
         begin = time.monotonic()
-        change = f"{one.file}:{one.line}: {one.rule}: {one.before}  =>  {one.after}"
-        if not any(text in change for text in only):
+        answer = self.try_out(one)
+        if answer is not None:
+            self.say(f"{'caught' if answer else 'SURVIVED'} ({time.monotonic() - begin:.0f} s): {one.change()}{': ' + answer if answer else ''}")
+        return answer
+
+
+def run(sampler, options, stop):
+    """Draws, and tries out those that are asked for. The numbers of the caught and of the argued, and the survivors."""
+    lines = all_by_line(sampler.copy.tree)
+    sampler.say(f"{sum(map(len, lines.values()))} mistakes can be made on {len(lines)} lines")
+    equivalents, only = Equivalents(lines), options.only or [""]
+    for complaint in equivalents.complaints():
+        sampler.say(f"argued equivalent, but {complaint}")
+    caught, argued, survivors, redrawn = 0, 0, [], 0
+    draw = survivors_of(options.again, lines) if options.again else drawn(lines, options.seed, *options.part)
+    for one in draw:
+        if caught + argued + len(survivors) == options.sample or stop():
+            break
+        if not any(text in one.change() for text in only):
             continue
         if reason := equivalents.reason(one):
             argued += 1
-            say(f"equivalent: {change} ({reason})")
+            sampler.say(f"equivalent: {one.change()} ({reason})")
             continue
-        answer = sampler.try_out(one)
+        answer = sampler.judge(one)
         if answer is None:
             redrawn += 1
-            continue
-        if answer:
+        elif answer:
             caught += 1
         else:
-            survivors.append(change)
-        say(f"{'caught' if answer else 'SURVIVED'} ({time.monotonic() - begin:.0f} s): {change}{': ' + answer if answer else ''}")
-    say(f"{redrawn} drawn again: they do not compile, or the programs are the same")
+            survivors.append(one.change())
+    sampler.say(f"{redrawn} drawn again: they do not compile, or the programs are the same")
     return caught, argued, survivors

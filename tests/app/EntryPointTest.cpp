@@ -8,7 +8,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <stdexcept>
+#include <string>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -88,6 +90,38 @@ TEST(SaneWorldTest, BrokenPipeIsAnErrorAndNoSignalForUsAndTheDefaultForOurChildr
         // A shell is killed by it only if it did not inherit SIG_IGN.
         const int status = std::system("kill -PIPE $$"); // NOLINT(cert-env33-c)
         return WIFSIGNALED(status) && WTERMSIG(status) == SIGPIPE ? 0 : 3;
+    });
+}
+
+TEST(SaneWorldTest, BrokenPipeInterruptsNoCall) {
+    inAChild([] {
+        std::signal(SIGPIPE, SIG_DFL);
+        makeWorldSane();
+        int fds[2];
+        if (::pipe2(fds, O_CLOEXEC) != 0) {
+            return 1;
+        }
+        // Writes only once the reader is asleep in its call and has had the signal.
+        const pid_t reader = ::getpid();
+        const pid_t writer = ::fork();
+        if (writer == 0) {
+            const std::string path = "/proc/" + std::to_string(reader) + "/stat";
+            for (int signals = 0; signals < 3;) {
+                std::ifstream stat(path);
+                std::string word;
+                stat >> word >> word >> word; // number, name, state
+                if (word == "S") {
+                    ::kill(reader, SIGPIPE);
+                    ++signals;
+                }
+            }
+            ::_exit(::write(fds[1], "x", 1) == 1 ? 0 : 1);
+        }
+        char byte = 0;
+        const ssize_t size = ::read(fds[0], &byte, 1);
+        ::kill(writer, SIGKILL);
+        ::waitpid(writer, nullptr, 0);
+        return size == 1 ? 0 : 2;
     });
 }
 

@@ -2,15 +2,19 @@
 #include "app/HostName.h"
 #include "support/FakeTool.h"
 #include "support/WaitingChild.h"
+#include "torva/libc/Child.h"
+#include "torva/libc/SyscallFault.h"
 #include "torva/postfix/params/PostfixParameters.h"
 #include "torva/util/PostfixError.h"
 
 #include <gmock/gmock.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <optional>
 #include <string>
 #include <sys/resource.h>
+#include <sys/wait.h>
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -126,6 +130,22 @@ TEST_F(RepairHostNameTest, OtherChildrenOfTheProcessAreNotWaitedFor) {
     const torva::test::WaitingChild child;
     EXPECT_EQ(fullHostName(), "host.example.net");
     EXPECT_TRUE(child.isThere());
+}
+
+TEST_F(RepairHostNameTest, ACommandThatTheSystemHasLostIsWaitedFor) {
+    const FakeTool fake(hostname, "echo host.example.net");
+    const auto outcome = torva::test::inChild([] {
+        // pclose(3) waits for its child by number, and cannot; any child can be waited for.
+        if (!torva::test::failSyscall(SYS_wait4, EIO, 0, static_cast<std::uint32_t>(-1), true)) {
+            return static_cast<int>(torva::test::noFilters);
+        }
+        const bool answered = fullHostName() == "host.example.net";
+        return answered && ::waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD ? 0 : 1;
+    });
+    if (outcome.exited == torva::test::noFilters) {
+        GTEST_SKIP() << "the kernel allows no system call filters";
+    }
+    EXPECT_EQ(outcome.exited, 0);
 }
 
 TEST_F(RepairHostNameTest, ANameThatCannotBeAskedForIsEmpty) {

@@ -3,6 +3,8 @@
 #include "app/SystemAliases.h"
 #include "support/FakeTool.h"
 #include "support/WaitingChild.h"
+#include "torva/libc/Child.h"
+#include "torva/libc/SyscallFault.h"
 #include "torva/postfix/params/PostfixParameters.h"
 #include "torva/util/SystemError.h"
 
@@ -14,6 +16,7 @@
 #include <functional>
 #include <string>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 using testing::ElementsAre;
@@ -123,6 +126,33 @@ TEST_F(SystemAliasesTest, ACreationThatASignalEndsIsAFailure) {
     const FakeTool fake(postalias, ": > " + halfMade + "; kill -KILL $$");
     EXPECT_EQ(codeOf([&] { check("hash:" + source); }, "unable to re-index system alias map"), 0);
     EXPECT_THAT(namesIn(directory), ElementsAre("aliases"));
+}
+
+TEST_F(SystemAliasesTest, ACommandThatTheSystemHasLostIsWaitedForBeforeTheErrorIsThrown) {
+    const FakeTool fake(postalias, "exit 0");
+    const auto outcome = torva::test::inChild([this] {
+        // system(3) waits for its child by number, and cannot; any child can be waited for.
+        if (!torva::test::failSyscall(SYS_wait4, EIO, 0, static_cast<std::uint32_t>(-1), true)) {
+            return static_cast<int>(torva::test::noFilters);
+        }
+        const int code =
+            codeOf([&] { check("hash:" + source); }, "unable to re-index system alias map");
+        return code == EIO && ::waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD ? 0 : 1;
+    });
+    if (outcome.exited == torva::test::noFilters) {
+        GTEST_SKIP() << "the kernel allows no system call filters";
+    }
+    EXPECT_EQ(outcome.exited, 0);
+}
+
+TEST_F(SystemAliasesTest, AnElementWithoutATypeHasTheDefaultOneUnlessItIsAReference) {
+    const FakeTool fake(postalias, "exit 0");
+    check(source);
+    EXPECT_THAT(fake.calls(), ElementsAre("[" + source + "]"));
+    EXPECT_THAT(namesIn(directory), ElementsAre("aliases"));
+    fake.forget();
+    check("$alias_database"); // which the fake does not expand: nothing is known of it
+    EXPECT_THAT(fake.calls(), IsEmpty());
 }
 
 TEST_F(SystemAliasesTest, OtherChildrenOfTheProcessAreNotWaitedFor) {

@@ -63,6 +63,20 @@ TEST_F(EnsureDirectoryTest, EveryMissingDirectoryOnTheWayIsMade) {
     EXPECT_TRUE(isDirectory(top_ + "/a/b/c"));
 }
 
+TEST_F(EnsureDirectoryTest, UmaskAloneDecidesTheModeOfAMadeDirectory) {
+    for (const mode_t mask : {0U, 022U, 077U}) {
+        const std::string directory = top_ + "/" + std::to_string(mask);
+        const mode_t before = ::umask(mask);
+        ensureDirectory(directory + "/below");
+        ::umask(before);
+        struct stat status = {};
+        for (const std::string& path : {directory, directory + "/below"}) {
+            ASSERT_EQ(::stat(path.c_str(), &status), 0);
+            EXPECT_EQ(status.st_mode, S_IFDIR | (0777U & ~mask)) << path;
+        }
+    }
+}
+
 TEST_F(EnsureDirectoryTest, DirectoryThatIsThereIsNoErrorNorIsALinkToOne) {
     ensureDirectory(top_);
     ASSERT_EQ(::symlink("/", (top_ + "/link").c_str()), 0);

@@ -11,7 +11,7 @@ ALLOWED = {
     "torva/process": ("torva/util",),
     "torva/maildb": ("torva/libc",),
     "torva/postfix/params": ("torva/process", "torva/util", "torva/libc"),
-    "torva/postfix/mastercf": ("torva/postfix/params", "torva/util"),
+    "torva/postfix/mastercf": ("torva/postfix/params", "torva/util", "torva/libc"),
     "torva/postfix/tables": ("torva/maildb", "torva/postfix/params", "torva/process", "torva/util", "torva/libc"),
     "app": ("torva/postfix/tables", "torva/postfix/mastercf", "torva/postfix/params", "torva/maildb", "torva/process", "torva/util", "torva/libc"),
 }

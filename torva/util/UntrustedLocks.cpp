@@ -128,20 +128,25 @@ bool isUntrusted(const struct stat& file) {
     return any && errno == 0;
 }
 
+void removeUntrusted(int directory) {
+    Directory files(openAt(directory, "."));
+    if (!files.isOpen()) {
+        return;
+    }
+    while (const char* name = files.next()) {
+        struct stat status;
+        if (::fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISREG(status.st_mode) && isUntrusted(status)) {
+            ::unlinkat(directory, name, 0);
+        }
+    }
+}
+
 } // namespace
 
 void removeUntrustedLocks(int directory) {
     const int saved_errno = errno;
-    Directory files(openAt(directory, "."));
-    if (files.isOpen()) {
-        while (const char* name = files.next()) {
-            struct stat status;
-            if (::fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-                S_ISREG(status.st_mode) && isUntrusted(status)) {
-                ::unlinkat(directory, name, 0);
-            }
-        }
-    }
+    removeUntrusted(directory); // whose descriptors are closed when it is back
     errno = saved_errno;
 }
 

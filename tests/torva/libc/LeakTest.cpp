@@ -1,6 +1,7 @@
 // The plain functions free memory by hand: nothing must stay allocated.
+#include "support/AllocationFaults.h"
+#include "support/HeapCensus.h"
 #include "torva/libc/Child.h"
-#include "torva/libc/HeapCensus.h"
 #include "torva/libc/interfaces.h"
 #include "torva/libc/log.h"
 #include "torva/libc/panel_conf_parse.h"
@@ -11,7 +12,7 @@
 #include <string>
 #include <vector>
 
-using torva::test::bytesLeftBy;
+using torva::test::blocksLeftBy;
 using torva::test::inChild;
 
 namespace {
@@ -32,8 +33,8 @@ protected:
 TEST_F(LeakTest, TheCensusCounts) {
     std::vector<std::unique_ptr<char[]>> kept;
     kept.reserve(1000);
-    EXPECT_GE(bytesLeftBy([&kept] { kept.push_back(std::make_unique<char[]>(100)); }), 100U);
-    EXPECT_EQ(bytesLeftBy([] { std::make_unique<char[]>(100); }), 0U);
+    EXPECT_EQ(blocksLeftBy([&kept] { kept.push_back(std::make_unique<char[]>(100)); }), 1);
+    EXPECT_EQ(blocksLeftBy([] { std::make_unique<char[]>(100); }), 0);
 }
 
 TEST_F(LeakTest, AConfigurationThatIsFreedLeavesNothing) {
@@ -43,32 +44,62 @@ TEST_F(LeakTest, AConfigurationThatIsFreedLeavesNothing) {
     }
     const auto usual = torva_log;
     torva_log = silent;
-    EXPECT_EQ(bytesLeftBy([&text] {
+    EXPECT_EQ(blocksLeftBy([&text] {
                   std::FILE* stream = ::fmemopen(text.data(), text.size(), "r");
                   panel_conf_free(panel_conf_parse(stream));
                   std::fclose(stream);
               }),
-              0U);
+              0);
     torva_log = usual;
 }
 
 TEST_F(LeakTest, ANameThatIsSetAgainLeavesNothingOfItsOldValue) {
     panel_conf_file* file = panel_conf_new();
     const std::string value(200, 'x');
-    EXPECT_EQ(bytesLeftBy([&] { panel_conf_put(file, "A", 1, value.data(), value.size()); }), 0U);
+    EXPECT_EQ(blocksLeftBy([&] { panel_conf_put(file, "A", 1, value.data(), value.size()); }), 0);
     panel_conf_free(file);
+}
+
+TEST_F(LeakTest, MemoryThatRunsOutLeavesNothingOfWhatWasTakenBefore) {
+    const auto usual = torva_log;
+    torva_log = silent;
+    const std::string name(400, 'n');
+    const std::string value(200, 'v');
+    panel_conf_file* file = panel_conf_new();
+    EXPECT_EQ(blocksLeftBy([&] {
+                  const torva::test::AllocationFaults no_copy_of_the_name(401, 401);
+                  panel_conf_put(file, name.data(), name.size(), value.data(), value.size());
+              }),
+              0);
+    EXPECT_EQ(file->count, 0U);
+    panel_conf_free(file);
+    EXPECT_EQ(blocksLeftBy([] {
+                  const std::size_t pairs = 20 * sizeof(panel_conf_pair);
+                  const torva::test::AllocationFaults no_pairs(pairs, pairs);
+                  panel_conf_free(panel_conf_new());
+              }),
+              0);
+    std::string text = name + " " + value + "\n";
+    EXPECT_EQ(blocksLeftBy([&] {
+                  const torva::test::AllocationFaults no_copy_of_the_name(401, 401);
+                  std::FILE* stream = ::fmemopen(text.data(), text.size(), "r");
+                  EXPECT_EQ(panel_conf_parse(stream), nullptr);
+                  std::fclose(stream);
+              }),
+              0);
+    torva_log = usual;
 }
 
 TEST_F(LeakTest, MessagesLeaveNothing) {
     const auto outcome = inChild([] {
         const std::string text(500, 'x');
-        const std::size_t logged = bytesLeftBy([&text] { torva_log(3, "%s", text.c_str()); });
-        const std::size_t reported = bytesLeftBy([&text] { report_error(0, "%s", text.c_str()); });
+        const long logged = blocksLeftBy([&text] { torva_log(3, "%s", text.c_str()); });
+        const long reported = blocksLeftBy([&text] { report_error(0, "%s", text.c_str()); });
         return (logged != 0 ? 1 : 0) + (reported != 0 ? 2 : 0);
     });
     EXPECT_EQ(outcome.exited, 0);
 }
 
 TEST_F(LeakTest, AListOfInterfacesThatIsFreedLeavesNothing) {
-    EXPECT_EQ(bytesLeftBy([] { free_interfaces(list_interfaces(nullptr)); }), 0U);
+    EXPECT_EQ(blocksLeftBy([] { free_interfaces(list_interfaces(nullptr)); }), 0);
 }

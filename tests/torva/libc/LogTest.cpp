@@ -1,5 +1,6 @@
 #include "torva/libc/log.h"
 
+#include "support/AllocationFaults.h"
 #include "torva/libc/Child.h"
 
 #include <cerrno>
@@ -307,6 +308,35 @@ TEST(ReportErrorTest, AGrownMessageStillMeansTheErrnoOfTheEntry) {
         return 0;
     });
     EXPECT_EQ(outcome.err, text + " Permission denied\nSystem error 13: Permission denied\n");
+}
+
+TEST(ReportErrorTest, MessageMeansTheErrnoOfTheEntryWhateverAllocationsMakeOfIt) {
+    if (!torva::test::allocation_faults_work) {
+        GTEST_SKIP() << torva::test::no_allocation_faults;
+    }
+    const struct {
+        void (*report)(const char* format);
+        const char* wanted;
+    } cases[] = {
+        {[](const char* format) { report_error(0, format); },
+         "Permission denied\nSystem error 13: Permission denied\n"},
+        {[](const char* format) { torva_log(3, format); }, "Permission denied\n"},
+    };
+    for (const auto& c : cases) {
+        // The second one is more than the first buffer holds.
+        for (const std::size_t size : {0U, 5000U}) {
+            const std::string beginning(size, 'y');
+            const Outcome outcome = inChild([&] {
+                const std::string format = beginning + "%m"; // no literal: it is no ISO C++
+                const torva::test::DisturbedErrno disturbed(EDOM);
+                errno = EACCES;
+                c.report(format.c_str());
+                return errno;
+            });
+            EXPECT_EQ(outcome.err, beginning + c.wanted);
+            EXPECT_EQ(outcome.exited, EACCES);
+        }
+    }
 }
 
 TEST(ReportErrorTest, StandardErrorComesFirstAndBothCopiesAreFlushed) {

@@ -1,5 +1,6 @@
 #include "torva/libc/panel_conf_parse.h"
 
+#include "support/AllocationFaults.h"
 #include "torva/libc/Child.h"
 #include "torva/libc/log.h"
 
@@ -284,6 +285,38 @@ torva::test::Outcome withoutMemory(const std::function<int()>& body) {
         GTEST_SKIP() << "the sanitizer's allocator does not keep to RLIMIT_AS";                    \
     }                                                                                              \
     static_assert(true)
+
+TEST(PanelConfMemoryTest, ReasonIsKeptWhateverMemoryMakesOfErrno) {
+    if (!torva::test::allocation_faults_work) {
+        GTEST_SKIP() << torva::test::no_allocation_faults;
+    }
+    using torva::test::AllocationFaults;
+    const std::string name(400, 'n');
+    FILE* directory = std::fopen("/", "r");
+    ASSERT_NE(directory, nullptr);
+    const auto usual = torva_log;
+    torva_log = writeOut;
+    {
+        const torva::test::DisturbedErrno disturbed(EXDEV);
+        EXPECT_EQ(panel_conf_parse(directory), nullptr);
+        EXPECT_EQ(errno, EISDIR);
+        panel_conf_file* file = panel_conf_new();
+        panel_conf_put(file, "A", 1, "1", 1);
+        {
+            const AllocationFaults no_copy_of_the_name(401, 401);
+            EXPECT_EQ(panel_conf_put(file, name.data(), name.size(), "1", 1), -1);
+            EXPECT_EQ(errno, ENOMEM);
+        }
+        errno = ERANGE;
+        panel_conf_free(file);
+        EXPECT_EQ(errno, ERANGE);
+        const AllocationFaults no_pairs(20 * sizeof(panel_conf_pair), 20 * sizeof(panel_conf_pair));
+        EXPECT_EQ(panel_conf_new(), nullptr);
+        EXPECT_EQ(errno, ENOMEM);
+    }
+    torva_log = usual;
+    std::fclose(directory);
+}
 
 TEST(PanelConfMemoryTest, LackOfMemoryForTheHolder) {
     SKIP_UNDER_ASAN();

@@ -379,6 +379,21 @@ TEST_F(SemaphoreSandboxTest, WhatOthersCouldHavePutThereIsFatalAndNamed) {
     }
 }
 
+TEST_F(SemaphoreSandboxTest, WhatCannotBeLookedAtIsFatal) {
+    const Outcome outcome = inChild([] {
+        if (!torva::test::failFstat(EIO)) {
+            return static_cast<int>(noFilters);
+        }
+        init_sem();
+        return 7;
+    });
+    if (outcome.exited == noFilters) {
+        GTEST_SKIP() << "the kernel allows no system call filters";
+    }
+    EXPECT_EQ(outcome.exited, 1);
+    EXPECT_NE(outcome.err.find("Input/output error"), std::string::npos) << outcome.err;
+}
+
 TEST_F(SemaphoreSandboxTest, DirectoriesMayBeLinks) {
     ASSERT_EQ(std::system("mkdir -p /usr/local/kra/root /usr/local/kra/elsewhere /etc/kra && "
                           "ln -s ../elsewhere /usr/local/kra/root/var && "

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
@@ -18,8 +19,10 @@ enum { noFilters = 77 };
 /// \param error     errno value that it fails with from now on
 /// \param argument  index of an argument to check; -1: every call fails
 /// \param value     lower half of that argument in the calls that fail
+/// \param others    true: the calls with any other value fail
 /// \return false when the kernel allows no filters
-inline bool failSyscall(long number, int error, int argument = -1, std::uint32_t value = 0) {
+inline bool failSyscall(long number, int error, int argument = -1, std::uint32_t value = 0,
+                        bool others = false) {
     const auto jump = [](std::uint32_t operand, std::uint8_t ifTrue, std::uint8_t ifFalse) {
         return sock_filter{BPF_JMP | BPF_JEQ | BPF_K, ifTrue, ifFalse, operand};
     };
@@ -37,13 +40,18 @@ inline bool failSyscall(long number, int error, int argument = -1, std::uint32_t
         load(offsetof(seccomp_data, nr)),
         jump(static_cast<std::uint32_t>(number), argument < 0 ? everyCall : std::uint8_t{0}, 2),
         load(argumentOffset),
-        jump(value, 1, 0),
+        jump(value, others ? 0 : 1, others ? 1 : 0),
         answer(SECCOMP_RET_ALLOW),
         answer(SECCOMP_RET_ERRNO | static_cast<std::uint32_t>(error)),
     };
     sock_fprog filter = {sizeof(program) / sizeof(program[0]), program};
     return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
            ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
+
+/// Makes fstat(2) fail, by whichever system call the C library asks for it.
+inline bool failFstat(int error) {
+    return failSyscall(SYS_newfstatat, error, 3, AT_EMPTY_PATH) && failSyscall(SYS_fstat, error);
 }
 
 } // namespace torva::test

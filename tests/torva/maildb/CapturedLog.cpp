@@ -1,7 +1,7 @@
 #include "torva/maildb/CapturedLog.h"
 
+#include "support/AllocationFaults.h"
 #include "torva/libc/log.h"
-#include "torva/maildb/AllocationFaults.h"
 
 #include <cstdarg>
 #include <cstdio>

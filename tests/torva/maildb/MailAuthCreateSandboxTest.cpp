@@ -1,4 +1,4 @@
-#include "torva/maildb/AllocationFaults.h"
+#include "support/AllocationFaults.h"
 #include "torva/maildb/CreateFixture.h"
 #include "torva/maildb/mail_auth_create.h"
 

@@ -1,5 +1,6 @@
 // Two processes at once, killed writers, hostile bytes and long lists.
-#include "torva/maildb/AllocationFaults.h"
+#include "support/AllocationFaults.h"
+#include "support/HeapCensus.h"
 #include "torva/maildb/AuthDatabase.h"
 #include "torva/maildb/Files.h"
 
@@ -256,6 +257,39 @@ TEST_F(AuthLoad, AListOf200000UsersComesOutWholeAndIsFreedWhole) {
     EXPECT_EQ(200000LL * 200001 / 2, sum);
     EXPECT_EQ(nullptr, users[count].name);
     mail_auth_free_list(users);
+}
+
+TEST_F(AuthLoad, WhatIsReadAndFreedLeavesNothingAllocated) {
+    if (!allocation_faults_work) {
+        GTEST_SKIP() << "the sanitizer's allocator keeps no books of this kind";
+    }
+    EXPECT_EQ(0, mail_auth_add_domain(postfix_type, "d.example", 0));
+    const std::string password(500, 'p');
+    const std::string none = "u@" + std::string(500, 'd');
+    const std::string noAddress(500, 'n');
+    EXPECT_EQ(0, mail_auth_set_user(postfix_type, "u@d.example", password.c_str(), 0, 0));
+    EXPECT_EQ(0, mail_auth_set_user(postfix_type, "e@d.example", password.c_str(), 1, 0));
+    EXPECT_EQ(
+        0, mail_auth_set_user(postfix_type, "w@d.example", nullptr, 0, 0)); // is left out of lists
+    const auto everything = [&] {
+        int read = 0;
+        mail_auth_user user;
+        for (const char* address :
+             {"u@d.example", "e@d.example", none.c_str(), noAddress.c_str()}) {
+            read += mail_auth_read_user(postfix_type, address, &user) == 0 ? 1 : 0;
+            mail_auth_free_user(&user);
+            read += mail_auth_lookup(postfix_type, address, &user) == 0 ? 1 : 0;
+            mail_auth_free_user(&user);
+        }
+        EXPECT_EQ(4, read);
+        mail_auth_user* users = nullptr;
+        size_t count = 0;
+        EXPECT_EQ(0, mail_auth_list(postfix_type, &users, &count));
+        EXPECT_EQ(2U, count);
+        mail_auth_free_list(users);
+        log.take();
+    };
+    EXPECT_EQ(0, blocksLeftBy(everything));
 }
 
 TEST_F(AuthLoad, NoMemoryIsReportedAndGivesNothing) {

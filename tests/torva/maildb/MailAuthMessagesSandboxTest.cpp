@@ -1,5 +1,5 @@
 // The statements of each operation, and its messages when it fails.
-#include "torva/maildb/AllocationFaults.h"
+#include "support/AllocationFaults.h"
 #include "torva/maildb/AuthDatabase.h"
 #include "torva/maildb/Files.h"
 

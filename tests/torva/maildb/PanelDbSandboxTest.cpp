@@ -1,6 +1,7 @@
 #include "torva/maildb/panel_db.h"
 
-#include "torva/maildb/AllocationFaults.h"
+#include "support/AllocationFaults.h"
+#include "support/HeapCensus.h"
 #include "torva/maildb/CapturedLog.h"
 #include "torva/maildb/Files.h"
 #include "torva/maildb/MysqlProxy.h"
@@ -9,6 +10,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <mysql.h>
 
@@ -260,20 +262,48 @@ TEST_F(PanelDb, AListOf200000RowsComesOutWhole) {
     }
 }
 
+TEST_F(PanelDb, QueriesLeaveNothingAllocated) {
+    if (!allocation_faults_work) {
+        GTEST_SKIP() << "the sanitizer's allocator keeps no books of this kind";
+    }
+    const Connection connection = connect();
+    const auto everything = [&] {
+        for (const auto& query :
+             {"SELECT REPEAT('x', 500) FROM seq_1_to_3", "SELECT seq FROM seq_1_to_3 WHERE seq > 3",
+              "SELECT none FROM at_all"}) {
+            List list;
+            db_query_list(connection.get(), query, list.out());
+        }
+        List names;
+        EXPECT_EQ(0, db_get_mail_names(connection.get(), "d.example", names.out()));
+        log.take();
+    };
+    EXPECT_EQ(0, blocksLeftBy(everything));
+}
+
 TEST_F(PanelDb, NoMemoryForTheQueryIsReported) {
     if (!allocation_faults_work) {
         GTEST_SKIP() << no_allocation_faults;
     }
-    const std::string domain(100000, 'd');
-    List list;
-    {
-        const AllocationFaults faults(100000);
-        EXPECT_EQ(-1, db_get_mail_names(nullptr, domain.c_str(), list.out()));
+    const std::string name(100000, 'd');
+    const std::function<int(char***)> queries[] = {
+        [&](char*** list) { return db_get_domain_aliases(nullptr, name.c_str(), list); },
+        [&](char*** list) { return db_get_mail_aliases(nullptr, "u", name.c_str(), list); },
+        [&](char*** list) { return db_get_mail_names(nullptr, name.c_str(), list); },
+        [&](char*** list) { return db_get_domain_by_alias(nullptr, name.c_str(), list); },
+    };
+    for (const auto& query : queries) {
+        List list;
+        {
+            const AllocationFaults faults(100000);
+            EXPECT_EQ(-1, query(list.out()));
+        }
+        EXPECT_EQ(nullptr, list.get());
+        EXPECT_THAT(
+            log.take(),
+            ElementsAre(LogLine(error_level, "Cannot allocate memory: Cannot allocate memory"),
+                        LogLine(error_level, "Unable to create database query")));
     }
-    EXPECT_EQ(nullptr, list.get());
-    EXPECT_THAT(log.take(),
-                ElementsAre(LogLine(error_level, "Cannot allocate memory: Cannot allocate memory"),
-                            LogLine(error_level, "Unable to create database query")));
 }
 
 TEST_F(PanelDb, NoMemoryForTheListIsReported) {

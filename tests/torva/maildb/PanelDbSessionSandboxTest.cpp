@@ -1,6 +1,6 @@
 #include "torva/maildb/panel_db_session.h"
 
-#include "torva/maildb/AllocationFaults.h"
+#include "support/AllocationFaults.h"
 #include "torva/maildb/MysqlProxy.h"
 #include "torva/maildb/SessionFixture.h"
 #include "torva/maildb/panel_db.h"

@@ -1,7 +1,12 @@
 #include "torva/maildb/panel_db.h"
 
+#include "support/HeapCensus.h"
+#include "torva/libc/Child.h"
+
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <cstring>
 #include <string>
 
 namespace {
@@ -27,6 +32,18 @@ TEST(SafeName, NoNameIsUnsafe) {
 
 TEST(FreeList, NoListIsAllowed) {
     db_free_list(nullptr);
+}
+
+TEST(FreeList, TheListAndItsTextsAreFreed) {
+    if (TORVA_TEST_ASAN != 0) {
+        GTEST_SKIP() << "the sanitizer's allocator keeps no books of this kind";
+    }
+    EXPECT_EQ(0, torva::test::blocksLeftBy([] {
+                  auto** list = static_cast<char**>(std::calloc(3, sizeof(char*)));
+                  list[0] = ::strdup("one that is longer than any small block of memory is");
+                  list[1] = ::strdup("another that is longer than any small block of memory is");
+                  db_free_list(list);
+              }));
 }
 
 } // namespace

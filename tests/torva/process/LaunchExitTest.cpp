@@ -56,6 +56,28 @@ TEST_F(LaunchExitTest, BufferedOutputIsNotPrintedTwiceByAFailingChild) {
     ::unlink(name);
 }
 
+TEST_F(LaunchExitTest, OutputInBuffersThatStdioKnowsNothingOfIsNotPrintedTwiceEither) {
+    EXPECT_EQ("text 0", inSubprocess([](std::ostream& out) {
+                  for (std::ostream* const stream : {&std::cout, &std::cerr, &std::clog}) {
+                      PipeEnds ends = openPipe("pipe");
+                      ::dup2(ends.write.get(), stream == &std::cout ? 1 : 2);
+                      std::ios::sync_with_stdio(false);
+                      std::cerr.tie(nullptr); // else its flush is one of std::cout, too
+                      *stream << std::nounitbuf << "text ";
+                      failToLaunch();
+                      stream->flush();
+                      ends.write.release();
+                      ::dup2(openNullDevice(O_WRONLY, "open").get(), stream == &std::cout ? 1 : 2);
+                      const std::string text = readAll(ends.read.get());
+                      if (text != "text ") {
+                          out << text;
+                          return;
+                      }
+                  }
+                  out << "text 0";
+              }));
+}
+
 TEST_F(LaunchExitTest, FailingChildEndsWithExitAndRunsItsExitHandlers) {
     PipeEnds ends = openPipe("pipe");
     EXPECT_EQ("", inSubprocess([&](std::ostream&) {

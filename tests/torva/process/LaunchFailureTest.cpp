@@ -302,14 +302,27 @@ TEST_F(LaunchSystemCallTest, FailedReadOfTheControlPipeIsThrownAtOnceAndLeavesTh
               }));
 }
 
-TEST_F(LaunchSystemCallTest, FailedCloseOfTheChildsEndIsThrown) {
-    EXPECT_EQ(systemError("close", EIO) + ", status 0", inSubprocess([](std::ostream& out) {
-                  const auto childsEnd = static_cast<std::uint32_t>(nextDescriptors(3)[2]);
-                  failSystemCalls({{SYS_close, EIO, 0, childsEnd}});
-                  LaunchRequest request = program("/bin/true");
-                  request.input = {Kind::newPipe, -1};
-                  out << failureOf(request);
-              }));
+TEST_F(LaunchSystemCallTest, FailedCloseOfAnEndThatIsNotOursAnyMoreIsThrown) {
+    // In the order of opening: the control pipe, then the stream's.
+    const struct {
+        const char* what;
+        ChildStream LaunchRequest::*stream;
+        std::size_t index;
+    } table[] = {{"control pipe, read end", &LaunchRequest::input, 0},
+                 {"control pipe, write end", &LaunchRequest::input, 1},
+                 {"read end of the input", &LaunchRequest::input, 2},
+                 {"write end of the output", &LaunchRequest::output, 3},
+                 {"write end of the error", &LaunchRequest::error, 3}};
+    for (const auto& row : table) {
+        EXPECT_EQ(systemError("close", EIO) + ", status 0", inSubprocess([&](std::ostream& out) {
+                      const int end = nextDescriptors(4)[row.index];
+                      failSystemCalls({{SYS_close, EIO, 0, static_cast<std::uint32_t>(end)}});
+                      LaunchRequest request = program("/bin/true");
+                      request.*row.stream = {Kind::newPipe, -1};
+                      out << failureOf(request);
+                  }))
+            << row.what;
+    }
 }
 
 // Which of the descriptors 3, 10, 19, 20 and 30 are open in the child.

@@ -10,9 +10,26 @@
 #include <fcntl.h>
 #include <functional>
 #include <stdexcept>
+#include <string>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+namespace {
+
+/// What a test wants to see right before a wait for children, and do.
+std::function<void()> beforeWaiting;
+
+} // namespace
+
+// The C library's, which this executable's own hides.
+extern "C" int sigtimedwait(const sigset_t* signals, siginfo_t* info, const timespec* time) {
+    if (beforeWaiting) {
+        beforeWaiting();
+    }
+    constexpr std::size_t kernelsMask = 8; // bytes
+    return static_cast<int>(::syscall(SYS_rt_sigtimedwait, signals, info, time, kernelsMask));
+}
 
 namespace torva::process {
 namespace {
@@ -126,6 +143,25 @@ TEST_F(PipeFailureTest, ThrowingConsumerOfAFloodingChildLeavesNothingBehind) {
     pipe.addProcess("/bin/cat", {"cat", "/dev/zero"});
     EXPECT_EQ("runtime_error consumer", thrownBy([&] { pipe.launch(); }));
     EXPECT_EQ(SIGPIPE, WTERMSIG(pipe.status(0)));
+}
+
+TEST_F(PipeFailureTest, SigchldIsBlockedAgainBeforeTheChildrenAreSeenToTheirEnd) {
+    // Else the handler takes the signal that the wait is for, and it waits in vain.
+    Pipe pipe;
+    bool waited = false;
+    beforeWaiting = [&] {
+        waited = true;
+        sigset_t mask;
+        ::sigprocmask(SIG_SETMASK, nullptr, &mask);
+        EXPECT_EQ(1, ::sigismember(&mask, SIGCHLD));
+        ::kill(pipe.pid(0), SIGKILL);
+    };
+    pipe.output = [](const std::vector<char>&) { throw std::runtime_error("consumer"); };
+    pipe.addProcess("/bin/sh", shell("echo; exec sleep 1000"));
+    EXPECT_EQ("runtime_error consumer", thrownBy([&] { pipe.launch(); }));
+    beforeWaiting = nullptr;
+    EXPECT_TRUE(waited);
+    EXPECT_EQ(SIGKILL, WTERMSIG(pipe.status(0)));
 }
 
 TEST_F(PipeFailureTest, ThrowAfterTheChildHasEndedKeepsItsStatus) {

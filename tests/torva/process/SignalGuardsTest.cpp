@@ -76,6 +76,9 @@ TEST_F(SignalGuardsTest, DefaultSigpipeGetsAnEmptyHandlerAndComesBack) {
         SigpipeGuard guard;
         EXPECT_NE(SIG_DFL, handlerOf(SIGPIPE));
         EXPECT_NE(SIG_IGN, handlerOf(SIGPIPE));
+        struct sigaction action = {};
+        ::sigaction(SIGPIPE, nullptr, &action);
+        EXPECT_NE(0, action.sa_flags & SA_RESTART) << "it would interrupt the caller's callbacks";
         EXPECT_EQ(-1, ::write(ends.write.get(), "x", 1));
         EXPECT_EQ(EPIPE, errno);
         guard.restore();

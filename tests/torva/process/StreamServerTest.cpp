@@ -206,6 +206,27 @@ TEST_F(StreamServerTest, StreamsAreServedToTheirEndAfterTheChildHasEnded) {
     EXPECT_EQ("late", seen);
 }
 
+TEST_F(StreamServerTest, NoneOfTheStreamsCanBlockTheServer) {
+    // A blocking one would hold up the others wherever select(2) has promised too much.
+    CommonFlags flags;
+    PlayedChild* played = nullptr;
+    flags.input = [&played](std::vector<char>&) {
+        ServedChild& child = played->served[0];
+        for (const Descriptor* stream : {&child.input, &child.output, &child.error}) {
+            EXPECT_NE(0, ::fcntl(stream->get(), F_GETFL) & O_NONBLOCK);
+        }
+        played->end();
+        return false;
+    };
+    PlayedChild child(flags);
+    played = &child;
+    PipeEnds input = openPipe("pipe");
+    child.served[0].input = std::move(input.write);
+    child.served[0].output = openPipe("pipe").read;
+    child.served[0].error = openPipe("pipe").read;
+    child.run();
+}
+
 TEST_F(StreamServerFailureTest, EachOperationIsNamed) {
     // Descriptor numbers: two of the catcher, then the stream's pipe.
     const auto run = [](bool input, const FailingCall& failing) {

@@ -96,7 +96,9 @@ TEST(AutocleanOFStreamTest, AFailedOpeningShowsInTheStateAndTheFileIsRemovedAllT
         writeFile(directory / "scratch", "text");
     }
     EXPECT_TRUE(directory.names().empty());
+    errno = 0;
     AutocleanOFStream missing(directory / "missing/scratch");
+    EXPECT_EQ(errno, ENOENT);
     EXPECT_TRUE(missing.fail());
 }
 

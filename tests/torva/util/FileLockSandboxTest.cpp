@@ -21,8 +21,8 @@ using torva::test::writeFile;
 
 namespace {
 
-const std::string name = "/var/spool/postfix/torva/virtual";
-const std::string lockFile = "/var/lock/files/_var_spool_postfix_torva_virtual";
+const std::string heldName = "/var/spool/postfix/torva/virtual";
+const std::string heldLockFile = "/var/lock/files/_var_spool_postfix_torva_virtual";
 
 class FileLockSandboxTest : public testing::Test {
 protected:
@@ -35,9 +35,9 @@ protected:
     static bool exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
 };
 
-std::string thrownFor(LockMode mode) {
+std::string thrownByLock(LockMode mode) {
     try {
-        const FileLock lock(name, mode);
+        const FileLock lock(heldName, mode);
     } catch (const std::exception& error) {
         return error.what();
     }
@@ -48,11 +48,11 @@ std::string thrownFor(LockMode mode) {
 
 TEST_F(FileLockSandboxTest, TheLockFileIsThatOfTheNameWithUnderscoresForSlashes) {
     ASSERT_EQ(::mkdir("/var/lock/files", 0700), 0);
-    file_lock* handle = file_lock_try(name.c_str(), 1);
+    file_lock* handle = file_lock_try(heldName.c_str(), 1);
     EXPECT_GT(handle->fd, 2);
-    EXPECT_EQ(handle->path, lockFile);
+    EXPECT_EQ(handle->path, heldLockFile);
     file_lock_free(handle);
-    EXPECT_TRUE(exists(lockFile)) << "lock files are never removed";
+    EXPECT_TRUE(exists(heldLockFile)) << "lock files are never removed";
     handle = file_lock_wait("no-slash", 1);
     EXPECT_GT(handle->fd, 2);
     EXPECT_STREQ(handle->path, "/var/lock/files/no-slash");
@@ -78,11 +78,11 @@ TEST_F(FileLockSandboxTest, TheThrowingWrapperMakesTheDirectoryAndThePlainFuncti
     EXPECT_EQ(outcome.err, "Unable to open file \"/var/lock/files/x\": No such file or directory.\n"
                            "System error 2: No such file or directory\n");
     EXPECT_FALSE(exists("/var/lock/files"));
-    { const FileLock lock(name, LockMode::fail); }
+    { const FileLock lock(heldName, LockMode::fail); }
     struct stat status;
     ASSERT_EQ(::stat("/var/lock/files", &status), 0);
     EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFDIR | 0700));
-    ASSERT_EQ(::stat(lockFile.c_str(), &status), 0);
+    ASSERT_EQ(::stat(heldLockFile.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFREG | 0644));
 }
 
@@ -95,29 +95,30 @@ TEST_F(FileLockSandboxTest, WithTheLockDirectoryOffTheDirectoryIsNotMade) {
 TEST_F(FileLockSandboxTest, ADirectoryThatCannotBeMadeShowsWhenItIsOpened) {
     writeFile("/var/lock/files", "");
     const Outcome outcome = inChild(
-        [] { return thrownFor(LockMode::wait) == "lock() failed: Not a directory" ? 0 : 1; });
+        [] { return thrownByLock(LockMode::wait) == "lock() failed: Not a directory" ? 0 : 1; });
     EXPECT_EQ(outcome.exited, 0);
-    EXPECT_EQ(outcome.err, "Unable to open file \"" + lockFile +
+    EXPECT_EQ(outcome.err, "Unable to open file \"" + heldLockFile +
                                "\": Not a directory.\nSystem error 20: Not a directory\n");
 }
 
 TEST_F(FileLockSandboxTest, ALockLivesAsLongAsItsObject) {
     {
-        const FileLock lock(name, LockMode::wait);
-        EXPECT_EQ(thrownFor(LockMode::fail), "lock(" + name + ") failed: file is already locked");
+        const FileLock lock(heldName, LockMode::wait);
+        EXPECT_EQ(thrownByLock(LockMode::fail),
+                  "lock(" + heldName + ") failed: file is already locked");
         const FileLock other("/var/spool/postfix/torva/domains", LockMode::fail);
     }
-    EXPECT_EQ(thrownFor(LockMode::fail), "");
+    EXPECT_EQ(thrownByLock(LockMode::fail), "");
 }
 
 TEST_F(FileLockSandboxTest, TheWaitingModeWaitsForAnotherProcess) {
     OtherProcess holder([] {
-        torva::lock(name, true, LockMode::fail);
+        torva::lock(heldName, true, LockMode::fail);
         return 0;
     });
     ASSERT_EQ(holder.result(), 0);
     const OtherProcess waiter([] {
-        const FileLock lock(name, LockMode::wait);
+        const FileLock lock(heldName, LockMode::wait);
         return 0;
     });
     ASSERT_TRUE(waitsForLock(waiter.pid()));

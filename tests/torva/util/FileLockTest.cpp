@@ -1,5 +1,6 @@
 #include "torva/util/FileLock.h"
 
+#include "support/AllocationFaults.h"
 #include "torva/libc/Child.h"
 #include "torva/libc/OtherProcess.h"
 #include "torva/libc/SyscallFault.h"
@@ -359,6 +360,19 @@ TEST(FileLockTest, LackOfMemoryGivesNoHandleAndOpensNothing) {
     });
     EXPECT_EQ(outcome.exited, 0);
     EXPECT_TRUE(directory.names().empty());
+}
+
+TEST(FileLockTest, ErrnoAndTheReasonAreKeptWhateverMemoryMakesOfThem) {
+    if (!torva::test::allocation_faults_work) {
+        GTEST_SKIP() << torva::test::no_allocation_faults;
+    }
+    const TempDirectory directory;
+    file_lock* handle = file_lock_try((directory / "table").c_str(), 0);
+    const torva::test::DisturbedErrno disturbed(EDOM);
+    errno = EXDEV;
+    file_lock_free(handle);
+    EXPECT_EQ(errno, EXDEV);
+    EXPECT_EQ(thrownByLock(directory.path(), LockMode::fail).text, "lock() failed: Is a directory");
 }
 
 TEST(FileLockTest, TheReasonOfARefusedLockIsNotThatOfTheClosing) {

@@ -1,5 +1,6 @@
 #include "torva/postfix/mastercf/MasterCfReader.h"
 
+#include "torva/libc/descriptor.h"
 #include "torva/postfix/mastercf/MasterCfParser.h"
 #include "torva/util/PostfixError.h"
 #include "torva/util/WritableByOthers.h"
@@ -29,7 +30,7 @@ public:
         const bool distrusts = owner == FileOwner::self && writableByOthers(directoryOf(path));
         // Non-blocking: opening a FIFO would wait for somebody to write to it.
         const int flags = O_RDONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC;
-        fd_ = ::open(path.c_str(), distrusts ? flags | O_NOFOLLOW : flags);
+        fd_ = fd_above_standard(::open(path.c_str(), distrusts ? flags | O_NOFOLLOW : flags));
         valid_ = fd_ >= 0 && ::fstat(fd_, &status_) == 0 && S_ISREG(status_.st_mode) &&
                  (!distrusts || isOurs(status_));
     }

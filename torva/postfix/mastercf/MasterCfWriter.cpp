@@ -1,5 +1,6 @@
 #include "torva/postfix/mastercf/MasterCfWriter.h"
 
+#include "torva/libc/descriptor.h"
 #include "torva/util/FileLock.h"
 #include "torva/util/FilesystemError.h"
 #include "torva/util/SystemError.h"
@@ -28,7 +29,8 @@ void writeLines(const MasterCfLines& lines, std::ostream& stream) {
 /// complete on disk, and at worst a crash brings the old one back. An error would claim
 /// that the old one is still there.
 void syncDirectoryOf(const std::string& path) {
-    const int fd = ::open(directoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int fd =
+        fd_above_standard(::open(directoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (fd >= 0) {
         ::fsync(fd);
         ::close(fd);

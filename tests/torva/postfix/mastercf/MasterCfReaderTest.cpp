@@ -1,6 +1,7 @@
 #include "torva/postfix/mastercf/MasterCfReader.h"
 
 #include "Support.h"
+#include "SystemCallLog.h"
 #include "torva/util/PostfixError.h"
 
 #include <gmock/gmock.h>
@@ -139,6 +140,17 @@ TEST_F(MasterCfReaderTest, NoDescriptorStaysOpenHoweverItEnds) {
     }
     refusalOf(directory_.path());
     EXPECT_EQ(entriesOf("/proc/self/fd"), before);
+}
+
+TEST_F(MasterCfReaderTest, FileIsNeverOpenAsAStandardStream) {
+    fill(path_, "# c");
+    EXPECT_EQ(withoutStandardStreams([&] {
+                  const SystemCallLog log;
+                  const bool read = refusalOf(path_) == "read";
+                  const bool compared = MasterCfReader::content(path_) == "# c";
+                  return log.calls().empty() && read && compared ? 0 : 1;
+              }),
+              0);
 }
 
 TEST_F(MasterCfReaderTest, NoMappingStaysHoweverItEnds) {

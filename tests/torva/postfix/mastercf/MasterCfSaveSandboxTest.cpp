@@ -239,6 +239,16 @@ TEST_F(MasterCfSaveSandboxTest, StoreThatSomebodyElseRemovedIsAChangeToo) {
     EXPECT_EQ(contentOfFile(path_), one_);
 }
 
+TEST_F(MasterCfSaveSandboxTest, StoreThatWasGoneWhenAllWasLoadedAgainIsNoChange) {
+    fill(storePath, "# store\n");
+    load(one_);
+    std::filesystem::remove(storePath);
+    model_.load(true);
+    model_.disableModule("a", ModuleType::unix);
+    EXPECT_TRUE(model_.save(false));
+    EXPECT_THAT(contentOfFile(storePath), ::testing::HasSubstr("a unix"));
+}
+
 TEST_F(MasterCfSaveSandboxTest, ChangeToAFileThatIsNotWrittenIsNotAskedFor) {
     fill(savedStorePath, "# store\n");
     load(one_);

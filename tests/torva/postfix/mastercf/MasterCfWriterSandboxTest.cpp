@@ -144,6 +144,22 @@ TEST_F(MasterCfWriterSandboxTest, StepsHaveTheirOrder) {
     EXPECT_TRUE(std::filesystem::exists("/var/lock/files/" + lockName));
 }
 
+TEST_F(MasterCfWriterSandboxTest, StepsAreTheSameWithoutStandardStreams) {
+    std::vector<std::string> usual;
+    {
+        const SystemCallLog log;
+        write({"a"});
+        usual = log.calls();
+    }
+    EXPECT_EQ(withoutStandardStreams([&] {
+                  const SystemCallLog log;
+                  write({"b"});
+                  return log.calls() == usual ? 0 : 1;
+              }),
+              0);
+    EXPECT_EQ(contentOfFile(path_), "b\n");
+}
+
 TEST_F(MasterCfWriterSandboxTest, AllIsWrittenAndTheLockHeldWhenTheRenameComes) {
     fillOld();
     SystemCallLog log;

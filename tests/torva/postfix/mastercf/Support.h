@@ -5,11 +5,14 @@
 #include "torva/postfix/mastercf/MasterCfParser.h"
 
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
 #include <string>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <vector>
 
 namespace torva::mail::postfix::testing {
@@ -57,6 +60,33 @@ inline std::string contentOfFile(const std::string& path) {
 inline std::size_t entriesOf(const std::string& directory) {
     const std::filesystem::directory_iterator begin(directory);
     return static_cast<std::size_t>(std::distance(begin, std::filesystem::directory_iterator()));
+}
+
+/// Runs the body in a forked child that has none of the three standard streams open, as
+/// some callers start their children.
+///
+/// \return the body's result; -1 when a stream is open afterwards, or on an exception
+template <class Body>
+int withoutStandardStreams(Body body) {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        int result = -1;
+        for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+            ::close(fd);
+        }
+        try {
+            result = body();
+        } catch (...) { // NOLINT(bugprone-empty-catch): the result tells
+        }
+        for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+            result = ::fcntl(fd, F_GETFD) == -1 ? result : -1;
+        }
+        ::_exit(result);
+    }
+    int status = 0;
+    return ::waitpid(pid, &status, 0) == pid && WIFEXITED(status)
+               ? static_cast<signed char>(WEXITSTATUS(status))
+               : -1;
 }
 
 inline std::vector<std::string> linesOf(const MasterCfLines& lines) {

@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -31,6 +32,12 @@ std::string nameOf(int fd) {
     const std::string link = "/proc/self/fd/" + std::to_string(fd);
     const ssize_t size = ::readlink(link.c_str(), target, sizeof(target));
     return size < 0 ? "?" : nameOf(std::string(target, static_cast<std::size_t>(size)));
+}
+
+/// What a note says of a descriptor that a child or a message could mistake for its own.
+std::string standing(int fd) {
+    const bool standard = fd >= STDIN_FILENO && fd <= STDERR_FILENO;
+    return standard ? " on descriptor " + std::to_string(fd) : "";
 }
 
 bool fails(const std::string& call) {
@@ -75,6 +82,7 @@ extern "C" {
 
 using torva::mail::postfix::testing::fails;
 using torva::mail::postfix::testing::nameOf;
+using torva::mail::postfix::testing::standing;
 
 int chmod(const char* path, mode_t mode) noexcept {
     char octal[16];
@@ -85,7 +93,7 @@ int chmod(const char* path, mode_t mode) noexcept {
 int fchmod(int fd, mode_t mode) noexcept {
     char octal[16];
     std::snprintf(octal, sizeof(octal), "%04o", mode);
-    return fails("fchmod " + nameOf(fd) + " " + octal)
+    return fails("fchmod " + nameOf(fd) + " " + octal + standing(fd))
                ? -1
                : static_cast<int>(::syscall(SYS_fchmod, fd, mode));
 }
@@ -99,14 +107,23 @@ int rename(const char* from, const char* to) noexcept {
 int fsync(int fd) {
     struct stat status {};
     const bool directory = ::fstat(fd, &status) == 0 && S_ISDIR(status.st_mode);
-    return fails(directory ? "fsync directory" : "fsync file")
+    return fails((directory ? "fsync directory" : "fsync file") + standing(fd))
                ? -1
                : static_cast<int>(::syscall(SYS_fsync, fd));
 }
 
 int flock(int fd, int operation) noexcept {
-    return fails("flock " + nameOf(fd)) ? -1
-                                        : static_cast<int>(::syscall(SYS_flock, fd, operation));
+    return fails("flock " + nameOf(fd) + standing(fd))
+               ? -1
+               : static_cast<int>(::syscall(SYS_flock, fd, operation));
+}
+
+void* mmap(void* place, size_t size, int protection, int flags, int fd, off_t offset) noexcept {
+    if (!standing(fd).empty()) {
+        fails("mmap" + standing(fd));
+    }
+    const long mapped = ::syscall(SYS_mmap, place, size, protection, flags, fd, offset);
+    return reinterpret_cast<void*>(mapped); // NOLINT(performance-no-int-to-ptr): as the C library
 }
 
 } // extern "C"

@@ -1,5 +1,5 @@
-// The system calls with which a file is replaced, seen and made to fail: chmod,
-// fchmod, rename, fsync and flock of the test executables of this folder note that they
+// The system calls with which a file is read or replaced, seen and made to fail: chmod,
+// fchmod, rename, fsync, flock and mmap of the test executables of this folder note that they
 // were called and then do the system call.
 #pragma once
 
@@ -26,7 +26,8 @@ public:
 
     /// "chmod NAME MODE", "fchmod NAME MODE", "rename FROM TO", "fsync file", "fsync directory",
     /// "flock NAME"; names without their directories, the six characters of a
-    /// temporary file as "XXXXXX".
+    /// temporary file as "XXXXXX". " on descriptor N" follows where N is a number of the
+    /// standard streams; mmap is noted only then.
     const std::vector<std::string>& calls() const { return calls_; }
 
     /// Notes a call. \return errno value that it is to fail with; 0: none

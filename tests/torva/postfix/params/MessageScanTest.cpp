@@ -39,6 +39,7 @@ const MessageCase messageCases[] = {
     {"ThirdFieldDoesNotCount", "postconf: warning: fatal: x", false, false},
     {"WordOfAnotherKind", "postconf: info: x", false, true},
     {"WarningsBeforeAFatal", "a: warning: x\nb: warning: y\nc: fatal: z", true, true},
+    {"FatalWithoutANameAfterAnotherLine", "a: warning: x\n: fatal: y", true, true},
     {"FatalBeforeWarnings", "a: fatal: x\nb: warning: y\n", true, true},
     {"WordIsNotJoinedOverLines", "postconf:\nfatal: x", false, false},
     {"TextEndsInsideTheWord", "postconf: fata", false, false},

@@ -1,6 +1,7 @@
 // PostfixParameters and the relay policies, with a fake for postconf
 // where its behaviour is the point, and with the real one.
 #include "support/FakeTool.h"
+#include "support/LockHolder.h"
 #include "torva/postfix/params/PostfixParameters.h"
 #include "torva/postfix/params/PostfixTool.h"
 #include "torva/postfix/params/RelayPolicy.h"
@@ -23,7 +24,9 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
+using torva::test::contentOf;
 using torva::test::FakeTool;
+using torva::test::lockHolder;
 using torva::test::passThrough;
 using torva::test::writeFile;
 
@@ -33,6 +36,8 @@ const char postconfPath[] = "/usr/sbin/postconf";
 const char restrictions[] = "smtpd_recipient_restrictions";
 const char closedList[] = "permit_mynetworks, check_client_access "
                           "pcre:/var/spool/postfix/torva/no_relay.re, reject_unauth_destination";
+
+int failingForks = 0; ///< how many of the next ones have no process to give
 
 /// Prints a directory for the path of main.cf and does BODY for the rest.
 std::string locating(const std::string& body) {
@@ -47,6 +52,23 @@ std::string messageOf(const std::function<void()>& action) {
     }
     return "no error";
 }
+
+} // namespace
+
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the name is the C library's
+extern "C" pid_t __fork(void);
+
+// The C library's, which this executable's own hides.
+extern "C" pid_t fork() noexcept {
+    if (failingForks > 0) {
+        --failingForks;
+        errno = EAGAIN;
+        return -1;
+    }
+    return __fork();
+}
+
+namespace {
 
 class FakePostconfTest : public testing::Test {
 protected:
@@ -148,6 +170,13 @@ TEST_F(FakePostconfTest, PathOfMainCfFallsBackToTheBuiltInDirectory) {
     EXPECT_THAT(fake.calls(), ElementsAre("[-h][config_directory]", "[-h][-d][config_directory]"));
 }
 
+TEST_F(FakePostconfTest, PathOfMainCfIsAskedForAgainWhateverTheFirstFailureWas) {
+    const FakeTool fake(postconf, "echo /built/in");
+    failingForks = 1;
+    EXPECT_EQ(PostfixParameters().path(), "/built/in/main.cf");
+    EXPECT_THAT(fake.calls(), ElementsAre("[-h][-d][config_directory]"));
+}
+
 TEST_F(FakePostconfTest, PathOfMainCfKeepsATrailingSlash) {
     const FakeTool fake(postconfPath, "echo /etc/postfix/");
     EXPECT_EQ(PostfixParameters().path(), "/etc/postfix//main.cf");
@@ -194,6 +223,31 @@ TEST_F(FakePostconfTest, FailedReadMeansNoWrite) {
     EXPECT_EQ(messageOf([&] { parameters.removeFromListParameter("x", "b"); }), "unknown error");
     EXPECT_EQ(messageOf([&] { parameters.addRestriction("x", "b", "c"); }), "unknown error");
     EXPECT_THAT(fake.calls(), ElementsAre("[-h][x]", "[-h][x]", "[-h][x]"));
+}
+
+TEST_F(FakePostconfTest, LockOfMainCfIsHeldByTheCallerAsLongAsTheChangeLasts) {
+    const char mainCf[] = "/etc/postfix/main.cf";
+    const std::string locks = std::string(std::getenv("TMPDIR")) + "/locks";
+    for (const std::string status : {"0", "1"}) {
+        SCOPED_TRACE(status);
+        const FakeTool fake(postconf, locating("cat /proc/locks > " + locks + "\nexit " + status));
+        PostfixParameters parameters;
+        EXPECT_EQ(messageOf([&] { parameters.setParameter("a", "b"); }),
+                  status == "0" ? "no error" : "unknown error");
+        EXPECT_EQ(lockHolder(contentOf(locks), mainCf), std::to_string(::getpid()));
+        EXPECT_EQ(::unlink(locks.c_str()), 0);
+        EXPECT_EQ(lockHolder(contentOf("/proc/locks"), mainCf), "none");
+        EXPECT_NO_THROW(torva::FileLock(mainCf, torva::LockMode::fail));
+    }
+}
+
+TEST_F(FakePostconfTest, ReadingNeitherTakesNorWaitsForTheLockOfMainCf) {
+    const FakeTool fake(postconf, locating("echo value"));
+    PostfixParameters parameters;
+    const torva::FileLock held("/etc/postfix/main.cf", torva::LockMode::fail);
+    EXPECT_EQ(parameters.getParameter("a"), "value");
+    EXPECT_EQ(parameters.getExpandedParameter("a"), "value");
+    EXPECT_TRUE(parameters.hasParameter("a"));
 }
 
 TEST_F(FakePostconfTest, SettingWaitsForTheLockOfMainCf) {

@@ -60,6 +60,18 @@ int fchown(int fd, uid_t owner, gid_t group) noexcept {
     return fails("fchown", "") ? -1 : static_cast<int>(::syscall(SYS_fchown, fd, owner, group));
 }
 
+int link(const char* from, const char* to) noexcept {
+    return fails("link", from) ? -1 : ::linkat(AT_FDCWD, from, AT_FDCWD, to, 0);
+}
+
+ssize_t read(int fd, void* buffer, size_t size) {
+    return fails("read", "") ? -1 : ::syscall(SYS_read, fd, buffer, size);
+}
+
+ssize_t readlink(const char* path, char* target, size_t size) noexcept {
+    return fails("readlink", path) ? -1 : ::readlinkat(AT_FDCWD, path, target, size);
+}
+
 int rename(const char* from, const char* to) noexcept {
     return fails("rename", from) ? -1 : ::renameat(AT_FDCWD, from, AT_FDCWD, to);
 }

@@ -1,6 +1,6 @@
 // The system calls with which a table's files are replaced, for tests that must act
-// right before one of them, or to make it fail: chmod, chown, fchmod, fchown and rename
-// of the test executables of this folder.
+// right before one of them, or to make it fail: chmod, chown, fchmod, fchown, link,
+// read, readlink and rename of the test executables of this folder.
 #pragma once
 
 #include <functional>

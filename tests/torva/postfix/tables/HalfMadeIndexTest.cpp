@@ -1,5 +1,7 @@
 #include "torva/postfix/tables/HalfMadeIndex.h"
 
+#include "support/AllocationFaults.h"
+
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -58,8 +60,10 @@ TEST_F(HalfMadeIndexTest, OfAPathWithoutADirectoryIsInTheWorkingDirectory) {
 }
 
 TEST_F(HalfMadeIndexTest, ErrnoStaysAsItWas) {
+    const std::string source = directory_ / "nowhere" / "virtual";
+    const torva::test::DisturbedErrno disturbed(EDOM);
     errno = ENOSPC;
-    removeHalfMadeIndex(directory_ / "nowhere" / "virtual");
+    removeHalfMadeIndex(source);
     EXPECT_EQ(errno, ENOSPC);
 }
 

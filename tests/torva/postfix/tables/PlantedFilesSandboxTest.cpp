@@ -20,7 +20,7 @@ using testing::UnorderedElementsAre;
 
 namespace {
 
-const std::string victim = "/var/spool/postfix/victim";
+const std::string plantedVictim = "/var/spool/postfix/victim";
 const std::string victimText = "root:secret\n";
 const std::string swapped = "somebody else has put another file in its place";
 
@@ -53,21 +53,21 @@ protected:
     }
     void TearDown() override {
         TablesTest::TearDown();
-        ::unlink(victim.c_str());
+        ::unlink(plantedVictim.c_str());
     }
 
     void layOut() {
         TablesTest::SetUp();
         createTable(table, {{"old", "x@e.net"}, {"a", "y@e.net"}});
-        writeFile(victim, victimText);
-        ASSERT_EQ(::chmod(victim.c_str(), 0600), 0);
-        before_ = statusOf(victim);
+        writeFile(plantedVictim, victimText);
+        ASSERT_EQ(::chmod(plantedVictim.c_str(), 0600), 0);
+        before_ = statusOf(plantedVictim);
         giveDirectoryAway();
     }
 
     void expectVictimUnharmed() const {
-        EXPECT_EQ(contentOf(victim), victimText);
-        const struct stat now = statusOf(victim);
+        EXPECT_EQ(contentOf(plantedVictim), victimText);
+        const struct stat now = statusOf(plantedVictim);
         EXPECT_EQ(now.st_ino, before_.st_ino);
         EXPECT_EQ(now.st_mode, before_.st_mode);
         EXPECT_EQ(now.st_uid, before_.st_uid);
@@ -103,7 +103,7 @@ TEST_F(PlantedFilesTest, LinkInThePlaceOfAnIndexIsRemovedAndNotFollowed) {
             SCOPED_TRACE(operation.name + std::string(suffix));
             layOut();
             ::unlink((source + suffix).c_str());
-            ASSERT_EQ(::symlink(victim.c_str(), (source + suffix).c_str()), 0);
+            ASSERT_EQ(::symlink(plantedVictim.c_str(), (source + suffix).c_str()), 0);
             runAnyway(operation);
             expectVictimUnharmed();
             EXPECT_FALSE(exists(source + suffix) && S_ISLNK(statusOf(source + suffix).st_mode));
@@ -130,14 +130,14 @@ TEST_F(PlantedFilesTest, SecondNameOfAnotherFileInThePlaceOfAnIndexIsNotWrittenT
         SCOPED_TRACE(operation.name);
         layOut();
         ::unlink(index_.c_str());
-        ASSERT_EQ(::link(victim.c_str(), index_.c_str()), 0);
+        ASSERT_EQ(::link(plantedVictim.c_str(), index_.c_str()), 0);
         runAnyway(operation);
         expectVictimUnharmed();
         expectNothingGivenAway();
         // A listing, which fails, does not change it.
         const std::string name = operation.name;
         const bool listed = name == "dump" || name == "rewrite";
-        EXPECT_EQ(statusOf(victim).st_nlink, listed ? 2U : 1U);
+        EXPECT_EQ(statusOf(plantedVictim).st_nlink, listed ? 2U : 1U);
     }
 }
 
@@ -151,14 +151,20 @@ TEST_F(PlantedFilesTest, IndexWithASecondNameKeepsItsRecords) {
     ASSERT_EQ(::chmod(index_.c_str(), 0640), 0);
     ASSERT_EQ(::chown(index_.c_str(), 0, 65534), 0);
     putRecords(table, {{"new", "z"}});
-    deleteKeys(table, {"a"});
-    EXPECT_THAT(dumpTable(table), UnorderedElementsAre(Pair("old", "x@e.net"), Pair("new", "z")));
     EXPECT_TRUE(contentOf(other) == bytes);
     EXPECT_EQ(statusOf(other).st_nlink, 1U);
+    const std::string another = "/var/spool/postfix/another.db";
+    ASSERT_EQ(::link(index_.c_str(), another.c_str()), 0);
+    const std::string bytesBefore = contentOf(another);
+    deleteKeys(table, {"a"});
+    EXPECT_THAT(dumpTable(table), UnorderedElementsAre(Pair("old", "x@e.net"), Pair("new", "z")));
+    EXPECT_TRUE(contentOf(another) == bytesBefore);
+    EXPECT_EQ(statusOf(another).st_nlink, 1U);
     EXPECT_EQ(statusOf(index_).st_mode & 07777, 0640U);
     EXPECT_EQ(statusOf(index_).st_gid, 65534U);
     EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
     ::unlink(other.c_str());
+    ::unlink(another.c_str());
 }
 
 TEST_F(PlantedFilesTest, IndexWithASecondNameIsNotWrittenToWhenItIsMadeAnew) {
@@ -182,7 +188,7 @@ TEST_F(PlantedFilesTest, LinkInThePlaceOfTheSourceIsReplacedItself) {
         SCOPED_TRACE(name);
         layOut();
         ::unlink(source.c_str());
-        ASSERT_EQ(::symlink(victim.c_str(), source.c_str()), 0);
+        ASSERT_EQ(::symlink(plantedVictim.c_str(), source.c_str()), 0);
         operations[name[0] == 'c' ? 0 : 5].run();
         expectVictimUnharmed();
         const struct stat status = statusOf(source);
@@ -208,7 +214,7 @@ TEST_F(PlantedFilesTest, SecondNameOfAnotherFileInThePlaceOfTheSourceIsNotWritte
         SCOPED_TRACE(operation.name);
         layOut();
         ::unlink(source.c_str());
-        ASSERT_EQ(::link(victim.c_str(), source.c_str()), 0);
+        ASSERT_EQ(::link(plantedVictim.c_str(), source.c_str()), 0);
         runAnyway(operation);
         expectVictimUnharmed();
         expectNothingGivenAway();
@@ -220,7 +226,7 @@ TEST_F(PlantedFilesTest, RebuildReadsNoPlantedLinkAndNoFifo) {
         "unable to open " + source + ": it may have been planted by another account";
     const std::string indexBefore = contentOf(index_);
     ::unlink(source.c_str());
-    ASSERT_EQ(::symlink(victim.c_str(), source.c_str()), 0);
+    ASSERT_EQ(::symlink(plantedVictim.c_str(), source.c_str()), 0);
     EXPECT_EQ(messageOf<PostfixConfigurationError>([] { rebuildTable(table); }), refusal);
     ::unlink(source.c_str());
     ASSERT_EQ(::mkfifo(source.c_str(), 0666), 0);
@@ -252,7 +258,7 @@ int swapScratchFiles() {
         const std::string path = directory + "/" + name;
         if (name.find('.') != std::string::npos && name != "virtual.db") {
             ::unlink(path.c_str());
-            static_cast<void>(::symlink(victim.c_str(), path.c_str()));
+            static_cast<void>(::symlink(plantedVictim.c_str(), path.c_str()));
         }
     }
     return 0;
@@ -267,7 +273,9 @@ TEST_F(PlantedFilesTest, SwappedScratchFileGetsNoModeNoOwnerAndNoPlace) {
             const std::string indexBefore = contentOf(index_);
             const std::string sourceBefore = contentOf(source);
             bool done = false;
+            bool renamed = false;
             const CallHook hook([&](const std::string& called, const std::string&) {
+                renamed = renamed || called == "rename";
                 return called == call && !std::exchange(done, true) ? swapScratchFiles() : 0;
             });
             if (call == "fchown" && each == 0) {
@@ -279,6 +287,7 @@ TEST_F(PlantedFilesTest, SwappedScratchFileGetsNoModeNoOwnerAndNoPlace) {
             expectVictimUnharmed();
             expectNothingGivenAway();
             if (call != "rename") {
+                EXPECT_FALSE(renamed) << "not even for a moment";
                 EXPECT_EQ(contentOf(source), sourceBefore);
             }
             EXPECT_TRUE(contentOf(index_) == indexBefore);

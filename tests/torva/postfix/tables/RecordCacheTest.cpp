@@ -1,5 +1,7 @@
 #include "torva/postfix/tables/RecordCache.h"
 
+#include "support/AllocationFaults.h"
+
 #include "torva/libc/Child.h"
 #include "torva/util/PostfixError.h"
 
@@ -15,6 +17,11 @@ using testing::IsEmpty;
 using testing::Pair;
 
 namespace {
+
+/// What std::unordered_map takes from the heap for a place in the list: its link, the key,
+/// the place, the hash.
+constexpr std::size_t placeSize =
+    sizeof(void*) + sizeof(std::pair<const std::string, Records::iterator>) + sizeof(std::size_t);
 
 TEST(CollectingRecordCacheTest, RecordsStayInTheirOrder) {
     RecordCache cache("hash:/nowhere", CacheMode::collecting);
@@ -101,6 +108,33 @@ TEST(CollectingRecordCacheTest, WithoutATableNameItCannotBeFormed) {
         }
     }
     EXPECT_NO_THROW(cache.flush());
+}
+
+TEST(CollectingRecordCacheTest, WithoutMemoryThePendingRecordsOfBeforeAreKept) {
+    if (!torva::test::allocation_faults_work) {
+        GTEST_SKIP() << torva::test::no_allocation_faults;
+    }
+    RecordCache cache("hash:/nowhere", CacheMode::collecting);
+    cache.put({{"a", "1"}});
+    const std::string key(500, 'k');
+    const std::string value(700, 'v');
+    const std::string longer(900, 'l');
+    const Records records = {{key, value}};
+    const Records replacement = {{"a", longer}};
+    // Of the key, of the value, of the place that the key is known at, of a new value.
+    for (const std::size_t size :
+         {key.size() + 1, value.size() + 1, placeSize, longer.size() + 1}) {
+        const torva::test::AllocationFaults faults(size, size);
+        try {
+            cache.put(size == longer.size() + 1 ? replacement : records);
+            ADD_FAILURE() << "no exception: " << size;
+        } catch (const PostfixDatabaseError& error) {
+            EXPECT_STREQ(error.what(), "unable to form record cache");
+        }
+    }
+    EXPECT_THAT(cache.list(), ElementsAre(Pair("a", "1")));
+    cache.put(records);
+    EXPECT_THAT(cache.list(), ElementsAre(Pair("a", "1"), Pair(key, value)));
 }
 
 TEST(TableFileTest, IsWhatFollowsTheFirstColon) {

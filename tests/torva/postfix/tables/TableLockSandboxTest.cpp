@@ -2,6 +2,7 @@
 // has ended, and waited for.
 #include "TablesFixture.h"
 #include "support/FakeTool.h"
+#include "support/LockHolder.h"
 #include "torva/postfix/tables/CreateTable.h"
 #include "torva/postfix/tables/Postmap.h"
 #include "torva/postfix/tables/TableRewrite.h"
@@ -9,7 +10,6 @@
 
 #include <gmock/gmock.h>
 
-#include <algorithm>
 #include <chrono>
 #include <fcntl.h>
 #include <sstream>
@@ -45,28 +45,6 @@ const std::vector<LockedOperation> lockedOperations = {
     {"rewrite", 2, true, [] { removeDomainFromTable(table, "d.net", false); }},
 };
 
-/// The holder of our lock file according to the locks in proc(5): the PID of who
-/// holds it, "none" when nobody does.
-std::string holderIn(const std::string& locks) {
-    std::string name = source;
-    std::replace(name.begin(), name.end(), '/', '_');
-    const std::string inode =
-        ":" + std::to_string(statusOf("/var/lock/files/" + name).st_ino) + " ";
-    std::istringstream lines(locks);
-    for (std::string line; std::getline(lines, line);) {
-        if (line.find("FLOCK") != std::string::npos && line.find("->") == std::string::npos &&
-            line.find(inode) != std::string::npos) {
-            std::istringstream words(line);
-            std::string word;
-            for (int i = 0; i < 5; ++i) {
-                words >> word;
-            }
-            return word;
-        }
-    }
-    return "none";
-}
-
 using TableLockTest = TablesTest;
 
 TEST_F(TableLockTest, IsHeldByTheCallerThroughoutTheRunOfTheTool) {
@@ -82,11 +60,27 @@ TEST_F(TableLockTest, IsHeldByTheCallerThroughoutTheRunOfTheTool) {
         operation.run();
         for (std::size_t i = 0; i < 2 * operation.tools; ++i) {
             const std::string path = log + std::to_string(i);
-            EXPECT_EQ(holderIn(contentOf(path)), std::to_string(::getpid())) << i;
+            EXPECT_EQ(lockHolder(contentOf(path), source), std::to_string(::getpid())) << i;
             EXPECT_EQ(::unlink(path.c_str()), 0) << i;
         }
-        EXPECT_EQ(holderIn(contentOf("/proc/locks")), "none");
+        EXPECT_EQ(lockHolder(contentOf("/proc/locks"), source), "none");
         EXPECT_NO_THROW(FileLock(source, LockMode::fail));
+    }
+}
+
+TEST_F(TableLockTest, NeitherItsDescriptorNorAnotherOfOursReachesTheTool) {
+    const std::string log = "/var/spool/postfix/descriptors";
+    createTable(table, {{"a", "1"}});
+    for (const Operation& operation : operations) {
+        SCOPED_TRACE(operation.name);
+        const FakeTool fake(postmap, "readlink /proc/$$/fd/* >> " + log + "\n" + passThrough);
+        operation.run();
+        const std::string seen = contentOf(log);
+        EXPECT_NE(seen, "");
+        EXPECT_EQ(seen.find(directory), std::string::npos) << seen;
+        EXPECT_EQ(seen.find("/var/lock"), std::string::npos) << seen;
+        EXPECT_EQ(seen.find("/run/lock"), std::string::npos) << seen;
+        ::unlink(log.c_str());
     }
 }
 

@@ -13,6 +13,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <utility>
 
 using namespace torva::mail::postfix;
 using namespace torva::test;
@@ -130,6 +131,77 @@ TEST_F(TableRewriteFailureTest, OtherNamesOfTheSourceAreItsOwnAgain) {
     ::unlink(other.c_str());
 }
 
+TEST_F(TableRewriteFailureTest, SourceThatCannotHaveASecondNameComesBackAsACopy) {
+    for (const int error : {EPERM, EMLINK}) {
+        SCOPED_TRACE(error);
+        const CallHook hook([error](const std::string& called, const std::string&) {
+            return called == "link" ? error : 0;
+        });
+        const FakeTool fake(postmap, failingRebuild_);
+        const Seen before(source);
+        EXPECT_THROW(removeDomain(), PostfixConfigurationError);
+        const Seen now(source);
+        expectSame(now, before);
+        EXPECT_NE(now.status.st_ino, before.status.st_ino);
+        EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
+    }
+}
+
+TEST_F(TableRewriteFailureTest, SourceThatCannotHaveASecondNameIsRewrittenAsAnyOther) {
+    const CallHook hook(
+        [](const std::string& called, const std::string&) { return called == "link" ? EPERM : 0; });
+    removeDomain();
+    EXPECT_EQ(contentOf(source), "user@e.net\tb@e.net\n");
+    EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
+}
+
+TEST_F(TableRewriteFailureTest, LinkThatIsSwappedInBeforeTheSourceIsKeptEndsTheRewrite) {
+    const std::string victim = "/var/spool/postfix/victim";
+    writeFile(victim, "secret\n");
+    const Seen before(victim);
+    const CallHook hook([&](const std::string& called, const std::string&) {
+        if (called == "link") {
+            ::unlink(source.c_str());
+            EXPECT_EQ(::symlink(victim.c_str(), source.c_str()), 0);
+        }
+        return 0;
+    });
+    EXPECT_EQ(messageOf<torva::SystemError>(&removeDomain),
+              "open: Too many levels of symbolic links");
+    expectSame(Seen(victim), before);
+    EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
+    ::unlink(victim.c_str());
+}
+
+TEST_F(TableRewriteFailureTest, SignalWhileTheSourceIsCopiedCostsNothingOfIt) {
+    bool copying = false;
+    const CallHook hook([&copying](const std::string& called, const std::string&) {
+        copying = copying || called == "link";
+        if (called == "read" && std::exchange(copying, false)) {
+            return EINTR;
+        }
+        return called == "link" ? EPERM : 0;
+    });
+    const FakeTool fake(postmap, failingRebuild_);
+    const Seen before(source);
+    EXPECT_THROW(removeDomain(), PostfixConfigurationError);
+    EXPECT_FALSE(copying);
+    expectSame(Seen(source), before);
+}
+
+TEST_F(TableRewriteFailureTest, FifoThatIsSwappedInBeforeTheSourceIsCopiedIsNotWaitedFor) {
+    const CallHook hook([&](const std::string& called, const std::string&) {
+        if (called != "link") {
+            return 0;
+        }
+        ::unlink(source.c_str());
+        EXPECT_EQ(::mkfifo(source.c_str(), 0600), 0);
+        return EPERM;
+    });
+    EXPECT_EQ(messageOf<torva::SystemError>(&removeDomain), "open: Invalid argument");
+    EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
+}
+
 TEST_F(TableRewriteFailureTest, EmptySourceComesBackEmpty) {
     createTable(table, {});
     makeOld(source, 1000000000);
@@ -139,8 +211,14 @@ TEST_F(TableRewriteFailureTest, EmptySourceComesBackEmpty) {
 
 TEST_F(TableRewriteFailureTest, AccessTimesComeBackToo) {
     const FakeTool fake(postmap, failingRebuild_);
-    EXPECT_THROW(removeDomain(), PostfixConfigurationError);
-    EXPECT_EQ(statusOf(source).st_atim.tv_sec, 1000000000);
+    for (const int linkError : {0, EPERM}) {
+        makeOld(source, 1000000000);
+        const CallHook hook([linkError](const std::string& called, const std::string&) {
+            return called == "link" ? linkError : 0;
+        });
+        EXPECT_THROW(removeDomain(), PostfixConfigurationError);
+        EXPECT_EQ(statusOf(source).st_atim.tv_sec, 1000000000);
+    }
     // Our own read of the index was the last access.
     EXPECT_GE(statusOf(index_).st_atim.tv_sec, 1000000007);
 }
@@ -161,6 +239,23 @@ TEST_F(TableRewriteFailureTest, LinkOfTheAdministratorStaysOneWhetherItFailsOrNo
     EXPECT_EQ(contentOf(elsewhere), "user@e.net\tb@e.net\n");
     EXPECT_EQ(statusOf(elsewhere).st_mode & 07777, 0640U);
     EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
+    ::unlink(elsewhere.c_str());
+}
+
+TEST_F(TableRewriteFailureTest, LinkThatGoesBeforeItIsFollowedEndsTheRewrite) {
+    const std::string elsewhere = "/var/spool/postfix/elsewhere";
+    ASSERT_EQ(::rename(source.c_str(), elsewhere.c_str()), 0);
+    ASSERT_EQ(::symlink("../elsewhere", source.c_str()), 0);
+    const Seen before(elsewhere);
+    const CallHook hook([](const std::string& called, const std::string& path) {
+        if (called == "readlink") {
+            ::unlink(path.c_str());
+        }
+        return 0;
+    });
+    EXPECT_EQ(messageOf<torva::SystemError>(&removeDomain), "stat: No such file or directory");
+    expectSame(Seen(elsewhere), before);
+    EXPECT_THAT(namesIn(directory), ElementsAre("virtual.db"));
     ::unlink(elsewhere.c_str());
 }
 
@@ -201,6 +296,12 @@ TEST_F(TableRewriteFailureTest, GoodRewriteKeepsModeAndOwnerOfTheSource) {
     EXPECT_EQ(statusOf(source).st_gid, 0U);
     EXPECT_EQ(contentOf(source), "user@e.net\tb@e.net\n");
     EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
+}
+
+TEST_F(TableRewriteFailureTest, GoodRewriteKeepsPermissionsOnlyAndNoSetUserId) {
+    ASSERT_EQ(::chmod(source.c_str(), 06640), 0);
+    removeDomain();
+    EXPECT_EQ(statusOf(source).st_mode & 07777, 0640U);
 }
 
 TEST_F(TableRewriteFailureTest, EmptySourceMayBeRewritten) {

@@ -1,5 +1,6 @@
-#include "torva/maildb/AllocationFaults.h"
+#include "support/AllocationFaults.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <malloc.h>
@@ -11,10 +12,18 @@ namespace {
 std::size_t smallest_failing = SIZE_MAX;
 std::size_t largest_failing = 0; // an empty range: nothing fails
 
+std::atomic<long> allocated{0};
+
+int left_errno = 0; // 0: errno is left alone
+
 const char* watched_text = nullptr;
 int freed_texts = 0;
 
 } // namespace
+
+long allocatedBlocks() {
+    return allocated;
+}
 
 FreedTexts::FreedTexts(const char* text) {
     freed_texts = 0;
@@ -47,6 +56,14 @@ AllocationFaults::Pause::~Pause() {
     largest_failing = largest_;
 }
 
+DisturbedErrno::DisturbedErrno(int error) {
+    left_errno = error;
+}
+
+DisturbedErrno::~DisturbedErrno() {
+    left_errno = 0;
+}
+
 #if !defined(__SANITIZE_ADDRESS__)
 namespace {
 
@@ -58,7 +75,22 @@ bool fails(std::size_t size) {
     return true;
 }
 
+void* handed_out(void* memory) {
+    if (memory != nullptr) {
+        ++allocated;
+        errno = left_errno != 0 ? left_errno : errno;
+    }
+    return memory;
+}
+
+void taken_back() {
+    --allocated;
+}
+
 void look_at_freed(void* memory) {
+    if (memory != nullptr) {
+        taken_back();
+    }
     if (watched_text != nullptr && memory != nullptr &&
         memmem(memory, malloc_usable_size(memory), watched_text, std::strlen(watched_text)) !=
             nullptr) {
@@ -82,15 +114,23 @@ void __libc_free(void* memory);
 // NOLINTEND(bugprone-reserved-identifier)
 
 void* malloc(std::size_t size) {
-    return torva::test::fails(size) ? nullptr : __libc_malloc(size);
+    return torva::test::fails(size) ? nullptr : torva::test::handed_out(__libc_malloc(size));
 }
 
 void* calloc(std::size_t count, std::size_t size) {
-    return torva::test::fails(count * size) ? nullptr : __libc_calloc(count, size);
+    return torva::test::fails(count * size) ? nullptr
+                                            : torva::test::handed_out(__libc_calloc(count, size));
 }
 
 void* realloc(void* memory, std::size_t size) {
-    return torva::test::fails(size) ? nullptr : __libc_realloc(memory, size);
+    if (torva::test::fails(size)) {
+        return nullptr;
+    }
+    void* const moved = __libc_realloc(memory, size);
+    if (memory != nullptr && (moved != nullptr || size == 0)) {
+        torva::test::taken_back();
+    }
+    return torva::test::handed_out(moved);
 }
 
 void free(void* memory) {

@@ -90,4 +90,30 @@ test_clang_tidy_judges_every_header_of_the_product_and_no_other() {
         "$(printf '%s\n' /usr/include/boost/process/util/x.h /a/checkout/tests/support/x.h | grep -E "$filter" || true)"
 }
 
+# tidy ARGUMENT...: the output of tidy.py on a checkout of two sources, both with a finding,
+# whose build compiles them together.
+tidy() {
+    command -v clang-tidy >/dev/null || skip_test "clang-tidy is not installed"
+    make_scratch
+    mkdir -p "$scratch/app" "$scratch/build"
+    cp "$checkout/.clang-tidy" "$scratch/"
+    printf 'int read(int* p) {\n    p = nullptr;\n    return *p;\n}\n' >"$scratch/app/a.cpp"
+    printf '\nint* none() {\n    return 0;\n}\n' >"$scratch/app/b.cpp"
+    printf '#include "%s"\n\n' "$scratch/app/a.cpp" "$scratch/app/b.cpp" >"$scratch/build/unity_0_cxx.cxx"
+    printf '[{"file": "%s", "command": "c++ -std=c++17 -c"}]' "$scratch/build/unity_0_cxx.cxx" \
+        >"$scratch/build/compile_commands.json"
+    local text status=0
+    text=$("$tests/tools/tidy.py" "$scratch" "$scratch/build" "$@" 2>&1) || status=$?
+    expect_equal "exit status" 1 "$status"
+    printf '%s\n' "$text"
+}
+
+test_findings_in_sources_that_are_compiled_together_have_their_own_lines() {
+    expect_contains "finding" "/app/b.cpp:3:12: error: use nullptr" "$(tidy)"
+}
+
+test_analyzer_looks_into_sources_that_are_compiled_together() {
+    expect_contains "finding" "/app/a.cpp:3:12: error: Dereference of null pointer" "$(tidy --analyzer)"
+}
+
 run_tests "$@"

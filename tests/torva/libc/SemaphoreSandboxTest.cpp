@@ -442,7 +442,7 @@ TEST_F(SemaphoreSandboxTest, TheUmaskTakesBitsFromTheModesOfDirectories) {
         return 0;
     });
     EXPECT_EQ(outcome.exited, 0) << outcome.err;
-    EXPECT_EQ(modeOf(path), "100600");
+    EXPECT_EQ(modeOf(semaphorePath), "100600");
     EXPECT_EQ(modeOf("/usr/local/kra/var"), "40700");
 }
 

@@ -240,13 +240,13 @@ TEST_F(MasterCfSaveSandboxTest, StoreThatSomebodyElseRemovedIsAChangeToo) {
 }
 
 TEST_F(MasterCfSaveSandboxTest, StoreThatWasGoneWhenAllWasLoadedAgainIsNoChange) {
-    fill(storePath, "# store\n");
+    fill(savedStorePath, "# store\n");
     load(one_);
-    std::filesystem::remove(storePath);
+    std::filesystem::remove(savedStorePath);
     model_.load(true);
     model_.disableModule("a", ModuleType::unix);
     EXPECT_TRUE(model_.save(false));
-    EXPECT_THAT(contentOfFile(storePath), ::testing::HasSubstr("a unix"));
+    EXPECT_THAT(contentOfFile(savedStorePath), ::testing::HasSubstr("a unix"));
 }
 
 TEST_F(MasterCfSaveSandboxTest, ChangeToAFileThatIsNotWrittenIsNotAskedFor) {

@@ -71,7 +71,7 @@ TEST_F(TableLockTest, IsHeldByTheCallerThroughoutTheRunOfTheTool) {
 TEST_F(TableLockTest, NeitherItsDescriptorNorAnotherOfOursReachesTheTool) {
     const std::string log = "/var/spool/postfix/descriptors";
     createTable(table, {{"a", "1"}});
-    for (const Operation& operation : operations) {
+    for (const LockedOperation& operation : lockedOperations) {
         SCOPED_TRACE(operation.name);
         const FakeTool fake(postmap, "readlink /proc/$$/fd/* >> " + log + "\n" + passThrough);
         operation.run();

@@ -204,7 +204,7 @@ class SurroundingsTest(CtlTest):
         add(MASTER_CF, "".join(f"svc{number} unix - - y - - smtp\n" for number in range(3000)))
         self.assertStatus(0, ctl("check", timeout=120)) # one postconf for each would take an hour
 
-    def test_asks_postfix_five_questions_and_about_services_once(self):
+    def test_asks_postfix_six_questions_and_about_services_once(self):
         real = Path("/usr/sbin/postconf.real")
         os.rename("/usr/sbin/postconf", real)
         self.addCleanup(os.rename, real, "/usr/sbin/postconf")
@@ -214,7 +214,7 @@ class SurroundingsTest(CtlTest):
         asked = Path("/run/asked").read_text().splitlines()
         whole = [line for line in asked if not line.startswith(("-c ", "-d", "-m"))]
         self.assertEqual(whole, ["-M"])
-        self.assertEqual(len(asked), 5, asked)
+        self.assertEqual(len(asked), 6, asked)
 
     def test_tells_what_it_waits_for(self):
         real = Path("/usr/sbin/postconf.real")

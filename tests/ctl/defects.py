@@ -233,7 +233,7 @@ DEFECTS = [
     Defect("no_tool", without(TOOL), "stop", "program", str(TOOL),
            "build it, or install the package", installed(TOOL)),
     Defect("no_hash", without_hash, "stop", "map-type", "hash",
-           "install a Postfix with Berkeley DB",
+           "install a Postfix with Berkeley DB, such as Debian's",
            with_hash),
     Defect("no_pcre", without_map_type("pcre"), "warning", "map-type", "pcre",
            "apt-get install postfix-pcre", by_apt_get("postfix-pcre")),

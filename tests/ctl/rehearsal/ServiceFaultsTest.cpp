@@ -65,7 +65,7 @@ TEST(ServiceFaultsTest, WorstLineIsTheFirstOfTheHighestKind) {
 }
 
 TEST(ServiceFaultsTest, WarningsAboutWhatALaterPostfixDropsAreAboutNoFailure) {
-    const auto log = logOf(
+    const auto log = logWith(
         {"postfix/local[1]: warning: /etc/aliases: hash/btree support is deprecated.  Please "
          "switch to cdb or lmdb.",
          "postfix/local[1]: warning: See /usr/share/doc/postfix/NON_BERKELEYDB_README.gz for more "

@@ -1,5 +1,6 @@
 """The rehearsal on the machine's own Postfix, on good hosts and on bad ones."""
 
+import os
 import sys
 from pathlib import Path
 

@@ -230,7 +230,7 @@ TEST_F(FakePostconfTest, LockOfMainCfIsHeldByTheCallerAsLongAsTheChangeLasts) {
     const std::string locks = std::string(std::getenv("TMPDIR")) + "/locks";
     for (const std::string status : {"0", "1"}) {
         SCOPED_TRACE(status);
-        const FakeTool fake(postconf, locating("cat /proc/locks > " + locks + "\nexit " + status));
+        const FakeTool fake(postconfPath, locating("cat /proc/locks > " + locks + "\nexit " + status));
         PostfixParameters parameters;
         EXPECT_EQ(messageOf([&] { parameters.setParameter("a", "b"); }),
                   status == "0" ? "no error" : "unknown error");

@@ -113,7 +113,7 @@ TEST_F(FakePostconfTest, WarningsOfLaterVersionsChangeNoAnswerAndNoSetting) {
         "'postconf: warning: See https://www.postfix.org/DEPRECATION_README.html for details' >&2;";
     EXPECT_EQ(read(warnings + "echo value"), "value");
     EXPECT_EQ(read(warnings), "");
-    const FakeTool fake(postconf, warnings + "echo /etc/postfix");
+    const FakeTool fake(postconfPath, warnings + "echo /etc/postfix");
     PostfixParameters parameters;
     EXPECT_EQ(parameters.getExpandedParameter("relayhost"), "/etc/postfix");
     EXPECT_NO_THROW(parameters.setParameter("relayhost", "x"));
@@ -171,7 +171,7 @@ TEST_F(FakePostconfTest, PathOfMainCfFallsBackToTheBuiltInDirectory) {
 }
 
 TEST_F(FakePostconfTest, PathOfMainCfIsAskedForAgainWhateverTheFirstFailureWas) {
-    const FakeTool fake(postconf, "echo /built/in");
+    const FakeTool fake(postconfPath, "echo /built/in");
     failingForks = 1;
     EXPECT_EQ(PostfixParameters().path(), "/built/in/main.cf");
     EXPECT_THAT(fake.calls(), ElementsAre("[-h][-d][config_directory]"));
@@ -230,7 +230,8 @@ TEST_F(FakePostconfTest, LockOfMainCfIsHeldByTheCallerAsLongAsTheChangeLasts) {
     const std::string locks = std::string(std::getenv("TMPDIR")) + "/locks";
     for (const std::string status : {"0", "1"}) {
         SCOPED_TRACE(status);
-        const FakeTool fake(postconfPath, locating("cat /proc/locks > " + locks + "\nexit " + status));
+        const FakeTool fake(postconfPath,
+                            locating("cat /proc/locks > " + locks + "\nexit " + status));
         PostfixParameters parameters;
         EXPECT_EQ(messageOf([&] { parameters.setParameter("a", "b"); }),
                   status == "0" ? "no error" : "unknown error");
@@ -242,7 +243,7 @@ TEST_F(FakePostconfTest, LockOfMainCfIsHeldByTheCallerAsLongAsTheChangeLasts) {
 }
 
 TEST_F(FakePostconfTest, ReadingNeitherTakesNorWaitsForTheLockOfMainCf) {
-    const FakeTool fake(postconf, locating("echo value"));
+    const FakeTool fake(postconfPath, locating("echo value"));
     PostfixParameters parameters;
     const torva::FileLock held("/etc/postfix/main.cf", torva::LockMode::fail);
     EXPECT_EQ(parameters.getParameter("a"), "value");

@@ -15,6 +15,7 @@ make_devices() {
     for name in null zero full random urandom tty; do
         [[ -c /dev/$name ]] || continue
         if [[ $way == bind ]]; then
+            rm -f "$root/dev/$name"
             : >"$root/dev/$name"
             mount --bind "/dev/$name" "$root/dev/$name"
         else

@@ -253,6 +253,20 @@ test_command_is_not_process_one_and_orphans_are_reaped() {
         grep -l "^State:.Z" /proc/[0-9]*/status 2>/dev/null | wc -l')"
 }
 
+# The mode of a device that is the machine's own would be changed on the machine.
+test_devices_are_none_of_the_machines_own() {
+    need_namespaces
+    need_chroot
+    local name machine
+    machine=$(cd /dev && stat -c '%n %d:%i' null zero full random urandom tty)
+    expect_equal "devices of the machine" "" \
+        "$(in_namespaces -- sh -c 'cd /dev && stat -c "%n %d:%i" null zero full random urandom tty' |
+            grep -Fx "$machine" || true)"
+    for name in null zero full random urandom; do
+        in_namespaces -- head -c 0 "/dev/$name" || fail "/dev/$name cannot be opened"
+    done
+}
+
 test_private_directories_start_empty_and_with_their_modes() {
     need_namespaces
     expect_equal "modes" "1777 1777 1777 1777" \

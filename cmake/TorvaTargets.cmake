@@ -56,12 +56,10 @@ target_compile_options(torva_test_warnings INTERFACE
   $<$<CXX_COMPILER_ID:GNU>:-Wno-uninitialized -Wno-maybe-uninitialized>)
 
 # How the sources of tests are compiled in every preset: what they test is built as it
-# is installed, and they themselves take a third of the time without optimization. What
-# they do wrong is no promise of ours, so they go without the checks for undefined behaviour.
+# is installed, and they themselves take a third of the time without optimization.
 add_library(torva_test_options INTERFACE)
 target_link_libraries(torva_test_options INTERFACE torva_test_warnings)
-target_compile_options(torva_test_options INTERFACE -O0 -g1
-  $<$<CXX_COMPILER_ID:GNU>:-fno-sanitize=undefined>)
+target_compile_options(torva_test_options INTERFACE -O0 -g1)
 
 # torva_tests(FOLDER [DEPS target...])
 #

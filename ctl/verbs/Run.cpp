@@ -249,8 +249,7 @@ Verdict postfixCheck() {
     // A failure is never without its words.
     const bool isUnexplained = verdict.status != 0 && complaints.empty();
     for (const std::string& line : isUnexplained ? all : complaints) {
-        const bool isOfHook = line.compare(0, 10, "updating /") == 0;
-        if (!isOfHook && seen.insert(line).second) {
+        if (seen.insert(line).second) {
             verdict.text += (verdict.text.empty() ? "" : "\n") + line;
         }
     }

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Builds a bare Debian system of each suite and runs scripts/demo and scripts/check in it,
-from a fresh clone of the last commit. Prints a table of the results. Exit status 0: every
+"""Builds a bare Debian system of each suite and runs scripts/demo, scripts/check and
+scripts/prove packages --short in it, from a fresh clone of the last commit. Prints a table of the results. Exit status 0: every
 suite that could be installed is green; 77: none could."""
 
 import argparse
@@ -19,7 +19,7 @@ SUITES = ["bookworm", "trixie", "forky"]
 NEWEST_KNOWN = "sid"
 SKIPPED = 77
 SCRIPTS = Path("/usr/share/debootstrap/scripts")
-HEADING = "| Suite | Postfix | Compiler | Boost | `scripts/demo` | passed | failed | skipped |\n|---|---|---|---|---|---|---|---|"
+HEADING = "| Suite | Postfix | Compiler | Boost | `scripts/demo` | Passed | Failed | Skipped | Packages |\n|---|---|---|---|---|---|---|---|---|"
 MARKS = "<!-- releases: scripts/prove releases writes this -->\n", "<!-- end of the releases -->\n"
 
 
@@ -100,12 +100,12 @@ def try_out(suite, short):
 
 
 def row(suite, fields):
-    cells = [suite] + [fields.get(name, "?") for name in ("postfix", "compiler", "boost", "demo", "passed", "failed", "skipped")]
+    cells = [suite] + [fields.get(name, "?") for name in ("postfix", "compiler", "boost", "demo", "passed", "failed", "skipped", "packages")]
     return "| " + " | ".join(cells) + " |"
 
 
 def is_green(fields):
-    return fields.get("demo") == "works" and fields.get("failed") == "0" and fields.get("passed", "0") != "0"
+    return fields.get("demo") == "works" and fields.get("failed") == "0" and fields.get("passed", "0") != "0" and fields.get("packages") == "pass"
 
 
 def write_table(path, table):
@@ -123,7 +123,7 @@ def main():
             fields = try_out(suite, options.short)
         except Unavailable as reason:
             say(f"SKIP: {suite}: {reason}")
-            rows.append(f"| {suite} | skipped: {reason} | | | | | | |")
+            rows.append(f"| {suite} | skipped: {reason} | | | | | | | |")
             continue
         outcomes.append(is_green(fields))
         rows.append(row(suite, fields))

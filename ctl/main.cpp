@@ -67,7 +67,7 @@ int performAsRoot(Call& call) {
     const bool isRoot = ::geteuid() == 0;
     if (!isRoot && call.request.verb != "check") {
         torva::ctl::complain(call.request.verb + " must run as root");
-        return 1;
+        return torva::ctl::statusOfFailure(call.request.verb);
     }
     if (isRoot && call.request.inside.empty()) {
         torva::ctl::noteUnfinished(call.report);
@@ -101,5 +101,5 @@ int main(int count, char** arguments) {
     } catch (const std::exception& error) {
         torva::ctl::complain(error.what());
     }
-    return 1;
+    return torva::ctl::statusOfFailure(request.verb);
 }

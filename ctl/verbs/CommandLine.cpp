@@ -84,9 +84,11 @@ Request readCommandLine(int count, char** arguments) {
     } catch (const CLI::ParseError& error) {
         complain(std::string(error.what()) + " (see --help)");
         request.verb.clear();
-        request.status = 1;
+        request.status = statusOfFailure(app.got_subcommand("diff") ? "diff" : "");
     }
     return request;
 }
+
+int statusOfFailure(const std::string& verb) { return verb == "diff" ? 2 : 1; }
 
 } // namespace torva::ctl

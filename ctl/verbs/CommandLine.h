@@ -24,7 +24,12 @@ struct Request {
 };
 
 /// Parses the arguments. Help and version go to standard output; invalid arguments are
-/// reported on standard error, with status 1.
+/// reported on standard error, with the status of a failure.
 Request readCommandLine(int count, char** arguments);
+
+/// The exit status of a verb that could not do its work: 2 for "diff", whose 1 says that
+/// something has changed; otherwise 1.
+/// \param verb  its name; empty when none was recognized
+int statusOfFailure(const std::string& verb);
 
 } // namespace torva::ctl

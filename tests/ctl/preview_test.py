@@ -102,6 +102,15 @@ class CommandLineTest(CtlTest):
             self.assertNotEqual(outcome.err, "")
         self.assertFalse(BACKUPS.exists())
 
+    def test_diff_that_cannot_compare_does_not_end_as_if_something_had_changed(self):
+        self.assertIn("is no name of a backup", self.assertStatus(2, ctl("diff", "yesterday")).err)
+        self.assertNotEqual(self.assertStatus(2, ctl("diff", "--reload")).err, "")
+        outcome = self.assertStatus(2, ctl("diff", argv=["setpriv", "--reuid=nobody", "--clear-groups"]))
+        self.assertIn("must run as root", outcome.err)
+        BACKUPS.mkdir(parents=True)
+        shutil.chown(BACKUPS, "nobody")
+        self.assertIn("is not root's alone", self.assertStatus(2, ctl("diff")).err)
+
     def test_verbs_that_change_need_root(self):
         for verb in ("apply", "rollback", "preview", "backups"):
             outcome = self.assertStatus(1, ctl(verb, argv=["setpriv", "--reuid=nobody", "--clear-groups"]))

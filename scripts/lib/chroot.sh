@@ -59,7 +59,9 @@ copy_programs() {
     needed_libraries "$shell" /usr/sbin/post* /usr/lib/postfix/*.so* /usr/lib/postfix/sbin/* "$@" |
         copy_listed "$root"
     # From Debian 13 on, "postfix check" runs a script in Perl.
-    copy_whole "$root" /usr/lib/*-linux-gnu*/perl-base
+    if grep -qs '^#!.*perl' /usr/lib/postfix/*.pl; then
+        copy_whole "$root" /usr/bin/perl /usr/lib/*-linux-gnu*/perl-base
+    fi
     mkdir -p "$root/usr/local/bin" "$root/usr/local/sbin"
 }
 

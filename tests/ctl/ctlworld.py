@@ -260,11 +260,15 @@ class AroundARunTest(CtlTest):
                              '#!/bin/sh\ncase "$*" in *check) ;; *) exec $REAL "$@" ;; esac\n')
 
 
-def make_good_host():
-    """The panel's part of a host on which everything is in order, but its database."""
+def name_local_domains():
     # Debian puts this domain in only where the host name has none.
     kept = [line for line in MAIN_CF.read_text().splitlines(True) if not line.startswith("mydestination")]
     write(MAIN_CF, "".join(kept) + "mydestination = $myhostname, localhost, localhost.localdomain\n")
+
+
+def make_good_host():
+    """The panel's part of a host on which everything is in order, but its database."""
+    name_local_domains()
     for name in ("postfix-local", "postfix-queue", "postfix-mailman"):
         program(PANEL / name, "#!/bin/sh\n")
     for name in ("no_relay.re", "non_auth.re"):

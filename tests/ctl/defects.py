@@ -201,6 +201,11 @@ def stock(name):
     return lambda _: write(POSTFIX / name, (ctlworld.KEPT / "postfix" / name).read_bytes())
 
 
+def stock_main_cf(_):
+    stock("main.cf")(_)
+    ctlworld.name_local_domains()
+
+
 def by_apt_get(packages):
     """The advice as it stands, with an apt-get that brings the program back."""
     def cure(action):
@@ -266,7 +271,7 @@ DEFECTS = [
     Defect("small_backups", small_backups, "stop", "room", "too little for a copy of the files",
            cure=lambda action: run("mount", "-o", f"remount,size={1024 + int(action.split()[2])}k", BACKUPS)),
     Defect("no_main_cf", without(MAIN_CF), "warning", "main.cf", "is missing",
-           "reinstall Postfix's configuration", stock("main.cf")),
+           "reinstall Postfix's configuration", stock_main_cf),
     Defect("main_cf_without_newline", append(MAIN_CF, "relayhost ="), "warning", "main.cf", "no newline",
            "apply and preview supply it; else: echo >>/etc/postfix/main.cf", behind("else: ")),
     Defect("main_cf_link", linked_main_cf, "warning", "main.cf", "symbolic link",

@@ -22,6 +22,8 @@ put_into_unit() {{
     mount --bind /run/unit-cgroup "/proc/$pid/cgroup"
 }}
 [ ! -e {ANSWER} ] || . {ANSWER}
+# systemd gives it to what it starts; without it, Debian 13's Postfix asks systemd to start it.
+export INVOCATION_ID=0
 case $1 in
     restart) {REAL_POSTFIX} stop; {REAL_POSTFIX} start || exit; put_into_unit ;;
     reload-or-restart) {REAL_POSTFIX} status && exec {REAL_POSTFIX} reload; {REAL_POSTFIX} start && put_into_unit ;;

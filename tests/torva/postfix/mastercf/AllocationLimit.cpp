@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <new>
 
 namespace torva::mail::postfix::testing {
 
@@ -37,6 +38,14 @@ static void* allocate(std::size_t size) {
 
 void* operator new(std::size_t size) {
     return torva::mail::postfix::testing::allocate(size);
+}
+// The library's sorting algorithms ask in this way.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    try {
+        return torva::mail::postfix::testing::allocate(size);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
 }
 void operator delete(void* memory) noexcept {
     std::free(memory);

@@ -1,6 +1,6 @@
-// The editors of list values. Input: the list, a NUL, the element. An editor changes
-// the elements as it promises, all others stay in their order, and a second edit of
-// the same kind finds nothing to do.
+// The functions that edit list values. Input: the list, a NUL, the element. An edit changes
+// the elements as documented and keeps the others in their order; repeating it changes
+// nothing.
 #include "Fuzz.h"
 #include "torva/postfix/params/ListValue.h"
 
@@ -27,7 +27,7 @@ void checkSplit(const Elements& elements, const char* separators,
     require(split(joinList(elements)) == elements, "what was joined is split into the same");
 }
 
-/// Both ways to append, over the way to split that belongs to it.
+/// Checks one of the two ways to append, with the way to split that belongs to it.
 void checkAppend(const std::string& list, const std::string& element,
                  std::optional<std::string> (*append)(const std::string&, const std::string&),
                  Elements (*split)(const std::string&)) {
@@ -47,7 +47,7 @@ void checkAppend(const std::string& list, const std::string& element,
 void checkRemove(const std::string& list, const std::string& element) {
     Elements wanted = splitList(list);
     const bool there = contains(wanted, element);
-    require(listHolds(list, element) == there, "held is what stands among the elements");
+    require(listHolds(list, element) == there, "a list holds what is among its elements");
     const std::optional<std::string> changed = withoutElement(list, element);
     require(changed.has_value() == there, "only what is there is removed");
     if (!there) {

@@ -89,6 +89,8 @@ Request readCommandLine(int count, char** arguments) {
     return request;
 }
 
-int statusOfFailure(const std::string& verb) { return verb == "diff" ? 2 : 1; }
+int statusOfFailure(const std::string& verb) {
+    return verb == "diff" ? 2 : 1;
+}
 
 } // namespace torva::ctl

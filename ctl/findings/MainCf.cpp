@@ -36,7 +36,7 @@ void findHardLinks(const std::string& path, const std::string& subject, Findings
     if (::stat(target.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink > 1) {
         findings.warning(subject,
                          target + " has " + std::to_string(status.st_nlink) +
-                             " names (hard links): the run changes this one only",
+                             " names (hard links): the run changes only this one",
                          "cp -p " + target + " " + target + ".new && mv " + target + ".new " +
                              target);
     }

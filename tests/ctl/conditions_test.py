@@ -1,4 +1,4 @@
-"""Hosts as they are found: services that the program does not take, other file systems,
+"""Hosts as they are found: services that the program does not parse, other file systems,
 full disks, hard links, many services, odd surroundings."""
 
 import os
@@ -61,7 +61,7 @@ class ShelterTest(CtlTest):
         self.assertStatus(0, ctl("apply"))
         after = MASTER_CF.read_text()
         self.assertNotIn("sheltered by", after)
-        # Line by line but for what the run replaces and for the old pickup.
+        # Line by line, except for what the run replaces and the old pickup.
         kept = [line for line in text.splitlines() if not line.startswith(("smtp      inet", "pickup"))]
         self.assertEqual([line for line in after.splitlines() if line in kept], kept)
         self.assertStatus(0, ctl("rollback"))

@@ -1,6 +1,6 @@
 #!/bin/bash
-# What scripts/lib/packages.sh promises. dpkg-query and apt-get are small programs
-# in their place, inside the sandbox: what they are asked to do is written down.
+# What scripts/lib/packages.sh promises. Inside the sandbox, small programs replace
+# dpkg-query and apt-get, and write down what they are asked to do.
 set -euo pipefail
 source "${BASH_SOURCE[0]%/*}/shell_test.sh"
 

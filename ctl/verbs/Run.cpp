@@ -205,7 +205,8 @@ std::vector<std::string> withoutChrootHook() {
 void requireFiles(const Postfix& postfix) {
     for (const AliasDatabase& database : aliasDatabases(postfix)) {
         if (isNoFile(database.path)) {
-            throw std::runtime_error(database.path + " is no file: the run would wait for it");
+            throw std::runtime_error(database.path +
+                                     " is not a regular file: the run would wait for it");
         }
     }
 }

@@ -40,7 +40,7 @@ void checkAppend(const std::string& list, const std::string& element,
     }
     require(wanted.empty() || changed->rfind(list, 0) == 0, "the old text stays in front");
     wanted.push_back(element);
-    require(split(*changed) == wanted, "the element comes behind all others");
+    require(split(*changed) == wanted, "the element comes after all others");
     require(!append(*changed, element), "a second append finds nothing to do");
 }
 
@@ -55,7 +55,7 @@ void checkRemove(const std::string& list, const std::string& element) {
     }
     wanted.erase(std::remove(wanted.begin(), wanted.end(), element), wanted.end());
     require(splitList(*changed) == wanted, "the others stay, in their order");
-    require(*changed == joinList(wanted), "the rest is joined anew");
+    require(*changed == joinList(wanted), "the rest is joined again");
     require(!withoutElement(*changed, element), "a second removal finds nothing to do");
     require(splitList(*withElement(*changed, element)).back() == element,
             "what was removed can be appended again");

@@ -89,7 +89,7 @@ void checkFile(const MasterCfLines& lines) {
     MasterCfLines again;
     MasterCfReader::read(path, again);
     Texts wanted = textsOf(lines);
-    wanted.emplace_back(); // behind the last line feed
+    wanted.emplace_back(); // after the last line feed
     require(textsOf(again) == wanted, "the file is read as the same lines");
 }
 

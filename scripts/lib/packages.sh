@@ -28,7 +28,7 @@ ensure_packages() {
     for package in "$@"; do is_installed "$package" || missing+=("$package"); done
     ((${#missing[@]})) || return 0
     [[ -x $(command -v apt-get) ]] ||
-        die "not installed: ${missing[*]}; and apt-get is missing: this is no Debian system"
+        die "not installed: ${missing[*]}; and apt-get is missing: this is not a Debian system"
     warn "installing: ${missing[*]}"
     install_packages "${missing[@]}" || die "could not install: ${missing[*]}"
 }

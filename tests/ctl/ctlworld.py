@@ -2,7 +2,7 @@
 
 Every test file is started inside scripts/sandbox, as
     python3 TEST.py COMPANION PROGRAM [TEST-NAME...]
-It installs both as the package does, and writes Postfix's files again for each test. Postfix is
+It installs both as the package does, and writes Postfix's files, again for each test. Postfix is
 the machine's own.
 """
 

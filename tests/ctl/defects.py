@@ -334,7 +334,7 @@ DEFECTS = [
     Defect("alias_reference", main_cf("alias_maps = hash:$config_directory/aliases"), "ok", "aliases", "alias_maps"),
     Defect("alias_type", main_cf("alias_database = dbm:/etc/aliases"), "stop", "aliases", "dbm:/etc/aliases cannot",
            ALIAS_RULES, ALIASES_SET_RIGHT),
-    Defect("alias_fifo", fifo_among_the_aliases, "stop", "aliases", "/etc/alias-fifo is no file",
+    Defect("alias_fifo", fifo_among_the_aliases, "stop", "aliases", "/etc/alias-fifo is not a regular file",
            "make it a file, or take it out of alias_maps and alias_database", ALIASES_SET_RIGHT),
     Defect("root_is_led_nowhere", ordinary_host_with_a_domain, "warning", "mydestination",
            "root@, postmaster@ and mailer-daemon@mail.example.net goes to localhost.localdomain",

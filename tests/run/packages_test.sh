@@ -97,7 +97,7 @@ test_policy_left_by_a_killed_run_is_taken_over() {
 test_system_without_apt_is_told() {
     need_namespaces
     expect_equal "output" \
-        "scripts: not installed: three; and apt-get is missing: this is no Debian system" \
+        "scripts: not installed: three; and apt-get is missing: this is not a Debian system" \
         "$(in_sandbox 'rm -f /usr/bin/apt-get /usr/local/bin/apt-get; hash -r
             (ensure_packages three) || true')"
 }

@@ -2,7 +2,7 @@
 
 Every test file is started inside scripts/sandbox, as
     python3 TEST.py PROGRAM [FAKETOOL] [TEST-NAME...]
-and lays out, for each test anew, the few files that the program meets: main.cf,
+It writes, again for each test, the few files that the program meets: main.cf,
 master.cf, the account database, the aliases. FakeWorld puts tests/tools/fakes in
 place of Postfix's tools, RealWorld leaves Postfix as it is.
 """

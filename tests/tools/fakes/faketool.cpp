@@ -295,7 +295,7 @@ int answerPostconf(const std::vector<std::string>& argv) {
         }
         std::ofstream(home + "params/" + args[1].substr(0, at), std::ios::binary)
             << args[1].substr(at + 1);
-        // The real one writes main.cf anew.
+        // The real one replaces main.cf.
         ::utimensat(AT_FDCWD, (configDirectory() + "/main.cf").c_str(), nullptr, 0);
         return 0;
     }

@@ -37,7 +37,7 @@ def planted_database(world):
 
 
 def killed_writer(world):
-    """a writer is killed again and again beside look-ups"""
+    """a writer is killed again and again during look-ups"""
     world.reset()
     ended = world.library("lay-out-mailboxes")
     world.expect(b"\n1 succeeded" in ended.text, f"no database: {ended}")

@@ -1,6 +1,5 @@
-// What the timed programs of this folder share: the time that a piece of work takes
-// and the memory that it needs on top of what there was. The rounds, the floors and
-// the judgement are scripts/bench.
+// What the timed programs of this folder share: the time that a piece of work takes, and
+// the memory that it needs in addition. Rounds, floors and bars are in scripts/bench.
 #pragma once
 
 #include <chrono>
@@ -27,7 +26,7 @@ double secondsOf(Work work) {
     std::exit(1);
 }
 
-/// The highest count of resident memory since forgetPeak(), in KiB; VmHWM in proc(5).
+/// The peak of the resident memory since forgetPeak(), in KiB; VmHWM in proc(5).
 inline long peakKb() {
     std::ifstream status("/proc/self/status");
     const std::string name = "VmHWM:";
@@ -39,7 +38,7 @@ inline long peakKb() {
     die("no VmHWM in /proc/self/status");
 }
 
-/// From here on peakKb() starts with what is resident now; clear_refs in proc(5).
+/// From now on peakKb() counts from what is resident now; clear_refs in proc(5).
 inline void forgetPeak() {
     const int file = ::open("/proc/self/clear_refs", O_WRONLY | O_CLOEXEC);
     if (file == -1 || ::write(file, "5", 1) != 1) {

@@ -1,5 +1,5 @@
 // Times the mail-authentication database: changes and look-ups, each alone and beside
-// a process that does the other. Prints "NAME VALUE" lines with the seconds of one.
+// a process that does the other. Prints "NAME VALUE" lines with the seconds of one operation.
 // Only run inside scripts/sandbox: it makes and changes the database of the host.
 #include "bench/Measure.h"
 #include "torva/maildb/mail_auth.h"

@@ -1,7 +1,7 @@
 // Times the start and the end of one child, alternating: a bare fork, execve and
 // waitpid, process::launch with waitForExit, and a process::Pipe without callbacks.
 // Prints "NAME VALUE" lines with the median seconds of each and the medians of the
-// ratios of the turns.
+// ratios of the rounds.
 //
 //     child_timer PROGRAM MEGABYTES DESCRIPTORS ROUNDS
 //

@@ -39,7 +39,7 @@ def inside(programs, name, quick):
     if "TORVA_SANDBOX" not in os.environ:
         sys.exit("--inside is for the driver's own use")
     BENCH.mkdir()
-    # Where memory is the disk, no other program's writes are waited for.
+    # In memory, nothing waits for the disk writes of other programs.
     subprocess.run(["mount", "-t", "tmpfs", "bench", str(BENCH)], check=True)
     os.chdir(BENCH)
     try:
@@ -49,7 +49,7 @@ def inside(programs, name, quick):
 
 
 def measure(programs, name, quick):
-    """The rows of one benchmark, and None or why there are not more."""
+    """The rows of one benchmark, and None, or why it ended early."""
     print(f"{name} ...", file=sys.stderr, flush=True)
     command = [HERE.parent / "scripts" / "sandbox", "--with", programs, "--", sys.executable, "-B", __file__,
                "--inside", programs, name, "quick" if quick else "full"]

@@ -41,8 +41,8 @@ void readEditWrite(std::size_t count, const std::string& path) {
     }
 }
 
-// One round on a heap that is as fresh as it is in a program that does this once; the
-// small one before it only loads the code.
+// One round on a heap that is as fresh as in a program that does this once; the small
+// round before it only loads the code.
 void measure(std::size_t count, const std::string& path) {
     for (const std::size_t services : {std::size_t{10}, count}) {
         writeServices(services, path);

@@ -1,5 +1,5 @@
-"""What the benchmarks found, as lines for a terminal and as Markdown between two
-marks of a file. The machine is told by what it is, never by its name."""
+"""What the benchmarks found, as lines for a terminal and as Markdown between two marks
+of a file. The machine is described by its hardware and system, never by its name."""
 
 import datetime
 import os
@@ -12,7 +12,7 @@ BEGIN, END = "<!-- results: scripts/bench writes this -->", "<!-- end of the res
 
 def ratio_text(row):
     if row["ratio"] is None or row["unit"]:
-        return ""  # a size is judged as it is
+        return ""  # a size is compared with the bar itself
     if row["at_least"] is not None:
         return f"{row['ratio']:.2f} times faster"
     return f"{row['ratio']:.3f}" if row["ratio"] < 20 else f"{row['ratio']:.0f}"
@@ -73,8 +73,8 @@ def markdown(rows, reasons, quick, seconds):
 
 
 def write(path, rows, reasons, quick, seconds):
-    """Into the file, in place of what stands between its two marks; a file without
-    them is written anew."""
+    """Replaces what is between the two marks of the file; a file without them is
+    overwritten."""
     block = "\n".join([BEGIN, "", *markdown(rows, reasons, quick, seconds), "", END])
     text = path.read_text() if path.exists() else ""
     head, begin, rest = text.partition(BEGIN)

@@ -63,7 +63,7 @@ def values_of(*argv):
 
 
 def by_turns(rounds, *sides):
-    """What each side answers, round by round, after one round that only fills the
+    """What each side returns, round by round, after one round that only fills the
     caches. The order changes with each round."""
     results = [[] for _ in sides]
     for number in range(-1, rounds):
@@ -86,8 +86,8 @@ def seconds_text(seconds):
 
 
 def emit(what, ours, peer_name="", peer="", ratio=None, at_most=None, at_least=None, unit=""):
-    """One row. ratio: what the bar judges, ours by the peer's for at_most, the peer's
-    by ours for at_least; without a bar it is only shown."""
+    """One row. ratio: what is compared with the bar, ours divided by the peer's for
+    at_most, the peer's divided by ours for at_least; without a bar it is only shown."""
     met = None
     if at_most is not None:
         met = ratio <= at_most

@@ -1,5 +1,5 @@
-// What a run of torva-postfix-setup costs at least: starts the commands that a run
-// started, one after another, with the same input, and does nothing else but what
+// The least that a run of torva-postfix-setup can cost: starts the commands that a run
+// started, one after another, with the same input, and does nothing else, except what
 // keeps Postfix from sleeping. scripts/bench compares the two.
 //
 //     run_floor COMMANDS MAIN_CF

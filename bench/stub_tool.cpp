@@ -27,7 +27,7 @@ int main(int argc, char** argv) {
         }
     }
     if (argc > 2 && std::strcmp(argv[2], "-i") == 0) {
-        // Records that nobody reads would be an error of the one who feeds them.
+        // If nobody read the records, writing them would fail.
         char chunk[4096];
         while (::read(STDIN_FILENO, chunk, sizeof chunk) > 0) {
         }

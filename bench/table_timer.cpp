@@ -75,7 +75,7 @@ void filterListing(const std::string& table, const char* path) {
     });
 }
 
-// The reading of the file is part of it, as it is part of every way to do it.
+// Reading the file is included, as it is in the other ways to do this.
 void filterChunks(std::size_t size, const char* path) {
     std::ifstream file(path, std::ios::binary);
     std::ofstream nowhere("/dev/null", std::ios::binary);

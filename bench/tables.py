@@ -1,5 +1,5 @@
-"""Lookup tables: feeding and listing a postmap, beside a postmap that is fed from a
-file or listed into one by a shell's pipe."""
+"""Lookup tables: feeding a postmap and reading its listing, compared with a postmap that
+reads a file, or whose listing goes through a shell's pipe."""
 
 import shutil
 import statistics

@@ -1,6 +1,6 @@
-// The parts that only work on text, each on some hundred KiB of it, and as their floor
-// one pass of memchr(3) over the same bytes, for what stands between two pieces. Every benchmark
-// NAME has its floor NAME/floor; scripts/bench prints the ratios.
+// The parts that only work on text, each on some hundred KiB of it, and as their floor one
+// pass of memchr(3) over the same bytes, which looks for the separators. Every benchmark NAME
+// has its floor NAME/floor; scripts/bench prints the ratios.
 #include "torva/postfix/mastercf/MasterCfParser.h"
 #include "torva/postfix/params/ListValue.h"
 #include "torva/postfix/params/MessageScan.h"

@@ -1,5 +1,5 @@
-"""The parts that only work on text, see text_benchmark.cpp: bytes a second, beside a
-pass of memchr(3)."""
+"""The parts that only work on text, see text_benchmark.cpp: bytes a second, compared with
+a pass of memchr(3)."""
 
 import json
 import subprocess

@@ -14,7 +14,7 @@ def master_cf(programs, quick):
     file, written = BENCH / "master.cf", BENCH / "written"
     main_cf = BENCH / "main.cf"
     main_cf.write_text("")
-    os.utime(main_cf, (time.time() - 60, time.time() - 60))  # Postfix sleeps over a young one
+    os.utime(main_cf, (time.time() - 60, time.time() - 60))  # or Postfix's programs sleep
     script = BENCH / "script"
     script.write_text(f"print /files{file}/service1/command\n")
     augtool = ("/usr/bin/augtool", "--noautoload", "-t", f"Postfix_Master incl {file}", "-f", script)

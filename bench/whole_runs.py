@@ -1,5 +1,5 @@
-"""Whole runs of torva-postfix-setup: beside the commands alone that it starts, beside
-other programs that configure the same, with many descriptors, and their memory."""
+"""Whole runs of torva-postfix-setup: compared with only the commands that it starts, with
+other programs that configure the same, with many descriptors; and their memory."""
 
 import json
 import shutil
@@ -17,8 +17,8 @@ ASIDE = Path("/run/aside")
 
 
 class Runs:
-    """A world of which every side finds the same state. kind: "real" or "stub", what
-    the tools of Postfix are."""
+    """A world in which every side finds the same state. kind: "real" or "stub", which
+    tools of Postfix are in it."""
 
     def __init__(self, programs, kind):
         runworld.refuse_outside_sandbox()
@@ -143,7 +143,7 @@ class EndState:
         self.aliases = sorted(line for line in aliases if not line.startswith("YP_"))  # by whom and when
 
     def difference(self, other):
-        """Where this state is not the other one; None: nowhere."""
+        """What differs between this state and the other; None: nothing."""
         for name, own in vars(self).items():
             wanted = getattr(other, name)
             if own != wanted:

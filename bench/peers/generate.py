@@ -1,7 +1,7 @@
-"""Other programs that bring Postfix to the state that a first run brings it to, made
-out of the commands that such a run started, so that none of them is ever behind.
+"""Other programs that bring Postfix to the same state as a first run, generated from the
+commands that such a run started, so that none of them is ever out of date.
 
-Each is written the way its users write it, and as fast as that goes: none of them
+Each is written the way its users write it, and is as fast as that allows: none of them
 waits for Postfix, whose programs sleep while main.cf is younger than two seconds.
 """
 
@@ -17,13 +17,13 @@ COLUMNS = ("type", "private", "unprivileged", "chroot", "wakeup", "limit", "comm
 
 
 class Wish:
-    """What is to be reached. commands: (argument vector, input) of each command of a
-    run; before, after: the texts of master.cf."""
+    """The state to reach. commands: (argument vector, input) of each command of a run;
+    before, after: the texts of master.cf."""
 
     def __init__(self, commands, before, after):
         self.commands, self.before, self.after = commands, before, after
         self.settings = dict(argv[2].split("=", 1) for argv, _ in commands if argv[1] == "-e")
-        # A command that is there twice is needed once, by those who know what they want.
+        # A command that occurs twice is needed only once by somebody who knows the end state.
         self.builds = [(argv, given) for number, (argv, given) in enumerate(commands)
                        if argv[0].endswith(("postmap", "postalias")) and (argv, given) not in commands[:number]]
         self.tables = sorted({argv[-1].split(":", 1)[1] for argv, _ in self.builds if DIRECTORY in argv[-1]})
@@ -102,7 +102,7 @@ def ansible(wish):
 
 
 def quoted(text):
-    """A string of Puppet's language."""
+    """A string in Puppet's language."""
     return "'" + text.replace("\\", "\\\\").replace("'", "\\'") + "'"
 
 
@@ -126,7 +126,7 @@ def puppet(wish):
 
 
 def augtool(wish):
-    """The commands that no augtool can stand for, and its script for the two files."""
+    """The commands that augtool cannot replace, and its script for the two files."""
     lines = ["#!/bin/sh", "set -e", f"mkdir -p {DIRECTORY}"]
     lines += [f": >{table}" for table in wish.tables]
     for argv, given in wish.builds:

@@ -107,7 +107,7 @@ bool isWrittenByRun(const std::string& path, const Manifest& backup) {
                            }) ||
                name.find("master.cf.disabled") != std::string::npos;
     }
-    // A half-made index has further letters behind it.
+    // The name of a half-made index has further letters after it.
     return path == tables || isIndexName(path) || path.find(".db") != std::string::npos ||
            nameOf(path).find(".cf") != std::string::npos ||
            path.compare(0, configuration.size() + 1, configuration + "/") == 0;

@@ -32,7 +32,7 @@ Descriptor openLockFile(const char* name, int extra) {
     }
     if (!S_ISREG(status.st_mode)) {
         throw std::runtime_error(std::string(directoryPath) + "/" + name +
-                                 " is no file: remove it");
+                                 " is not a regular file: remove it");
     }
     return file;
 }

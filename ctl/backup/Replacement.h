@@ -57,7 +57,7 @@ private:
     std::string path_;
     Snapshot wanted_;
     process::Descriptor parent_; ///< directory of the path
-    process::Descriptor top_;    ///< the new file or directory itself; closed for others
+    process::Descriptor top_;    ///< the new file or directory; not open for links and nodes
     std::string name_;           ///< last component of the path
     std::string newName_;        ///< name of the replacement, in the same directory
 };

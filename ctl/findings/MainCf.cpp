@@ -36,7 +36,7 @@ void findHardLinks(const std::string& path, const std::string& subject, Findings
     if (::stat(target.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink > 1) {
         findings.warning(subject,
                          target + " has " + std::to_string(status.st_nlink) +
-                             " names (hard links): the run changes this one only",
+                             " names (hard links): the run changes only this one",
                          "cp -p " + target + " " + target + ".new && mv " + target + ".new " +
                              target);
     }
@@ -86,7 +86,8 @@ bool isBuildable(const AliasDatabase& database, const std::vector<std::string>& 
 void findAliases(const Host& host, Findings& findings) {
     for (const AliasDatabase& database : aliasDatabases(host.postfix)) {
         if (isNoFile(database.path)) {
-            findings.stop("aliases", database.path + " is no file: the run would wait for it",
+            findings.stop("aliases",
+                          database.path + " is not a regular file: the run would wait for it",
                           "make it a file, or take it out of alias_maps and alias_database");
         } else if (!isBuildable(database, host.mapTypes)) {
             findings.stop("aliases", database.text + " cannot be rebuilt by the run",

@@ -36,7 +36,8 @@ void findMasterCf(const Host& host, Findings& findings) {
     findings.fine("master.cf", path);
     if (!sheltered.keys.empty()) {
         findings.ok("master.cf", boost::algorithm::join(sheltered.keys, " ") +
-                                     ": not for the tool; apply and preview shelter it");
+                                     ": not parsed by torva-postfix-setup; commented out for "
+                                     "the run by apply and preview");
     }
 }
 

@@ -83,7 +83,7 @@ void findEndpoints(const Services& services, Findings& findings) {
             const std::string& operators = service.ofPanel ? other->second : key;
             findings.warning("service",
                              key + " and " + other->second +
-                                 " are one endpoint: Postfix starts one of them only",
+                                 " are one endpoint: Postfix starts only one of them",
                              "postconf -MX " + operators);
         }
     }
@@ -95,7 +95,7 @@ void findDaemons(const Postfix& postfix, const Services& services, Findings& fin
     if (::stat((directory + "/smtpd").c_str(), &status) != 0) {
         findings.warning("service",
                          "daemon_directory, " + directory + ", has no daemons of Postfix",
-                         "correct it: postconf -X daemon_directory takes the built-in one");
+                         "correct it: postconf -X daemon_directory restores the built-in one");
         return;
     }
     for (const auto& [key, service] : services) {

@@ -77,7 +77,7 @@ void findPlaces(const Host& host, Findings& findings) {
          {postfix.directory, std::string("/var/spool/postfix"), std::string(Backups::path)}) {
         if (!isWritable(path)) {
             findings.stop("directory", path + " cannot be written",
-                          "have it on a file system that is not read-only");
+                          "put it on a file system that is not read-only");
         }
     }
     if (isMountPoint(tablesDirectory)) {
@@ -86,13 +86,13 @@ void findPlaces(const Host& host, Findings& findings) {
                           " is a mount point: apply could not take a run back",
                       "unmount it, or mount the directory above it");
     }
-    findings.fine("directory", "Postfix's own can be written");
+    findings.fine("directory", "Postfix's directories can be written");
     Need need;
     try {
         need = needOf(postfix);
     } catch (const SystemError& error) {
         findings.stop("directory", std::string("a backup cannot be made: ") + error.what(),
-                      "have it readable");
+                      "make it readable");
         return;
     }
     std::string told;

@@ -10,8 +10,8 @@ bool holds(const std::vector<std::string>& list, const std::string& element) {
     return std::find(list.begin(), list.end(), element) != list.end();
 }
 
-/// How to have a Postfix without Berkeley DB, or one that redirects to a type that takes no
-/// single records, do with the panel's tables.
+/// What to do on a Postfix without Berkeley DB, or on one that redirects to a type that takes
+/// no single records, so that the panel's tables work.
 std::string adviceForTables(const Host& host) {
     const bool canRedirect = host.postfix.values.count("non_bdb_migration_level") != 0;
     if (!canRedirect) {
@@ -51,7 +51,7 @@ std::string joined(const std::string& list, const std::string& name, const std::
     return list + (list.empty() ? "" : ", ") + name + " (" + words + ")";
 }
 
-/// One finding, and no warning: neither the run nor the mail suffers from it.
+/// One finding, and not a warning: it affects neither the run nor the mail.
 void findDeprecated(const Host& host, Findings& findings) {
     std::string list;
     for (const DroppedParameter& one : host.support.dropped) {
@@ -62,7 +62,7 @@ void findDeprecated(const Host& host, Findings& findings) {
     }
     const std::string version = "Postfix " + host.postfix.value("mail_version");
     if (list.empty()) {
-        findings.ok("deprecated", version + " calls nothing of the run deprecated");
+        findings.ok("deprecated", version + " calls nothing that a run uses deprecated");
         return;
     }
     const std::string meaning =
@@ -76,7 +76,7 @@ void findDeprecated(const Host& host, Findings& findings) {
 
 void findSupport(const Host& host, Findings& findings) {
     if (!host.support.isAsked) {
-        return; // Postfix could not be asked, which is told
+        return; // Postfix could not be asked, which is a finding already
     }
     findMapTypes(host, findings);
     findDeprecated(host, findings);

@@ -130,8 +130,8 @@ ToolResult askDatabase(const std::string& client, const std::string& password) {
     return result;
 }
 
-/// Why the database does not answer; nothing when it does. Without a client, a socket and
-/// a password have to do.
+/// Why the database does not answer; nothing when it does. Without a client, only the socket
+/// and the password are checked.
 std::optional<DatabaseTrouble> databaseTrouble() {
     struct stat status {};
     if (::stat(databaseSocket, &status) != 0 || !S_ISSOCK(status.st_mode)) {

@@ -25,7 +25,7 @@ std::vector<DroppedParameter> droppedOfRun() {
     scratch.write("master.cf", "");
     const std::string said =
         run({"/usr/sbin/postconf", "-c", scratch.path(), "-h", "config_directory"}).error;
-    // postconf tells them in an order of its own, another one each time.
+    // postconf prints them in an arbitrary order, which differs from call to call.
     const std::vector<DroppedParameter> told = droppedParameters(said);
     std::vector<DroppedParameter> dropped;
     for (const std::string& name : panelParameters()) {

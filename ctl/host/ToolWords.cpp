@@ -17,9 +17,9 @@ namespace {
 const char supportFor[] = "support for parameter \"";
 const char willBeRemoved[] = "\" will be removed";
 
-/// Where the text of a warning begins; npos: the line is none.
+/// Where the text of a warning begins; npos: the line is not a warning.
 std::string::size_type warningText(const std::string& line) {
-    // The name of a program holds no blank: what a message quotes is no warning.
+    // The name of a program has no blank, so a warning that a message quotes does not count.
     const std::string::size_type colon = line.find(": ");
     const std::string mark = ": warning: ";
     if (colon == std::string::npos || line.find(' ') != colon + 1 ||
@@ -100,7 +100,7 @@ std::string droppedTableType(const std::string& said) {
     for (const std::string& line : linesOf(said)) {
         const std::string::size_type mark = line.find(" support is deprecated");
         if (isWarning(line) && mark != std::string::npos) {
-            // In front of it stands the path of the table.
+            // The path of the table comes before it.
             const std::string::size_type path = line.rfind(": ", mark);
             return boost::algorithm::replace_all_copy(line.substr(path + 2), ".  ", ". ");
         }

@@ -94,7 +94,7 @@ std::string adviceFor(const std::string& evidence, const Surroundings& around) {
         }
     }
     if (namesNobodysHost(evidence)) {
-        return "Mail for root, postmaster and mailer-daemon is led to localhost.localdomain, which "
+        return "Mail for root, postmaster and mailer-daemon goes to localhost.localdomain, which "
                "is no domain of this host: " +
                addToMyDestination(around, "localhost.localdomain");
     }

@@ -32,8 +32,9 @@ bool isServerFault(const SmtpReply& reply) {
     return reply.code == 0 || reply.text.compare(0, 5, "451 4") == 0 || reply.code == 421;
 }
 
-// Of the lines of the smtpd(8) that was connected to, from there on: what it says before is
-// about its start, and so is what another says that starts meanwhile. Without any, of all.
+// The worst line of the smtpd(8) that took the connection, from its "connect from" on: what it
+// logs before that is about its start, and other processes that start meanwhile log about
+// theirs. If it has logged nothing bad, the worst line of all.
 LogLine worstOfConnection(const std::vector<LogLine>& dialogue) {
     const auto connected = std::find_if(dialogue.begin(), dialogue.end(), [](const LogLine& line) {
         return line.text.compare(0, 13, "connect from ") == 0;
@@ -245,7 +246,7 @@ Finding tellFault(const ServiceFault& fault) {
 }
 
 Finding tellNoStart(const std::string& said, const std::vector<LogLine>& log) {
-    // The log first: where both tell the same, it has the name of the program.
+    // The log first: where both say the same, it has the name of the program.
     std::vector<LogLine> all = log;
     const std::vector<LogLine> printed = printedLines(said);
     all.insert(all.end(), printed.begin(), printed.end());

@@ -53,7 +53,7 @@ void takeProgram(std::string_view& rest, LogLine& line) {
     if (rest[end] == '[') {
         const std::string_view number = rest.substr(end + 1);
         const std::size_t digits = countDigits(number);
-        // A process id has fewer; more would not fit into a number.
+        // A process id has fewer digits; a longer number might not fit.
         if (digits == 0 || digits > 10 || number.substr(digits, 1) != "]") {
             return;
         }

@@ -57,8 +57,8 @@ std::optional<Delivery> parseDelivery(const LogLine& line, std::string_view said
     return delivery;
 }
 
-// cleanup(8) follows a rule of the administrator, or a milter: "hold: WHY", "discard:
-// WHY", both with "milter-" in front as well. Empty: it does not.
+// cleanup(8) obeys a rule of the administrator, or a milter: "hold: WHY", "discard: WHY",
+// with "milter-" in front of a milter's. Empty: the line is about neither.
 std::string orderedStatus(std::string_view said) {
     const std::string_view milter = "milter-";
     if (startsWith(said, milter)) {

@@ -33,8 +33,8 @@ public:
     Visit(const process::Descriptor& there, const process::Descriptor& home) : home_(home) {
         enter(there);
     }
-    // A failure would leave us in the wrong network, but setns(2) does not fail for the
-    // namespace from which root has come.
+    // A failure would leave us in the wrong network, but root's setns(2) does not fail for
+    // the namespace that it has come from.
     ~Visit() { ::setns(home_.get(), CLONE_NEWNET); }
     Visit(const Visit&) = delete;
     Visit& operator=(const Visit&) = delete;
@@ -100,7 +100,7 @@ OutsideNetwork::OutsideNetwork(MailLog& log, const LinkAddresses& addresses,
         // The destructor moves us back, even if something fails.
         outside_ = currentNetwork();
         const Visit visit(outside_, inside_);
-        // ip(8) opens this path; our own descriptor it does not have.
+        // ip(8) opens this path, because it does not have our descriptor.
         const std::string home = "/proc/1/fd/" + std::to_string(inside_.get());
         ip(log, deadline,
            {"link", "add", "torva-outside", "type", "veth", "peer", "name", "torva-inside", "netns",

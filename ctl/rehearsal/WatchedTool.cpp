@@ -41,7 +41,7 @@ bool readSome(int fd, std::string& text) {
     return size > 0;
 }
 
-// By offsets of our own: a child that goes on shares the one of the descriptor.
+// With our own offsets: a child that is still running shares the offset of the descriptor.
 std::string contentsOf(const process::Descriptor& file) {
     std::string text;
     std::array<char, 4096> chunk;

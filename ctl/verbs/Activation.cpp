@@ -100,7 +100,7 @@ std::string Activation::activate(const FixedAtStart& now) {
         before_ = now; // the settings of the daemon from now on
         inDoubt_ = false;
     } else if (needsRestart(now)) {
-        inDoubt_ = true; // it may have been started and run, all the same
+        inDoubt_ = true; // it may have started and be running nevertheless
     }
     return failure;
 }

@@ -32,7 +32,7 @@ public:
 
     bool wasRunning() const { return wasRunning_; }
 
-    /// Treats Postfix as running before: a verb that was killed may have stopped it.
+    /// Assumes that Postfix was running before: a verb that was killed may have stopped it.
     void assumeRunning() { wasRunning_ = true; }
 
     /// The command that makes Postfix use what has changed.
@@ -56,7 +56,7 @@ private:
     FixedAtStart before_; ///< the settings of the running daemon
     bool wasRunning_;
     bool tried_ = false;
-    bool inDoubt_ = false; ///< whether the daemon has something else than before_
+    bool inDoubt_ = false; ///< whether the daemon may have other settings than before_
     std::string unit_;     ///< of systemd; empty: systemd does not run it
 };
 

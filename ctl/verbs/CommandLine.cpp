@@ -24,7 +24,7 @@ public:
 };
 
 std::string refusalOfStamp(const std::string& text) {
-    return isStamp(text) ? std::string() : text + " is no name of a backup";
+    return isStamp(text) ? std::string() : text + " is not the name of a backup";
 }
 
 CLI::App* addVerb(CLI::App& app, Request& request, const char* name) {
@@ -89,6 +89,8 @@ Request readCommandLine(int count, char** arguments) {
     return request;
 }
 
-int statusOfFailure(const std::string& verb) { return verb == "diff" ? 2 : 1; }
+int statusOfFailure(const std::string& verb) {
+    return verb == "diff" ? 2 : 1;
+}
 
 } // namespace torva::ctl

@@ -45,8 +45,8 @@ void print(const Backup& backup, Report& report) {
                   lineFor(backup));
 }
 
-/// Keeps the newest, the one that rollback would restore, and the one that finishes a
-/// killed verb.
+/// Removes all backups but the newest, the one that rollback would restore, and the one that
+/// is needed to finish a killed verb.
 void prune(std::size_t kept, Report& report) {
     const HostLock lock = lockHost(listPatience);
     Backups backups;

@@ -121,7 +121,7 @@ void showVerdict(Report& report) {
                       (verdict.text.empty() ? "" : ": " + verdict.text) + "\n");
 }
 
-/// \param before  the host before the run, whose Postfix is the same
+/// \param before  the host before the run; what its Postfix supports has not changed
 void showOutcome(Report& report, const Host& before, const Postfix& after) {
     Findings findings;
     findSupport(before, findings);

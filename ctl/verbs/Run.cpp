@@ -59,8 +59,8 @@ void prepareMainCf(const Postfix& postfix) {
     }
 }
 
-/// Prevents that a reader that is gone ends the tool half-way, by the inherited action of
-/// SIGPIPE.
+/// Ignores SIGPIPE, also in the tool, which inherits this: a reader of its output that goes
+/// away does not end it half-way.
 class NoBrokenPipe {
 public:
     NoBrokenPipe() : previous_(std::signal(SIGPIPE, SIG_IGN)) {}
@@ -173,16 +173,16 @@ void putRecordsBack(const Postfix& postfix, const RecordsByTable& before,
             {Level::done, "records", "put back what the run dropped: " + counted, ""});
     }
     if (!refused.empty()) {
-        findings.push_back(
-            {Level::warning, "records",
-             "not put back, for white space in the key: " + boost::algorithm::join(refused, ", "),
-             "have the panel write these again"});
+        findings.push_back({Level::warning, "records",
+                            "not put back, because of white space in the key: " +
+                                boost::algorithm::join(refused, ", "),
+                            "have the panel write these again"});
     }
 }
 
-/// The words before a command that switch Debian's hook off for it; none where root may
-/// make no namespaces. From Debian 13 on, "postfix check" runs the hook, which refreshes
-/// and removes files below the queue directory: a rollback does not know them.
+/// The words to put before a command so that it runs without Debian's hook; none where root
+/// may make no namespaces. From Debian 13 on, "postfix check" runs the hook, which refreshes
+/// and removes files below the queue directory that a rollback does not know.
 std::vector<std::string> withoutChrootHook() {
     std::vector<std::string> words{"unshare",
                                    "--mount",
@@ -205,7 +205,8 @@ std::vector<std::string> withoutChrootHook() {
 void requireFiles(const Postfix& postfix) {
     for (const AliasDatabase& database : aliasDatabases(postfix)) {
         if (isNoFile(database.path)) {
-            throw std::runtime_error(database.path + " is no file: the run would wait for it");
+            throw std::runtime_error(database.path +
+                                     " is not a regular file: the run would wait for it");
         }
     }
 }

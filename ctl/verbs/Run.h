@@ -32,9 +32,9 @@ struct Verdict {
     std::string text;
 };
 
-/// Runs "postfix check". It makes missing directories of the queue. The files of
-/// Postfix's chroot stay as they are, although Debian's Postfix would refresh them; only
-/// where root may make no namespaces does it do so.
+/// Runs "postfix check", which makes missing directories of the queue. Debian's Postfix
+/// would also refresh the files of its chroot; they stay as they are, unless root may make
+/// no namespaces.
 Verdict postfixCheck();
 
 } // namespace torva::ctl

@@ -1,5 +1,5 @@
 """What the attacks share: the victims, programs that run for a bounded time, attackers that
-run for an account. Runs inside scripts/sandbox.
+run as another account. Runs inside scripts/sandbox.
 """
 
 import os
@@ -19,7 +19,7 @@ from runworld import DISABLED, MAIN_CF, MASTER_CF, TABLES, TORVA, refuse_outside
 STRANGER = 4711
 LIMIT = 60
 SECRET = b"what nobody else may read\n"
-# Beside the tables, so that it can have a second name in their directory.
+# On the file system of the tables, so that it can have a hard link in their directory.
 VICTIM = Path("/var/spool/postfix-attack-victim")
 MISSING = Path("/var/spool/postfix-attack-missing")
 DATABASE = TORVA / "passwd.db"
@@ -79,11 +79,11 @@ class World:
         return short if self.short else full
 
     def some(self, *of_short, rest=()):
-        """What the short form tries, too, and what only the full one does."""
+        """What to try: the first ones in both forms, the rest only in the full one."""
         return of_short if self.short else (*of_short, *rest)
 
     def run(self, argv=None, limit=LIMIT, **how):
-        """One program, by default the tool, which has to come to its end in time."""
+        """Runs one program, by default the tool; it must end in time."""
         self.tried += 1
         begin = time.monotonic()
         process = subprocess.Popen([str(word) for word in argv or [self.program]],
@@ -100,13 +100,13 @@ class World:
         return Ended(process.returncode, text or b"", seconds)
 
     def library(self, verb, count=1, limit=LIMIT, **how):
-        """The library program; its last line: how often it succeeded and failed."""
+        """Runs the library program; its last line says how often it succeeded and failed."""
         ended = self.run([self.helpers / "attack_library_program", verb, count], limit, **how)
         self.tried += count - 1
         return ended
 
     def as_account(self, body, uid=STRANGER, gid=STRANGER):
-        """Runs the body for another account, to its end."""
+        """Runs the body as another account, and waits for its end."""
         pid = os.fork()
         if pid == 0:
             status = 1
@@ -120,7 +120,7 @@ class World:
                 print(f"the attacker: {error}", file=sys.stderr)
             finally:
                 os._exit(status)
-        self.expect(os.waitpid(pid, 0)[1] == 0, "the attacker has not done what it should, see above")
+        self.expect(os.waitpid(pid, 0)[1] == 0, "the attack itself has failed, see above")
 
     def as_postfix(self, body):
         self.as_account(body, self.postfix.pw_uid, self.postfix.pw_gid)
@@ -130,11 +130,11 @@ class World:
             raise Broken(what)
 
     def expect_unharmed(self):
-        """The victim is as before, the missing name has not come to be, and nothing that
+        """The victim is as before, the missing name still does not exist, and no file that
         others may read has the victim's content."""
         now = state(VICTIM)
         self.expect(now == self.victim, f"the victim has changed: {now and (*now[:3], (now[3] or b'')[:40])}")
-        self.expect(not os.path.lexists(MISSING), "a file was made where a link of the attacker leads")
+        self.expect(not os.path.lexists(MISSING), "a file was created through a link of the attacker")
         for directory in (TORVA, LOCKS):
             for path in list_of(directory):
                 try:
@@ -145,7 +145,7 @@ class World:
                     continue
                 open_to_others = status.st_mode & 0o044 or status.st_uid != 0
                 self.expect(not (open_to_others and SECRET.strip() in path.read_bytes()),
-                            f"{path} gives the victim's content away")
+                            f"{path} exposes the victim's content")
 
     def expect_complete(self, ended):
         self.expect(ended.status == 0 and b"127.0.0.1:10027" in MASTER_CF.read_bytes(),
@@ -153,7 +153,7 @@ class World:
 
 
 class Swapper:
-    """An attacker of the account "postfix" in the tables directory, see swapper.cpp."""
+    """An attacker with the account "postfix", in the tables directory, see swapper.cpp."""
 
     def __init__(self, world, prefix, target):
         self.process = subprocess.Popen(

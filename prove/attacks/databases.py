@@ -1,5 +1,5 @@
-"""Attacks on and around the two databases: hostile files and killed writers where the
-mail-authentication records are kept, odd servers in place of the panel's.
+"""Attacks on the two databases: hostile files and killed writers where the mail-authentication
+records are kept, odd servers in place of the panel's.
 """
 
 import os
@@ -37,7 +37,7 @@ def planted_database(world):
 
 
 def killed_writer(world):
-    """a writer is killed again and again beside look-ups"""
+    """a writer is killed again and again during look-ups"""
     world.reset()
     ended = world.library("lay-out-mailboxes")
     world.expect(b"\n1 succeeded" in ended.text, f"no database: {ended}")
@@ -48,7 +48,7 @@ def killed_writer(world):
         while not stop.is_set():
             writer = subprocess.Popen([program, "change-mailbox", "100000"], stdout=subprocess.DEVNULL,
                                       stderr=subprocess.DEVNULL)
-            # Killed at a moment that differs each time: this is chance, not a wait.
+            # Killed at a different moment each time; nothing depends on what it has done by then.
             time.sleep(0.01 + (killed[0] % 17) * 0.001)
             writer.send_signal(signal.SIGKILL)
             writer.wait()
@@ -66,7 +66,7 @@ def killed_writer(world):
 
 
 class Server:
-    """A server at the socket of the panel's database, which does as it is told to each."""
+    """A server at the socket of the panel's database, which calls `serve` for each client."""
 
     def __init__(self, serve):
         SERVER.parent.mkdir(exist_ok=True)
@@ -116,7 +116,7 @@ def packet(number, payload):
 
 
 def log_in(connection):
-    """The client is in: a greeting, whatever it answers, and "OK"."""
+    """Logs the client in: sends a greeting, reads any answer, sends "OK"."""
     greeting = (b"\x0a5.5.5-10.11.6\0" + struct.pack("<I", 1) + b"12345678\0" + struct.pack("<H", 0xF7FF) + b"\x08" +
                 struct.pack("<HH", 2, 0x000F) + b"\x15" + bytes(10) + b"123456789012\0" + b"mysql_native_password\0")
     connection.sendall(packet(0, greeting))
@@ -139,7 +139,7 @@ def babble(connection):
 
 
 def babble_and_wait(connection):
-    """The first bytes promise more than ever comes."""
+    """Announces a longer packet than it sends, and then waits."""
     connection.sendall(b"\xff\xff\x7f\0" + os.urandom(1 << 16))
     connection.recv(1)
 
@@ -160,7 +160,7 @@ def hang_up(connection):
 
 
 def odd_server(world, serve, whole_run):
-    """The run is complete without the database, and a program is told that it failed."""
+    """A run is complete without the database; a library program is told that it failed."""
     world.reset()
     with Server(serve) as server:
         ended = world.run(limit=PATIENCE) if whole_run else world.library("ask-panel", limit=PATIENCE)

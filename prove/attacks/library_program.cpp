@@ -1,10 +1,10 @@
-// A program of the panel: uses the library as root, again and again, while somebody
-// attacks.
+// Stands for a program of the panel: uses the library as root, again and again, while it is
+// attacked.
 //
 //   library_program VERB [COUNT]
 //
 // Does one thing COUNT times (once), and prints how often it succeeded, how often it
-// failed, and the last failure. The exit status is 0 however that went; 2 is misuse.
+// failed, and the last failure. The exit status is 0 in either case; 2 is misuse.
 #include "torva/libc/semaphore.h"
 #include "torva/maildb/mail_auth.h"
 #include "torva/maildb/panel_db.h"
@@ -55,7 +55,7 @@ void layOutMailboxes() {
     require(mail_auth_set_user(MAIL_SERVER_POSTFIX, "ann@example.com", "secret", 0, 0));
 }
 
-/// Keeps the writer's part of the database busy.
+/// Keeps the database busy with writes.
 void changeMailbox() {
     require(mail_auth_set_user(MAIL_SERVER_POSTFIX, "bob@example.com", "other", 0, 0));
     require(mail_auth_delete_user(MAIL_SERVER_POSTFIX, "bob@example.com"));

@@ -29,7 +29,7 @@ def fill(kind, directory=LOCKS):
 
 
 def refused(world, what):
-    """The run and a program of the library both refuse the directory, and say which it is."""
+    """The run and a library program both refuse the directory, and name it."""
     for ended in (world.run(), world.library("lock")):
         text = ended.text.decode()
         world.expect("lock() failed" in text and str(LOCKS) in text, f"{what}: {ended}")
@@ -84,7 +84,7 @@ def taken_over(world):
         world.as_account(lambda kind=kind: (LOCKS.mkdir(), fill(kind)))
         victims = []
         if kind == "second names":
-            # The attacker's own way to them is closed by fs.protected_hardlinks.
+            # Made by root: fs.protected_hardlinks keeps the attacker from making them.
             for name in NAMES:
                 victims.append(Path("/run/lock") / f"victim{name}")
                 victims[-1].write_bytes(b"precious")
@@ -98,7 +98,8 @@ def taken_over(world):
 
 
 class Holder:
-    """Another process that opens lock files to read, and holds their locks or may do so."""
+    """A process of another account that opens lock files for reading, and holds their locks,
+    or takes them again and again."""
 
     def __init__(self, world, take):
         self.ready, ready = os.pipe()
@@ -131,7 +132,7 @@ class Holder:
 
 
 def held_through_a_reading_descriptor(world):
-    """an earlier version's, open to read: the locks are held, or taken again and again"""
+    """an earlier version's, readable for all: the locks are held, or taken again and again"""
     for take in (True, False):
         world.reset()
         LOCKS.mkdir(mode=0o755)

@@ -1,11 +1,11 @@
 // An attacker inside a directory that belongs to it: waits for names to appear and puts
-// something else in their place, as fast as the kernel tells of them.
+// something else in their place, as soon as the kernel reports them.
 //
 //   swapper ACCOUNT DIRECTORY PREFIX TARGET
 //
-// Each name that begins with PREFIX and is that of a scratch file becomes a symbolic link
-// to TARGET. Prints "ready" once it watches, and how many names it has swapped when its
-// standard input ends.
+// Replaces each scratch file whose name begins with PREFIX by a symbolic link to TARGET.
+// Prints "ready" once it watches, and at the end of its standard input how many names it has
+// swapped.
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -34,7 +34,7 @@ void become(const char* account) {
     }
 }
 
-/// Puts the link in place of the name; false where somebody was faster.
+/// Replaces the name by the link; false when the name had gone before.
 bool swap(const char* name, const char* target) {
     struct stat status;
     if (::lstat(name, &status) != 0 || S_ISLNK(status.st_mode)) {

@@ -40,8 +40,8 @@ def swapped_scratch_of_store(world):
 
 
 def plant(path, kind, world):
-    """One hostile file, made by the account where it may, with root's help where that is
-    what fs.protected_hardlinks would refuse."""
+    """One hostile file, made by the account, or by root if it is a hard link, which
+    fs.protected_hardlinks would refuse to the account."""
     remove(path)
     if kind == "second name":
         os.link(VICTIM, path)
@@ -63,7 +63,7 @@ def planted(world, path):
             except AssertionError as broken:
                 raise type(broken)(f"{verb}, {kind}: {broken}; {ended}") from None
             if kind == "second name":
-                # Only root could read what it was made from: it still is the victim's.
+                # Where it still is the victim, only root may read it.
                 world.expect(not path.exists() or not path.samefile(VICTIM) or path.stat().st_mode & 0o077 == 0,
                              f"{verb}: the victim is open to others")
 

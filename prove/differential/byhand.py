@@ -1,6 +1,6 @@
-"""The master.cf files that were made by hand, each with the reasons that have to
-come up for it: none means that both readers accept it and read the same, or, where
-it says so, that both refuse it."""
+"""The master.cf files written by hand, each with the reasons that must apply to it. An
+empty list means that both readers must accept it and read the same, REFUSED that both
+must refuse it."""
 
 REFUSED = "both refuse"
 

@@ -3,8 +3,8 @@
     python3 compare.py MASTER_CF_DUMP KEEP_DIRECTORY SEED COUNT
 
 Runs inside scripts/sandbox. A file about which the two differ is read again without
-the first reason for that, and again, until they agree or no reason is left; then it
-is kept in KEEP_DIRECTORY, and the exit status is 1.
+the first reason for that, and so on, until they agree or no reason is left. If they
+still differ, it is kept in KEEP_DIRECTORY, and the exit status is 1.
 """
 
 import os
@@ -31,17 +31,17 @@ REFUSAL = re.compile(
 
 
 class Case:
-    """A file, and what became of it."""
+    """A file, and how it is read."""
 
     def __init__(self, label, text):
         self.label = label
         self.original = self.text = text
         self.reasons = []
         self.readings = {OURS: None, POSTFIX: None}  # services as lists of fields; None: refused
-        self.moved = None  # the reason without which somebody reads other than told
+        self.moved = None  # a reason whose removal changed the reading that it must not change
 
     def difference(self):
-        """Which one there is now; None: they agree."""
+        """How the two differ now; None: they agree."""
         if self.readings[OURS] == self.readings[POSTFIX]:
             return None
         if self.readings[OURS] is None:
@@ -49,7 +49,7 @@ class Case:
         return POSTFIX_REFUSES if self.readings[POSTFIX] is None else DIFFER
 
     def take(self, readings):
-        """The verdicts on the present text."""
+        """Stores how the two read the current text."""
         before, self.readings = self.readings, readings
         if self.reasons and self.reasons[-1].unmoved is not NOBODY:
             who = self.reasons[-1].unmoved
@@ -88,7 +88,7 @@ def read_with_ours(dump, paths):
 
 
 def read_all(cases, dump, scratch, pool):
-    """Both verdicts on the present text of each case."""
+    """Both readings of the current text of each case."""
     directories = []
     for number, case in enumerate(cases):
         directory = scratch / str(number)
@@ -102,7 +102,7 @@ def read_all(cases, dump, scratch, pool):
 
 
 def judge(cases, dump, scratch, pool):
-    """Takes reasons out of the texts until the readers agree, or none is left."""
+    """Removes reasons from the texts until the readers agree, or no reason is left."""
     left = cases
     for _ in range(ROUNDS):
         read_all(left, dump, scratch, pool)
@@ -131,7 +131,7 @@ class Report:
 
     def add(self, case, wanted=None):
         if case.moved is not None:
-            self.complain(case, f"the reason \"{case.moved}\" concerns a reader that it should not")
+            self.complain(case, f"the reason \"{case.moved}\" affects a reader that it should not")
         elif case.difference() is not None:
             self.complain(case, case.difference() + ", unexplained")
         elif wanted is not None and not as_wanted(case, wanted):
@@ -169,7 +169,7 @@ def as_wanted(case, wanted):
 
 
 def case_of(number, seed, maker):
-    """Those made by hand come first."""
+    """Those written by hand come first."""
     if number < len(FILES):
         return Case(f"hand-{number}", FILES[number][0])
     return Case(f"seed-{seed}-{number - len(FILES)}", maker.file())
@@ -180,7 +180,7 @@ def main(dump, keep, seed, count):
         sys.exit("run scripts/prove differential instead")
     maker = Maker(random.Random(seed))
     report = Report(Path(keep))
-    print(f"seed {seed}: {count} files made up, {len(FILES)} made by hand")
+    print(f"seed {seed}: {count} generated files, {len(FILES)} written by hand")
     with TemporaryDirectory() as scratch, ThreadPoolExecutor(AT_ONCE) as pool:
         wanted = [reasons for _, reasons in FILES] + [None] * count
         for start in range(0, len(wanted), BATCH):
@@ -190,9 +190,9 @@ def main(dump, keep, seed, count):
             for case, number in zip(cases, numbers):
                 report.add(case, wanted[number])
     report.print()
-    # Files that all are refused would prove nothing.
+    # If nearly all files were refused, this would prove nothing.
     if report.outcomes["both accept, same services"] * 4 < count:
-        sys.exit("too few files that both accept")
+        sys.exit("both readers accept too few of the files")
     return 1 if report.wrong else 0
 
 

@@ -1,5 +1,5 @@
-"""Makes up master.cf files: most of them well formed, many with one thing or two
-that an administrator, an editor or an accident may have left there."""
+"""Generates master.cf files: most of them well formed, many with one or two things that
+an administrator, an editor or an accident may have left there."""
 
 NAMES = [b"smtp", b"submission", b"pickup", b"qmgr", b"10025", b"127.0.0.1:10026", b"localhost:smtp", b"::1:25",
          b"relay", b"a", b"scalemail-backend", b"_x.y", b"yn", b"inet", b"unix", b"-", b"587"]
@@ -28,7 +28,7 @@ DAMAGE = [b"#", b"\n", b" ", b"\n ", b"\t", b"\r", b"\r\n", b"?", b"-", b"n", b"
 
 
 class Maker:
-    """One file at a time; what comes out depends on the random source alone."""
+    """Makes one file at a time; the result depends on the random source alone."""
 
     def __init__(self, random):
         self.random = random
@@ -40,7 +40,7 @@ class Maker:
         return self.random.choice(odd if odd and self.once_in(one_in) else usual)
 
     def notes(self):
-        """Comments and empty lines, each behind a line feed."""
+        """Comments and empty lines, each after a line feed."""
         text = b""
         while self.once_in(2):
             text += b"\n" + self.pick([b"", b"", *BLANK_RUNS]) + self.pick([b"", *COMMENTS])

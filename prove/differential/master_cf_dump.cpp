@@ -1,4 +1,4 @@
-// Prints how our reader understands files in master.cf syntax, to be held against
+// Prints how our reader understands files in master.cf syntax, for comparison with
 // "postconf -M". Takes paths on standard input, one a line, and answers each with a
 // line "file PATH"; then one line "service ..." for each service in the order of the
 // file, its columns and words with a blank between them, or one line "error ...".
@@ -12,8 +12,8 @@ using namespace torva::mail::postfix;
 
 namespace {
 
-/// The service that stands in a line, null when the line is none. Names alone do
-/// not tell, for several types may share one.
+/// The service on a line; null when there is none. The name alone is not enough:
+/// services of several types may have the same.
 const MasterCfModule* serviceIn(const std::string& line, const MasterCfLines& lines) {
     const std::string name = line.substr(0, line.find_first_of(" \t\r\n#"));
     for (const ModuleType type : {ModuleType::inet, ModuleType::unix, ModuleType::fifo}) {

@@ -1,11 +1,10 @@
 """Why our reader and Postfix's own may differ about a master.cf.
 
-A reason has a cure: it takes the reason out of a text and leaves a text without it
-alone. Which reasons a text has is thus a question to the text, not to the readers;
-and a reason explains a difference only if the readers agree without it. Where it
-concerns only one of the two, the other has to read the same with and without it.
-The texts are taken apart here as master(5) tells, by a third reader that knows
-neither.
+A reason has a cure, which removes the reason from a text, and does not change a text
+without it. So which reasons a text has depends on the text, not on the readers; and a
+reason explains a difference only if the readers agree without it. If it concerns only
+one of the two, the other must read the same with and without it. The texts are parsed
+here as master(5) describes, by a third reader that uses neither of the two.
 """
 
 import re
@@ -59,7 +58,7 @@ def text_of(blocks):
 
 
 def per_entry(change):
-    """A cure from a change of one entry's lines."""
+    """A cure that changes the lines of each entry."""
 
     def cure(text):
         blocks = blocks_of(text)
@@ -72,12 +71,13 @@ def per_entry(change):
 
 
 def per_line(change):
-    """The same from a change of one of its lines that is no note."""
+    """A cure that changes each line of each entry, except notes."""
     return per_entry(lambda lines: [line if is_note(line) else change(line) for line in lines])
 
 
 def per_field(change):
-    """The same from a change of (position, field); what is between fields stays."""
+    """A cure that changes each field of each entry, given its position; the blanks between
+    fields stay."""
 
     def change_lines(lines):
         position, changed = 0, []
@@ -100,7 +100,7 @@ def fields_of(lines):
     return [field for field in re.split(rb"[ \t\r]+", plain) if field]
 
 
-# ---- the cures, each below the reason that it takes away
+# ---- the cures; REASONS, below, has the reason that each removes
 
 
 def cure_empty(text):
@@ -108,7 +108,7 @@ def cure_empty(text):
 
 
 def cure_feeds(text):
-    """A line of nothing else, or of such bytes before a comment, is one to Postfix."""
+    """To Postfix, a line of such bytes alone is empty, and with "#" after them a comment."""
     return b"\n".join(
         re.sub(rb"^[ \t\r\v\f]+", lambda feeds: re.sub(rb"[\v\f]", b" ", feeds[0]), line)
         if re.fullmatch(rb"[ \t\r\v\f]*(#.*)?", line, re.DOTALL)
@@ -122,7 +122,7 @@ def cure_orphans(text):
 
 
 def cure_null(lines):
-    """Behind a NUL, Postfix sees nothing of an entry."""
+    """Postfix sees nothing of an entry after a NUL."""
     for i, line in enumerate(lines):
         if not is_note(line) and b"\0" in line:
             return lines[:i] + [line[: line.index(b"\0")]]
@@ -159,7 +159,7 @@ def cure_wakeup(position, field):
 
 
 def number_cure(low, high):
-    """Numbers from low up become low - 1."""
+    """A cure that replaces numbers from low to high - 1 by low - 1."""
 
     def cure(position, field):
         digits = field.rstrip(b"?")
@@ -200,7 +200,7 @@ def cure_twice(text):
 
 
 def cure_braces(lines):
-    """Of the command and its arguments; elsewhere they are no help."""
+    """Those in the command and its arguments: elsewhere they explain nothing."""
     if b"{" not in b"".join(fields_of(lines)[7:]):
         return lines
     return [line if is_note(line) else re.sub(rb"[{}]", b"", line) for line in lines]
@@ -217,7 +217,7 @@ def is_option(word):
 
 
 def cure_options(lines):
-    """-o stands alone among the options of the command, its value behind it."""
+    """Makes each -o of the command a word of its own, followed by its value."""
     fields = fields_of(lines)
     changed, words = fields[:8], fields[8:]
     while words and is_option(words[0]):
@@ -230,7 +230,7 @@ def cure_options(lines):
 
 
 def cure_hyphen(lines):
-    """Among the arguments; in the columns it is one of the regular values."""
+    """Those among the arguments: in the columns, a hyphen is a regular value."""
     fields = fields_of(lines)
     if b"-" not in fields[8:]:
         return lines

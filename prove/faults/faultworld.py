@@ -1,6 +1,6 @@
 """The host that the sweep breaks: a configuration with an administrator's own lines, its
-state after a run, and what that state may be. Runs inside scripts/sandbox, on top of the
-world of the tests (tests/run/runworld.py).
+state after a run, and the states that are allowed. Runs inside scripts/sandbox, on top of
+the world of the tests (tests/run/runworld.py).
 """
 
 import ast
@@ -73,9 +73,9 @@ def settle():
 
 
 def index_content(data):
-    """An index file without the two things that differ from build to build: the identity
-    in the meta page of the database library, which shines through in pages with fewer
-    than a dozen records, and the time that postalias notes."""
+    """An index file without the two things that differ each time it is built: the file's id
+    in the meta page of the database library, of which parts remain in pages with fewer than
+    a dozen records, and the time that postalias stores."""
     pages = [bytearray(data[at:at + 4096]) for at in range(0, len(data), 4096)]
     for page in pages:
         page[52:72] = bytes(20)
@@ -131,7 +131,7 @@ class FaultWorld(RealWorld):
         super().__init__()
         self.program = program
         self.set_popuser(30, 31)
-        # What is left fits into a small file system, too.
+        # What is left also fits into a small file system.
         for path in POSTFIX.iterdir():
             if path.name not in ("dynamicmaps.cf", "dynamicmaps.cf.d"):
                 remove(path)
@@ -170,7 +170,7 @@ class FaultWorld(RealWorld):
 
 
 class Reference:
-    """What undisturbed runs make of the host: the states that a fault may lead to."""
+    """The results of undisturbed runs: the states that a fault may lead to."""
 
     def __init__(self, world):
         self.world = world
@@ -197,8 +197,8 @@ class Reference:
         return State()
 
     def _observe(self):
-        """The end state of a first run, and the texts that main.cf has on the way there:
-        after each postconf -e as a whole."""
+        """The end state of a first run, and the texts of main.cf on the way there, after each
+        complete postconf -e."""
         log = Path("/run/capture/commands")
         self.world.reset()
         end = self._run("strace", "-f", "-qq", "-e", "trace=execve", "-s", "10000", "-o", str(log))
@@ -214,5 +214,5 @@ class Reference:
                 subprocess.run(ast.literal_eval(found.group(1)), check=True)
                 texts.add(MAIN_CF.read_bytes())
         if end.text(MAIN_CF) not in texts:
-            sys.exit("the commands of a run, given by hand, make another main.cf")
+            sys.exit("the postconf commands of a run, repeated without it, make another main.cf")
         return end, texts

@@ -18,8 +18,8 @@ WARNED = b"unable to execute `hostname -f`"
 
 
 class Judge:
-    """Verdicts, each a list of sentences. A state that was judged once is not judged anew:
-    what an undisturbed run makes of it does not depend on how it came about."""
+    """Verdicts, each a list of sentences. Each state is judged only once: the result of an
+    undisturbed run does not depend on how its starting state was reached."""
 
     def __init__(self, world, reference):
         self.world, self.reference = world, reference
@@ -44,22 +44,22 @@ class Judge:
         problems = []
         kind, text = found.group(1).decode(), found.group(2).decode("utf-8", "replace")
         if kind not in FAMILY:
-            problems.append(f"an error outside of the family: {kind}({text})")
+            problems.append(f"an error outside the family: {kind}({text})")
         if not run.out.endswith(found.group(0)):
             problems.append(f"standard output does not repeat the error line: {run.out!r}")
         # The tools' own errors and the reader's carry no text of the system, and
         # getpwnam(3) has none for an account database that cannot be read.
         if (point.kind == "error" and "Postfix" not in kind and os.strerror(code_of(point.error)) not in text
                 and not text.endswith("file is already locked") and not text.startswith("user popusernot found")):
-            problems.append(f"the error line tells another reason: {kind}({text})")
+            problems.append(f"the error line gives another reason: {kind}({text})")
         return problems
 
     def files(self, point, run):
-        """Nothing is lost, whole texts only."""
+        """Nothing is lost, and each file is complete."""
         state = State()
         problems = []
         if state.text(MAIN_CF) not in self.reference.main_texts:
-            problems.append(f"main.cf is not what whole postconf commands make: {state.text(MAIN_CF)!r}")
+            problems.append(f"main.cf is not the result of complete postconf commands: {state.text(MAIN_CF)!r}")
         for path, old in ((MASTER_CF, MASTER_TEXT), (DISABLED, DISABLED_TEXT)):
             if state.text(path) not in (old, self.reference.end.text(path)):
                 problems.append(f"{path} is neither old nor new: {state.text(path)!r}")
@@ -77,11 +77,11 @@ class Judge:
         return state, problems
 
     def leftovers(self):
-        """Of a run that ended by itself."""
+        """What a run that ended by itself has left behind."""
         return [f"left behind: {name}" for name in self.world.leftovers()]
 
     def next_run(self, state):
-        """What Postfix and an undisturbed run make of the state that was left."""
+        """Whether Postfix reads the state that was left, and an undisturbed run completes it."""
         key = state.signature()
         if key not in self.verdicts:
             self.verdicts[key] = self._next_run(state)
@@ -98,7 +98,7 @@ class Judge:
         if run.returncode != 0:
             return problems + [f"the next run fails: {run.stderr[-400:]!r}"]
         after = State()
-        # A run without the host's name takes the short one out of $mydestination.
+        # A run that cannot ask for the host's name removes the short one from $mydestination.
         wanted = self.reference.end
         if after.text(MAIN_CF) == self.reference.nameless_then_end.text(MAIN_CF):
             wanted = self.reference.nameless_then_end
@@ -106,8 +106,8 @@ class Judge:
 
     def unlike(self, state, wanted, before=None):
         different = state.differences(wanted)
-        # Ended between the two writes: the service is in both files, and an active one is
-        # left alone by the next run. Nothing is lost, the store only knows it still.
+        # Ended between the two writes: the service is in both files, and the next run leaves
+        # an active one alone. Nothing is lost; the service just stays in the store.
         if (before and str(DISABLED) in different and before.text(MASTER_CF) == wanted.text(MASTER_CF)
                 and state.text(DISABLED) == before.text(DISABLED) == DISABLED_TEXT):
             self.stored_twice += 1

@@ -71,9 +71,10 @@ def error_points(recording, shim_counts):
 
 
 def recording_file_closes(recording):
-    """The closes of written files, which the C library makes by itself, out of the shim's
-    reach. Of strace's making they do not close, which lets pipes and locks wait for ever;
-    a file does not mind. Lock files are opened by their name in the lock directory."""
+    """The closes of written files. The C library calls close(2) for them internally, which the
+    shim does not see. When strace makes a close fail, the descriptor stays open: with a pipe
+    or a lock, somebody would wait for ever; with a file it does no harm. Lock files, which are
+    opened relative to the lock directory, are left out."""
     files, found = set(), set()
     for name, nth, phase, text in recording.calls:
         opened = re.search(r"= (\d+)$", text)

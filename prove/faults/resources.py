@@ -10,9 +10,9 @@ from faultworld import POSTFIX, remove
 SPOOL = Path("/var/spool/postfix")
 LOCK = Path("/run/lock")
 PAGE = 4096
-# Root of the first user namespace is never bound by RLIMIT_NPROC (clone(2) looks at the
-# account, not at the capabilities). The tool is given another account, with what it takes
-# to write the configuration, but without CAP_SYS_RESOURCE and CAP_SYS_ADMIN.
+# RLIMIT_NPROC never limits root in the initial user namespace: clone(2) checks the account
+# before the capabilities. So the tool runs as another account, with the capabilities to write
+# the configuration, but without CAP_SYS_RESOURCE and CAP_SYS_ADMIN.
 MORTAL = ["setpriv", "--reuid", "31990", "--regid", "31990", "--clear-groups",
           "--inh-caps", "-all,+dac_override,+chown,+fowner", "--ambient-caps", "-all,+dac_override,+chown,+fowner",
           "--bounding-set", "-all,+dac_override,+chown,+fowner"]
@@ -40,7 +40,7 @@ def start(sweep, point, start_command):
 
 
 def fill(world, where, left, inodes):
-    """A file system of 64 KiB in place of a directory, full but for so many pages or inodes."""
+    """A file system of 64 KiB in place of a directory, with so many free pages or inodes."""
     remove("/run/capture/kept")
     world.mount_small(where, "size=64k" + (f",nr_inodes={left}" if inodes else ""), keep=not inodes)
     if not inodes:

@@ -1,6 +1,7 @@
-// Preloaded into the tool by the sweep: lets the N-th close(2) or execv(3) of the tool fail,
-// the two that strace cannot break truly. A failing close(2) of Linux has closed; a child
-// has only one execve(2), so which child it is must be counted in the parent.
+// Preloaded into the tool by the sweep: makes the N-th close(2) or execv(3) of the tool fail,
+// the two that strace cannot break realistically. On Linux, a close(2) that fails has closed
+// the descriptor all the same; a child calls execve(2) only once, so the children are counted
+// in the parent.
 // TORVA_FAULT is "CALL:N:ERRNO"; N of 0 counts the calls into the file TORVA_FAULT_COUNT.
 #include <cerrno>
 #include <cstdio>

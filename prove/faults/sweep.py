@@ -48,7 +48,7 @@ def start(command, environment=None, **how):
 
 
 def children_left():
-    """Children that a run has left, which became ours; waits until they have ended."""
+    """The children that a run has left behind, which are ours now; waits until they have ended."""
     left, deadline = [], time.monotonic() + 20
     while True:
         try:
@@ -74,7 +74,7 @@ class Sweep:
         self.counts, self.violations, self.not_visited = collections.Counter(), [], 0
 
     def points(self, recording_file, kinds):
-        """The same list in each part of a sweep: the first one writes it down."""
+        """The same list in each part of a sweep: the first one records it."""
         found = []
         if not recording_file.exists():
             recording = Recording(self.world)
@@ -148,8 +148,8 @@ def save(sweep, result):
 
 
 def spread(points):
-    """All, the resources and the master.cf phase first. The others in a mixed order that is
-    always the same: a sweep that runs out of time has then visited all parts of a run."""
+    """All points: the resources and the master.cf phase first, the others in a mixed order that
+    is always the same, so that a sweep that runs out of time has visited all parts of a run."""
     phases = {"resources": [], "master": [], "any": []}
     for point in points:
         phases.get(point.phase, phases["any"]).append(point)
@@ -158,13 +158,13 @@ def spread(points):
 
 
 def shortened(points):
-    """Each point, or a part of them: of each call the first, the last and some between,
-    with another error each time; in the master.cf phase more."""
+    """Some of the points: the first and the last of each call and some between, with another
+    error each time; more of them in the master.cf phase."""
     chosen, seen = [], collections.Counter()
     groups = collections.Counter((p.kind, p.call, p.how, p.phase == "master") for p in points)
     for point in points:
         group = (point.kind, point.call, point.how, point.phase == "master")
-        # No common factor with the number of errors: another one each time.
+        # No common factor with the number of errors, so that the error is another one each time.
         step = {"resources": 4}.get(point.kind, 19 if point.phase == "master" else 157)
         if seen[group] % step == 0 or seen[group] == groups[group] - 1:
             chosen.append(point)

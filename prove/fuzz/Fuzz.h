@@ -1,5 +1,5 @@
-// What the fuzzers share: the way a broken property is reported, and the cutting of
-// an input into pieces. The entry point that each of them defines is libFuzzer's.
+// What the fuzzers share: how a violated property is reported, and how an input is cut
+// into pieces. Each fuzzer defines libFuzzer's entry point.
 #pragma once
 
 #include <algorithm>
@@ -41,8 +41,8 @@ inline std::vector<std::string> linesOf(const std::string& text) {
     return lines;
 }
 
-/// The ways in which a text is cut: whole, byte by byte, in pieces whose lengths the
-/// text itself tells, and, while it is short, in two at each place.
+/// The ways in which a text is cut: whole, byte by byte, in pieces whose lengths are
+/// taken from the text itself, and, if it is short, in two at each place.
 inline std::vector<std::vector<std::string>> cuttings(const std::string& text) {
     std::vector<std::vector<std::string>> ways{{text}};
     const auto cut = [&](auto lengthAt) {

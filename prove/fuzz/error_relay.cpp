@@ -1,6 +1,6 @@
 // The records by which a child reports its failure. Any bytes give the same outcome
-// in whatever pieces they arrive; an error that is written is the one that is read,
-// also behind output that does not belong to it.
+// in whatever pieces they arrive; the error that is written is the one that is read,
+// even after output that does not belong to it.
 #include "Fuzz.h"
 #include "torva/process/ErrorRelay.h"
 #include "torva/util/SystemError.h"
@@ -44,7 +44,7 @@ std::string received(const std::vector<std::string>& pieces) {
     return thrownBy(reader) + "|" + output.str();
 }
 
-/// The bytes that a child writes when it is left with the exception.
+/// The bytes that a child writes when the exception ends it.
 template <class Exception>
 std::string sent(const Exception& exception) {
     int fds[2];

@@ -1,6 +1,6 @@
-// The editors of list values. Input: the list, a NUL, the element. An editor changes
-// the elements as it promises, all others stay in their order, and a second edit of
-// the same kind finds nothing to do.
+// The functions that edit list values. Input: the list, a NUL, the element. An edit changes
+// the elements as documented and keeps the others in their order; repeating it changes
+// nothing.
 #include "Fuzz.h"
 #include "torva/postfix/params/ListValue.h"
 
@@ -27,7 +27,7 @@ void checkSplit(const Elements& elements, const char* separators,
     require(split(joinList(elements)) == elements, "what was joined is split into the same");
 }
 
-/// Both ways to append, over the way to split that belongs to it.
+/// Checks one of the two ways to append, with the way to split that belongs to it.
 void checkAppend(const std::string& list, const std::string& element,
                  std::optional<std::string> (*append)(const std::string&, const std::string&),
                  Elements (*split)(const std::string&)) {
@@ -40,14 +40,14 @@ void checkAppend(const std::string& list, const std::string& element,
     }
     require(wanted.empty() || changed->rfind(list, 0) == 0, "the old text stays in front");
     wanted.push_back(element);
-    require(split(*changed) == wanted, "the element comes behind all others");
+    require(split(*changed) == wanted, "the element comes after all others");
     require(!append(*changed, element), "a second append finds nothing to do");
 }
 
 void checkRemove(const std::string& list, const std::string& element) {
     Elements wanted = splitList(list);
     const bool there = contains(wanted, element);
-    require(listHolds(list, element) == there, "held is what stands among the elements");
+    require(listHolds(list, element) == there, "a list holds what is among its elements");
     const std::optional<std::string> changed = withoutElement(list, element);
     require(changed.has_value() == there, "only what is there is removed");
     if (!there) {
@@ -55,7 +55,7 @@ void checkRemove(const std::string& list, const std::string& element) {
     }
     wanted.erase(std::remove(wanted.begin(), wanted.end(), element), wanted.end());
     require(splitList(*changed) == wanted, "the others stay, in their order");
-    require(*changed == joinList(wanted), "the rest is joined anew");
+    require(*changed == joinList(wanted), "the rest is joined again");
     require(!withoutElement(*changed, element), "a second removal finds nothing to do");
     require(splitList(*withElement(*changed, element)).back() == element,
             "what was removed can be appended again");

@@ -1,6 +1,6 @@
 // The chain that filters a listing, for the domain "d.net": however the bytes are
-// cut, the same lines and the same reports come out, and they are those of a filter
-// that is written here once more, line by line.
+// cut, the result is the same lines and the same reports, and they are those of a second,
+// line-by-line filter written here.
 #include "Fuzz.h"
 #include "support/CapturedClog.h"
 #include "torva/postfix/tables/DataStreamFilter.h"
@@ -77,6 +77,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
         require(outcome.lines == wanted.lines, "these lines stay, however the text is cut");
         require(outcome.reports == wanted.reports, "these lines are reported, however it is cut");
     }
-    require(filtered({wanted.lines}).lines == wanted.lines, "what stays stays a second time");
+    require(filtered({wanted.lines}).lines == wanted.lines, "lines that pass do so again");
     return 0;
 }

@@ -1,6 +1,6 @@
-// The grammar of master.cf, and writer and reader around it: every text is read, or
-// refused, as a reader does that goes line by line; what nobody touches comes back
-// byte for byte; a record, formatted, is read as the same record.
+// The grammar of master.cf, and the writer and the reader that use it: every text is read or
+// refused as by a second reader, which goes line by line; what is not edited is kept byte
+// for byte; a formatted record is read as the same record.
 #include "Fuzz.h"
 #include "LineOracle.h"
 #include "torva/postfix/mastercf/MasterCfParser.h"
@@ -35,7 +35,7 @@ std::string joined(const Texts& texts) {
     return text;
 }
 
-/// The columns as the file has them; "-1" is what the greatest number is kept as.
+/// The columns as the file has them; 4294967295, the greatest number, is kept as -1.
 std::string describe(const MasterCfModule& record) {
     const char* const types[] = {"inet", "unix", "fifo"};
     std::string text = record.name + "/" + types[static_cast<int>(record.type)];
@@ -52,7 +52,7 @@ std::string describe(const MasterCfModule& record) {
 
 void checkFormat(MasterCfModule record) {
     if (record.wakeup < -1 || record.maxproc < -1) {
-        return; // beyond 31 bits: kept bit by bit, and then no number of this syntax
+        return; // beyond 31 bits: kept as a negative number, which this syntax does not have
     }
     MasterCfLines again;
     require(read(formatModule(record), again), "a formatted record is one line of this syntax");
@@ -64,7 +64,7 @@ void checkFormat(MasterCfModule record) {
 void checkEdits(MasterCfLines& lines) {
     const Texts before = textsOf(lines);
     MasterCfModule record;
-    record.name = "_not_there_"; // unless the input has found out
+    record.name = "_not_there_"; // unless the input has this name
     if (lines.contains(MasterCfLines::keyOf(record))) {
         return;
     }
@@ -72,10 +72,10 @@ void checkEdits(MasterCfLines& lines) {
     Texts wanted = before;
     wanted.push_back("text");
     require(textsOf(lines) == wanted, "a new service comes last and touches no other line");
-    require(lines.get(MasterCfLines::keyOf(record)).text == "text", "what was put is there");
+    require(lines.get(MasterCfLines::keyOf(record)).text == "text", "what was put in is there");
     require(lines.remove(MasterCfLines::keyOf(record)), "what is there can be removed");
-    require(!lines.remove(MasterCfLines::keyOf(record)), "and then is there no more");
-    require(textsOf(lines) == before, "what was put goes without a trace");
+    require(!lines.remove(MasterCfLines::keyOf(record)), "and is gone then");
+    require(textsOf(lines) == before, "what was put in is removed without a trace");
 }
 
 void checkFile(const MasterCfLines& lines) {
@@ -89,7 +89,7 @@ void checkFile(const MasterCfLines& lines) {
     MasterCfLines again;
     MasterCfReader::read(path, again);
     Texts wanted = textsOf(lines);
-    wanted.emplace_back(); // behind the last line feed
+    wanted.emplace_back(); // after the last line feed
     require(textsOf(again) == wanted, "the file is read as the same lines");
 }
 
@@ -134,7 +134,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     for (const OracleLine& line : verdict.lines) {
         raw.push_back(line.text);
     }
-    require(joined(raw) == text + "\n", "no byte belongs to no line");
+    require(joined(raw) == text + "\n", "every byte belongs to a line");
     require(textsOf(lines) == checkServices(verdict.lines, lines), "untouched lines come back");
     checkEdits(lines);
     // Files are slow: one input in eight goes through one.

@@ -1,5 +1,5 @@
-// The judgement of tool messages: a text fails when one of its lines does, and a
-// line by the rule that is spelt out here once more, from the form of the messages.
+// How messages of tools are judged: a text fails when one of its lines does, and a line
+// by a rule that is written here a second time, from the format of the messages.
 #include "Fuzz.h"
 #include "torva/postfix/params/MessageScan.h"
 
@@ -41,7 +41,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     }
     require(reportsFailure(text, Severity::lenient) == lenient, "one line decides, lenient");
     require(reportsFailure(text, Severity::strict) == strict, "one line decides, strict");
-    require(strict || !lenient, "who passes the strict judge passes the lenient one");
+    require(strict || !lenient, "a text that passes strict mode passes lenient mode");
     require(reportsFailure(text + "\nx: fatal: y", Severity::lenient), "a last line is not missed");
     require(reportsFailure("x: fatal: y\n" + text, Severity::lenient),
             "a first line is not missed");

@@ -1,6 +1,5 @@
-// The panel's configuration file: the pairs and the reports are those of a reader
-// that is written here once more with C++ strings, and the pairs, written out, are
-// read as the same pairs.
+// The panel's configuration file: the pairs and the reports are those of a second reader,
+// written here with C++ strings, and the pairs, written out, are read as the same pairs.
 #include "Fuzz.h"
 #include "torva/libc/log.h"
 #include "torva/libc/panel_conf_parse.h"
@@ -23,7 +22,7 @@ struct Reading {
     }
 };
 
-Reading* reading; // that the reports go to
+Reading* reading; // receives the reports
 
 void countReport(int priority, const char* format, ...) {
     require(priority == 12, "reports have the priority 12");

@@ -1,4 +1,4 @@
-"""The mistakes that were made up by hand: list.toml."""
+"""The mistakes that people have invented: list.toml."""
 
 import sys
 import time
@@ -24,7 +24,7 @@ def try_out(copy, asker, one):
     path = copy.tree / one["file"]
     right = path.read_text()
     if right.count(one["old"]) != 1:
-        sys.exit(f"{one['name']}: the text to change stands {right.count(one['old'])} times in {one['file']}")
+        sys.exit(f"{one['name']}: the text to change occurs {right.count(one['old'])} times in {one['file']}")
     for wave in asker.waves(one["file"], one["test"]):
         asker.require_passing(wave)
         path.write_text(right.replace(one["old"], one["new"]))
@@ -39,7 +39,7 @@ def try_out(copy, asker, one):
 
 
 def run(copy, asker, chosen, say):
-    """The number of the caught."""
+    """Tries the chosen mistakes, and returns how many were caught."""
     caught = 0
     for one in chosen:
         begin = time.monotonic()

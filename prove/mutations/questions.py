@@ -1,4 +1,4 @@
-"""Which tests are asked about a mistake in a file, in which order, and the asking."""
+"""Which tests are run on a mistake in a file, in which order, and how."""
 
 import os
 import re
@@ -13,7 +13,7 @@ from dataclasses import dataclass
 
 from workcopy import target_name
 
-# What links to a layer, nearest first; the whole program is asked last.
+# What links to a layer, nearest first; the whole program is run last.
 ABOVE = {
     "torva/libc": ["torva/util", "torva/process", "torva/maildb", "torva/postfix/params", "torva/postfix/mastercf", "torva/postfix/tables", "app"],
     "torva/util": ["torva/process", "torva/postfix/params", "torva/postfix/mastercf", "torva/postfix/tables", "app"],
@@ -25,7 +25,7 @@ ABOVE = {
     "app": [],
 }
 WHOLE_RUNS = ["run.fake.transcript|run.fake.commands", "run.fake", "run.real"]
-# A mistake may fill the memory, or write without an end.
+# A mistake may fill the memory, or write for ever.
 LIMITS = ["prlimit", "--core=0", f"--data={3 << 30}", f"--fsize={1 << 30}"]
 
 
@@ -38,14 +38,14 @@ class Question:
 
 class Asker:
     def __init__(self, copy, reach="runs"):
-        """How far to ask: "nearest", the programs of the mistake's own layer; "layers", those of
-        the layers above, too; "runs", at last the whole runs."""
+        """Which tests to run: "nearest", those of the mistake's own layer; "layers", those of the
+        layers above, too; "runs", the whole runs as well."""
         self.copy, self.reach = copy, reach
         self.passed = {}  # label -> seconds without a mistake
 
     def waves(self, file, first=None):
-        """The questions in order; those of one wave are asked side by side, each in a world of
-        its own. The one that is known to notice goes first."""
+        """The questions in order; those of one wave are asked at the same time, each in its own
+        sandbox. The test that is known to notice goes first."""
         folder = os.path.dirname(file)
         above = [] if self.reach == "nearest" else ABOVE[folder]
         waves = [self._programs(layer) for layer in [folder, *above]]
@@ -83,11 +83,11 @@ class Asker:
                 self.passed[question.label] = time.monotonic() - begin
 
     def patience(self, question):
-        """Seconds, far beyond what it takes: a busy machine is no catch."""
+        """In seconds, far longer than the test takes: a busy machine must not count as a catch."""
         return 30 + 5 * self.passed[question.label]
 
     def ask(self, wave, patience):
-        """None when all pass, else which one does not and how; then the others are ended."""
+        """None when all pass, otherwise which one does not, and how; the others are ended then."""
         running, lock, answered = [], threading.Lock(), threading.Event()
 
         def run(question):
@@ -126,7 +126,7 @@ class Asker:
 
 
 def end(process):
-    """With all that it has started: the sandbox ends with its first process."""
+    """Ends a test with all that it has started: the sandbox ends with its first process."""
     if process.poll() is None:
         os.killpg(process.pid, signal.SIGKILL)
         process.wait()

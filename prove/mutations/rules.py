@@ -1,4 +1,4 @@
-"""The mistakes that are made by rule: each rule takes a scanned source and yields
+"""The mistakes that rules make: each rule takes a scanned source and yields
 (rule, start, end, new text), offsets into its text."""
 
 import re
@@ -26,7 +26,7 @@ def dropped_statements(source):
 
 
 def tested(source, keyword, first, last):
-    """The part of what stands between the parentheses that is tested; None: none is."""
+    """The part between the parentheses that is a condition; None: there is none."""
     parts = [first]
     index = first
     while index <= last:
@@ -59,7 +59,7 @@ def negated_conditions(source):
 
 
 def shifted_comparisons(source):
-    """Comparisons stand between blanks; the brackets of templates do not."""
+    """Comparisons have blanks around them; the brackets of templates do not."""
     for token in source.tokens:
         if token.kind == "op" and token.text in SHIFTED:
             if source.text[token.start - 1] in " \n" and source.text[token.end:token.end + 1] in (" ", "\n"):
@@ -139,7 +139,7 @@ def arguments(source, opening):
 
 
 def declares(source, first, last):
-    """Whether it is a parameter with its type, to judge by two names in a row."""
+    """Whether it is a parameter with its type: probably, if there are two names in a row."""
     words = [token.kind == "word" and token.text not in ("new", "sizeof", "const") or token.text == "&" and
              source.text[token.start - 1] != " " for token in source.tokens[first:last + 1]]
     return any(one and other for one, other in zip(words, words[1:]))
@@ -172,7 +172,7 @@ def early_returns(source):
 
 
 def ignored_errors(source):
-    """A call whose failure is not looked at: the condition is worked out, and taken for false."""
+    """A call whose failure is ignored: the condition is evaluated, and taken for false."""
     for keyword, first, last in source.conditions:
         if keyword != "if":
             continue

@@ -1,4 +1,4 @@
-"""Mistakes by rule: all that can be made, a sample of them, and those that are argued to be none."""
+"""Mistakes made by rules: all of them, a sample, and those that are argued equivalent."""
 
 import random
 import re
@@ -60,7 +60,7 @@ def all_by_line(tree):
 
 
 def drawn(lines, seed, first=1, every=1):
-    """All of them, none twice, every so-manieth from the first on."""
+    """In the order of the draw, none twice: number `first`, and each `every`-th after it."""
     return islice(drawn_all(lines, seed), first - 1, None, every)
 
 
@@ -76,8 +76,8 @@ def drawn_all(lines, seed):
 
 
 class Equivalents:
-    """Found by file and text, so that they stay what they are when lines move. An argument is
-    for one place unless it says for how many."""
+    """Found by file and text, so that they still apply when lines move. A reason is for one
+    place unless it says for how many."""
 
     def __init__(self, lines):
         self.listed = tomllib.loads(EQUIVALENTS.read_text())["equivalent"]
@@ -121,8 +121,8 @@ class Sampler:
         self.copy, self.asker, self.say = copy, asker, say
 
     def try_out(self, one):
-        """What catches it, "" for nothing, None when it is no mistake: it does not compile, or
-        no program changes."""
+        """What catches it; "": nothing does; None: it is no mistake, because it does not compile
+        or changes no program."""
         library = self.copy.library_of(one.file)
         if library is not None and library not in self.copy.right:
             self.copy.make_right(library)
@@ -154,7 +154,7 @@ class Sampler:
 
 
     def judge(self, one):
-        """What try_out gives, and tells it."""
+        """The result of try_out(), which is also printed."""
         begin = time.monotonic()
         answer = self.try_out(one)
         if answer is not None:
@@ -163,7 +163,8 @@ class Sampler:
 
 
 def run(sampler, options, stop):
-    """Draws, and tries out those that are asked for. The numbers of the caught and of the argued, and the survivors."""
+    """Draws mistakes and tries out those that are asked for. Returns how many were caught, how
+    many are argued equivalent, and the survivors."""
     lines = all_by_line(sampler.copy.tree)
     sampler.say(f"{sum(map(len, lines.values()))} mistakes can be made on {len(lines)} lines")
     equivalents, only = Equivalents(lines), options.only or [""]

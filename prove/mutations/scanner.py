@@ -1,5 +1,5 @@
-"""A plain scanner of C++: tokens, which braces hold code, where statements begin and end.
-No parser: what it takes for something else does not compile, and is drawn again."""
+"""A plain scanner of C++: tokens, which braces hold code, where statements begin and end. It
+is no parser: where it is wrong, the mistake does not compile, and another one is drawn."""
 
 import re
 from dataclasses import dataclass, field
@@ -69,7 +69,7 @@ def pair_brackets(tokens):
 
 
 def head_of(source, brace):
-    """The index of the first token of what stands before a brace."""
+    """The index of the first token of what comes before a brace, such as a function's head."""
     index = brace
     while index > 0 and source.tokens[index - 1].text not in (";", "{", "}"):
         index -= 1
@@ -94,7 +94,7 @@ def kind_of_brace(source, brace):
 
 
 def returns_of(source, brace):
-    """What the function returns whose body begins at the brace."""
+    """What the function whose body begins at the brace returns."""
     tokens = source.tokens
     before = brace - 1
     while tokens[before].kind == "word":
@@ -137,7 +137,7 @@ class StatementFinder:
         return end + 1
 
     def statement(self, index, end, returns):
-        """Notes the statement and gives the index behind it."""
+        """Notes the statement and returns the index after it."""
         text = self.tokens[index].text
         if text == "{":
             return self.block(index, returns)

@@ -10,12 +10,12 @@ from pathlib import Path
 
 TREE = Path(__file__).resolve().parents[2]
 BUILD_OPTIONS = ["-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS=-O0 -g0", "-DCMAKE_CXX_FLAGS_DEBUG=",
-                 # What the compiler warns of is noticed before any test is asked.
+                 # What the compiler warns of is noticed before any test runs.
                  "-DTORVA_WERROR=ON"]
 
 
 def target_name(folder):
-    """What cmake/TorvaTargets.cmake calls the targets of a folder after."""
+    """The name by which cmake/TorvaTargets.cmake calls the targets of a folder."""
     return folder.removeprefix("torva/").replace("/", "_")
 
 
@@ -43,7 +43,7 @@ class WorkCopy:
         return shutil.copy(source, target)
 
     def _forget_others(self, names, record):
-        """Removes what was copied the last time and is no part of the tree any more."""
+        """Removes what was copied the last time and is no longer part of the tree."""
         for name in record.read_text().split("\0") if record.exists() else ():
             if name not in names:
                 (self.tree / name).unlink(missing_ok=True)
@@ -58,14 +58,14 @@ class WorkCopy:
         return None if done.returncode == 0 else done.stdout.decode(errors="replace")[-2000:]
 
     def make_right(self, *targets):
-        """The same without a mistake, which has to succeed, and remembers what was made."""
+        """The same without a mistake: must succeed, and remembers what was built."""
         if error := self.make(*targets):
             sys.exit(error)
         for target in targets:
             self.right[target] = self._hash(target)
 
     def is_changed(self, *targets):
-        """Whether any of them is another file than without the mistake."""
+        """Whether any of them differs from the file without the mistake."""
         return any(self._hash(target) != self.right[target] for target in targets)
 
     def _hash(self, target):

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Builds a bare Debian system of each suite and runs scripts/demo, scripts/check and
-scripts/prove packages --short in it, from a fresh clone of the last commit. Prints a table of the results. Exit status 0: every
-suite that could be installed is green; 77: none could."""
+scripts/prove packages --short in it, from a fresh clone of the last commit. Prints a table of
+the results. Exit status 0: every suite that could be installed is green; 77: none could."""
 
 import argparse
 import re
@@ -15,7 +15,7 @@ HERE = Path(__file__).resolve().parent
 TREE = HERE.parents[1]
 PLACE = TREE / "build/releases"
 SUITES = ["bookworm", "trixie", "forky"]
-# debootstrap knows the suites of its own time; a later one is made like this one.
+# debootstrap knows only the suites of its own time; a later one is made like this one.
 NEWEST_KNOWN = "sid"
 SKIPPED = 77
 SCRIPTS = Path("/usr/share/debootstrap/scripts")

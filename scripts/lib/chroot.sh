@@ -97,8 +97,8 @@ copy_checkout() {
 }
 
 # make_chroot: makes the empty root of the copy, with devices that open, and sets
-# `root` to it. It stands in a directory that only root may enter: the copies of
-# password files and set-user-ID programs are for nobody outside.
+# `root` to it. It is in a directory that only root may enter, because nobody outside
+# may use its copies of password files and set-user-ID programs.
 make_chroot() {
     local base holder
     for base in "${TMPDIR:-/tmp}" /var/tmp /tmp /root; do
@@ -153,15 +153,15 @@ end_processes() {
 # remove_chroot: the end of the world, and of its copy.
 remove_chroot() {
     [[ -n ${root:-} ]] || return 0
-    # Not of interest: processes that ended by themselves, how the others were ended.
+    # Without messages about processes that ended by themselves or were killed.
     end_processes 2>/dev/null
     rm -rf --one-file-system "${root%/root}"
     root=
 }
 
 # enter_chroot DIR COMMAND...: runs COMMAND in `root`, from DIR where that exists.
-# In the background, for a trap runs only while the shell waits; env gives back the
-# two signals that the shell ignores in what it runs there.
+# In the background, because a trap runs only while the shell waits; env restores the two
+# signals that the shell ignores in background commands.
 enter_chroot() {
     chroot "$root" /usr/bin/env --default-signal=INT,QUIT /bin/bash -c \
         'cd "$0" 2>/dev/null || cd /; exec -- "$@"' "$@" <&0 &

@@ -24,8 +24,8 @@ skip() {
 # need_root: stops in one line unless the caller is root.
 need_root() { ((EUID == 0)) || die "must run as root, for example: sudo scripts/$program"; }
 
-# open_standard_streams: a closed descriptor of 0 to 2 becomes /dev/null; else the
-# next file opened would take its number, and messages would be written into it.
+# open_standard_streams: a closed descriptor of 0 to 2 becomes /dev/null; otherwise the
+# next file opened would get its number, and messages would be written into it.
 open_standard_streams() {
     { true 3<&0; } 2>/dev/null || exec </dev/null
     { true 3>&1; } 2>/dev/null || exec >/dev/null

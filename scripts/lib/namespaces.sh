@@ -1,7 +1,7 @@
 # shellcheck shell=bash
 # The private world as namespaces of this process: overlays over the machine's
-# directories, whose changes live on a tmpfs that goes with the namespace. All of
-# it runs inside the new mount namespace; nothing here is to be undone. Sourced,
+# directories, whose changes are kept on a tmpfs that goes with the namespace. All of
+# it runs inside the new mount namespace; nothing here needs to be undone. Sourced,
 # never run. Needs world.sh and messages.sh.
 
 # The directories whose changes stay private. /run and /dev are private as well,
@@ -34,8 +34,8 @@ scratch_place() {
     die "none of /mnt, /media, /srv, /opt exists: no place to build the world on"
 }
 
-# mounts_below DIR: the mount points below DIR, parents first, one a line. File
-# systems that are windows on the kernel are left out: their place stays empty.
+# mounts_below DIR: the mount points below DIR, parents first, one a line. Without the
+# file systems that only show the kernel's or a program's data: their place stays empty.
 mounts_below() {
     local point type line
     while read -r line; do
@@ -57,7 +57,7 @@ is_private() {
     return 1
 }
 
-# make_mount_point FROM POINT: POINT exists and is of the kind that FROM is.
+# make_mount_point FROM POINT: creates a missing POINT, as a directory or a file like FROM.
 make_mount_point() {
     [[ -e $2 ]] && return
     if [[ -d $1 ]]; then
@@ -68,8 +68,8 @@ make_mount_point() {
     fi
 }
 
-# hold_aside SCRATCH PATH...: keeps each PATH that is about to be covered in reach
-# as SCRATCH/keep/N, and remembers it for give_back.
+# hold_aside SCRATCH PATH...: keeps each PATH that is about to be covered accessible as
+# SCRATCH/keep/N, and remembers it for give_back.
 hold_aside() {
     local scratch=$1 path
     shift
@@ -168,8 +168,8 @@ build_namespace_world() {
     mount -t tmpfs -o mode=755 sandbox "$scratch"
     mkdir "$scratch/low" "$scratch/dev"
     hold_aside "$scratch" "$@"
-    # Its own nodes: chmod on one of the machine's would change the machine. Containers may
-    # not allow new ones.
+    # Its own nodes: chmod on one of the machine's would change the machine. A container may
+    # not allow making them.
     make_devices "$scratch" mknod 2>/dev/null || make_devices "$scratch" bind
     cover_all "$scratch"
     mount --rbind "$scratch/dev" /dev

@@ -21,20 +21,20 @@ is_installed() {
     dpkg-query -W -f '${db:Status-Status}\n' "$1" 2>/dev/null | grep -qx installed
 }
 
-# ensure_packages PACKAGE...: installs those that are missing. Without any it does
-# nothing, and asks no package host.
+# ensure_packages PACKAGE...: installs those that are missing. If none is, it does nothing,
+# and contacts no package host.
 ensure_packages() {
     local package missing=()
     for package in "$@"; do is_installed "$package" || missing+=("$package"); done
     ((${#missing[@]})) || return 0
     [[ -x $(command -v apt-get) ]] ||
-        die "not installed: ${missing[*]}; and apt-get is missing: this is no Debian system"
+        die "not installed: ${missing[*]}; and apt-get is missing: this is not a Debian system"
     warn "installing: ${missing[*]}"
     install_packages "${missing[@]}" || die "could not install: ${missing[*]}"
 }
 
-# install_packages PACKAGE...: in a shell of its own, whose end takes the policy
-# away whatever happens.
+# install_packages PACKAGE...: in its own shell, which removes the policy when it ends,
+# whatever happens.
 install_packages() (
     trap 'exit 129' HUP
     trap 'exit 130' INT
@@ -43,7 +43,7 @@ install_packages() (
     export DEBIAN_FRONTEND=noninteractive
     apt-get -q -o DPkg::Lock::Timeout=300 update >&2 ||
         warn "the package lists are not up to date; trying what is there"
-    # Rather an error than the end of another mail server on this machine.
+    # Better an error than the removal of another mail server from this machine.
     apt-get -q -y -o DPkg::Lock::Timeout=300 install --no-install-recommends --no-remove "$@" >&2
 )
 

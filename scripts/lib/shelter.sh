@@ -5,8 +5,8 @@
 #     shelter_services STORE
 #     torva-postfix-setup
 #     restore_services STORE
-# For those who hold a copy of the file, or work on one: what ends between the two
-# leaves it sheltered. Sourced, never run. Needs messages.sh.
+# For callers that keep a copy of the file, or work on one: if they end between the two,
+# it stays sheltered. Sourced, never run. Needs messages.sh.
 
 # master_cf: prints the path of the master.cf that is Postfix's own.
 master_cf() { printf '%s/master.cf\n' "$(postconf -h config_directory)"; }
@@ -37,15 +37,14 @@ shelter_services() {
     mv "$store/result" "$file"
 }
 
-# keep_end_of_file FROM TO: takes the last line end off TO when FROM has none; awk
-# always ends the last line.
+# keep_end_of_file FROM TO: removes the last line end of TO when FROM has none; awk always
+# ends the last line.
 keep_end_of_file() { [[ -z $(tail -c 1 "$1") ]] || truncate -s -1 "$2"; }
 
-# restore_services STORE: makes the lines that were commented out what they were,
-# in place, in a master.cf that may have changed around them since. A line is known
-# by its text and by how many equal ones stand above it, for the file may hold the
-# same comment on its own account. Dies, and leaves the file alone, when one of
-# them is gone.
+# restore_services STORE: restores the lines that were commented out, in place, in a
+# master.cf that may have changed around them since. A line is identified by its text and
+# by the number of equal lines above it, because the file may have had the same comment
+# before. Dies, and leaves the file alone, when one of them is gone.
 restore_services() {
     local store=$1 file
     file=$(master_cf)

@@ -1,7 +1,7 @@
 # shellcheck shell=bash
 # The pieces of a private world: a root's devices, accounts, names, network. Each
 # function takes the root it works on as its first argument ("" for the root of
-# the namespace that it already runs in). What is mounted over the host stands in
+# the namespace that it already runs in). What is mounted over the host is in
 # namespaces.sh, what is copied in chroot.sh. Sourced, never run.
 
 world_address=192.0.2.10
@@ -41,8 +41,8 @@ make_run() {
     fi
 }
 
-# write_names ROOT ADDRESS NAME ALIAS...: lets "hostname -f" answer NAME without a
-# network. The files are replaced, for in a container they are mounts.
+# write_names ROOT ADDRESS NAME ALIAS...: makes "hostname -f" answer NAME without a
+# network. The files are replaced, because in a container they are mounts.
 write_names() {
     local root=$1 address=$2
     shift 2
@@ -87,8 +87,8 @@ add_panel() {
     chown "$owner" "$root/var/qmail/mailnames"
 }
 
-# drop_host_sockets ROOT: takes away the sockets and FIFOs of the machine's own
-# Postfix. An overlay leads a connection through to the process that listens.
+# drop_host_sockets ROOT: removes the sockets and FIFOs of the machine's own Postfix.
+# Through an overlay, a connection would reach the process that listens.
 drop_host_sockets() {
     local dir
     for dir in "$1"/var/spool/postfix/{public,private,dev}; do
@@ -97,8 +97,8 @@ drop_host_sockets() {
     return 0
 }
 
-# make_veth_pair: eth0 as one end of a pair, whose other end stands in the nested
-# network namespace "outside". Fails on a kernel without either.
+# make_veth_pair: eth0 as one end of a pair, whose other end is in the nested network
+# namespace "outside". Fails on a kernel without either.
 make_veth_pair() {
     ip netns add outside && ip link add eth0 type veth peer name eth0 netns outside
 }

@@ -1,4 +1,4 @@
-// What the companion knows of a run, held against the golden files of the run itself.
+// What the companion knows of a run, compared with the golden files of the run itself.
 #include "ctl/host/PanelRun.h"
 
 #include <gmock/gmock.h>

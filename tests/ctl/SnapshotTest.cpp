@@ -29,7 +29,7 @@ protected:
         std::ofstream(path(name)) << text;
     }
 
-    /// A tree with one of everything that root is not needed for.
+    /// A tree with one of everything that can be made without root.
     std::string makeTree() const {
         ::mkdir(path("tree").c_str(), 0750);
         write("tree/file", std::string(200000, 'x'));

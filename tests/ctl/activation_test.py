@@ -1,5 +1,5 @@
-"""A running Postfix takes up what apply and rollback change, seen from outside: who
-listens on port 25, and whether local mail is picked up, once."""
+"""A running Postfix uses what apply and rollback change, seen from outside: who listens
+on port 25, and whether local mail is picked up, once."""
 
 import re
 import socket

@@ -1,4 +1,4 @@
-"""Hosts as they are found: services that the program does not take, other file systems,
+"""Hosts as they are found: services that the program does not parse, other file systems,
 full disks, hard links, many services, odd surroundings."""
 
 import os
@@ -61,7 +61,7 @@ class ShelterTest(CtlTest):
         self.assertStatus(0, ctl("apply"))
         after = MASTER_CF.read_text()
         self.assertNotIn("sheltered by", after)
-        # Line by line but for what the run replaces and for the old pickup.
+        # Line by line, except for what the run replaces and the old pickup.
         kept = [line for line in text.splitlines() if not line.startswith(("smtp      inet", "pickup"))]
         self.assertEqual([line for line in after.splitlines() if line in kept], kept)
         self.assertStatus(0, ctl("rollback"))
@@ -149,8 +149,8 @@ class PrivateCopyTest(CtlTest):
         run("postconf", "-e", "alias_maps = hash:/home/list/fifo")
         before = tree()
         outcome = self.assertStatus(1, ctl("check", "--json", timeout=60))
-        self.assertIn("/home/list/fifo is no file", outcome.findings("stop")[0]["text"])
-        self.assertIn("/home/list/fifo is no file", self.assertStatus(1, ctl("preview", timeout=60)).err)
+        self.assertIn("/home/list/fifo is not a regular file", outcome.findings("stop")[0]["text"])
+        self.assertIn("/home/list/fifo is not a regular file", self.assertStatus(1, ctl("preview", timeout=60)).err)
         self.assertSame(before, "after check and preview")
         run("postconf", "-e", "alias_maps = hash:/etc/aliases")
         before = tree()

@@ -2,7 +2,8 @@
 
 Every test file is started inside scripts/sandbox, as
     python3 TEST.py COMPANION PROGRAM [TEST-NAME...]
-installs both the way the package does, and lays out Postfix's files anew for each test. Postfix is the machine's own.
+It installs both as the package does, and writes Postfix's files, again for each test. Postfix is
+the machine's own.
 """
 
 import hashlib
@@ -70,8 +71,8 @@ def remove(path):
 
 
 def write(path, text, mode=0o644, owner=(0, 0)):
-    """Writes a file as it may have stood there for long: Postfix's programs wait when
-    main.cf is younger than two seconds."""
+    """Writes a file that looks as if it had been there for long: Postfix's programs wait
+    while main.cf is younger than two seconds."""
     path = Path(path)
     path.parent.mkdir(parents=True, exist_ok=True)
     path.write_bytes(text if isinstance(text, bytes) else text.encode())
@@ -162,7 +163,7 @@ def description(path, status):
     return (*common, status.st_size, status.st_mtime_ns)
 
 
-CHECKSUMS = {}  # of files that have rested, by path and by all that a change would change
+CHECKSUMS = {}  # of files that are not new, by path and by everything that a change would alter
 
 
 def checksum(path, status):
@@ -176,13 +177,13 @@ def checksum(path, status):
     return result
 
 
-# Not looked into: the backups, which are to change, and the files of Debian's package
-# tools, three quarters of all that there is.
+# Left out: the backups, which are meant to change, and the files of Debian's package tools,
+# which are three quarters of everything.
 PASSED_OVER = {str(BACKUPS), "/var/cache", "/var/lib/apt", "/var/lib/dpkg"}
 
 
 def tree():
-    """All that a run, or this companion, could have changed on the host."""
+    """Everything that a run or the companion could have changed on the host."""
     found = {}
     for root in ("/etc", "/var", "/srv", "/usr/sbin", "/usr/lib/torva-postfix"):
         describe_below(root, found)
@@ -250,8 +251,8 @@ class CtlTest(unittest.TestCase):
 
 
 class AroundARunTest(CtlTest):
-    """For what the companion does around a run: a short one, and a "postfix check" that has
-    nothing to say."""
+    """For what the companion does around a run: a short run, and a "postfix check" that
+    prints nothing."""
 
     def setUp(self):
         super().setUp()
@@ -267,7 +268,7 @@ def name_local_domains():
 
 
 def make_good_host():
-    """The panel's part of a host on which everything is in order, but its database."""
+    """The panel's part of a host on which everything is in order, except its database."""
     name_local_domains()
     for name in ("postfix-local", "postfix-queue", "postfix-mailman"):
         program(PANEL / name, "#!/bin/sh\n")

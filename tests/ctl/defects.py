@@ -1,5 +1,5 @@
-"""Hosts with one defect each, for check_test.py: how it is made, what check says of it,
-and how its advice is carried out."""
+"""Hosts with one defect each, for check_test.py: how it is made, what check says about it,
+and how the advice is carried out."""
 
 import os
 from pathlib import Path
@@ -12,15 +12,15 @@ from ctlworld import BACKUPS, MAIN_CF, MARKER, MASTER_CF, PANEL, POSTFIX, TABLES
 DAEMONS = Path("/usr/lib/postfix/sbin")
 SOCKET = "/run/mysqld/mysqld.sock"
 SHADOW = Path("/etc/kra/.kra.shadow")
-PASSWORD = []  # of the panel's database; it is made with the database
+PASSWORD = []  # of the panel's database, which is made together with it
 
 
 class Defect(NamedTuple):
     name: str
-    prepare: Callable            # makes it; what it returns cleans up behind the test
+    prepare: Callable            # makes it; what it returns cleans up after the test
     level: str
     subject: str
-    text: str                    # part of what is told
+    text: str                    # part of the finding
     action: str = ""             # the whole advice
     cure: Optional[Callable] = None  # carries the advice out; None: nothing is amiss
 
@@ -170,7 +170,7 @@ def killed_apply():
     MARKER.write_text("apply -\n")
 
 
-# Carrying an advice out.
+# Carrying out advice.
 
 def shell(command):
     run("sh", "-c", command)
@@ -185,7 +185,7 @@ def behind(words):
 
 
 def by_hand(*words):
-    """What a person does who follows an advice that is no command."""
+    """What a person does to follow advice that is not a command."""
     return lambda _: run(*map(str, words))
 
 
@@ -265,7 +265,7 @@ DEFECTS = [
     Defect("only_loopback", without_addresses, "warning", "network", "only loopback",
            "first bring the network up", by_hand("ip", "address", "add", "192.0.2.10/24", "dev", "eth0")),
     Defect("read_only_directory", read_only, "stop", "directory", "/etc/postfix cannot be written",
-           "have it on a file system that is not read-only", by_hand("mount", "-o", "remount,bind,rw", POSTFIX)),
+           "put it on a file system that is not read-only", by_hand("mount", "-o", "remount,bind,rw", POSTFIX)),
     Defect("mounted_tables", mounted_tables, "stop", "directory", "torva is a mount point",
            "unmount it, or mount the directory above it", by_hand("umount", TABLES)),
     Defect("small_backups", small_backups, "stop", "room", "too little for a copy of the files",
@@ -298,7 +298,7 @@ DEFECTS = [
     Defect("empty_store", empty_store, "stop", "master.cf", "master.cf.disabled is not parsed",
            "correct it, or move it away", by_hand("mv", TABLES / "master.cf.disabled", "/run/tmp")),
     Defect("upper_case_name", master_cf("SMTPS inet n - y - - smtpd"),
-           "ok", "master.cf", "SMTPS/inet: not for the tool"),
+           "ok", "master.cf", "SMTPS/inet: not parsed by torva-postfix-setup"),
     Defect("address_in_brackets", master_cf("[::1]:25 inet n - y - - smtpd"), "ok", "master.cf", "[::1]:25/inet"),
     Defect("comment_behind_a_word", master_cf("a unix - - y - - smtp # fast"), "ok", "master.cf", "a/unix"),
     Defect("not_ascii", master_cf("a unix - - y - - smtp -o x=\u00e9"), "ok", "master.cf", "a/unix"),
@@ -318,7 +318,7 @@ DEFECTS = [
            INSTALL_DAEMON, installed(DAEMONS / "torva_saslauthd")),
     Defect("wrong_daemon_directory", main_cf("daemon_directory = /no/such/directory"), "warning", "service",
            "daemon_directory, /no/such/directory, has no daemons of Postfix",
-           "correct it: postconf -X daemon_directory takes the built-in one",
+           "correct it: postconf -X daemon_directory restores the built-in one",
            lambda action: shell(action.split(": ")[1].split(" takes ")[0])),
     Defect("no_hash_file", main_cf("virtual_alias_maps = hash:$config_directory/virtual"), "warning", "map",
            "/etc/postfix/virtual.db",
@@ -339,7 +339,7 @@ DEFECTS = [
     Defect("alias_reference", main_cf("alias_maps = hash:$config_directory/aliases"), "ok", "aliases", "alias_maps"),
     Defect("alias_type", main_cf("alias_database = dbm:/etc/aliases"), "stop", "aliases", "dbm:/etc/aliases cannot",
            ALIAS_RULES, ALIASES_SET_RIGHT),
-    Defect("alias_fifo", fifo_among_the_aliases, "stop", "aliases", "/etc/alias-fifo is no file",
+    Defect("alias_fifo", fifo_among_the_aliases, "stop", "aliases", "/etc/alias-fifo is not a regular file",
            "make it a file, or take it out of alias_maps and alias_database", ALIASES_SET_RIGHT),
     Defect("root_is_led_nowhere", ordinary_host_with_a_domain, "warning", "mydestination",
            "root@, postmaster@ and mailer-daemon@mail.example.net goes to localhost.localdomain",

@@ -15,7 +15,7 @@ MOMENTS = 20
 
 
 class Killed(CtlTest):
-    """A host on which nearly everything that a run changes is there before."""
+    """A host on which nearly everything that a run changes exists before the run."""
 
     def setUp(self):
         super().setUp()
@@ -59,7 +59,7 @@ class Killed(CtlTest):
             ended = process.poll() is not None
             end(process)
             amid += self.assertRepaired(f"moment {moment}") and not ended
-        self.assertGreaterEqual(amid, MOMENTS // 3, "too few were killed amid their changes")
+        self.assertGreaterEqual(amid, MOMENTS // 3, "too few were killed while they changed the host")
 
 
 class GroupTest(Killed):
@@ -98,7 +98,7 @@ class RollbackTest(Killed):
             self.assertStatus(0, ctl("rollback"))
             self.assertSame(self.before, f"moment {moment}")
             self.assertFalse(MARKER.exists())
-        self.assertGreaterEqual(amid, 1, "none was killed amid its changes")
+        self.assertGreaterEqual(amid, 1, "none was killed while it changed the host")
         self.assertNotEqual(applied, self.before)
 
 

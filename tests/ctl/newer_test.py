@@ -1,5 +1,5 @@
-"""torva-postfixctl on a Postfix of later times: programs in the place of Postfix's own say what 3.10 and 3.11 say, and
-then become them. The words are in tests/run/newerwords.py."""
+"""torva-postfixctl on later versions of Postfix: stand-ins for Postfix's programs print the warnings of 3.10 and 3.11,
+and then execute the real ones. The warnings are in tests/run/newerwords.py."""
 
 import os
 import re
@@ -13,7 +13,7 @@ from newerwords import (DROPPED, VERSIONS, not_changed_words, postconf_words, re
                         unsupported_words)
 
 POSTCONF, POSTMAP, POSTALIAS = (Path("/usr/sbin", name) for name in ("postconf", "postmap", "postalias"))
-# How a stand-in begins; it ends by becoming the real program.
+# How a stand-in begins; it ends by executing the real program.
 HEAD = """#!/bin/sh
 say() { printf '%s' "$1" >&2; }
 directory=/etc/postfix
@@ -42,7 +42,7 @@ class NewerPostfixTest(CtlTest):
         ctlworld.program(path, HEAD + text + f'exec {kept} "$@"\n')
 
     def stand_in_postconf(self, version, main_cf_has=("smtpd_use_tls", "smtp_use_tls"), more=""):
-        """It warns of what its main.cf sets, but when it edits, or reads no main.cf."""
+        """It warns of what its main.cf sets, unless it edits main.cf or does not read it."""
         pattern = "|".join(main_cf_has)
         words = postconf_words(version, "DIRECTORY/main.cf")
         self.stand_in(POSTCONF, f"""
@@ -132,7 +132,7 @@ esac
     # ---- without Berkeley DB
 
     def without_berkeley_db(self, version):
-        """Also of the system's aliases, as in a Postfix whose packager has left it out."""
+        """For the system's aliases, too, as in a Postfix that was built without it."""
         level = "non_bdb_migration_level = disable\n" if version == "3.11" else ""
         words = postconf_words(version, "main.cf")
         write(MAIN_CF, re.sub(r"(?m)^(alias_maps|alias_database).*\n", "", MAIN_CF.read_text()) +
@@ -243,7 +243,7 @@ class RealRedirectTest(CtlTest):
 
 
 def difference_of(before):
-    """What has changed but for the programs, which stand-ins replace."""
+    """What has changed, except the programs, which stand-ins replace."""
     return {path: change for path, change in ctlworld.difference(before, tree()).items() if not path.startswith("/usr/sbin")}
 
 

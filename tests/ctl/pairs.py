@@ -1,5 +1,5 @@
-"""Configurations with the oddities of real ones. Each pair is a function that lays
-main.cf, master.cf and what belongs to them out; the docstring says what is odd."""
+"""Configurations with the oddities of real ones. Each pair is a function that writes
+main.cf, master.cf and what belongs to them; the docstring says what is odd."""
 
 import os
 import shutil

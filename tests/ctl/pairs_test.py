@@ -28,7 +28,7 @@ class TextTest(CtlTest):
 
 
 class PlaceTest(CtlTest):
-    """Oddities of where the files are, and of what is beside them."""
+    """Oddities in where the files are, and in what is beside them."""
 
 
 def promise(lay_out):

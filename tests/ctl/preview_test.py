@@ -103,7 +103,7 @@ class CommandLineTest(CtlTest):
         self.assertFalse(BACKUPS.exists())
 
     def test_diff_that_cannot_compare_does_not_end_as_if_something_had_changed(self):
-        self.assertIn("is no name of a backup", self.assertStatus(2, ctl("diff", "yesterday")).err)
+        self.assertIn("is not the name of a backup", self.assertStatus(2, ctl("diff", "yesterday")).err)
         self.assertNotEqual(self.assertStatus(2, ctl("diff", "--reload")).err, "")
         outcome = self.assertStatus(2, ctl("diff", argv=["setpriv", "--reuid=nobody", "--clear-groups"]))
         self.assertIn("must run as root", outcome.err)

@@ -14,7 +14,7 @@ MASTER_PID = Path("/var/spool/postfix/pid/master.pid")
 REAL_POSTFIX = "/usr/sbin/postfix.real"
 
 # A Postfix that systemd has started is in the control group of its unit. The file that says
-# so is covered, for a real group would be one of the machine.
+# so is covered, because a real group would be one of the machine's.
 SYSTEMCTL = f"""#!/bin/sh
 echo "$*" >>{ASKED}
 put_into_unit() {{
@@ -44,7 +44,7 @@ class SystemdWorld(AroundARunTest):
         self.put_in_place("/usr/bin/systemctl", SYSTEMCTL)
         write("/run/unit-cgroup", f"1:name=systemd:/system.slice/{self.UNIT}\n"
               f"0::/system.slice/system-postfix.slice/{self.UNIT}\n")
-        # A reload suffices for what the short run changes, but for the pickup service.
+        # A reload suffices for what the short run changes, except for the pickup service.
         write(MAIN_CF, MAIN_CF.read_text() + "inet_interfaces = all\n")
         self.addCleanup(run, "postfix", "stop", check=False)
         run("systemctl", "restart", self.UNIT)
@@ -97,7 +97,7 @@ class SystemdTest(SystemdWorld):
         outcome = self.assertStatus(1, ctl("apply", "--reload", "--json"))
         self.assertEqual([(f["subject"], f["text"]) for f in outcome.findings("failed")],
                          [("reload", "failed: no restart today"), ("apply", "everything is as it was before")])
-        # What the daemon has after a restart that failed is not known: a reload would not do.
+        # After a failed restart the daemon's settings are not known: a reload would not do.
         self.assertEqual(self.asked(), [f"restart {self.UNIT}"] * 2)
         self.assertConfigurationIs(before)
         self.assertRuns()

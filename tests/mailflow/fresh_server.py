@@ -1,9 +1,9 @@
-"""Mail through a Postfix that ran already, as Debian has installed it, when the tool
-came: the tool's run, the panel's first records, "postfix reload".
+"""Mail through a Postfix that was running already, as Debian has installed it, before
+the tool: the tool's run, the panel's first records, "postfix reload".
 
 The host name has no domain at first, so that Debian has put "localhost.localdomain"
-into mydestination. The panel has no domain of that name here: the reserved addresses,
-which the run leads to it, are delivered locally.
+into mydestination. The panel has no domain of that name here: mail to the reserved
+addresses, which the run forwards to it, is delivered locally.
 """
 
 import stat

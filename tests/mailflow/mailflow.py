@@ -1,10 +1,10 @@
 """Mail through a Postfix that was started after the tool's run.
 
 "localhost.localdomain" is a domain of the panel here, with mail names in its
-database, and the host's own name an alias of it. Postfix delivers what stands in
-mydestination itself, whatever the panel's tables say, so the name must not stand
-there: Debian puts it there only where the host name has no domain. mydestination is
-thus what Debian writes for a host with a domain, see fresh_server.py for the other.
+database, and the host's own name is an alias of it. Postfix itself delivers to the
+domains in mydestination, whatever the panel's tables say, so the name must not be
+among them: Debian puts it there only if the host name has no domain. So mydestination
+is what Debian writes for a host with a domain; see fresh_server.py for the other.
 """
 
 import re

@@ -2,9 +2,9 @@
 
 A test file is started inside scripts/sandbox --panel-accounts, as
     python3 TEST.py PROGRAM STANDIN-DIRECTORY [TEST-NAME...]
-lays its server out as Debian does, lets the tool run, plays the panel (records in
-the tables that the tool made, certificate, restriction lists), and sends mail. Of
-the panel's own programs it has the small ones in standins/.
+It sets its server up as Debian does, lets the tool run, plays the panel (records in
+the tables that the tool made, certificate, restriction lists), and sends mail. In
+place of the panel's own programs it has the small ones in standins/.
 """
 
 import email
@@ -233,8 +233,8 @@ class World:
 
     def _wait_for_unix_pickup(self):
         """Waits out the one time that master(8) wakes Debian's "pickup" of type unix,
-        before the tool's fifo takes over its path. A message that lies in the drop then
-        is picked up by both services: it arrives twice, once without the filter."""
+        before the tool's fifo takes over its path. A message that is in maildrop then is
+        picked up by both services: it arrives twice, once without the filter."""
 
         def served():
             # Num RefCount Protocol Flags Type St Inode Path; a listening socket has a
@@ -299,8 +299,8 @@ class MailTest(unittest.TestCase):
     maxDiff = None
     # Warnings of this server that are not faults.
     expected_warnings = (
-        # Debian's "pickup" of type unix stands beside the tool's of type fifo, and
-        # both mean the path public/pickup, which the later one, the fifo, takes over.
+        # Debian's "pickup" of type unix is beside the tool's of type fifo, and both mean
+        # the path public/pickup, which the later one, the fifo, takes over.
         "master_wakeup_timer_event: service pickup(public/pickup): Connection refused",
         # From Postfix 3.11 on, of each table of type hash.
         "hash/btree support is deprecated",

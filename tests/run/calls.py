@@ -22,7 +22,7 @@ def _text(escaped):
 
 
 def spelled(argv, stdin=""):
-    """A command line and its input the way the golden files write them."""
+    """A command line and its input, as the golden files write them."""
     lines = [shlex.join(argv)] + ["    < " + line for line in stdin.split("\n")]
     if lines[-1] == "    < ":
         lines.pop()

@@ -1,10 +1,10 @@
 #!/bin/bash
-# A linter judges in one version of it; in any other it is skipped, with the reason.
+# Each linter is used in one version only; in any other it is skipped, with the reason.
 #     lint_test.sh TEST
 set -euo pipefail
 source "${BASH_SOURCE[0]%/*}/shell_test.sh"
 
-# stand_in NAME VERSION-TEXT: a linter that says this of its version, and finds a fault in
+# stand_in NAME VERSION-TEXT: a linter that prints this as its version, and finds a fault in
 # whatever it is given.
 stand_in() {
     [[ -n ${scratch:-} ]] || make_scratch

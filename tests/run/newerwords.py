@@ -1,7 +1,7 @@
-"""What later versions of Postfix say beside their answers, as Debian's 3.10.13 and 3.11.7 say it.
+"""What later versions of Postfix say besides their answers, as Debian's 3.10.13 and 3.11.7 say it.
 
-Each postconf that reads a main.cf with these parameters warns; of the calls of a run, all but "postconf -e". In 3.11
-each postmap and postalias of a hash table warns, too."""
+Each postconf that reads a main.cf with these parameters warns: in a run, all but "postconf -e". In 3.11 each postmap and
+postalias of a hash table warns, too."""
 
 DROPPED = {
     name: f'support for parameter "{name}" will be removed; instead, specify "{name.replace("use_tls", "tls_security_level")}"'
@@ -37,5 +37,5 @@ def unsupported_words(tool):
 
 
 def not_changed_words(path, target="cdb"):
-    """Of a redirect to a type that is only ever written whole."""
+    """Of a redirect to a type whose files can only be written whole."""
     return redirect_words("postmap", path, target) + "postmap: fatal: unsupported non-bulk change request\n"

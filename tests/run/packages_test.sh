@@ -1,6 +1,6 @@
 #!/bin/bash
-# What scripts/lib/packages.sh promises. dpkg-query and apt-get are small programs
-# in their place, inside the sandbox: what they are asked to do is written down.
+# What scripts/lib/packages.sh promises. Inside the sandbox, small programs replace
+# dpkg-query and apt-get, and write down what they are asked to do.
 set -euo pipefail
 source "${BASH_SOURCE[0]%/*}/shell_test.sh"
 
@@ -97,7 +97,7 @@ test_policy_left_by_a_killed_run_is_taken_over() {
 test_system_without_apt_is_told() {
     need_namespaces
     expect_equal "output" \
-        "scripts: not installed: three; and apt-get is missing: this is no Debian system" \
+        "scripts: not installed: three; and apt-get is missing: this is not a Debian system" \
         "$(in_sandbox 'rm -f /usr/bin/apt-get /usr/local/bin/apt-get; hash -r
             (ensure_packages three) || true')"
 }

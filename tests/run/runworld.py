@@ -2,7 +2,7 @@
 
 Every test file is started inside scripts/sandbox, as
     python3 TEST.py PROGRAM [FAKETOOL] [TEST-NAME...]
-and lays out, for each test anew, the few files that the program meets: main.cf,
+It writes, again for each test, the few files that the program meets: main.cf,
 master.cf, the account database, the aliases. FakeWorld puts tests/tools/fakes in
 place of Postfix's tools, RealWorld leaves Postfix as it is.
 """
@@ -72,13 +72,13 @@ def main():
     PROGRAM = words.pop(0)
     if words and os.access(words[0], os.X_OK):
         FAKETOOL = words.pop(0)
-    # A process that a run leaves becomes our child, and is noticed.
+    # A process that a run leaves behind becomes our child, and is noticed.
     _libc.prctl(36, 1, 0, 0, 0)  # PR_SET_CHILD_SUBREAPER
     unittest.main(argv=[sys.argv[0], *words], verbosity=2)
 
 
 def as_mortal():
-    """For preexec_fn: from here on file modes hold for root too, see capabilities(7)."""
+    """For preexec_fn: from now on file modes apply to root, too, see capabilities(7)."""
     for capability in (1, 2):  # CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH
         _libc.prctl(24, capability, 0, 0, 0)  # PR_CAPBSET_DROP
 
@@ -229,7 +229,7 @@ class FakeWorld(World):
             myhostname="vm",
             mydestination="$myhostname, host.example.net, localhost.example.net, localhost")
         self.hostname("host.example.net\n")
-        # Programs that a test took away are back.
+        # Restores programs that a test has removed.
         for path in ("/usr/sbin/postconf", "/usr/sbin/postmap", "/usr/sbin/postalias", "/usr/bin/hostname"):
             if not os.path.isfile(path) or os.stat(path).st_size != os.stat(FAKETOOL).st_size:
                 self.install()
@@ -277,7 +277,7 @@ class FakeWorld(World):
         path = FAKE / "log"
         if not path.exists():
             return []
-        # A tool that still runs may have written no more than half of its last line.
+        # A tool that still runs may have written only a part of its last line.
         whole = path.read_text().rpartition("\n")[0]
         return [Call(line) for line in whole.splitlines()]
 

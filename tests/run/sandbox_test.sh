@@ -3,7 +3,7 @@
 set -euo pipefail
 source "${BASH_SOURCE[0]%/*}/shell_test.sh"
 
-# The two worlds. A plain container is had by giving up the capability that it lacks.
+# The two worlds. Giving up the capability that a plain container lacks imitates one.
 in_namespaces() { "$sandbox" "$@"; }
 in_plain_container() {
     if "$sandbox" --loopback-only -- true 2>/dev/null; then

@@ -13,10 +13,10 @@ LITERAL = r'"(?:[^"\\]|\\.)*"'
 # Where a text is thrown or printed; one entry is for all bare operations ("select").
 SPOKEN = re.compile(r"(?:throw (?:\w+::)*(?:Postfix\w+Error|runtime_error)\(|filesystemError\(|std::cerr\s*<<|"
                     r"torva_log\(\s*\w+,|report_error\(\s*\w+,)\s*((?:" + LITERAL + r"\s*)+)")
-# Written in the manual as they are read, in the sources in pieces.
+# Written in the manual as they are printed, in the sources in pieces.
 COMPOSED = {"user popusernot found": ("user ", "popuser", "not found")}
 NO_LITERAL = {"std::bad_alloc": "the name of a type", "other operations": "stands for the names of all"}
-# Spoken by the sources and not by a run.
+# Messages of the sources that a run does not print.
 NOT_IN_A_RUN = {
     "Unable to get domain aliases from database for": "the run asks for no domain aliases",
     "Unable to get domain by domainalias": "likewise",
@@ -41,7 +41,7 @@ def joined(run):
 
 
 def words_of(line):
-    """A line of the manual as it is read."""
+    """A line of the manual as it is displayed."""
     text = line.replace(r"\(dq", "\0").replace(r"\-", "-")
     text = re.sub(r"\\f[BIRP]", "", text)
     if text.startswith("."):
@@ -85,7 +85,7 @@ def complaints(root):
 
 def main(root):
     found = list(complaints(root))
-    print("\n".join(found) or "every message of the manual is one of the sources, and the other way round")
+    print("\n".join(found) or "the manual and the sources have the same messages")
     return 1 if found else 0
 
 

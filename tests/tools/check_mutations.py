@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Fails when the lists of prove/mutations/ speak of text that the sources do not have: a mistake
-of the list that cannot be made any more, a mistake that is argued equivalent and is none of those
-that the rules make, or one whose text stands in several places although the argument is for one."""
+"""Fails when the lists of prove/mutations/ do not fit the sources: when a mistake of the list can
+no longer be made, or one that is argued equivalent is none that the rules make, or its text is in
+another number of places than the argument is for."""
 
 import sys
 import tomllib
@@ -19,7 +19,7 @@ def list_complaints(root):
     for one in tomllib.loads((PROVE / "list.toml").read_text())["mutation"]:
         count = (root / one["file"]).read_text().count(one["old"])
         if count != 1:
-            yield f"list.toml: {one['name']}: its text stands {count} times in {one['file']}"
+            yield f"list.toml: {one['name']}: its text occurs {count} times in {one['file']}"
         if one["name"] in names:
             yield f"list.toml: {one['name']} is listed twice"
         names.add(one["name"])

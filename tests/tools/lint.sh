@@ -3,8 +3,8 @@
 #     lint.sh shellcheck|clang-format|man CHECKOUT
 #     lint.sh clang-tidy CHECKOUT BUILD_DIR
 # Exit status 77, after a line that says why: the linter is not installed, or not in the
-# version that the sources are written for. Each version finds other things, and lays the
-# same text out in another way.
+# version that the sources are written for. Other versions find other things, and format
+# the same text in another way.
 set -euo pipefail
 
 linter=$1
@@ -15,8 +15,8 @@ skip() {
     exit 77
 }
 
-# What the linter's judgement depends on, and its one version, or the beginning of it.
-# They are those of Debian 12; whoever changes one corrects what the new one finds.
+# The program on which the linter's findings depend, and its one version, or the beginning
+# of it. These are Debian 12's; whoever changes one corrects what the new one finds.
 program=$linter
 case $linter in
     clang-format | clang-tidy) version=14 ;;

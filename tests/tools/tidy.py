@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
 """Runs clang-tidy on the product's sources: tidy.py CHECKOUT BUILD [--analyzer]
 
-Where the build compiles the sources of a folder together, they are joined to one text for
-most checks: these look through all that is included, and the common headers are most of the
-work. Places in that text are translated back. With --analyzer the static analyzer alone looks at
-each source alone, which takes some ten minutes. Exit status 0: no finding."""
+Where the build compiles the sources of a folder together, they are joined into one text for
+most checks: these look through everything that is included, and the common headers are most of
+the work. Places in that text are translated back. With --analyzer only the static analyzer runs,
+on each source alone, which takes minutes. Exit status 0: no finding."""
 
 import concurrent.futures
 import json
@@ -42,7 +42,7 @@ def flags(command):
 
 
 def joined(sources):
-    """One text of all, and for each of its lines the file and the line that it was."""
+    """One text of all, and for each of its lines the file and the line where it comes from."""
     text, places = [], []
     for source in sources:
         for number, line in enumerate(source.read_text().splitlines(), 1):
@@ -52,7 +52,7 @@ def joined(sources):
 
 
 def check(checkout, sources, entry, option):
-    """What clang-tidy says of sources that it takes as one, and whether it finds nothing."""
+    """What clang-tidy says of sources that it reads as one, and whether it finds nothing."""
     text, places = joined(sources)
     with tempfile.TemporaryDirectory() as scratch:
         copy = Path(scratch, sources[0].name)

@@ -84,7 +84,7 @@ TEST(DeliveryFindingsTest, MailForNobodysHostComesWithTheCommandThatHelps) {
     const Finding finding = tellAttempt(accepted("sendmail root"), log, host);
     EXPECT_EQ(finding.level, Level::warning);
     EXPECT_EQ(finding.advice,
-              "Mail for root, postmaster and mailer-daemon is led to localhost.localdomain, which "
+              "Mail for root, postmaster and mailer-daemon goes to localhost.localdomain, which "
               "is no domain of this host: postconf -e 'mydestination=$myhostname, localhost, "
               "localhost.localdomain'");
 }

@@ -7,7 +7,8 @@ using namespace torva::ctl::rehearsal;
 
 namespace {
 
-// A server that gives its replies one by one, whatever it is told, and then leaves.
+// A server that gives its replies one by one, whatever it is sent, and then closes the
+// connection.
 class Script : public SmtpChannel {
 public:
     explicit Script(std::deque<SmtpReply> replies) : replies_(std::move(replies)) {}

@@ -1,5 +1,5 @@
-"""A rehearsal in the way of which something is: programs that hang, a kernel that lacks
-something. And that it leaves nothing, however it ends."""
+"""A rehearsal that meets obstacles: programs that hang, a kernel that lacks something. It
+leaves nothing behind, however it ends."""
 
 import os
 import signal
@@ -58,7 +58,7 @@ class LesserKernelTest(RehearsalTest):
     """Where the kernel lacks what the rehearsal would like to have."""
 
     def in_sandbox(self, script, *words):
-        """In a sandbox on top of this one: on two overlays the kernel stacks no third."""
+        """In a sandbox inside this one: the kernel does not stack a third overlay on two."""
         sandbox = (world.SANDBOX, "--loopback-only", "--with", world.RECORDS, "--")
         return run(*sandbox, "sh", "-c", script, "sh", *words)
 
@@ -165,7 +165,7 @@ class RefusalTest(RehearsalTest):
                              (1, "", "rehearse: a rehearsal works in the private world of scripts/sandbox only\n"))
 
     def test_without_mounts_of_its_own_the_word_of_the_environment_does_not_count(self):
-        """In a mount namespace that sees the machine's own /etc, which is no mount. (/run often is one.)"""
+        """In a mount namespace that sees the machine's own /etc, which is not a mount point. (/run often is one.)"""
         result = subprocess.run(["unshare", "--mount", "--propagation", "private", "sh", "-c",
                                  "umount --lazy /etc && exec \"$@\"", "sh", world.REHEARSE, POSTFIX, HOST],
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)

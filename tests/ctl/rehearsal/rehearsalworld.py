@@ -168,7 +168,7 @@ def start_rehearsal(**how):
 
 
 def processes():
-    """What runs in this sandbox, but for its process 1 and this test."""
+    """What runs in this sandbox, except its process 1 and this test."""
     found = {}
     for path in Path("/proc").glob("[0-9]*"):
         try:
@@ -187,7 +187,7 @@ def described(path):
 
 
 def tree(*roots):
-    """All below some directories: type, mode, owner, time, contents."""
+    """Everything below some directories: type, mode, owner, time, contents."""
     found = {}
     for root in roots:
         for directory, names, files in os.walk(root):

@@ -40,8 +40,8 @@ def with_the_old_host_name():
 class FailurePoints(RunTest):
     """The walk; each subclass is one way of failing.
 
-    effects: the fields of the rule. texts: what the error says, None where the
-    way is no failure. said: what a program that shares our standard error says."""
+    effects: the fields of the rule. texts: what the error says; None: it is not a
+    failure. said: what a program that shares our standard error says."""
 
     effects = {}
     said = ""

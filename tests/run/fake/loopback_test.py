@@ -10,7 +10,7 @@ from runworld import main
 
 
 class LoopbackOnlyTest(OnAnyHost):
-    """Every row, with the list that such a host is given: odd, and wanted so."""
+    """Every row, with the list that such a host gets: odd, but intended."""
 
     host = "127.0.0.0/8, /32"
 
@@ -21,7 +21,7 @@ class LoopbackOnlyTest(OnAnyHost):
         self.assertCompleted(run)
 
     def test_without_ipv6_each_run_adds_one_more_odd_network(self):
-        """The default is then only the loopback network, with which our list begins."""
+        """The default is then only the loopback network, and our list begins with that."""
         self.world.defaults(mynetworks="127.0.0.0/8")
         self.world.params(mynetworks="127.0.0.0/8", myhostname="localhost.localdomain")
         for run in range(1, 4):

@@ -1,5 +1,5 @@
-"""What later versions of Postfix say beside their answers disturbs no run; a Postfix that cannot make the panel's
-tables ends it, with its own words."""
+"""What later versions of Postfix say besides their answers disturbs no run; a Postfix that cannot make the panel's
+tables ends it, and the error has Postfix's words."""
 
 import sys
 from pathlib import Path
@@ -15,7 +15,7 @@ DOMAIN_STEP = " creating virtual alias domain for this host hostname..."
 
 class NewerPostfixTest(RunTest):
     def say(self, postconf="", table=lambda tool, path: ""):
-        """From now on the fakes say this, and answer as ever."""
+        """From now on the fakes say this, and answer as before."""
         self.world.rule(tool="postalias", default=1, stderr=table("postalias", "/etc/aliases"))
         for name in TABLES:
             path = TORVA / name

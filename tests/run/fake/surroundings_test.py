@@ -1,4 +1,4 @@
-"""What a careless parent may hand the program: streams, signals, limits, directories."""
+"""What a careless parent may hand to the program: streams, signals, limits, directories."""
 
 import itertools
 import os

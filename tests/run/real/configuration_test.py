@@ -71,7 +71,7 @@ MAILMAN = ("mailman unix - n n - - pipe flags=R user=mailman:mailman "
 
 
 def replaced(text, name, kind, new):
-    """master.cf with one entry, its continuation lines included, made another."""
+    """master.cf with another text for one entry, its continuation lines included."""
     pattern = re.compile(rf"^{re.escape(name)}[ \t]+{kind}[ \t].*\n([ \t].*\n)*", re.MULTILINE)
     result, count = pattern.subn(lambda _: new + "\n" if new else "", text)
     assert count == 1, (name, kind, count)

@@ -48,7 +48,7 @@ bool readFile(const std::string& path, std::string& text) {
 }
 
 [[noreturn]] void broken(const std::string& what) {
-    // Loud, and never mistaken for an answer: a test that meets this has a hole.
+    // Cannot be mistaken for an answer: a test that gets this lacks something.
     std::fprintf(stderr, "faketool: fatal: %s\n", what.c_str());
     std::exit(99);
 }
@@ -200,7 +200,7 @@ std::string configDirectory() {
     return directory;
 }
 
-// A file as the call found it: "null", or its size, mode and age.
+// A file as the call found it: null, or its size, mode and age.
 std::string fileState(const std::string& path) {
     struct stat info {};
     if (::stat(path.c_str(), &info) != 0) {
@@ -295,7 +295,7 @@ int answerPostconf(const std::vector<std::string>& argv) {
         }
         std::ofstream(home + "params/" + args[1].substr(0, at), std::ios::binary)
             << args[1].substr(at + 1);
-        // The real one writes main.cf anew.
+        // The real one replaces main.cf.
         ::utimensat(AT_FDCWD, (configDirectory() + "/main.cf").c_str(), nullptr, 0);
         return 0;
     }
@@ -361,11 +361,11 @@ int answer(const std::string& tool, const std::vector<std::string>& argv) {
 int main(int argc, char** argv) {
     const std::vector<std::string> descriptors = entries("/proc/self/fd");
     const std::vector<std::string> words(argv, argv + argc);
-    // argv[0] is the caller's to choose, and is under test.
+    // The caller chooses argv[0], which is under test.
     char self[4096];
     const ssize_t length = ::readlink("/proc/self/exe", self, sizeof self);
     if (length <= 0 || words.empty()) {
-        broken("who am I");
+        broken("cannot read its own path");
     }
     std::string tool(self, static_cast<std::size_t>(length));
     tool.erase(0, tool.rfind('/') + 1);

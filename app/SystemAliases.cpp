@@ -1,5 +1,6 @@
 #include "app/SystemAliases.h"
 
+#include "app/SigpipeIgnored.h"
 #include "app/TouchFile.h"
 #include "torva/postfix/params/ListValue.h"
 #include "torva/postfix/params/PostfixParameters.h"
@@ -24,13 +25,19 @@ const char panelAliases[] = "hash:/var/spool/postfix/torva/aliases";
 
 const char* const indexedTypes[] = {"hash", "btree", "dbm", "sdbm", "cdb"};
 
+/// The status of system(3).
+int runInShell(const std::string& command) {
+    const SigpipeIgnored sigpipe; // warnings must not end postalias
+    return std::system(command.c_str()); // NOLINT(cert-env33-c)
+}
+
 /// \param source  path of the source file
 void rebuildAliases(const std::string& database, const std::string& source) {
     const std::string command = "/usr/sbin/postalias " + database;
     mail::postfix::removeHalfMadeIndex(source); // from a creation that was killed
     // A command that ran and failed is not a system error, and leaves errno alone.
     errno = 0;
-    const int status = std::system(command.c_str()); // NOLINT(cert-env33-c)
+    const int status = runInShell(command);
     const int code = errno;
     if (status == -1) {
         process::waitForLostChildren();

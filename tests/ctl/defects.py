@@ -85,6 +85,13 @@ def with_hash(_):
         os.replace(f"/usr/sbin/{name}.replaced", f"/usr/sbin/{name}")
 
 
+def advice_without_hash():
+    if "non_bdb_migration_level =" not in run("postconf", "-d", "non_bdb_migration_level"):
+        return "install a Postfix with Berkeley DB, such as Debian's"
+    return ("postconf default_database_type=lmdb && postfix non-bdb enable-redirect; then build each hash table of the "
+            "configuration again, with postmap or postalias (see NON_BERKELEYDB_README)")
+
+
 def filled_table():
     write(TABLES / "virtual", "a@example.com b@example.com\n")
     run("postmap", f"hash:{TABLES}/virtual")
@@ -238,8 +245,7 @@ DEFECTS = [
     Defect("no_tool", without(TOOL), "stop", "program", str(TOOL),
            "build it, or install the package", installed(TOOL)),
     Defect("no_hash", without_hash, "stop", "map-type", "hash",
-           "install a Postfix with Berkeley DB, such as Debian's",
-           with_hash),
+           advice_without_hash(), with_hash),
     Defect("no_pcre", without_map_type("pcre"), "warning", "map-type", "pcre",
            "apt-get install postfix-pcre", by_apt_get("postfix-pcre")),
     Defect("no_popuser", without_account("passwd", "popuser"), "stop", "account", "popuser is missing",
@@ -319,7 +325,7 @@ DEFECTS = [
     Defect("wrong_daemon_directory", main_cf("daemon_directory = /no/such/directory"), "warning", "service",
            "daemon_directory, /no/such/directory, has no daemons of Postfix",
            "correct it: postconf -X daemon_directory restores the built-in one",
-           lambda action: shell(action.split(": ")[1].split(" takes ")[0])),
+           lambda action: shell(action.split(": ")[1].split(" restores ")[0])),
     Defect("no_hash_file", main_cf("virtual_alias_maps = hash:$config_directory/virtual"), "warning", "map",
            "/etc/postfix/virtual.db",
            f"write /etc/postfix/virtual and run postmap hash:/etc/postfix/virtual{TAKE_OUT}",

@@ -252,25 +252,46 @@ std::string super_journal_record(const std::string& name) {
            big_endian(sum) + "\xd9\xd5\x05\xf9\x20\xa1\x63\xd7";
 }
 
+/// A database and the journal of an unfinished transaction, which names a super-journal.
+void leave_journal_that_names(const std::string& super_journal) {
+    {
+        SqliteFile file(path);
+        file.run("PRAGMA cache_size=1; BEGIN; WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL "
+                 "SELECT i+1 FROM n WHERE i<5000) INSERT INTO domains (name) SELECT 'x' || i "
+                 "FROM n");
+        fs::copy_file(journal, journal + ".kept");
+        fs::copy_file(path, path + ".kept");
+    }
+    fs::rename(path + ".kept", path);
+    fs::rename(journal + ".kept", journal);
+    write_file(journal, read_file(journal) + super_journal_record(super_journal));
+}
+
 TEST_F(HostileDirectory, AJournalThatNamesAnotherFileHasNothingDeleted) {
     const std::string before = state(victim);
     for (const auto& operation : {look_up, add_domain}) {
-        {
-            SqliteFile file(path);
-            file.run("PRAGMA cache_size=1; BEGIN; WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL "
-                     "SELECT i+1 FROM n WHERE i<5000) INSERT INTO domains (name) SELECT 'x' || i "
-                     "FROM n");
-            fs::copy_file(journal, journal + ".kept");
-            fs::copy_file(path, path + ".kept");
-        }
-        fs::rename(path + ".kept", path);
-        fs::rename(journal + ".kept", journal);
-        write_file(journal, read_file(journal) + super_journal_record(victim));
-        EXPECT_THAT(bounded(operation), testing::StartsWith("-1\n3 "));
+        leave_journal_that_names(victim);
+        // Later versions of SQLite see that this cannot be a super-journal, and roll back.
+        EXPECT_THAT(bounded(operation),
+                    testing::AnyOf(testing::StartsWith("-1\n3 "), testing::StrEq("0\n")));
         EXPECT_EQ(before, state(victim));
         fs::remove(journal);
         EXPECT_EQ(0, mail_auth_create_db(postfix_type));
     }
+}
+
+TEST_F(HostileDirectory, AJournalThatNamesASuperJournalIsNotRolledBack) {
+    const std::string super_journal = path + "-mj00000A900";
+    write_file(super_journal, "somebody else's");
+    const std::string before = state(super_journal);
+    for (const auto& operation : {look_up, add_domain}) {
+        leave_journal_that_names(super_journal);
+        EXPECT_THAT(bounded(operation), testing::StartsWith("-1\n3 "));
+        EXPECT_EQ(before, state(super_journal));
+        fs::remove(journal);
+        EXPECT_EQ(0, mail_auth_create_db(postfix_type));
+    }
+    fs::remove(super_journal);
 }
 
 // Swapped all the time.

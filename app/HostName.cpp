@@ -30,7 +30,7 @@ void closePipe(std::FILE* pipe) {
 }
 
 std::FILE* openPipe() {
-    const SigpipeIgnored sigpipe; // a warning must not end the command before its answer
+    const SigpipeIgnored sigpipe;        // a warning must not end the command before its answer
     return ::popen("hostname -f", "re"); // NOLINT(cert-env33-c)
 }
 

@@ -27,7 +27,7 @@ const char* const indexedTypes[] = {"hash", "btree", "dbm", "sdbm", "cdb"};
 
 /// The status of system(3).
 int runInShell(const std::string& command) {
-    const SigpipeIgnored sigpipe; // warnings must not end postalias
+    const SigpipeIgnored sigpipe;        // warnings must not end postalias
     return std::system(command.c_str()); // NOLINT(cert-env33-c)
 }
 

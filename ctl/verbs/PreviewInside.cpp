@@ -5,6 +5,7 @@
 #include "ctl/host/PrivateWorld.h"
 #include "ctl/host/Program.h"
 #include "ctl/rehearsal/Rehearsal.h"
+#include "ctl/report/Printable.h"
 #include "ctl/verbs/Describe.h"
 #include "ctl/verbs/Run.h"
 #include "ctl/verbs/Verbs.h"
@@ -109,7 +110,7 @@ void showFiles(Report& report, const Snapshot& before, const Snapshot& after) {
                        {"owner", ownerText(entry)},
                        {"bytes", static_cast<long long>(entry.size)},
                        {"path", path}},
-                      head + path + "\n");
+                      head + oneLine(path) + "\n");
     }
 }
 

@@ -30,9 +30,10 @@ Descriptor openLockFile(const char* name, int extra) {
     if (!file || ::fstat(file.get(), &status) != 0) {
         throwSystemError(std::string("open ") + directoryPath + "/" + name, errno);
     }
-    if (!S_ISREG(status.st_mode)) {
+    // The directory is root's alone now, but somebody else may have made it.
+    if (!S_ISREG(status.st_mode) || status.st_uid != ::geteuid() || status.st_nlink != 1) {
         throw std::runtime_error(std::string(directoryPath) + "/" + name +
-                                 " is no file: remove it");
+                                 " is not root's own file: remove it");
     }
     return file;
 }

@@ -313,6 +313,32 @@ class OutputTest(HostileTest):
         self.assertNotIn("\x1b", outcome.out)
 
 
+class CompletionTest(ctlworld.unittest.TestCase):
+    def test_name_of_a_directory_is_no_command(self):
+        place = Path("/run/odd")
+        directory = place / "kept$(touch done)"
+        directory.mkdir(parents=True)
+        self.addCleanup(remove, place)
+        script = ctlworld.CHECKOUT / "ctl/completion/torva-postfixctl"
+        # Readline completes only on a terminal; the function stands in for the companion.
+        typed = (f". {script}; torva-postfixctl() {{ printf '<%s>\\n' \"$@\" >{place}/words; }}\n"
+                 f"torva-postfixctl preview --keep {place}/k\t\nexit\n")
+        master, terminal = os.openpty()
+        shell = subprocess.Popen(["bash", "--norc", "--noprofile", "-i"], cwd=place, stdin=terminal, stdout=terminal,
+                                 stderr=terminal, env={**os.environ, "TERM": "dumb"}, start_new_session=True)
+        os.close(terminal)
+        os.write(master, typed.encode())
+        try:
+            while os.read(master, 4096):
+                pass
+        except OSError:
+            pass  # it has ended
+        os.close(master)
+        shell.wait(LIMIT)
+        self.assertFalse((place / "done").exists())
+        self.assertEqual((place / "words").read_text(), f"<preview>\n<--keep>\n<{directory}/>\n")
+
+
 class LockTest(HostileTest):
     def test_lock_file_that_somebody_prepared_is_refused(self):
         directory = Path("/run/lock/torva-postfix")

@@ -292,6 +292,37 @@ class KeepTest(HostileTest):
         self.assertIn("torva_virtual", (kept / "etc/postfix/main.cf").read_text())
 
 
+class ScratchTest(HostileTest):
+    def setUp(self):
+        super().setUp()
+        self.theirs = Path("/run/theirs")
+        self.theirs.mkdir()
+        os.chown(self.theirs, CUSTOMER, CUSTOMER)
+        self.addCleanup(remove, self.theirs)
+
+    def test_scratch_files_are_not_in_a_directory_of_another_account(self):
+        log = Path("/run/postconf.log")
+        self.addCleanup(remove, log)
+        self.replace_program("/usr/sbin/postconf", f'#!/bin/sh\necho "$@" >>{log}\nexec $REAL "$@"\n')
+        self.assertStatus(0, bounded("check", env={**os.environ, "TMPDIR": str(self.theirs)}))
+        used = {word for word in log.read_text().split() if word.startswith("/tmp/torva-postfixctl.")}
+        self.assertTrue(used, log.read_text())
+        self.assertEqual([place for place in used if os.path.exists(place)], [])
+        self.assertNotIn(str(self.theirs), log.read_text())
+        self.assertEqual(os.listdir(self.theirs), [])
+
+    def test_chroot_is_not_in_a_directory_of_another_account(self):
+        before = self.theirs.stat().st_mtime_ns
+        outcome = subprocess.run(
+            ["setpriv", "--bounding-set", "-sys_admin", "--inh-caps", "-sys_admin", "--",
+             ctlworld.INSTALLED / "scripts/sandbox", "--or-chroot", "--", "true"],
+            env={**os.environ, "TMPDIR": str(self.theirs)}, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT, text=True)
+        self.assertEqual(outcome.returncode, 0, outcome.stdout)
+        self.assertIn("a chroot on a copied tree", outcome.stdout)
+        self.assertEqual(before, self.theirs.stat().st_mtime_ns, "the copy was made there")
+
+
 class OutputTest(HostileTest):
     NAME = "a\x1b]0;title\x07\u009b1m\r\nok       check      fine"
 

@@ -76,6 +76,7 @@ void appendNeeded(std::vector<std::string>& words, const OwnPrograms& programs) 
     }
 }
 
+/// \param archive  where to write the resulting files; -1: nowhere
 std::vector<std::string> commandFor(const Call& call, int archive) {
     const Request& request = call.request;
     std::vector<std::string> words{call.programs.sandbox, "--or-chroot", "--loopback-only"};
@@ -95,8 +96,10 @@ std::vector<std::string> commandFor(const Call& call, int archive) {
         words.emplace_back("--empty-tables");
     }
     const HostNames names = namesOfHost();
-    words.insert(words.end(), {"--archive", std::to_string(archive), "--inside", names.node,
-                               names.full, names.addresses});
+    if (archive != -1) {
+        words.insert(words.end(), {"--archive", std::to_string(archive)});
+    }
+    words.insert(words.end(), {"--inside", names.node, names.full, names.addresses});
     return words;
 }
 
@@ -117,7 +120,8 @@ int preview(Call& call) {
     try {
         const process::Descriptor kept =
             call.request.keep.empty() ? process::Descriptor() : prepareKept(call.request.keep);
-        const process::Descriptor archive = openArchive();
+        // The tables may be huge, and the archive is in memory.
+        const process::Descriptor archive = kept ? openArchive() : process::Descriptor();
         Program program;
         program.words = commandFor(call, archive.get());
         program.output = STDOUT_FILENO;

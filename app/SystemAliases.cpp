@@ -5,6 +5,7 @@
 #include "torva/postfix/params/ListValue.h"
 #include "torva/postfix/params/PostfixParameters.h"
 #include "torva/postfix/tables/HalfMadeIndex.h"
+#include "torva/postfix/tables/TableFiles.h"
 #include "torva/process/Launch.h"
 #include "torva/util/SystemError.h"
 
@@ -68,6 +69,9 @@ void SystemAliases::build(const std::string& element) const {
     if (element != panelAliases && std::find(std::begin(indexedTypes), std::end(indexedTypes),
                                              database.type) != std::end(indexedTypes)) {
         touchFile(database.path);
+        // Some are in a directory of another account, as those of a list manager: postalias
+        // would write through a link that it has put there.
+        mail::postfix::settleIndexes(database.path, mail::postfix::IndexUse::madeAnew);
         rebuildAliases(element, database.path);
     }
 }

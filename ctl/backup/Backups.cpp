@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <memory>
 #include <stdexcept>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 namespace torva::ctl {
@@ -136,6 +137,27 @@ void requireReadable(int archive, const Snapshot& wanted) {
     }
 }
 
+std::string megabytes(std::uint64_t bytes) {
+    return std::to_string(bytes / 1048576) + " MB";
+}
+
+/// A backup that does not fit must not fill the disk before it fails: mail needs it, too.
+void requireRoom(int directory, const std::vector<std::string>& paths) {
+    std::uint64_t needed = 0;
+    walk(paths, [&](const std::string&, const Entry& entry, int) {
+        needed = entry.size > UINT64_MAX - needed ? UINT64_MAX : needed + entry.size;
+    });
+    struct statvfs system {};
+    if (::fstatvfs(directory, &system) != 0) {
+        return;
+    }
+    const std::uint64_t free = std::uint64_t{system.f_bavail} * system.f_frsize;
+    if (needed > free) {
+        throw std::runtime_error("it takes " + megabytes(needed) + ", and " + megabytes(free) +
+                                 " are free");
+    }
+}
+
 } // namespace
 
 const char* const Backups::path = "/var/backups/torva-postfix";
@@ -148,6 +170,19 @@ bool Backups::exist() {
 
 std::string Backups::take(Manifest manifest) {
     removePartial();
+    requireRoom(directory(), manifest.paths);
+    try {
+        return takePartial(std::move(manifest));
+    } catch (...) {
+        try {
+            removePartial();
+        } catch (const std::exception&) { // NOLINT(bugprone-empty-catch): the next call does it
+        }
+        throw;
+    }
+}
+
+std::string Backups::takePartial(Manifest manifest) {
     if (::mkdirat(directory(), partial, 0700) != 0) {
         throwSystemError(std::string("mkdir ") + path + "/" + partial, errno);
     }

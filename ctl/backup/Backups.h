@@ -44,7 +44,8 @@ public:
     ///
     /// \param manifest  all but the entries
     /// \return its stamp
-    /// \throws std::exception  no backup was made; the others are as before
+    /// \throws std::exception  no backup was made, for example because there is not enough
+    ///         room for it; nothing of it is left, and the others are as before
     std::string take(Manifest manifest);
 
     /// All, oldest first.
@@ -80,6 +81,8 @@ public:
     int directory() const { return directory_.get(); }
 
 private:
+    std::string takePartial(Manifest manifest);
+
     process::Descriptor directory_;
 };
 

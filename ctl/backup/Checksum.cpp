@@ -37,19 +37,23 @@ std::string Checksum::result() {
     return text;
 }
 
-std::string checksumOf(int fd) {
+std::string checksumOf(int fd, std::uint64_t limit) {
     Checksum checksum;
     char chunk[65536];
-    for (;;) {
-        const ssize_t size = ::read(fd, chunk, sizeof(chunk));
+    while (limit > 0) {
+        const std::size_t wanted = limit < sizeof(chunk) ? limit : sizeof(chunk);
+        const ssize_t size = ::read(fd, chunk, wanted);
         if (size < 0 && errno != EINTR) {
             throwSystemError("read", errno);
         }
         if (size == 0) {
-            return checksum.result();
+            break;
         }
-        checksum.add(chunk, size < 0 ? 0 : static_cast<std::size_t>(size));
+        const std::size_t got = size < 0 ? 0 : static_cast<std::size_t>(size);
+        checksum.add(chunk, got);
+        limit -= got;
     }
+    return checksum.result();
 }
 
 } // namespace torva::ctl

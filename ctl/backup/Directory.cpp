@@ -64,6 +64,66 @@ Descriptor opened(int directory, const char* name, int flags, const std::string&
     return file;
 }
 
+/// Removes anything but a directory that is not empty.
+///
+/// \return false: it is one
+bool removeOne(int directory, const std::string& name) {
+    if (::unlinkat(directory, name.c_str(), 0) == 0 || errno == ENOENT) {
+        return true;
+    }
+    if (errno != EISDIR) {
+        throwSystemError("unlink " + name, errno);
+    }
+    if (::unlinkat(directory, name.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT) {
+        return true;
+    }
+    if (errno != ENOTEMPTY && errno != EEXIST) {
+        throwSystemError("rmdir " + name, errno);
+    }
+    return false;
+}
+
+/// Opens a directory that is to be removed, and takes it from its owner, who could go on
+/// creating files in it.
+Descriptor takeOver(int directory, const std::string& name) {
+    Descriptor inner = opened(directory, name.c_str(), directoryFlags, name);
+    if (::fchown(inner.get(), ::geteuid(), ::getegid()) == 0) {
+        ::fchmod(inner.get(), 0700);
+    }
+    return inner;
+}
+
+/// Moves a directory to another one, under a name that is new there.
+/// \param number  counts the names; of one removal
+void raise(int from, const std::string& name, int to, unsigned long& number) {
+    for (;;) {
+        const std::string free = ".raised" + std::to_string(number++);
+        if (::renameat2(from, name.c_str(), to, free.c_str(), RENAME_NOREPLACE) == 0) {
+            return;
+        }
+        if (errno != EEXIST) {
+            throwSystemError("rename " + name, errno);
+        }
+    }
+}
+
+/// Removes something in the directory; of a directory, the directories in it come to stand
+/// beside it. Neither descriptors nor the stack grow with the depth.
+void removeOrRaise(int directory, const std::string& name, unsigned long& number) {
+    if (removeOne(directory, name)) {
+        return;
+    }
+    {
+        const Descriptor inner = takeOver(directory, name);
+        for (const std::string& below : namesIn(inner.get())) {
+            if (!removeOne(inner.get(), below)) {
+                raise(inner.get(), below, directory, number);
+            }
+        }
+    }
+    removeOne(directory, name); // whatever came in meanwhile is for the next pass
+}
+
 } // namespace
 
 Descriptor openDirectory(const std::string& path) {
@@ -115,18 +175,21 @@ std::vector<std::string> namesIn(int directory) {
 }
 
 void removeAll(int directory, const std::string& name) {
-    if (::unlinkat(directory, name.c_str(), 0) == 0 || errno == ENOENT) {
+    if (removeOne(directory, name)) {
         return;
     }
-    if (errno != EISDIR) {
-        throwSystemError("unlink " + name, errno);
+    {
+        const Descriptor top = takeOver(directory, name);
+        unsigned long number = 0;
+        // Each pass brings what is deeper one level up.
+        for (auto names = namesIn(top.get()); !names.empty(); names = namesIn(top.get())) {
+            for (const std::string& below : names) {
+                removeOrRaise(top.get(), below, number);
+            }
+        }
     }
-    const Descriptor inner = opened(directory, name.c_str(), directoryFlags, name);
-    for (const std::string& below : namesIn(inner.get())) {
-        removeAll(inner.get(), below);
-    }
-    if (::unlinkat(directory, name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) {
-        throwSystemError("rmdir " + name, errno);
+    if (!removeOne(directory, name)) {
+        throwSystemError("rmdir " + name, ENOTEMPTY);
     }
 }
 

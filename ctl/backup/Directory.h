@@ -30,7 +30,9 @@ process::Descriptor openOwnDirectoryIfThere(const std::string& path);
 /// \throws SystemError
 std::vector<std::string> namesIn(int directory);
 
-/// Removes a file or directory with everything below it; a missing one is no error.
+/// Removes a file or directory with everything below it, however deep; a missing one is no
+/// error. Directories are taken from their owners first, so that these cannot create files
+/// in them all the while.
 ///
 /// \throws SystemError  something is left
 void removeAll(int directory, const std::string& name);

@@ -21,18 +21,24 @@ namespace {
 const char directoryPath[] = "/run/lock/torva-postfix";
 constexpr int minute = 600; ///< in tenths of a second
 
+/// The directory is root's alone now, but somebody else may have made it, with files in it.
+bool isOwn(int fd) {
+    struct stat status {};
+    return ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == ::geteuid() &&
+           status.st_nlink == 1;
+}
+
 /// \param extra  O_CLOEXEC, or 0 for a lock that children inherit
 Descriptor openLockFile(const char* name, int extra) {
     const Descriptor directory = openOwnDirectory(directoryPath);
     Descriptor file(
         ::openat(directory.get(), name, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | extra, 0600));
-    struct stat status {};
-    if (!file || ::fstat(file.get(), &status) != 0) {
+    if (!file) {
         throwSystemError(std::string("open ") + directoryPath + "/" + name, errno);
     }
-    if (!S_ISREG(status.st_mode)) {
+    if (!isOwn(file.get())) {
         throw std::runtime_error(std::string(directoryPath) + "/" + name +
-                                 " is not a regular file: remove it");
+                                 " is not root's own file: remove it");
     }
     return file;
 }
@@ -85,7 +91,7 @@ std::string HostLock::holder() {
     }
     const Descriptor file(
         ::openat(directory.get(), "lock", O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (!file || ::flock(file.get(), LOCK_SH | LOCK_NB) == 0) {
+    if (!file || !isOwn(file.get()) || ::flock(file.get(), LOCK_SH | LOCK_NB) == 0) {
         return std::string();
     }
     return heldBy(file);

@@ -260,9 +260,12 @@ void Replacement::moveIntoPlace() {
             require(::renameat(parent, newName_.c_str(), parent, name_.c_str()), "rename " + path_);
         }
     }
-    removeAll(parent, newName_);
-    removeAll(parent, oldName);
     ::syncfs(parent);
+}
+
+void Replacement::removeOld() {
+    removeAll(parent_.get(), newName_); // after an exchange
+    removeAll(parent_.get(), name_ + oldSuffix);
 }
 
 } // namespace torva::ctl

@@ -22,7 +22,7 @@ bool correctInPlace(const std::string& path, const Entry& now, const Entry& want
 void removeReplacement(const std::string& path);
 
 /// The sequence: construct it, write contentsOf() every file that it holds(), complete(),
-/// moveIntoPlace(). The destructor removes what was not moved.
+/// moveIntoPlace(), removeOld(). The destructor removes what was not moved.
 class Replacement {
 public:
     /// Creates directories, links and nodes next to the path.
@@ -45,8 +45,15 @@ public:
     /// \throws SystemError
     void complete();
 
+    /// What was there is beside it afterwards.
+    ///
     /// \throws SystemError
     void moveIntoPlace();
+
+    /// Removes what was there.
+    ///
+    /// \throws SystemError
+    void removeOld();
 
 private:
     void makeTop(const Entry& entry);

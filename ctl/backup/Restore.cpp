@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <unistd.h>
 
@@ -29,6 +30,16 @@ void fillReplacements(int archive, std::vector<std::unique_ptr<Replacement>>& re
         }
         return ContentsConsumer();
     });
+}
+
+/// What a path is now; nothing when that cannot be read: where another account may write, it
+/// must not be able to prevent the restoration.
+std::optional<Snapshot> describedNow(const std::string& path) {
+    try {
+        return describe({path});
+    } catch (const SystemError&) {
+        return std::nullopt;
+    }
 }
 
 bool isScratchOfMasterCf(const std::string& name) {
@@ -58,9 +69,10 @@ void restore(const Backups& backups, const Backup& backup) {
     std::vector<std::unique_ptr<Replacement>> replacements;
     for (const std::string& path : backup.manifest.paths) {
         removeReplacement(path); // from a restoration that was killed
-        const Snapshot now = describe({path});
+        const std::optional<Snapshot> now = describedNow(path);
         const Snapshot then = partOf(wanted, path);
-        if (!sameSnapshot(now, then) && !correctInPlace(path, now.at(path), then.at(path))) {
+        if (!now ||
+            (!sameSnapshot(*now, then) && !correctInPlace(path, now->at(path), then.at(path)))) {
             replacements.push_back(std::make_unique<Replacement>(path, then));
         }
     }
@@ -70,6 +82,9 @@ void restore(const Backups& backups, const Backup& backup) {
     }
     for (const auto& replacement : replacements) {
         replacement->moveIntoPlace();
+    }
+    for (const auto& replacement : replacements) {
+        replacement->removeOld();
     }
     if (!matchesHost(backup)) {
         throw std::runtime_error("it is not what the backup says");

@@ -5,6 +5,7 @@
 #include "torva/util/SystemError.h"
 
 #include <cerrno>
+#include <climits>
 #include <fcntl.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -17,14 +18,15 @@ namespace {
 
 std::map<std::string, std::string> attributesOf(int fd) {
     std::map<std::string, std::string> attributes;
-    char names[65536];
-    const ssize_t size = ::flistxattr(fd, names, sizeof(names));
+    // Not on the stack, which the walk through deep directories needs.
+    std::string names(65536, '\0');
+    std::string value(65536, '\0');
+    const ssize_t size = ::flistxattr(fd, names.data(), names.size());
     for (ssize_t at = 0; at < size;) {
-        const std::string name(names + at);
-        char value[65536];
-        const ssize_t length = ::fgetxattr(fd, name.c_str(), value, sizeof(value));
+        const std::string name(names.c_str() + at);
+        const ssize_t length = ::fgetxattr(fd, name.c_str(), value.data(), value.size());
         if (length >= 0) {
-            attributes[name].assign(value, static_cast<std::size_t>(length));
+            attributes[name] = value.substr(0, static_cast<std::size_t>(length));
         }
         at += static_cast<ssize_t>(name.size()) + 1;
     }
@@ -56,11 +58,24 @@ Entry entryOf(const struct stat& status) {
     return entry;
 }
 
+/// Whether nearly all of a huge file is holes. It costs its owner nothing, and whoever reads
+/// it hours. An index of Berkeley DB has some holes.
+bool isMostlyHoles(const struct stat& status) {
+    constexpr off_t huge = 1 << 30;
+    constexpr off_t factor = 64;
+    constexpr off_t block = 512; // of st_blocks, see inode(7)
+    return status.st_size > huge && status.st_size / factor > status.st_blocks * block;
+}
+
 class Walker {
 public:
     explicit Walker(const Visitor& visitor) : visitor_(visitor) {}
 
     void visit(int directory, const std::string& name, const std::string& path) {
+        // A restoration could not create it by its path.
+        if (path.size() >= PATH_MAX) {
+            throwSystemError("open " + path.substr(0, shownOfLongPath) + "...", ENAMETOOLONG);
+        }
         struct stat status {};
         if (::fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
             if (errno != ENOENT) {
@@ -84,6 +99,8 @@ public:
     }
 
 private:
+    static constexpr std::size_t shownOfLongPath = 100;
+
     void visitOpened(int directory, const std::string& name, const std::string& path) {
         // Non-blocking: the file may have been replaced by a FIFO.
         const Descriptor file(::openat(directory, name.c_str(),
@@ -91,6 +108,9 @@ private:
         struct stat status {};
         if (!file || ::fstat(file.get(), &status) != 0) {
             throwSystemError("open " + path, errno);
+        }
+        if (S_ISREG(status.st_mode) && isMostlyHoles(status)) {
+            throwSystemError("read " + path, EFBIG);
         }
         Entry entry = entryOf(status);
         entry.attributes = attributesOf(file.get());
@@ -163,7 +183,8 @@ Snapshot describe(const std::vector<std::string>& paths) {
     Snapshot snapshot;
     walk(paths, [&](const std::string& path, Entry& entry, int contents) {
         if (contents != -1) {
-            entry.checksum = checksumOf(contents);
+            // No more than was there at first: it may grow as fast as it is read.
+            entry.checksum = checksumOf(contents, entry.size);
         }
         snapshot[path] = entry;
     });

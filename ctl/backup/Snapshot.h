@@ -54,7 +54,8 @@ using Visitor = std::function<void(const std::string& path, Entry& entry, int co
 
 /// Visits everything at the paths and below, each directory before its contents.
 ///
-/// \throws SystemError  something cannot be read
+/// \throws SystemError  something cannot be read, or should not be: a path that is too long
+///         to be created again, a huge file that is nearly all holes
 void walk(const std::vector<std::string>& paths, const Visitor& visitor);
 
 /// \throws as walk()
@@ -78,9 +79,10 @@ private:
     std::unique_ptr<evp_md_ctx_st, Release> context_;
 };
 
-/// The checksum of everything that can be read from a descriptor.
+/// The checksum of what can be read from a descriptor.
 ///
+/// \param limit  the number of bytes after which to stop
 /// \throws SystemError "read"
-std::string checksumOf(int fd);
+std::string checksumOf(int fd, std::uint64_t limit = UINT64_MAX);
 
 } // namespace torva::ctl

@@ -3,6 +3,7 @@
 #include "ctl/host/PanelRun.h"
 #include "ctl/host/Shelter.h"
 #include "torva/postfix/mastercf/MasterCfDiagnosis.h"
+#include "torva/postfix/mastercf/MasterCfReader.h"
 
 #include <boost/algorithm/string/join.hpp>
 
@@ -15,7 +16,13 @@ void findStore(Findings& findings) {
     if (!exists(store)) {
         return;
     }
-    if (const auto diagnosis = mail::postfix::diagnoseMasterCf(readFile(store).value_or(""))) {
+    // Like the run, which does not trust what another account has put there.
+    using mail::postfix::MasterCfReader;
+    const auto text = MasterCfReader::content(store, mail::postfix::FileOwner::self);
+    if (!text) {
+        findings.stop("master.cf", store + " is no file, or not root's own: the run would end",
+                      "see who made it, and remove it");
+    } else if (const auto diagnosis = mail::postfix::diagnoseMasterCf(*text)) {
         findings.stop("master.cf",
                       store + " is not parsed by torva-postfix-setup: " + diagnosis->text(),
                       "correct it, or move it away");

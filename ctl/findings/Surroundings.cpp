@@ -123,9 +123,9 @@ struct DatabaseTrouble {
 ToolResult askDatabase(const std::string& client, const std::string& password) {
     // Not as an argument, which everybody could read.
     ::setenv("MYSQL_PWD", password.c_str(), 1);
-    ToolResult result =
-        run({"timeout", "10", client, "--no-defaults", std::string("--socket=") + databaseSocket,
-             "--user=admin", "--execute=SELECT 1", "kra"});
+    ToolResult result = run({"timeout", "10", client, "--no-defaults", "--local-infile=0",
+                             std::string("--socket=") + databaseSocket, "--user=admin",
+                             "--execute=SELECT 1", "kra"});
     ::unsetenv("MYSQL_PWD");
     return result;
 }

@@ -2,6 +2,7 @@
 
 #include "ctl/host/Files.h"
 #include "ctl/host/Lists.h"
+#include "ctl/host/OpenIndex.h"
 #include "ctl/host/Program.h"
 #include "torva/postfix/tables/Postmap.h"
 
@@ -39,11 +40,7 @@ RecordsByTable readRecords(const Postfix& postfix) {
         if (!exists(index)) {
             continue; // postmap sleeps before it fails
         }
-        const ToolResult listing = run({"/usr/sbin/postmap", "-s", tableOf(name)});
-        if (!listing.succeeded()) {
-            throw std::runtime_error(wordsOf(listing));
-        }
-        records[name] = recordsIn(listing.output);
+        records[name] = recordsIn(OpenIndex(index).listing());
     }
     return records;
 }

@@ -3,6 +3,7 @@
 #include "ctl/host/Files.h"
 #include "torva/process/Descriptor.h"
 #include "torva/util/SystemError.h"
+#include "torva/util/WritableByOthers.h"
 
 #include <boost/filesystem/operations.hpp>
 
@@ -10,15 +11,32 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace torva::ctl {
 
+namespace {
+
+const char standardPlace[] = "/tmp";
+
+/// \return its path
+std::string makeIn(const std::string& place) {
+    std::string path = place + "/torva-postfixctl.XXXXXX";
+    if (::mkdtemp(path.data()) == nullptr) {
+        throwSystemError("mkdtemp " + path, errno);
+    }
+    return path;
+}
+
+} // namespace
+
 ScratchDirectory::ScratchDirectory() {
-    const char* base = std::getenv("TMPDIR");
-    path_ =
-        std::string(base == nullptr || *base == '\0' ? "/tmp" : base) + "/torva-postfixctl.XXXXXX";
-    if (::mkdtemp(path_.data()) == nullptr) {
-        throwSystemError("mkdtemp " + path_, errno);
+    const char* wanted = std::getenv("TMPDIR");
+    path_ = makeIn(wanted == nullptr || *wanted == '\0' ? standardPlace : wanted);
+    // su(1) leaves the TMPDIR of the user, who could put another directory in place of ours.
+    if (writableByOthers(path_)) {
+        ::rmdir(path_.c_str());
+        path_ = makeIn(standardPlace);
     }
 }
 

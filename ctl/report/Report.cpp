@@ -1,6 +1,7 @@
 #include "ctl/report/Report.h"
 
 #include "ctl/report/JsonText.h"
+#include "ctl/report/Printable.h"
 #include "ctl/report/Wrap.h"
 
 #include <nlohmann/json.hpp>
@@ -103,12 +104,13 @@ void Report::finding(const Finding& finding) {
     if (coloured_) {
         line = std::string("\x1b[") + style.colour + "m" + padded(style.name, 7) + "\x1b[m ";
     }
-    line += padded(finding.subject, 11) + wrapped(text, width_, textColumn) + '\n';
+    line +=
+        padded(oneLine(finding.subject), 11) + wrapped(oneLine(text), width_, textColumn) + '\n';
     if (!finding.advice.empty()) {
         line += std::string(textColumn, ' ') + "-> " +
-                wrapped(finding.advice, width_, textColumn + 3) + '\n';
+                wrapped(oneLine(finding.advice), width_, textColumn + 3) + '\n';
     }
-    object(fields, line);
+    emit(fields, line);
 }
 
 void Report::findings(const std::vector<Finding>& findings) {
@@ -124,6 +126,11 @@ void Report::heading(const std::string& text) {
 }
 
 void Report::object(const std::vector<Field>& fields, const std::string& line) {
+    emit(fields, printable(line));
+}
+
+/// \param line  printable
+void Report::emit(const std::vector<Field>& fields, const std::string& line) {
     if (!json_) {
         print(STDOUT_FILENO, line);
         return;
@@ -141,7 +148,7 @@ void Report::object(const std::vector<Field>& fields, const std::string& line) {
 }
 
 void complain(const std::string& text) {
-    print(STDERR_FILENO, "torva-postfixctl: " + text + '\n');
+    print(STDERR_FILENO, "torva-postfixctl: " + printable(text) + '\n');
 }
 
 } // namespace torva::ctl

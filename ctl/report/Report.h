@@ -39,7 +39,8 @@ public:
     /// Prints a heading above a part of a longer report; nothing for programs.
     void heading(const std::string& text);
 
-    /// Prints an object of the fields; or, for people, the line, which may be several.
+    /// Prints an object of the fields; or, for people, the line, which may be several, with
+    /// control characters shown and not sent to the terminal, see Printable.h.
     void object(const std::vector<Field>& fields, const std::string& line);
 
     /// Whether a finding of this level has been printed.
@@ -47,6 +48,8 @@ public:
     bool json() const { return json_; }
 
 private:
+    void emit(const std::vector<Field>& fields, const std::string& line);
+
     std::string verb_;
     bool json_;
     bool coloured_;

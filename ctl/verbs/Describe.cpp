@@ -3,6 +3,7 @@
 #include "ctl/backup/Directory.h"
 #include "ctl/host/Files.h"
 #include "ctl/host/TouchedPaths.h"
+#include "ctl/report/Printable.h"
 
 namespace torva::ctl {
 
@@ -19,13 +20,17 @@ void appendPresent(const std::string& directory, std::vector<std::string>& prese
 }
 
 std::string lineFor(const Change& change) {
-    const std::string what = change.kind + " " + change.name;
+    // A name with a line feed must not look like another line. Texts of services have some.
+    const std::string what = change.kind + " " + oneLine(change.name);
+    const auto shown = [&](const std::string& text) {
+        return change.kind == "service" ? text : oneLine(text);
+    };
     std::string line;
     if (!change.before.empty() || change.after.empty()) {
-        line += "- " + what + ": " + change.before + "\n";
+        line += "- " + what + ": " + shown(change.before) + "\n";
     }
     if (!change.after.empty() || change.before.empty()) {
-        line += "+ " + what + ": " + change.after + "\n";
+        line += "+ " + what + ": " + shown(change.after) + "\n";
     }
     return line;
 }

@@ -1,4 +1,5 @@
 #include "ctl/backup/Archive.h"
+#include "ctl/backup/Directory.h"
 #include "ctl/host/Files.h"
 #include "ctl/host/PrivateWorld.h"
 #include "ctl/host/Program.h"
@@ -11,7 +12,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace torva::ctl {
@@ -20,17 +23,24 @@ namespace {
 
 constexpr int refused = 1;
 
-/// Checks that the directory for the resulting files is new or empty, and creates it.
+/// Creates the directory for the resulting files, or checks that it is empty and root's
+/// alone: another account could put links into it, and so have files of the host replaced.
 ///
-/// \return its absolute path
-std::string prepareKept(const std::string& path) {
-    boost::system::error_code code;
-    std::string absolute = boost::filesystem::absolute(path).string();
-    boost::filesystem::create_directories(absolute, code);
-    if (code || !boost::filesystem::is_empty(absolute, code) || code) {
-        throw Failure("preview", absolute + " is not empty, or cannot be made", "name another");
+/// \return the open directory: its name may lead elsewhere when the preview has ended
+process::Descriptor prepareKept(std::string path) {
+    path.erase(path.find_last_not_of('/') + 1);
+    boost::system::error_code ignored; // opening it fails and gives the reason
+    boost::filesystem::create_directories(directoryOf(path), ignored);
+    ::mkdir(path.c_str(), 0700);
+    process::Descriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    struct stat status {};
+    if (!directory || ::fstat(directory.get(), &status) != 0 || !namesIn(directory.get()).empty()) {
+        throw Failure("preview", path + " is not empty, or cannot be made", "name another");
     }
-    return absolute;
+    if (status.st_uid != ::geteuid() || (status.st_mode & 0022) != 0) {
+        throw Failure("preview", path + " is not root's alone", "name another");
+    }
+    return directory;
 }
 
 /// Holds the resulting files outside the private world: memory that a child inherits.
@@ -66,6 +76,7 @@ void appendNeeded(std::vector<std::string>& words, const OwnPrograms& programs) 
     }
 }
 
+/// \param archive  where to write the resulting files; -1: nowhere
 std::vector<std::string> commandFor(const Call& call, int archive) {
     const Request& request = call.request;
     std::vector<std::string> words{call.programs.sandbox, "--or-chroot", "--loopback-only"};
@@ -85,14 +96,16 @@ std::vector<std::string> commandFor(const Call& call, int archive) {
         words.emplace_back("--empty-tables");
     }
     const HostNames names = namesOfHost();
-    words.insert(words.end(), {"--archive", std::to_string(archive), "--inside", names.node,
-                               names.full, names.addresses});
+    if (archive != -1) {
+        words.insert(words.end(), {"--archive", std::to_string(archive)});
+    }
+    words.insert(words.end(), {"--inside", names.node, names.full, names.addresses});
     return words;
 }
 
-void keepFiles(int archive, const std::string& directory) {
-    if (::chdir(directory.c_str()) != 0) {
-        throwSystemError("chdir " + directory, errno);
+void keepFiles(int archive, const process::Descriptor& directory) {
+    if (::fchdir(directory.get()) != 0) {
+        throwSystemError("fchdir", errno);
     }
     unpackArchive(archive);
 }
@@ -105,15 +118,16 @@ int preview(Call& call) {
         return refused;
     }
     try {
-        const std::string kept =
-            call.request.keep.empty() ? std::string() : prepareKept(call.request.keep);
-        const process::Descriptor archive = openArchive();
+        const process::Descriptor kept =
+            call.request.keep.empty() ? process::Descriptor() : prepareKept(call.request.keep);
+        // The tables may be huge, and the archive is in memory.
+        const process::Descriptor archive = kept ? openArchive() : process::Descriptor();
         Program program;
         program.words = commandFor(call, archive.get());
         program.output = STDOUT_FILENO;
         program.error = STDERR_FILENO;
         const int status = exitStatus(run(program));
-        if (!kept.empty()) {
+        if (kept) {
             keepFiles(archive.get(), kept);
         }
         return status;

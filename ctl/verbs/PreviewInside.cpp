@@ -1,10 +1,10 @@
 #include "ctl/backup/Archive.h"
-#include "ctl/backup/Backups.h"
 #include "ctl/findings/HostFindings.h"
 #include "ctl/host/Files.h"
 #include "ctl/host/PrivateWorld.h"
 #include "ctl/host/Program.h"
 #include "ctl/rehearsal/Rehearsal.h"
+#include "ctl/report/Printable.h"
 #include "ctl/verbs/Describe.h"
 #include "ctl/verbs/Run.h"
 #include "ctl/verbs/Verbs.h"
@@ -16,6 +16,7 @@
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace torva::ctl {
 
@@ -25,14 +26,15 @@ namespace {
 struct Before {
     Settings settings;
     std::string masterCf;
-    Manifest manifest; ///< of a backup in the private world
+    Manifest manifest;
 };
 
 Before lookBefore(const Host& host) {
-    Backups backups;
-    const std::string stamp = backups.take(manifestOf(host.postfix, "before preview"));
+    // No backup: the private world is in memory, and goes anyway.
+    Manifest manifest = manifestOf(host.postfix, "before preview");
+    manifest.entries = describe(manifest.paths);
     return {host.postfix.settings, readFile(host.postfix.masterCf()).value_or(""),
-            backups.find(stamp).value().manifest};
+            std::move(manifest)};
 }
 
 void showSettings(Report& report, const Settings& before, const Settings& after) {
@@ -109,7 +111,7 @@ void showFiles(Report& report, const Snapshot& before, const Snapshot& after) {
                        {"owner", ownerText(entry)},
                        {"bytes", static_cast<long long>(entry.size)},
                        {"path", path}},
-                      head + path + "\n");
+                      head + oneLine(path) + "\n");
     }
 }
 

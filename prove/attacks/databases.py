@@ -11,7 +11,7 @@ import threading
 import time
 from pathlib import Path
 
-from attackworld import DATABASE, MISSING, VICTIM, Broken, remove
+from attackworld import DATABASE, MISSING, SECRET, VICTIM, Broken, remove
 
 SERVER = Path("/run/mysqld/mysqld.sock")
 PASSWORD = Path("/etc/kra/.kra.shadow")
@@ -155,6 +155,18 @@ def babble_after_the_login(connection):
         connection.sendall(os.urandom(4096))
 
 
+def ask_for_a_file(connection):
+    """Any query may be answered with the request for a file of the client's."""
+    log_in(connection)
+    while connection.recv(65536):
+        connection.sendall(packet(1, b"\xfb" + os.fsencode(VICTIM)))
+        handed_over.append(connection.recv(65536))
+        connection.sendall(packet(handed_over[-1][3] + 1, b"\0\0\0\x02\0\0\0"))
+
+
+handed_over = []  # what a client has answered to that
+
+
 def hang_up(connection):
     connection.close()
 
@@ -189,5 +201,15 @@ def babbling_server(world):
             odd_server(world, serve, True)
 
 
+def greedy_server(world):
+    """a server that asks for a file which only root may read"""
+    handed_over.clear()
+    odd_server(world, ask_for_a_file, False)
+    if not world.short:
+        odd_server(world, ask_for_a_file, True)
+    world.expect(handed_over, "the client was never asked")
+    world.expect(not any(SECRET.strip() in bytes_ for bytes_ in handed_over), "the client has sent it")
+
+
 ATTACKS = [("mail-authentication database", attack) for attack in (planted_database, killed_writer)]
-ATTACKS += [("panel's database", attack) for attack in (mute_server, babbling_server)]
+ATTACKS += [("panel's database", attack) for attack in (mute_server, babbling_server, greedy_server)]

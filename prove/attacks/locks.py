@@ -97,6 +97,16 @@ def taken_over(world):
             victim.unlink()
 
 
+def taken_over_with_locks_held(world):
+    """given to root while the attacker holds the locks of files of its own"""
+    world.reset()
+    world.as_account(lambda: (LOCKS.mkdir(), [(LOCKS / name).touch(0o644) for name in NAMES]))
+    with Holder(world, True):
+        os.chown(LOCKS, 0, 0)
+        LOCKS.chmod(0o700)
+        refused(world, "held")
+
+
 class Holder:
     """A process of another account that opens lock files for reading, and holds their locks,
     or takes them again and again."""
@@ -216,5 +226,6 @@ def semaphore(world):
 
 
 ATTACKS = [("lock directory", attack) for attack in (
-    made_first, link_in_its_place, open_to_all, taken_over, held_through_a_reading_descriptor, opened_by_others, race)]
+    made_first, link_in_its_place, open_to_all, taken_over, taken_over_with_locks_held,
+    held_through_a_reading_descriptor, opened_by_others, race)]
 ATTACKS.append(("semaphore file", semaphore))

@@ -96,12 +96,25 @@ copy_checkout() {
     done
 }
 
+# is_safe_place DIR: whether nobody but root can put anything else in the place of what root
+# makes in DIR. su(1) leaves the TMPDIR of the user.
+is_safe_place() {
+    local dir owner mode
+    dir=$(realpath -e -- "$1" 2>/dev/null) || return
+    while [[ -n $dir ]]; do
+        read -r owner mode < <(stat -c '%u %a' -- "$dir")
+        ((owner == 0 && ((8#$mode & 8#22) == 0 || (8#$mode & 8#1000) != 0))) || return
+        dir=${dir%/*}
+    done
+}
+
 # make_chroot: makes the empty root of the copy, with devices that open, and sets
 # `root` to it. It is in a directory that only root may enter, because nobody outside
 # may use its copies of password files and set-user-ID programs.
 make_chroot() {
     local base holder
     for base in "${TMPDIR:-/tmp}" /var/tmp /tmp /root; do
+        is_safe_place "$base" || continue
         holder=$(mktemp -d "$base/torva-sandbox.XXXXXX" 2>/dev/null) || continue
         root=$(cd -P "$holder" && pwd)/root
         mkdir -m 755 "$root"

@@ -13,7 +13,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <string>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -62,6 +64,17 @@ protected:
         return found;
     }
 
+    static struct stat linkStatusOf(const std::string& path) {
+        struct stat found = {};
+        EXPECT_EQ(::lstat(path.c_str(), &found), 0);
+        return found;
+    }
+
+    static std::string contentOf(const std::string& path) {
+        std::ifstream stream(path);
+        return {std::istreambuf_iterator<char>(stream), {}};
+    }
+
     inline static const std::string directory = "/etc/aliases.test";
     const std::string source = directory + "/aliases";
     const std::string index = source + ".db";
@@ -100,6 +113,36 @@ TEST_F(SystemAliasesTest, APresentSourceKeepsContentsModeAndTimeOfChange) {
     EXPECT_EQ(torva::test::contentOf(source), "root: admin\n");
     EXPECT_EQ(statusOf(source).st_mode, S_IFREG | 0640U);
     EXPECT_EQ(statusOf(source).st_mtim.tv_sec, 1000000001);
+}
+
+// Mailing lists keep aliases of their own in a directory of theirs.
+TEST_F(SystemAliasesTest, LinkThatAnotherAccountMayHaveMadeCreatesAndOverwritesNothing) {
+    const std::string victim = "/etc/aliases.victim";
+    ASSERT_EQ(::chown(directory.c_str(), 4711, 4711), 0);
+    ASSERT_EQ(::symlink(victim.c_str(), source.c_str()), 0);
+    EXPECT_THROW(check("hash:" + source), SystemError);
+    EXPECT_NE(::access(victim.c_str(), F_OK), 0);
+
+    ::unlink(source.c_str());
+    std::ofstream(source) << "ann: ben\n";
+    std::ofstream(victim) << "text\n";
+    ASSERT_EQ(::symlink(victim.c_str(), index.c_str()), 0);
+    check("hash:" + source);
+    EXPECT_EQ(contentOf(victim), "text\n");
+    EXPECT_TRUE(S_ISREG(linkStatusOf(index).st_mode));
+    ::unlink(victim.c_str());
+    EXPECT_EQ(::chown(directory.c_str(), 0, 0), 0);
+}
+
+TEST_F(SystemAliasesTest, LinksOfTheAdministratorAreFollowed) {
+    const std::string elsewhere = directory + "/elsewhere";
+    ASSERT_EQ(::symlink("elsewhere", source.c_str()), 0);
+    check("hash:" + source);
+    EXPECT_TRUE(S_ISREG(linkStatusOf(elsewhere).st_mode));
+    ASSERT_EQ(::rename(index.c_str(), (elsewhere + ".db").c_str()), 0);
+    ASSERT_EQ(::symlink("elsewhere.db", index.c_str()), 0);
+    check("hash:" + source);
+    EXPECT_TRUE(S_ISLNK(linkStatusOf(index).st_mode));
 }
 
 TEST_F(SystemAliasesTest, SourcesOfOtherTypesAreNotMade) {

@@ -1,4 +1,5 @@
 #include "ctl/report/JsonText.h"
+#include "ctl/report/Printable.h"
 #include "ctl/report/Wrap.h"
 
 #include <gtest/gtest.h>
@@ -25,6 +26,23 @@ TEST(ReportTextTest, EveryByteComesBackFromText) {
     }
     EXPECT_EQ(bytesOfText(textOfBytes(bytes)), bytes);
     EXPECT_EQ(textOfBytes("\xe9"), "\xc3\xa9");
+}
+
+TEST(ReportTextTest, ControlCharactersAreShown) {
+    EXPECT_EQ(printable(std::string("a\0b\x1b[31m\x07\r\x7f", 11)),
+              "a\\x00b\\x1b[31m\\x07\\x0d\\x7f");
+    // "CSI" in Latin-1 and in UTF-8.
+    EXPECT_EQ(printable("\x9b\x31m \xc2\x9b\x31m"), "\\x9b1m \\xc2\\x9b1m");
+    EXPECT_EQ(printable("\xe2\x82\x1b"), "\xe2\\x82\\x1b");
+}
+
+TEST(ReportTextTest, OtherCharactersStay) {
+    const std::string text = "a\tb\n\\x \xc3\x9b \xe2\x82\x9b \xf0\x9f\x98\x9b \xe9 \xc2\xa0";
+    EXPECT_EQ(printable(text), text);
+}
+
+TEST(ReportTextTest, OneLineHasNoLineFeed) {
+    EXPECT_EQ(oneLine("a\nb\tc"), "a\\x0ab\tc");
 }
 
 TEST(ReportTextTest, OtherTextIsRefused) {

@@ -3,12 +3,14 @@
 #include "ctl/backup/Manifest.h"
 #include "ctl/backup/Replacement.h"
 #include "ctl/host/Files.h"
+#include "torva/util/SystemError.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <fstream>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -52,6 +54,82 @@ TEST_F(SnapshotTest, WhatIsNotThereIsInIt) {
     EXPECT_FALSE(snapshot.at(path("nothing")).isThere());
 }
 
+TEST_F(SnapshotTest, FileThatIsNearlyAllHolesIsNotRead) {
+    write("holes", "");
+    ASSERT_EQ(::truncate(path("holes").c_str(), off_t{1} << 40), 0);
+    EXPECT_THROW(describe({path("holes")}), SystemError);
+    // As an index of Berkeley DB may be.
+    ASSERT_EQ(::truncate(path("holes").c_str(), 1 << 20), 0);
+    EXPECT_EQ(describe({path("holes")}).at(path("holes")).size, std::uint64_t{1} << 20);
+}
+
+TEST_F(SnapshotTest, NoMoreIsReadThanWasThereAtFirst) {
+    write("growing", std::string(100000, 'x'));
+    std::string checksum;
+    walk({path("growing")}, [&](const std::string&, Entry& entry, int contents) {
+        std::ofstream(path("growing"), std::ios::app) << "more";
+        checksum = checksumOf(contents, entry.size);
+    });
+    write("growing", std::string(100000, 'x'));
+    EXPECT_EQ(checksum, describe({path("growing")}).at(path("growing")).checksum);
+}
+
+TEST_F(SnapshotTest, PathThatCouldNotBeCreatedAgainIsRefused) {
+    ASSERT_EQ(::mkdir(path("deep").c_str(), 0700), 0);
+    ASSERT_EQ(::chdir(path("deep").c_str()), 0);
+    const std::string name(200, 'd');
+    for (int level = 0; level < 25; ++level) {
+        ASSERT_EQ(::mkdir(name.c_str(), 0700), 0);
+        ASSERT_EQ(::chdir(name.c_str()), 0);
+    }
+    ASSERT_EQ(::chdir("/"), 0);
+    EXPECT_THROW(describe({path("deep")}), SystemError);
+}
+
+/// Fewer descriptors than there are levels in a tree.
+class FewDescriptors {
+public:
+    FewDescriptors() {
+        ::getrlimit(RLIMIT_NOFILE, &before_);
+        rlimit few = before_;
+        few.rlim_cur = 64;
+        ::setrlimit(RLIMIT_NOFILE, &few);
+    }
+    ~FewDescriptors() { ::setrlimit(RLIMIT_NOFILE, &before_); }
+    FewDescriptors(const FewDescriptors&) = delete;
+    FewDescriptors& operator=(const FewDescriptors&) = delete;
+
+private:
+    rlimit before_{};
+};
+
+TEST_F(SnapshotTest, RemovesWhatIsDeeperThanThereAreDescriptors) {
+    ASSERT_EQ(::mkdir(path("deep").c_str(), 0700), 0);
+    write("deep/file", "text");
+    ASSERT_EQ(::chdir(path("deep").c_str()), 0);
+    for (int level = 0; level < 100; ++level) {
+        ASSERT_EQ(::mkdir("d", 0700), 0);
+        ASSERT_EQ(::mkdir(".raised0", 0700), 0);
+        ASSERT_EQ(::chdir("d"), 0);
+    }
+    ASSERT_EQ(::chdir("/"), 0);
+    const FewDescriptors few;
+    removeAll(openDirectory(top_).get(), "deep");
+    EXPECT_FALSE(exists(path("deep")));
+    removeAll(openDirectory(top_).get(), "deep"); // a missing one is no error
+}
+
+TEST_F(SnapshotTest, RemovesWithoutFollowingLinks) {
+    const std::string tree = makeTree();
+    ASSERT_EQ(::mkdir(path("outside").c_str(), 0755), 0);
+    write("outside/file", "text");
+    ASSERT_EQ(::symlink(path("outside").c_str(), path("tree/inner/out").c_str()), 0);
+    const Snapshot before = describe({path("outside")});
+    removeAll(openDirectory(top_).get(), "tree");
+    EXPECT_FALSE(exists(tree));
+    EXPECT_TRUE(sameSnapshot(before, describe({path("outside")})));
+}
+
 TEST_F(SnapshotTest, EveryKindOfChangeIsSeen) {
     const std::string tree = makeTree();
     const Snapshot before = describe({tree});
@@ -90,6 +168,7 @@ TEST_F(SnapshotTest, ReplacementBringsBackWhatTheArchiveHolds) {
     replacement.complete();
     replacement.moveIntoPlace();
     EXPECT_TRUE(sameSnapshot(before, describe({tree})));
+    replacement.removeOld();
     EXPECT_EQ(namesIn(openDirectory(top_).get()).size(), 1U);
 }
 

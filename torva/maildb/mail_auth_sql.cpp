@@ -15,15 +15,25 @@ namespace {
 constexpr int busy_timeout_ms = 50;
 constexpr long pause_step_us = 10;
 
+/// Enough for some million mailboxes, which takes seconds.
+constexpr int work_limit = 200;
+constexpr int work_unit = 1'000'000; // instructions of SQLite's virtual machine
+
+/// Interrupts the statement when the database has had all its work.
+int count_work(void* work) {
+    return ++*static_cast<int*>(work) > work_limit ? 1 : 0;
+}
+
 /// Opens a handle. The owner of the file may have written its schema, so triggers and views
-/// must not reach more than the tables.
-int open_handle(const char* path, int flags, sqlite3** handle) {
+/// must not reach more than the tables, and must come to an end.
+int open_handle(const char* path, int flags, int& work, sqlite3** handle) {
     char resolved[PATH_MAX];
     const int code = sqlite3_open_v2(resolve_directory(path, resolved), handle,
                                      flags | SQLITE_OPEN_NOFOLLOW, mail_auth_vfs());
     if (code == SQLITE_OK) {
         sqlite3_busy_timeout(*handle, busy_timeout_ms);
         sqlite3_db_config(*handle, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+        sqlite3_progress_handler(*handle, work_unit, count_work, &work);
     }
     return code;
 }
@@ -58,8 +68,8 @@ Database::~Database() {
 bool Database::open(const char* path, Access access) noexcept {
     path_ = path;
     read_only_ = access == Access::read_only;
-    const int code =
-        open_handle(path, read_only_ ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE, &handle_);
+    const int flags = read_only_ ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE;
+    const int code = open_handle(path, flags, work_, &handle_);
     if (code != SQLITE_OK) {
         const char* reason = handle_ != nullptr ? sqlite3_errmsg(handle_) : "general DB errror";
         torva_log(3,
@@ -82,7 +92,7 @@ bool Database::become_writer() noexcept {
     }
     read_only_ = false;
     sqlite3* writer = nullptr;
-    if (open_handle(path_, SQLITE_OPEN_READWRITE, &writer) != SQLITE_OK) {
+    if (open_handle(path_, SQLITE_OPEN_READWRITE, work_, &writer) != SQLITE_OK) {
         sqlite3_close(writer);
         return false;
     }

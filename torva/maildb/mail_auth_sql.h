@@ -37,7 +37,8 @@ public:
     Database& operator=(const Database&) = delete;
 
     /// Opens an existing file; mail_auth_vfs.h tells which are refused. Its schema is not
-    /// trusted: triggers and views cannot reach beyond the file. `path` must outlive this.
+    /// trusted: triggers and views cannot reach beyond the file, and a statement that
+    /// computes without end is interrupted. `path` must outlive this.
     bool open(const char* path, Access access) noexcept;
 
     /// Opens the database of a mail server type.
@@ -58,6 +59,7 @@ private:
     sqlite3* handle_ = nullptr;
     const char* path_ = nullptr;
     bool read_only_ = false;
+    int work_ = 0; ///< done by statements, in units of the source
 };
 
 class Statement {

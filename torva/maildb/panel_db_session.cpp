@@ -63,6 +63,12 @@ private:
     bool occupied_[STDERR_FILENO + 1] = {};
 };
 
+/// A server may answer any query with the request for a file of the client's.
+void refuse_file_requests(MYSQL* connection) {
+    constexpr unsigned int off = 0;
+    mysql_options(connection, MYSQL_OPT_LOCAL_INFILE, &off);
+}
+
 /// A silent server must not block the program for ever.
 void set_time_outs(MYSQL* connection) {
     constexpr unsigned int connect_seconds = 10;
@@ -204,6 +210,7 @@ struct st_mysql* db_connect(char* error, size_t error_size) {
         return nullptr;
     }
     set_time_outs(connection.get());
+    refuse_file_requests(connection.get());
     if (mysql_real_connect(connection.get(), "localhost", "admin", password.line, "kra", 0, nullptr,
                            0) == nullptr) {
         std::snprintf(error, error_size, "Unable to connect to Torva Database: %s",

@@ -67,6 +67,23 @@ int openRegularFile(int directory, const char* name) {
     return -1;
 }
 
+/// Whether an open lock file belongs to us; reports one that does not. Its owner made it
+/// while the directory was theirs, and may still have it open, and locked.
+bool isOwn(int fd, const char* path) {
+    struct stat status;
+    if (::fstat(fd, &status) == -1) {
+        return false;
+    }
+    if (status.st_uid == ::geteuid()) {
+        return true;
+    }
+    errno = EPERM;
+    report_error(0, "Lock file \"%s\" belongs to user %lu, not to user %lu.", path,
+                 static_cast<unsigned long>(status.st_uid),
+                 static_cast<unsigned long>(::geteuid()));
+    return false;
+}
+
 void reportUnopened(const char* path) {
     const int saved_errno = errno;
     const char* reason = std::strerror(saved_errno);
@@ -85,6 +102,10 @@ int openLockFile(const char* path, bool in_lock_dir) {
             errno = EMLINK;
         } else {
             fd = openRegularFile(directory, name);
+        }
+        if (fd != -1 && !isOwn(fd, path)) {
+            closeKeepingErrno(fd);
+            fd = -1;
         }
         closeKeepingErrno(directory);
     }

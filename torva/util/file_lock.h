@@ -27,7 +27,7 @@ struct file_lock {
 /// EMPTIED. When it is a link, it is refused (errno ELOOP). Other files that are not regular
 /// are refused, without blocking, with EPERM (a directory with EISDIR, a socket with ENXIO).
 /// In the lock directory, a file with a second hard link is refused with EMLINK, and not
-/// emptied.
+/// emptied; one of another user with EPERM, reported with the user.
 struct file_lock* file_lock_try(const char* name, int in_lock_dir);
 
 /// The same, but waits while the lock is held elsewhere.

@@ -159,6 +159,15 @@ TEST_F(HostileDirectory, ADatabaseInWalModeIsRefusedWithoutMakingItsFiles) {
     EXPECT_FALSE(fs::exists(path + "-shm"));
 }
 
+TEST_F(HostileDirectory, AViewWithoutEndInThePlaceOfATableIsInterrupted) {
+    run("DROP TABLE users; CREATE VIEW users AS "
+        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n) "
+        "SELECT 1 AS id, 1 AS dom_id, 'joe' AS name, 'p' AS userPassword, "
+        "NULL AS cmusaslsecretPLAIN, 0 AS status FROM n WHERE i < 0");
+    EXPECT_EQ("-1\n3 Unable to execute the user authentication query: interrupted\n",
+              bounded(look_up));
+}
+
 TEST_F(HostileDirectory, AHostileSchemaReachesNothingButTheTables) {
     run("CREATE TRIGGER reach AFTER INSERT ON domains BEGIN SELECT reach_out(NEW.name); END");
     static bool reached = false;

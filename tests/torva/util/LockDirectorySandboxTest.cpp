@@ -8,10 +8,13 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <functional>
 #include <gtest/gtest.h>
 #include <memory>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace torva::test;
 using torva::FileLock;
@@ -180,6 +183,31 @@ TEST_F(LockDirectorySandboxTest, AFileWithASecondNameIsRefusedAndKeepsItsContent
     EXPECT_EQ(readFile(lockFile), "text");
     ASSERT_EQ(::unlink("/var/lock/second"), 0);
     EXPECT_EQ(thrownFor(LockMode::fail), "");
+}
+
+TEST_F(LockDirectorySandboxTest, AFileOfAnotherUserIsRefusedEvenWhileTheyHoldItsLock) {
+    makeDirectory(0700); // given to us, with what they had in it
+    writeFile(lockFile, "");
+    ASSERT_EQ(::chown(lockFile.c_str(), stranger, stranger), 0);
+    const int theirs = ::open(lockFile.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(::flock(theirs, LOCK_EX), 0);
+    for (const LockMode mode : {LockMode::fail, LockMode::wait}) {
+        const Outcome outcome = inChild([&] {
+            const auto before = openDescriptors();
+            ::alarm(60); // in place of waiting for ever
+            const bool refused = thrownFor(mode) == "lock() failed: Operation not permitted";
+            return refused && openDescriptors() == before ? 0 : 1;
+        });
+        EXPECT_EQ(outcome.exited, 0) << outcome.err;
+        EXPECT_EQ(outcome.err, "Lock file \"" + lockFile +
+                                   "\" belongs to user 4711, not to user 0.\n"
+                                   "System error 1: Operation not permitted\n"
+                                   "Unable to open file \"" +
+                                   lockFile +
+                                   "\": Operation not permitted.\n"
+                                   "System error 1: Operation not permitted\n");
+    }
+    ::close(theirs);
 }
 
 TEST_F(LockDirectorySandboxTest, ADirectoryThatCannotBeLookedAtIsRefused) {

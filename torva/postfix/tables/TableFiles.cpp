@@ -6,6 +6,7 @@
 #include "torva/util/SystemError.h"
 #include "torva/util/WritableByOthers.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -54,6 +55,45 @@ void settleIndex(const std::string& path, IndexUse use) {
         remove(path);
     } else if (use == IndexUse::changed) {
         unshare(path);
+    }
+}
+
+/// Moves to the first byte at or after an offset that is not in a hole.
+///
+/// \return its offset; the size when there is none
+off_t moveToData(int fd, off_t offset, off_t size) {
+    const off_t data = ::lseek(fd, offset, SEEK_DATA);
+    if (data == -1) {
+        return errno == ENXIO ? size : offset; // not every file system has holes
+    }
+    return data;
+}
+
+/// Holes stay holes, and no more is copied than was there at first: otherwise, the owner of
+/// the directory could have us fill the disk by a file that takes no room there.
+void copyContents(int from, off_t size, TmpFile& copy) {
+    char piece[65536];
+    off_t at = 0;
+    off_t end = 0; // of what has been written
+    while ((at = moveToData(from, at, size)) < size) {
+        const auto left = static_cast<std::size_t>(size - at);
+        const ssize_t got = ::read(from, piece, std::min(left, sizeof(piece)));
+        if (got == 0) {
+            size = at; // it has become shorter
+        } else if (got == -1 && errno != EINTR) {
+            throw SystemError("read");
+        } else if (got > 0) {
+            if (at != end) {
+                copy.seekp(at);
+            }
+            copy.write(piece, got);
+            at += got;
+            end = at;
+        }
+    }
+    copy.flush(); // a later write would change the times
+    if (size > end && ::ftruncate(copy.descriptor(), size) != 0) {
+        throw SystemError("write");
     }
 }
 
@@ -146,18 +186,7 @@ struct stat copyFile(const std::string& path, TmpFile& copy) {
     if (!S_ISREG(status.st_mode)) {
         throw SystemError("open", EINVAL);
     }
-    char piece[65536];
-    for (;;) {
-        const ssize_t size = ::read(file.get(), piece, sizeof(piece));
-        if (size == 0) {
-            break;
-        }
-        if (size == -1 && errno != EINTR) {
-            throw SystemError("read");
-        }
-        copy.write(piece, size == -1 ? 0 : size);
-    }
-    copy.flush(); // a later write would change the times
+    copyContents(file.get(), status.st_size, copy);
     setOwnerAndMode(copy, status.st_uid, status.st_gid, status.st_mode);
     const timespec times[2] = {status.st_atim, status.st_mtim};
     if (::futimens(copy.descriptor(), times) != 0) {

@@ -59,7 +59,7 @@ bool isPlanted(const std::string& path, const struct stat& status);
 /// Whether a path still names the file that a descriptor is open on.
 bool isNameOf(const std::string& path, int fd);
 
-/// Copies a regular file: contents, owner, permission bits, and both times.
+/// Copies a regular file: contents, holes, owner, permission bits, and both times.
 ///
 /// \param path  not followed when it is a link
 /// \param copy  new, in the same directory; committed

@@ -13,6 +13,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <fstream>
 #include <utility>
 
 using namespace torva::mail::postfix;
@@ -40,6 +41,15 @@ void expectSame(const Seen& now, const Seen& before) {
     EXPECT_EQ(now.status.st_nlink, before.status.st_nlink);
     EXPECT_EQ(now.status.st_mtim.tv_sec, before.status.st_mtim.tv_sec);
     EXPECT_EQ(now.status.st_mtim.tv_nsec, before.status.st_mtim.tv_nsec);
+}
+
+/// The first bytes of a file, or those from an offset.
+std::string headOf(const std::string& path, off_t offset = 0) {
+    std::string head(20000, '\0');
+    std::ifstream stream(path);
+    stream.seekg(offset);
+    stream.read(head.data(), static_cast<std::streamsize>(head.size()));
+    return head;
 }
 
 void makeOld(const std::string& path, time_t age) {
@@ -200,6 +210,20 @@ TEST_F(TableRewriteFailureTest, FifoThatIsSwappedInBeforeTheSourceIsCopiedIsNotW
     });
     EXPECT_EQ(messageOf<torva::SystemError>(&removeDomain), "open: Invalid argument");
     EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
+}
+
+TEST_F(TableRewriteFailureTest, HolesOfAnIndexTakeNoRoomInItsCopy) {
+    constexpr off_t size = off_t{1} << 32;
+    ASSERT_EQ(::truncate(index_.c_str(), size), 0);
+    const std::string text = "between the holes";
+    std::fstream(index_).seekp(size / 2) << text;
+    const std::string head = headOf(index_);
+    const FakeTool fake(postmap, failingRebuild_);
+    EXPECT_THROW(removeDomain(), PostfixConfigurationError);
+    EXPECT_EQ(statusOf(index_).st_size, size);
+    EXPECT_LT(statusOf(index_).st_blocks, 1000);
+    EXPECT_EQ(headOf(index_), head);
+    EXPECT_EQ(headOf(index_, size / 2).substr(0, text.size()), text);
 }
 
 TEST_F(TableRewriteFailureTest, EmptySourceComesBackEmpty) {

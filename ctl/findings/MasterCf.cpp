@@ -20,7 +20,8 @@ void findStore(Findings& findings) {
     using mail::postfix::MasterCfReader;
     const auto text = MasterCfReader::content(store, mail::postfix::FileOwner::self);
     if (!text) {
-        findings.stop("master.cf", store + " is no file, or not root's own: the run would end",
+        findings.stop("master.cf",
+                      store + " is not a regular file, or not root's own: the run would end",
                       "see who made it, and remove it");
     } else if (const auto diagnosis = mail::postfix::diagnoseMasterCf(*text)) {
         findings.stop("master.cf",

@@ -35,7 +35,8 @@ process::Descriptor openedIndex(const std::string& path) {
                            // A second name may just have been removed.
                            (!isShared || mail::postfix::isNameOf(path, file.get()));
     if (!isTrusted) {
-        throw std::runtime_error(path + " is no file, or may have been planted by another account");
+        throw std::runtime_error(
+            path + " is not a regular file, or may have been planted by another account");
     }
     return file;
 }

@@ -42,6 +42,14 @@ std::optional<Snapshot> describedNow(const std::string& path) {
     }
 }
 
+/// Whether a directory is gone, or has become a link: aliases may be in one of another
+/// account. All other paths are restored nevertheless.
+bool isOutOfReach(const std::string& directory) {
+    const Descriptor opened(
+        ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    return !opened && (errno == ENOENT || errno == ENOTDIR || errno == ELOOP);
+}
+
 bool isScratchOfMasterCf(const std::string& name) {
     return name.size() == 16 && name.compare(0, 10, "master.cf.") == 0;
 }
@@ -67,10 +75,15 @@ bool wasPresent(const Backup& backup, const std::string& path) {
 void restore(const Backups& backups, const Backup& backup) {
     const Snapshot& wanted = backup.manifest.entries;
     std::vector<std::unique_ptr<Replacement>> replacements;
+    std::string outOfReach;
     for (const std::string& path : backup.manifest.paths) {
+        const Snapshot then = partOf(wanted, path);
+        if (isOutOfReach(directoryOf(path))) {
+            outOfReach = then.at(path).isThere() ? path : outOfReach;
+            continue;
+        }
         removeReplacement(path); // from a restoration that was killed
         const std::optional<Snapshot> now = describedNow(path);
-        const Snapshot then = partOf(wanted, path);
         if (!now ||
             (!sameSnapshot(*now, then) && !correctInPlace(path, now->at(path), then.at(path)))) {
             replacements.push_back(std::make_unique<Replacement>(path, then));
@@ -85,6 +98,9 @@ void restore(const Backups& backups, const Backup& backup) {
     }
     for (const auto& replacement : replacements) {
         replacement->removeOld();
+    }
+    if (!outOfReach.empty()) {
+        throw std::runtime_error(directoryOf(outOfReach) + " is no directory any more");
     }
     if (!matchesHost(backup)) {
         throw std::runtime_error("it is not what the backup says");

@@ -9,7 +9,8 @@ namespace torva::ctl {
 /// Makes the paths of a backup what its manifest says. What is right already is left
 /// alone; if only mode, owner, times or attributes differ, these are set in place, which
 /// works even on a full disk. All replacements are complete, next to their targets, before
-/// the first is moved into place.
+/// the first is moved into place. Paths in a directory that is gone, or has become a link,
+/// are left alone; all others are restored.
 ///
 /// It may be killed at any moment and called again. It follows no links, and works through
 /// descriptors in directories that another account may write.

@@ -230,6 +230,24 @@ class BackupTest(HostileTest):
             with self.subTest(planting):
                 self.fail_while(shlex.join([sys.executable, "-B", "-c", f"{this}t.as_postfix({planting})"]))
 
+    def test_rest_is_taken_back_when_a_directory_of_aliases_leads_elsewhere(self):
+        data = Path("/srv/list/data")
+        self.addCleanup(remove, data.parent)
+        write(data / "aliases", "list: somebody\n")
+        run("postconf", "-e", f"alias_maps=hash:/etc/aliases, hash:{data}/aliases")
+        self.give_away()
+        ctlworld.settle(MAIN_CF)
+        before = tree()
+        swap = f"mv {data} {data.parent}/aside; ln -s /etc {data}"
+        write(TOOL, f"#!/bin/sh\npostconf -e virtual_transport=torva_virtual\n{swap}\nexit 1\n", 0o755)
+        outcome = self.assertStatus(2, bounded("apply"))
+        self.assertIn(str(data), outcome.out)
+        changed = ctlworld.difference(before, tree())
+        self.assertEqual([path for path in changed if not path.startswith(("/srv/list", str(TOOL)))], [])
+        data.unlink()
+        (data.parent / "aside").rename(data)
+        self.assertStatus(0, bounded("rollback"))
+
     def test_failed_run_is_taken_back_while_the_account_goes_on(self):
         go, gone_on = Path("/run/go"), TABLES / "n0"
         self.addCleanup(remove, go)

@@ -9,8 +9,7 @@ namespace torva::app {
 /// Sets what a careless parent may have left in a bad state. SIGCHLD gets its default
 /// action (if it were ignored, the exit status of every child would be lost). SIGPIPE gets
 /// an empty handler if its action is the default (a reader that is gone must not end the
-/// run between two files; children get the default, except where app/SigpipeIgnored.h
-/// protects them). Each closed descriptor of 0 to 2
+/// run between two files; children get the default). Each closed descriptor of 0 to 2
 /// becomes "/dev/null" (otherwise the next opened file would take its number, and messages
 /// would be written to it). The umask becomes 022 (Postfix's accounts must be able to read
 /// the panel's tables, and only root may write them). Best effort.

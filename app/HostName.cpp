@@ -1,6 +1,6 @@
 #include "app/HostName.h"
 
-#include "app/SigpipeIgnored.h"
+#include "app/CollectedErrors.h"
 #include "torva/postfix/params/PostfixParameters.h"
 #include "torva/process/Launch.h"
 
@@ -29,15 +29,13 @@ void closePipe(std::FILE* pipe) {
     }
 }
 
-std::FILE* openPipe() {
-    const SigpipeIgnored sigpipe;        // a warning must not end the command before its answer
-    return ::popen("hostname -f", "re"); // NOLINT(cert-env33-c)
-}
-
 } // namespace
 
 std::string fullHostName() {
-    const std::unique_ptr<std::FILE, void (*)(std::FILE*)> pipe(openPipe(), &closePipe);
+    const CollectedErrors errors; // a warning must not end the command before its answer
+    const std::unique_ptr<std::FILE, void (*)(std::FILE*)> pipe(
+        ::popen("hostname -f", "re"), // NOLINT(cert-env33-c)
+        &closePipe);
     if (!pipe) {
         return std::string();
     }

@@ -1,6 +1,6 @@
 #include "app/SystemAliases.h"
 
-#include "app/SigpipeIgnored.h"
+#include "app/CollectedErrors.h"
 #include "app/TouchFile.h"
 #include "torva/postfix/params/ListValue.h"
 #include "torva/postfix/params/PostfixParameters.h"
@@ -28,7 +28,7 @@ const char* const indexedTypes[] = {"hash", "btree", "dbm", "sdbm", "cdb"};
 
 /// The status of system(3).
 int runInShell(const std::string& command) {
-    const SigpipeIgnored sigpipe;        // warnings must not end postalias
+    const CollectedErrors errors;        // a warning must not end postalias
     return std::system(command.c_str()); // NOLINT(cert-env33-c)
 }
 

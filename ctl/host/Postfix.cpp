@@ -10,6 +10,7 @@
 
 #include <cstdlib>
 #include <fcntl.h>
+#include <set>
 #include <sstream>
 #include <sys/file.h>
 
@@ -43,12 +44,20 @@ std::string configurationDirectory() {
     return builtIn.empty() ? "/etc/postfix" : builtIn;
 }
 
+/// Those of master(5). For any other, postconf would refuse the whole copy of master.cf, and
+/// that is a finding about master.cf itself.
+bool isServiceType(const std::string& type) {
+    const std::set<std::string> types = {"inet", "unix", "fifo", "pass", "unix-dgram"};
+    return types.count(type) != 0;
+}
+
 /// Entries without options for the services whose names are in main.cf: postconf knows
 /// settings such as NAME_destination_recipient_limit only if there is the service.
 std::string shortMasterCf(const MasterCfText& masterCf, const std::string& mainCf) {
     std::string text;
     for (const MasterCfTextEntry& entry : masterCf.entries()) {
-        if (entry.fields.size() > 7 && mainCf.find(entry.name() + "_") != std::string::npos) {
+        if (entry.fields.size() > 7 && isServiceType(entry.type()) &&
+            mainCf.find(entry.name() + "_") != std::string::npos) {
             text += entry.name() + " " + entry.type() + " - - - - - " + entry.command() + "\n";
         }
     }

@@ -297,7 +297,8 @@ DEFECTS = [
            NOTHING_ELSE, without_its_last_line(MAIN_CF)),
     Defect("entry_cut_short", master_cf("a unix - - y"), "stop", "master.cf", "bad field count",
            NOTHING_ELSE, without_its_last_line(MASTER_CF)),
-    Defect("unknown_type", master_cf("a tcp - - y - - smtp"), "stop", "master.cf", 'invalid type field "tcp"',
+    # A name that main.cf has in those of its parameters.
+    Defect("unknown_type", master_cf("smtpd tcp - - y - - smtpd"), "stop", "master.cf", 'invalid type field "tcp"',
            NOTHING_ELSE, without_its_last_line(MASTER_CF)),
     Defect("empty_master_cf", lambda: write(MASTER_CF, ""), "stop", "master.cf", "the file is empty",
            "correct it, or comment the entry out for the run", stock("master.cf")),

@@ -87,8 +87,7 @@ class ClosedStreamsTest(SurroundingsTest):
                 self.world.reset()
                 run = self.world.run(stdout=out, stderr=err)
                 self.expectTheFirstRun(run)
-                ours = [call for call in run.calls if call.tool in ("postconf", "postmap")]
-                self.assertEqual({tuple(self.ignored(call)) for call in ours}, {()})
+                self.assertEqual({tuple(self.ignored(call)) for call in run.calls}, {()})
         os.close(write_end)
 
     def test_warnings_that_nobody_reads_end_no_command(self):
@@ -139,7 +138,7 @@ class SignalsTest(SurroundingsTest):
     def test_an_ignored_sigchld_hides_no_exit_status(self):
         run = self.world.run(preexec_fn=ignore(signal.SIGCHLD))
         self.expectTheFirstRun(run)
-        self.assertNotIn(signal.SIGCHLD, {n for call in run.calls for n in self.ignored(call)})
+        self.assertEqual({n for call in run.calls for n in self.ignored(call)}, set())
 
     def test_a_failure_is_seen_with_sigchld_ignored(self):
         self.world.rule(tool="postalias", nth=1, exit=1)

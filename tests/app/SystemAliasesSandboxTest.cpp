@@ -194,8 +194,12 @@ TEST_F(SystemAliasesTest, AnElementWithoutATypeHasTheDefaultOneUnlessItIsARefere
     EXPECT_THAT(fake.calls(), ElementsAre("[" + source + "]"));
     EXPECT_THAT(namesIn(directory), ElementsAre("aliases"));
     fake.forget();
+    // A file of that name would be made in the working directory.
+    ASSERT_EQ(0, ::chdir(directory.c_str()));
     check("$alias_database"); // which the fake does not expand: nothing is known of it
+    ASSERT_EQ(0, ::chdir("/"));
     EXPECT_THAT(fake.calls(), IsEmpty());
+    EXPECT_THAT(namesIn(directory), ElementsAre("aliases"));
 }
 
 TEST_F(SystemAliasesTest, OtherChildrenOfTheProcessAreNotWaitedFor) {

@@ -45,7 +45,8 @@ public:
     /// \param manifest  all but the entries
     /// \return its stamp
     /// \throws std::exception  no backup was made, for example because there is not enough
-    ///         room for it; nothing of it is left, and the others are as before
+    ///         room for it. What was begun is removed, at the latest by the next call; the
+    ///         others are as before
     std::string take(Manifest manifest);
 
     /// All, oldest first.

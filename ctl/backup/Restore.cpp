@@ -100,7 +100,7 @@ void restore(const Backups& backups, const Backup& backup) {
         replacement->removeOld();
     }
     if (!outOfReach.empty()) {
-        throw std::runtime_error(directoryOf(outOfReach) + " is no directory any more");
+        throw std::runtime_error(directoryOf(outOfReach) + " is not a directory any more");
     }
     if (!matchesHost(backup)) {
         throw std::runtime_error("it is not what the backup says");

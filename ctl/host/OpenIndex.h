@@ -13,10 +13,9 @@ class OpenIndex {
 public:
     /// Opens an index and takes Postfix's lock on it, shared, until the destruction.
     ///
-    /// \throws std::runtime_error  it is not a regular file, or may have been planted by another
-    /// account
-    ///         (see torva/postfix/tables/TableFiles.h); it is locked by another process, and
-    ///         still is after ten seconds
+    /// \throws std::runtime_error  it is not a regular file, or may have been planted by
+    ///         another account (see torva/postfix/tables/TableFiles.h); it is locked by another
+    ///         process, and still is after ten seconds
     /// \throws SystemError "open PATH"
     explicit OpenIndex(const std::string& path);
 

@@ -1,6 +1,7 @@
 // Commands that write to our standard error, and its reader.
 #include "app/CollectedErrors.h"
 
+#include "torva/libc/Child.h"
 #include "torva/libc/SyscallFault.h"
 
 #include <gtest/gtest.h>
@@ -14,23 +15,11 @@
 #include <unistd.h>
 
 using torva::app::CollectedErrors;
+using torva::test::inChild;
 
 namespace {
 
 const char sayAndFail[] = "printf a >&2; printf b >&2; exit 3";
-
-/// Runs a check in a child, which may change its streams; what it returns, -1 if it was
-/// ended by a signal.
-template <class Check>
-int statusOfAChild(Check check) {
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::_exit(check());
-    }
-    int status = -1;
-    ::waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 /// Makes a pipe our standard error. \return its other end
 int pipeAsStandardError() {
@@ -51,62 +40,63 @@ int exitStatusOf(const char* command) {
 
 TEST(CollectedErrorsTest, WhatACommandSaysArrivesWholeAfterIt) {
     EXPECT_EQ(
-        0, statusOfAChild([] {
-            const int reader = pipeAsStandardError();
-            ::fcntl(reader, F_SETFL, O_NONBLOCK);
-            char text[8] = "";
-            {
-                const CollectedErrors errors;
-                if (exitStatusOf(sayAndFail) != 3 || ::read(reader, text, sizeof(text)) != -1) {
-                    return 1;
-                }
-            }
-            return ::read(reader, text, sizeof(text)) == 2 && text == std::string("ab") ? 0 : 2;
-        }));
+        0, inChild([] {
+               const int reader = pipeAsStandardError();
+               ::fcntl(reader, F_SETFL, O_NONBLOCK);
+               char text[8] = "";
+               {
+                   const CollectedErrors errors;
+                   if (exitStatusOf(sayAndFail) != 3 || ::read(reader, text, sizeof(text)) != -1) {
+                       return 1;
+                   }
+               }
+               return ::read(reader, text, sizeof(text)) == 2 && text == std::string("ab") ? 0 : 2;
+           }).exited);
 }
 
 TEST(CollectedErrorsTest, CommandOutlivesTheReader) {
-    EXPECT_EQ(3, statusOfAChild([] {
-                  ::close(pipeAsStandardError());
-                  const CollectedErrors errors;
-                  return exitStatusOf(sayAndFail);
-              }));
+    EXPECT_EQ(3, inChild([] {
+                     ::close(pipeAsStandardError());
+                     const CollectedErrors errors;
+                     return exitStatusOf(sayAndFail);
+                 }).exited);
 }
 
 TEST(CollectedErrorsTest, EndOfTheReaderEndsUsNeither) {
-    EXPECT_EQ(0, statusOfAChild([] {
-                  ::close(pipeAsStandardError());
-                  {
-                      const CollectedErrors errors;
-                      exitStatusOf(sayAndFail);
-                  }
-                  return 0;
-              }));
+    EXPECT_EQ(0, inChild([] {
+                     ::close(pipeAsStandardError());
+                     {
+                         const CollectedErrors errors;
+                         exitStatusOf(sayAndFail);
+                     }
+                     return 0;
+                 }).exited);
 }
 
 TEST(CollectedErrorsTest, FileStaysTheStandardError) {
-    EXPECT_EQ(0, statusOfAChild([] {
-                  ::dup2(::open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO);
-                  struct stat before {};
-                  struct stat during {};
-                  ::fstat(STDERR_FILENO, &before);
-                  const CollectedErrors errors;
-                  ::fstat(STDERR_FILENO, &during);
-                  return before.st_ino == during.st_ino && before.st_dev == during.st_dev ? 0 : 1;
-              }));
+    EXPECT_EQ(0, inChild([] {
+                     ::dup2(::open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO);
+                     struct stat before {};
+                     struct stat during {};
+                     ::fstat(STDERR_FILENO, &before);
+                     const CollectedErrors errors;
+                     ::fstat(STDERR_FILENO, &during);
+                     return before.st_ino == during.st_ino && before.st_dev == during.st_dev ? 0
+                                                                                             : 1;
+                 }).exited);
 }
 
 TEST(CollectedErrorsTest, WithoutMemoryThePipeStaysTheStandardError) {
-    const int status = statusOfAChild([] {
-        const int reader = pipeAsStandardError();
-        if (!torva::test::failSyscall(SYS_memfd_create, ENOSYS)) {
-            return static_cast<int>(torva::test::noFilters);
-        }
-        const CollectedErrors errors;
-        exitStatusOf(sayAndFail);
-        char text[8] = "";
-        return ::read(reader, text, sizeof(text)) == 2 ? 0 : 1;
-    });
+    const int status = inChild([] {
+                           const int reader = pipeAsStandardError();
+                           if (!torva::test::failSyscall(SYS_memfd_create, ENOSYS)) {
+                               return static_cast<int>(torva::test::noFilters);
+                           }
+                           const CollectedErrors errors;
+                           exitStatusOf(sayAndFail);
+                           char text[8] = "";
+                           return ::read(reader, text, sizeof(text)) == 2 ? 0 : 1;
+                       }).exited;
     if (status == torva::test::noFilters) {
         GTEST_SKIP() << "the kernel allows no system call filters";
     }
@@ -114,18 +104,18 @@ TEST(CollectedErrorsTest, WithoutMemoryThePipeStaysTheStandardError) {
 }
 
 TEST(CollectedErrorsTest, LeavesErrnoAndNoDescriptor) {
-    EXPECT_EQ(0, statusOfAChild([] {
-                  const int reader = pipeAsStandardError();
-                  const int next = ::dup(reader);
-                  ::close(next);
-                  errno = EDOM;
-                  {
-                      const CollectedErrors errors;
-                      if (errno != EDOM || ::fcntl(next, F_GETFD) != FD_CLOEXEC) {
-                          return 1;
-                      }
-                      errno = ERANGE;
-                  }
-                  return errno == ERANGE && ::fcntl(next, F_GETFD) == -1 ? 0 : 2;
-              }));
+    EXPECT_EQ(0, inChild([] {
+                     const int reader = pipeAsStandardError();
+                     const int next = ::dup(reader);
+                     ::close(next);
+                     errno = EDOM;
+                     {
+                         const CollectedErrors errors;
+                         if (errno != EDOM || ::fcntl(next, F_GETFD) != FD_CLOEXEC) {
+                             return 1;
+                         }
+                         errno = ERANGE;
+                     }
+                     return errno == ERANGE && ::fcntl(next, F_GETFD) == -1 ? 0 : 2;
+                 }).exited);
 }

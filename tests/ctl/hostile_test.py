@@ -81,6 +81,13 @@ class HostileTest(AroundARunTest):
         write(self.victim, "root:secret:20228:0:99999:7:::\n", 0o600)
         self.addCleanup(remove, self.victim)
 
+    def directory_of_customer(self, path):
+        directory = Path(path)
+        directory.mkdir()
+        os.chown(directory, CUSTOMER, CUSTOMER)
+        self.addCleanup(remove, directory)
+        return directory
+
     def configure(self):
         """An apply, after which the tables directory belongs to "postfix", as it does once
         there is a mail-authentication database."""
@@ -277,10 +284,7 @@ class BackupTest(HostileTest):
 class KeepTest(HostileTest):
     def setUp(self):
         super().setUp()
-        self.home = Path("/run/customer")
-        self.home.mkdir()
-        os.chown(self.home, CUSTOMER, CUSTOMER)
-        self.addCleanup(remove, self.home)
+        self.home = self.directory_of_customer("/run/customer")
 
     def test_directory_of_another_account_is_refused(self):
         kept = self.home / "kept"
@@ -316,10 +320,7 @@ class KeepTest(HostileTest):
 class ScratchTest(HostileTest):
     def setUp(self):
         super().setUp()
-        self.theirs = Path("/run/theirs")
-        self.theirs.mkdir()
-        os.chown(self.theirs, CUSTOMER, CUSTOMER)
-        self.addCleanup(remove, self.theirs)
+        self.theirs = self.directory_of_customer("/run/theirs")
 
     def test_scratch_files_are_not_in_a_directory_of_another_account(self):
         log = Path("/run/postconf.log")

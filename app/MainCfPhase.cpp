@@ -8,6 +8,7 @@
 #include "torva/postfix/params/RelayPolicy.h"
 #include "torva/postfix/tables/DomainManager.h"
 #include "torva/postfix/tables/PopUser.h"
+#include "torva/postfix/tables/ShieldedIndex.h"
 
 #include <string>
 
@@ -81,6 +82,9 @@ void createHostDomain(Context& run, const Step& step) {
         return;
     }
     run.parameters.removeFromListParameter(step.parameter, host);
+    // It was made by this run: whoever holds its lock wants to stop us.
+    const mail::postfix::ShieldedIndex index =
+        mail::postfix::shieldForChanges("hash:/var/spool/postfix/torva/virtual");
     mail::postfix::DomainManager().addAliasDomain(step.value, host);
 }
 

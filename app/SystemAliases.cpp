@@ -5,6 +5,7 @@
 #include "torva/postfix/params/ListValue.h"
 #include "torva/postfix/params/PostfixParameters.h"
 #include "torva/postfix/tables/HalfMadeIndex.h"
+#include "torva/postfix/tables/ShieldedIndex.h"
 #include "torva/postfix/tables/TableFiles.h"
 #include "torva/process/Launch.h"
 #include "torva/util/SystemError.h"
@@ -35,7 +36,7 @@ int runInShell(const std::string& command) {
 /// \param source  path of the source file
 void rebuildAliases(const std::string& database, const std::string& source) {
     const std::string command = "/usr/sbin/postalias " + database;
-    mail::postfix::removeHalfMadeIndex(source); // from a creation that was killed
+    mail::postfix::HalfMadeIndexGuard guard(source);
     // A command that ran and failed is not a system error, and leaves errno alone.
     errno = 0;
     const int status = runInShell(command);
@@ -44,10 +45,10 @@ void rebuildAliases(const std::string& database, const std::string& source) {
         process::waitForLostChildren();
     }
     if (status == -1 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        mail::postfix::removeHalfMadeIndex(source);
         errno = code;
         throw SystemError("unable to re-index system alias map", code);
     }
+    guard.letGo();
 }
 
 } // namespace
@@ -72,7 +73,10 @@ void SystemAliases::build(const std::string& element) const {
         // Some are in a directory of another account, as those of a list manager: postalias
         // would write through a link that it has put there.
         mail::postfix::settleIndexes(database.path, mail::postfix::IndexUse::madeAnew);
+        mail::postfix::ShieldedIndex index(database.type, database.path,
+                                           mail::postfix::IndexUse::madeAnew);
         rebuildAliases(element, database.path);
+        index.letGo();
     }
 }
 

@@ -168,3 +168,21 @@ class Swapper:
     def __exit__(self, *_):
         text, _ = self.process.communicate()
         self.swapped = int(text or 0)
+
+
+class LockHolder:
+    """An attacker that holds the locks of all indexes in some directories, see lock_holder.cpp."""
+
+    def __init__(self, world, user, directories):
+        self.process = subprocess.Popen(
+            [str(word) for word in (world.helpers / "attack_lock_holder", user, *directories)],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        self.process.stdout.readline()
+        self.taken = 0
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        text, _ = self.process.communicate()
+        self.taken = int(text or 0)

@@ -3,11 +3,14 @@ mail-authentication database exists.
 """
 
 import os
+from pathlib import Path
 
-from attackworld import DISABLED, MASTER_CF, MISSING, TABLES, TORVA, VICTIM, Swapper, remove, state
+from attackworld import (DISABLED, MASTER_CF, MISSING, STRANGER, TABLES, TORVA, VICTIM, LockHolder, Swapper, remove,
+                         state)
 
 TABLE = TORVA / "virtual"
 INDEX = TORVA / "virtual.db"
+ALIASES = Path("/etc/aliases.db")
 VERBS = ("create", "put", "delete", "rebuild", "rewrite")
 
 
@@ -90,6 +93,30 @@ def planted_before_a_run(world):
             world.expect_complete(ended)
 
 
+def locks_held(world):
+    """the lock of every index is held, and of each new one as soon as it can be opened"""
+    indexes = [TORVA / f"{name}.db" for name in TABLES] + [ALIASES]
+    taken = 0
+    for who in (STRANGER, world.postfix.pw_uid):
+        for before in ("no index", "indexes"):
+            world.reset()
+            if who == STRANGER:  # as it is without the mail-authentication database
+                os.chown(TORVA, 0, 0)
+                TORVA.chmod(0o755)
+            if before == "indexes":
+                world.expect_complete(world.run())
+            with LockHolder(world, who, (TORVA, "/etc")) as holder:
+                world.expect_complete(world.run())
+            world.expect_unharmed()
+            world.expect(holder.taken >= len(indexes), f"{before}: only {holder.taken} locks were taken")
+            for index in indexes:
+                world.expect(state(index)[:2] == ("0o100644", 0), f"{index}: {state(index)[:3]}")
+            names = sorted(path.name for path in TORVA.glob("*db*"))
+            world.expect(names == sorted(f"{name}.db" for name in TABLES), f"left: {names}")
+            taken += holder.taken
+    return f"{taken} locks taken"
+
+
 def planted_store(world):
     """the disabled-services store is a link or a FIFO"""
     for kind in ("link", "dangling link", "FIFO"):
@@ -103,4 +130,5 @@ def planted_store(world):
 
 ATTACKS = [("tables directory", attack) for attack in (
     swapped_scratch_of_create, swapped_scratch_of_rewrite, planted_index, planted_source, planted_before_a_run)]
+ATTACKS.append(("locks of indexes", locks_held))
 ATTACKS += [("disabled store", attack) for attack in (swapped_scratch_of_store, planted_store)]

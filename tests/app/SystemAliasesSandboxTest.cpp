@@ -2,6 +2,7 @@
 // commands it runs for which values is tests/run/fake/aliases_test.py.
 #include "app/SystemAliases.h"
 #include "support/FakeTool.h"
+#include "support/IndexHolder.h"
 #include "support/WaitingChild.h"
 #include "torva/libc/Child.h"
 #include "torva/libc/SyscallFault.h"
@@ -143,6 +144,37 @@ TEST_F(SystemAliasesTest, LinksOfTheAdministratorAreFollowed) {
     ASSERT_EQ(::symlink("elsewhere.db", index.c_str()), 0);
     check("hash:" + source);
     EXPECT_TRUE(S_ISLNK(linkStatusOf(index).st_mode));
+}
+
+TEST_F(SystemAliasesTest, LockOfAnAccountThatCanOnlyReadTheIndexStopsNothing) {
+    torva::test::writeFile(source, "ann: ben\n");
+    check("hash:" + source);
+    for (const mode_t mode : {0644U, 0604U}) {
+        ASSERT_EQ(::chmod(index.c_str(), mode), 0);
+        const auto outcome = torva::test::inChild([&] {
+            ::alarm(60);
+            const torva::test::IndexHolder holder(index);
+            torva::test::writeFile(source, "eve: ben\n");
+            check("hash:" + source);
+            return 0;
+        });
+        EXPECT_EQ(outcome.exited, 0) << outcome.err;
+        EXPECT_NE(contentOf(index).find("eve"), std::string::npos);
+        EXPECT_EQ(contentOf(index).find("ann"), std::string::npos);
+        EXPECT_EQ(statusOf(index).st_mode, S_IFREG | mode);
+        EXPECT_THAT(namesIn(directory), ElementsAre("aliases", "aliases.db"));
+    }
+}
+
+TEST_F(SystemAliasesTest, AFailedCreationLeavesTheIndexWithItsMode) {
+    torva::test::writeFile(source, "ann: ben\n");
+    torva::test::writeFile(index, "what was in it");
+    ASSERT_EQ(::chmod(index.c_str(), 0640), 0);
+    const FakeTool fake(postalias, "test \"$(stat -c %a " + index + ")\" = 1600 && exit 1");
+    EXPECT_EQ(codeOf([&] { check("hash:" + source); }, "unable to re-index system alias map"), 0);
+    EXPECT_EQ(contentOf(index), "what was in it");
+    EXPECT_EQ(statusOf(index).st_mode, S_IFREG | 0640U);
+    EXPECT_THAT(namesIn(directory), ElementsAre("aliases", "aliases.db"));
 }
 
 TEST_F(SystemAliasesTest, SourcesOfOtherTypesAreNotMade) {

@@ -3,6 +3,7 @@
 #include "torva/postfix/params/PostfixTool.h"
 #include "torva/postfix/tables/HalfMadeIndex.h"
 #include "torva/postfix/tables/PostmapCommand.h"
+#include "torva/postfix/tables/ShieldedIndex.h"
 #include "torva/postfix/tables/TableFiles.h"
 #include "torva/process/Descriptor.h"
 #include "torva/util/AutocleanOFStream.h"
@@ -96,6 +97,7 @@ void createTable(const std::string& table, const Records& records) {
     const ScratchFile scratch = makeScratchFile(source);
     writeSource(scratch, source, records);
     settleIndexes(source, IndexUse::madeAnew);
+    ShieldedIndex index(table, IndexUse::madeAnew);
     if (!isNameOf(source, scratch.descriptor())) {
         throwSwapped(source);
     }
@@ -105,6 +107,7 @@ void createTable(const std::string& table, const Records& records) {
         throw PostfixDatabaseError(result.message());
     }
     guard.letGo();
+    index.letGo();
 }
 
 } // namespace torva::mail::postfix

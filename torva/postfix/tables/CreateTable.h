@@ -13,7 +13,8 @@ namespace torva::mail::postfix {
 /// Replaces the source file of a table by the given records, with mode 0644, and builds
 /// the indexed table from it (postmap -r). All previous records are gone. When the source
 /// is a symbolic link, the link itself is replaced: its target may serve other purposes.
-/// Planted index files are removed, as by rebuildTable() in Postmap.h.
+/// Planted index files are removed, and the lock of the index is handled, as by
+/// rebuildTable() in Postmap.h.
 ///
 /// \param table    "type:path"; the directory exists
 /// \param records  written in their order, one "KEY VALUE" line each
@@ -24,8 +25,11 @@ namespace torva::mail::postfix {
 ///         was, unless REASON is "somebody else has put another file in its place"
 /// \throws PostfixDatabaseError  postmap failed, with its own text or "unknown error";
 ///         the source file is the new one
+/// \throws PostfixDatabaseError "INDEX is locked by another process (fuser INDEX)", as by
+///         rebuildTable(): the source file is the new one
 /// \throws SystemError "lock() failed": nothing was changed; or a planted index file
-///         cannot be removed, or postmap not started: the source file is the new one
+///         cannot be removed, "unable to replace INDEX", or postmap not started: the source
+///         file is the new one
 /// No temporary file of ours is left, and no unfinished index of postmap's, not even one
 /// that an earlier, killed creation left.
 void createTable(const std::string& table, const Records& records);

@@ -5,6 +5,7 @@
 #include "torva/postfix/tables/HalfMadeIndex.h"
 #include "torva/postfix/tables/Listing.h"
 #include "torva/postfix/tables/PostmapCommand.h"
+#include "torva/postfix/tables/ShieldedIndex.h"
 #include "torva/postfix/tables/TableFiles.h"
 #include "torva/util/FileLock.h"
 #include "torva/util/PostfixError.h"
@@ -134,9 +135,11 @@ void rebuildTable(const std::string& table) {
     const FileLock lock(source, LockMode::wait);
     requireOwnSource(source);
     settleIndexes(source, IndexUse::madeAnew);
+    ShieldedIndex index(table, IndexUse::madeAnew);
     HalfMadeIndexGuard guard(source);
     requireSuccess(runTool(postmapCommand({}, table)));
     guard.letGo();
+    index.letGo();
 }
 
 } // namespace torva::mail::postfix

@@ -15,6 +15,9 @@
 // removing or copying fails, SystemError is thrown. In a directory that only root and we
 // may write, links are the administrator's: they are followed, and stay.
 //
+// putRecords(), deleteKeys() and dumpTable() wait for as long as another process holds
+// postmap's own lock, that of the index, which everybody can who may read the index.
+//
 // While a Postfix tool runs, every child of the process is reaped, including the caller's
 // own: see torva/process/Pipe.h.
 #pragma once
@@ -64,10 +67,18 @@ Records dumpTable(const std::string& table, const RecordFilter& filter = RecordF
 /// as by putRecords(). A source with a second hard link, in a directory that another
 /// account may write, is replaced by a separate copy.
 ///
+/// Who can only read the index does not stop this by holding its lock; whoever has it open
+/// for writing is waited for, up to ten seconds. For this the index (types "hash", "btree",
+/// "lmdb", "cdb") is a new file each time, unless it has several hard links, and nobody else
+/// may open it while postmap runs. Then it has its mode and owner again.
+///
 /// \throws PostfixConfigurationError with postmap's own text, or "unknown error"
 /// \throws PostfixConfigurationError "unable to open PATH: it may have been planted by
 ///         another account": the source is a FIFO, a socket or a device, or a symbolic
 ///         link in such a directory
+/// \throws PostfixDatabaseError "INDEX is locked by another process (fuser INDEX)": it has
+///         several hard links, and so is not replaced
+/// \throws SystemError "unable to replace INDEX": for example, the disk is full
 void rebuildTable(const std::string& table);
 
 } // namespace torva::mail::postfix

@@ -176,6 +176,14 @@ void setOwnerAndMode(const TmpFile& file, uid_t owner, gid_t group, mode_t mode)
     }
 }
 
+void copyOpenFile(int file, const struct stat& status, TmpFile& copy) {
+    copyContents(file, status.st_size, copy);
+    const timespec times[2] = {status.st_atim, status.st_mtim};
+    if (::futimens(copy.descriptor(), times) != 0) {
+        throw SystemError("utimensat");
+    }
+}
+
 struct stat copyFile(const std::string& path, TmpFile& copy) {
     const process::Descriptor file(fd_above_standard(
         ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)));
@@ -186,12 +194,8 @@ struct stat copyFile(const std::string& path, TmpFile& copy) {
     if (!S_ISREG(status.st_mode)) {
         throw SystemError("open", EINVAL);
     }
-    copyContents(file.get(), status.st_size, copy);
+    copyOpenFile(file.get(), status, copy);
     setOwnerAndMode(copy, status.st_uid, status.st_gid, status.st_mode);
-    const timespec times[2] = {status.st_atim, status.st_mtim};
-    if (::futimens(copy.descriptor(), times) != 0) {
-        throw SystemError("utimensat");
-    }
     copy.commit();
     copy.setAutoclean(true);
     return status;

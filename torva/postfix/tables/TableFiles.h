@@ -67,6 +67,14 @@ bool isNameOf(const std::string& path, int fd);
 /// \throws SystemError  "open", "read", or an error of the copy
 struct stat copyFile(const std::string& path, TmpFile& copy);
 
+/// Copies contents, holes and both times of an open regular file; not owner and mode.
+///
+/// \param file    open for reading, at its first byte
+/// \param status  its fstat(2)
+/// \param copy    new; not committed
+/// \throws SystemError  "read", "write", or "utimensat"
+void copyOpenFile(int file, const struct stat& status, TmpFile& copy);
+
 /// Sets the owner and the permission bits of a temporary file, by its descriptor.
 ///
 /// \throws SystemError "chown" or "chmod"

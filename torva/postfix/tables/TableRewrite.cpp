@@ -8,6 +8,7 @@
 #include "torva/postfix/tables/NotInDomainFilter.h"
 #include "torva/postfix/tables/PostmapCommand.h"
 #include "torva/postfix/tables/Records.h"
+#include "torva/postfix/tables/ShieldedIndex.h"
 #include "torva/postfix/tables/TableFiles.h"
 #include "torva/process/Descriptor.h"
 #include "torva/util/FileLock.h"
@@ -120,12 +121,15 @@ void rewriteTable(const std::string& table, const ListingFilterFor& filterFor) {
     oldSource.setReplaced();
     settleIndexes(named, IndexUse::madeAnew);
     newSource.requireInPlace();
+    ShieldedIndex index(table, IndexUse::madeAnew);
+    newSource.requireInPlace(); // the index may have been large
     HalfMadeIndexGuard guard(named);
     requireToolSuccess(runTool(postmapCommand({}, table)));
     guard.letGo();
+    index.letGo();
     oldSource.letGo();
-    for (const auto& index : indexes) {
-        index->letGo();
+    for (const auto& kept : indexes) {
+        kept->letGo();
     }
 }
 

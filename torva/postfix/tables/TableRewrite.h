@@ -29,6 +29,9 @@ using ListingFilterFor = boost::function<ListingConsumer(std::ostream& stream)>;
 /// file with a second hard link, is itself replaced by a file of ours with mode 0644;
 /// planted index files are removed (see Postmap.h).
 ///
+/// The listing waits for the lock of the index, as dumpTable() in Postmap.h; the building
+/// does not, as rebuildTable() there, with the same errors.
+///
 /// \param table       "type:path"
 /// \param filterFor   called once
 /// \throws PostfixConfigurationError with postmap's own text, or "unknown error"

@@ -72,10 +72,10 @@ protected:
 
     static void removeDomain() { removeDomainFromTable(table, "d.net", false); }
 
-    /// The removal fails, and everything is as before, even the files themselves if they
-    /// were not changed.
+    /// The removal fails, and everything is as before, even the files themselves: the index
+    /// until a copy takes its place for the rebuild.
     template <class Error>
-    void expectAllAsBefore(bool indexTouched) {
+    void expectAllAsBefore(bool indexReplaced) {
         const Seen sourceBefore(source);
         const Seen indexBefore(index_);
         EXPECT_THROW(removeDomain(), Error);
@@ -84,7 +84,7 @@ protected:
         expectSame(sourceNow, sourceBefore);
         expectSame(indexNow, indexBefore);
         EXPECT_EQ(sourceNow.status.st_ino, sourceBefore.status.st_ino);
-        EXPECT_EQ(indexNow.status.st_ino != indexBefore.status.st_ino, indexTouched);
+        EXPECT_EQ(indexNow.status.st_ino != indexBefore.status.st_ino, indexReplaced);
         EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
     }
 
@@ -104,12 +104,12 @@ TEST_F(TableRewriteFailureTest, FailedRebuildBringsBothBack) {
 
 TEST_F(TableRewriteFailureTest, RebuildThatFailsBeforeItTouchesTheIndexLeavesIt) {
     const FakeTool fake(postmap, "case $1 in -s) exec \"$REAL\" \"$@\";; esac\nexit 1");
-    expectAllAsBefore<PostfixConfigurationError>(false);
+    expectAllAsBefore<PostfixConfigurationError>(true);
 }
 
 TEST_F(TableRewriteFailureTest, RebuildThatCannotBeStartedLeavesTheIndex) {
     const FakeTool fake(postmap, "rm /usr/sbin/postmap; exec \"$REAL\" \"$@\"");
-    expectAllAsBefore<torva::SystemError>(false);
+    expectAllAsBefore<torva::SystemError>(true);
 }
 
 TEST_F(TableRewriteFailureTest, EveryCallThatFailsBeforeTheRebuildLeavesAllAlone) {
@@ -129,7 +129,7 @@ TEST_F(TableRewriteFailureTest, EveryCallThatFailsBeforeTheRebuildLeavesAllAlone
 TEST_F(TableRewriteFailureTest, FailedRebuildLeavesNoHalfMadeIndex) {
     const FakeTool fake(postmap, "case $1 in -s) exec \"$REAL\" \"$@\";; esac\ntouch " + directory +
                                      "/__db.virtual.db; exit 1");
-    expectAllAsBefore<PostfixConfigurationError>(false);
+    expectAllAsBefore<PostfixConfigurationError>(true);
 }
 
 TEST_F(TableRewriteFailureTest, OtherNamesOfTheSourceAreItsOwnAgain) {

@@ -1,0 +1,188 @@
+// What is left of a shield: after a good run of the tool, after a failing one, after a kill,
+// and where there could be none.
+#include "CallHooks.h"
+#include "ShieldedIndexFixture.h"
+#include "support/IndexHolder.h"
+#include "torva/postfix/tables/ShieldedIndex.h"
+#include "torva/util/PostfixError.h"
+#include "torva/util/SystemError.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/mount.h>
+
+using namespace torva::mail::postfix;
+using namespace torva::test;
+using testing::ElementsAre;
+using testing::Pair;
+
+namespace {
+
+using ShieldedIndexEndTest = ShieldedIndexTest;
+
+// ---- after the tool
+
+TEST_F(ShieldedIndexEndTest, FailingToolLeavesContentModeOwnerAndTimes) {
+    const FakeTool fake(postmap, "case $1 in -s) echo 'user@d.net 1';; *) exit 1;; esac");
+    for (const MakingAnew& making : makings) {
+        SCOPED_TRACE(making.name);
+        removeAll();
+        writeFile(source, "user@d.net 1\n");
+        writeFile(index_, "what was in it");
+        ASSERT_EQ(::chown(index_.c_str(), 0, 65534), 0);
+        ASSERT_EQ(::chmod(index_.c_str(), 0604), 0);
+        const timespec times[2] = {{1000000000, 1}, {1000000000, 2}};
+        ASSERT_EQ(::utimensat(AT_FDCWD, index_.c_str(), times, 0), 0);
+        EXPECT_ANY_THROW(making.run());
+        EXPECT_EQ(contentOf(index_), "what was in it");
+        EXPECT_EQ(statusOf(index_).st_mtim.tv_sec, 1000000000);
+        EXPECT_EQ(statusOf(index_).st_mtim.tv_nsec, 2);
+        expectModeAndOwner();
+    }
+}
+
+TEST_F(ShieldedIndexEndTest, PlaceholderStaysNeitherAfterAFailureNorWhenTheToolDoesNotUseIt) {
+    for (const std::string type : {"hash", "cdb"}) {
+        for (const std::string end : {"exit 1", "exit 0"}) {
+            SCOPED_TRACE(type + end);
+            writeFile(source, "a 1\n");
+            const FakeTool fake(postmap, end);
+            try {
+                rebuildTable(type + ":" + source);
+            } catch (const PostfixConfigurationError&) { // NOLINT(bugprone-empty-catch)
+            }
+            EXPECT_EQ(fake.calls().size(), 1U);
+            EXPECT_THAT(namesIn(directory), ElementsAre("virtual"));
+        }
+    }
+}
+
+TEST_F(ShieldedIndexEndTest, FileThatTheToolPutsInPlaceOfTheIndexKeepsItsOwnMode) {
+    layOut();
+    const FakeTool fake(postmap, "rm " + index_ + "; umask 0137; echo new > " + index_);
+    rebuildTable(table);
+    EXPECT_EQ(contentOf(index_), "new\n");
+    EXPECT_EQ(statusOf(index_).st_mode, S_IFREG | 0640U);
+}
+
+TEST_F(ShieldedIndexEndTest, IndexThatAKillLeftClosedGetsTheModeOfANewOne) {
+    for (const mode_t mode : {0644U, 0640U, 0600U}) {
+        layOut();
+        ASSERT_EQ(::chmod(source.c_str(), mode), 0);
+        // The tool is killed, and so are we.
+        EXPECT_EQ(inChild([] {
+                      const FakeTool fake(postmap, "kill -KILL $PPID");
+                      rebuildTable(table);
+                      return 0;
+                  }).exited,
+                  -1);
+        ::rename((std::string(postmap) + ".real").c_str(), postmap);
+        EXPECT_EQ(statusOf(index_).st_mode, S_IFREG | 01600U);
+        rebuildTable(table);
+        EXPECT_EQ(statusOf(index_).st_mode, S_IFREG | mode);
+    }
+}
+
+// ---- links
+
+TEST_F(ShieldedIndexEndTest, IndexWithHardLinksOfTheAdministratorStaysOrIsNamedIfItIsLocked) {
+    layOut();
+    const std::string other = "/var/spool/postfix/other.db";
+    ASSERT_EQ(::link(index_.c_str(), other.c_str()), 0);
+    {
+        const IndexHolder holder(index_);
+        EXPECT_EQ(messageOf<PostfixDatabaseError>(makings[1].run),
+                  index_ + " is locked by another process (fuser " + index_ + ")");
+    }
+    makings[1].run();
+    EXPECT_EQ(statusOf(other).st_ino, statusOf(index_).st_ino);
+    EXPECT_EQ(statusOf(other).st_nlink, 2U);
+    expectModeAndOwner();
+    ::unlink(other.c_str());
+}
+
+TEST_F(ShieldedIndexEndTest, LinkOfTheAdministratorIsFollowed) {
+    layOut();
+    const std::string elsewhere = "/var/spool/postfix/elsewhere.db";
+    ASSERT_EQ(::rename(index_.c_str(), elsewhere.c_str()), 0);
+    ASSERT_EQ(::symlink("../elsewhere.db", index_.c_str()), 0);
+    EXPECT_TRUE(ends([&] {
+        const IndexHolder holder(elsewhere);
+        makings[1].run();
+    }));
+    EXPECT_TRUE(S_ISLNK(statusOf(index_).st_mode));
+    EXPECT_EQ(statusOf(elsewhere).st_mode, S_IFREG | 0604U);
+    EXPECT_THAT(dumpTable(table), ElementsAre(Pair("new", "2")));
+    ::unlink(elsewhere.c_str());
+}
+
+// ---- failures
+
+TEST_F(ShieldedIndexEndTest, FullDiskLeavesTheIndexAndNothingElse) {
+    layOut();
+    if (::mount("tmpfs", directory.c_str(), "tmpfs", 0, "size=32k,mode=755") != 0) {
+        GTEST_SKIP() << "no tmpfs here: " << std::strerror(errno);
+    }
+    writeFile(source, "a 1\n");
+    writeFile(index_, std::string(20000, 'x'));
+    ASSERT_EQ(::chmod(index_.c_str(), 0604), 0);
+    const ino_t before = statusOf(index_).st_ino;
+    const FakeTool fake(postmap, "exit 0");
+    const auto descriptors = openDescriptors();
+    EXPECT_EQ(messageOf<torva::SystemError>([] { rebuildTable(table); }),
+              "unable to replace " + index_ + ": " + std::strerror(ENOSPC));
+    EXPECT_EQ(openDescriptors(), descriptors);
+    EXPECT_EQ(fake.calls().size(), 0U);
+    EXPECT_EQ(statusOf(index_).st_ino, before);
+    EXPECT_EQ(statusOf(index_).st_mode, S_IFREG | 0604U);
+    EXPECT_EQ(contentOf(index_), std::string(20000, 'x'));
+    EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
+
+    ::unlink(index_.c_str());
+    writeFile(directory + "/filling", std::string(28672, 'x'));
+    rebuildTable(table);
+    EXPECT_EQ(fake.calls().size(), 1U) << "left to the tool";
+    EXPECT_EQ(openDescriptors(), descriptors);
+    EXPECT_THAT(namesIn(directory), ElementsAre("filling", "virtual"));
+    EXPECT_EQ(::umount(directory.c_str()), 0);
+}
+
+TEST_F(ShieldedIndexEndTest, CallThatFailsLeavesTheIndexAndNothingElse) {
+    for (const std::string call : {"fchmod", "rename", "read"}) {
+        SCOPED_TRACE(call);
+        layOut();
+        const ino_t before = statusOf(index_).st_ino;
+        const FakeTool fake(postmap, "exit 0");
+        const CallHook hook([&call](const std::string& called, const std::string&) {
+            return called == call ? EIO : 0;
+        });
+        EXPECT_EQ(messageOf<torva::SystemError>([] { rebuildTable(table); }),
+                  "unable to replace " + index_ + ": " + std::strerror(EIO));
+        EXPECT_EQ(fake.calls().size(), 0U);
+        EXPECT_EQ(statusOf(index_).st_ino, before);
+        expectModeAndOwner();
+    }
+}
+
+TEST_F(ShieldedIndexEndTest, PlaceholderThatCannotBeClosedToOthersIsRemoved) {
+    writeFile(source, "a 1\n");
+    const FakeTool fake(postmap, "exit 0");
+    const CallHook hook(
+        [](const std::string& called, const std::string&) { return called == "fchmod" ? EIO : 0; });
+    EXPECT_EQ(messageOf<torva::SystemError>([] { rebuildTable(table); }),
+              "unable to replace " + index_ + ": " + std::strerror(EIO));
+    EXPECT_THAT(namesIn(directory), ElementsAre("virtual"));
+}
+
+TEST_F(ShieldedIndexEndTest, IndexThatStaysIsNotShieldedWhenThereIsNoneOrItIsEmpty) {
+    writeFile(source, "a 1\n");
+    { shieldForChanges(table); }
+    EXPECT_THAT(namesIn(directory), ElementsAre("virtual"));
+    writeFile(index_, "");
+    const ino_t before = statusOf(index_).st_ino;
+    { shieldForChanges(table); }
+    EXPECT_EQ(statusOf(index_).st_ino, before);
+}
+
+} // namespace

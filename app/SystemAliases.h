@@ -20,9 +20,14 @@ public:
     /// but elements are removed from the value itself, so that references stay, whatever
     /// they refer to.
     ///
+    /// Who can only read an index does not stop this by holding its lock
+    /// (torva/postfix/tables/ShieldedIndex.h). Each index is a new file with the mode and
+    /// owner of the old one.
+    ///
     /// \throws PostfixConfigurationError  the parameter cannot be read or written
     /// \throws SystemError "unable to re-index system alias map": postalias failed;
     ///         the parameter is unchanged, and the databases before that one are built
+    /// \throws as ShieldedIndex and settleIndexes() (TableFiles.h), with the same result
     void check(const std::string& parameter);
 
 private:

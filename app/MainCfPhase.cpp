@@ -83,9 +83,10 @@ void createHostDomain(Context& run, const Step& step) {
     }
     run.parameters.removeFromListParameter(step.parameter, host);
     // It was made by this run: whoever holds its lock wants to stop us.
-    const mail::postfix::ShieldedIndex index =
+    mail::postfix::ShieldedIndex index =
         mail::postfix::shieldForChanges("hash:/var/spool/postfix/torva/virtual");
     mail::postfix::DomainManager().addAliasDomain(step.value, host);
+    index.letGo();
 }
 
 void closeRelay(Context&, const Step&) {

@@ -29,7 +29,7 @@ namespace torva::mail::postfix {
 ///         rebuildTable(): the source file is the new one
 /// \throws SystemError "lock() failed": nothing was changed; or a planted index file
 ///         cannot be removed, "unable to replace INDEX", or postmap not started: the source
-///         file is the new one
+///         file is the new one; or "chmod": so is the index, but others cannot open it
 /// No temporary file of ours is left, and no unfinished index of postmap's, not even one
 /// that an earlier, killed creation left.
 void createTable(const std::string& table, const Records& records);

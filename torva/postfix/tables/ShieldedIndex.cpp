@@ -27,6 +27,8 @@ constexpr int patience = 100; ///< in tenths of a second
 /// that this one was killed.
 constexpr mode_t closedMode = S_ISVTX | S_IRUSR | S_IWUSR;
 
+constexpr off_t placeholderSize = 1; ///< at most; every index is longer
+
 [[noreturn]] void throwUnable(const std::string& path, int code) {
     throw SystemError("unable to replace " + path, code);
 }
@@ -88,12 +90,16 @@ public:
     File(const File&) = delete;
     File& operator=(const File&) = delete;
 
-    void letGo() { succeeded_ = true; }
+    void letGo() {
+        succeeded_ = true;
+        finish();
+    }
 
 private:
     void shield(int index, IndexUse use);
     void replace(int index, const struct stat& status);
     void makePlaceholder();
+    void finish();
     void closeToOthers(int fd, uid_t owner, gid_t group) const;
 
     const std::string path_;
@@ -128,6 +134,13 @@ void ShieldedIndex::File::shield(int index, IndexUse use) {
     }
     if (isPlanted(path_, status)) {
         throwUnable(path_, EINVAL); // since it was checked
+    }
+    if ((status.st_mode & S_ISVTX) != 0 && status.st_size <= placeholderSize) {
+        ::unlink(path_.c_str()); // the placeholder of a guard that was killed
+        if (placeholder_ != nullptr) {
+            makePlaceholder();
+        }
+        return;
     }
     const bool staysEmpty = status.st_size == 0 && use != IndexUse::madeAnew;
     const bool isAnothers = toolUser(source_) != 0 && toolUser(source_) != status.st_uid;
@@ -168,8 +181,8 @@ void ShieldedIndex::File::replace(int index, const struct stat& status) {
 }
 
 void ShieldedIndex::File::makePlaceholder() {
-    held_ = process::Descriptor(fd_above_standard(::open(
-        path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR)));
+    held_ = process::Descriptor(fd_above_standard(
+        ::open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, closedMode)));
     if (!held_ && errno == ENOENT) {
         return; // a link of the administrator to a directory that does not exist
     }
@@ -204,20 +217,31 @@ void ShieldedIndex::File::closeToOthers(int fd, uid_t owner, gid_t group) const 
     }
 }
 
-ShieldedIndex::File::~File() {
+void ShieldedIndex::File::finish() {
     if (!held_) {
         return;
     }
-    const int saved_errno = errno;
     struct stat now = {};
-    // An index is longer than a placeholder.
-    const bool isUsed = succeeded_ && ::fstat(held_.get(), &now) == 0 && now.st_size > 1;
+    const bool isUsed =
+        succeeded_ && ::fstat(held_.get(), &now) == 0 && now.st_size > placeholderSize;
     if (made_ && !isUsed && isNameOf(path_, held_.get())) {
         ::unlink(path_.c_str());
     }
-    // Best effort: where it fails, the next operation gives the index its mode.
-    if (::fchown(held_.get(), original_.st_uid, original_.st_gid) == 0 || ::geteuid() != 0) {
-        ::fchmod(held_.get(), original_.st_mode & 0777);
+    // Only root can give the file away, and only root gets one of another account.
+    if (::geteuid() == 0 && ::fchown(held_.get(), original_.st_uid, original_.st_gid) != 0) {
+        throw SystemError("chown");
+    }
+    if (::fchmod(held_.get(), original_.st_mode & 0777) != 0) {
+        throw SystemError("chmod");
+    }
+    held_.closeQuietly();
+}
+
+ShieldedIndex::File::~File() {
+    const int saved_errno = errno;
+    try {
+        finish();
+    } catch (const SystemError&) { // NOLINT(bugprone-empty-catch): the next operation does it
     }
     errno = saved_errno;
 }

@@ -28,7 +28,8 @@ namespace torva::mail::postfix {
 /// is not root, it gets no copy: nobody is given the contents of another account's file.
 ///
 /// Access control lists are not copied. After a kill the index keeps the mode 01600, which
-/// tells the next operation that makes it anew to give it the mode of a new one.
+/// tells the next operation that makes it anew to give it the mode of a new one; a
+/// placeholder is removed.
 class ShieldedIndex {
 public:
     /// \param table  "type:path"
@@ -56,7 +57,10 @@ public:
     /// put in the place of ours.
     ~ShieldedIndex();
 
-    /// The tool succeeded.
+    /// The tool succeeded: does now what the destructor would, and tells when it fails.
+    ///
+    /// \throws SystemError "chown" or "chmod": the index is made, and closed to others until
+    ///         the next operation that makes it anew
     void letGo();
 
 private:

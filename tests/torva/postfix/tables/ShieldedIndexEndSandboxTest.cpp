@@ -16,6 +16,7 @@ using namespace torva::mail::postfix;
 using namespace torva::test;
 using testing::ElementsAre;
 using testing::Pair;
+using testing::UnorderedElementsAre;
 
 namespace {
 
@@ -82,6 +83,36 @@ TEST_F(ShieldedIndexEndTest, IndexThatAKillLeftClosedGetsTheModeOfANewOne) {
         rebuildTable(table);
         EXPECT_EQ(statusOf(index_).st_mode, S_IFREG | mode);
     }
+}
+
+TEST_F(ShieldedIndexEndTest, PlaceholderThatAKillLeftIsRemoved) {
+    for (const std::string end : {".db", ".lmdb"}) {
+        SCOPED_TRACE(end);
+        layOut();
+        writeFile(source + end, end == ".db" ? "\n" : "");
+        ASSERT_EQ(::chmod((source + end).c_str(), 01600), 0);
+        rebuildTable(table);
+        EXPECT_THAT(dumpTable(table),
+                    UnorderedElementsAre(Pair("user@d.net", "1"), Pair("new", "2")));
+        EXPECT_EQ(statusOf(index_).st_mode, S_IFREG | (end == ".db" ? 0644U : 0604U));
+        EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
+    }
+}
+
+TEST_F(ShieldedIndexEndTest, ModeThatCannotBeGivenBackIsAnErrorAndComesWithTheNextOne) {
+    layOut();
+    {
+        bool isRun = false;
+        const CallHook hook([&isRun](const std::string& call, const std::string&) {
+            isRun = isRun || call == "rename"; // of the copy; then the tool
+            return isRun && call == "fchmod" ? EIO : 0;
+        });
+        EXPECT_EQ(messageOf<torva::SystemError>([] { rebuildTable(table); }),
+                  std::string("chmod: ") + std::strerror(EIO));
+    }
+    EXPECT_EQ(statusOf(index_).st_mode, S_IFREG | 01600U);
+    rebuildTable(table);
+    EXPECT_EQ(statusOf(index_).st_mode, S_IFREG | 0644U);
 }
 
 // ---- links

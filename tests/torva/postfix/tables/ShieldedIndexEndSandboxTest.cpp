@@ -4,6 +4,7 @@
 #include "ShieldedIndexFixture.h"
 #include "support/IndexHolder.h"
 #include "torva/postfix/tables/ShieldedIndex.h"
+#include "torva/util/FileLock.h"
 #include "torva/util/PostfixError.h"
 #include "torva/util/SystemError.h"
 
@@ -204,6 +205,25 @@ TEST_F(ShieldedIndexEndTest, PlaceholderThatCannotBeClosedToOthersIsRemoved) {
     EXPECT_EQ(messageOf<torva::SystemError>([] { rebuildTable(table); }),
               "unable to replace " + index_ + ": " + std::strerror(EIO));
     EXPECT_THAT(namesIn(directory), ElementsAre("virtual"));
+}
+
+TEST_F(ShieldedIndexEndTest, IndexOfAnotherTypeIsLeftAlone) {
+    writeFile(source, "a 1\n");
+    writeFile(source + ".pag", "index");
+    const ino_t before = statusOf(source + ".pag").st_ino;
+    const FakeTool fake(postmap, "stat -c %a " + source + ".pag > " + told_);
+    const mode_t mode = statusOf(source + ".pag").st_mode & 0777;
+    rebuildTable("sdbm:" + source);
+    EXPECT_EQ(std::stoul(told(), nullptr, 8), mode);
+    EXPECT_EQ(statusOf(source + ".pag").st_ino, before);
+    EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.pag"));
+}
+
+TEST_F(ShieldedIndexEndTest, ShieldForChangesDoesNotKeepTheLockOfTheTable) {
+    layOut();
+    const ShieldedIndex shield = shieldForChanges(table);
+    EXPECT_NO_THROW(torva::FileLock(source, torva::LockMode::fail));
+    EXPECT_EQ(statusOf(index_).st_mode, S_IFREG | 01600U);
 }
 
 TEST_F(ShieldedIndexEndTest, IndexThatStaysIsNotShieldedWhenThereIsNoneOrItIsEmpty) {

@@ -5,6 +5,7 @@
 #include "support/LockHolder.h"
 #include "torva/postfix/tables/CreateTable.h"
 #include "torva/postfix/tables/Postmap.h"
+#include "torva/postfix/tables/ShieldedIndex.h"
 #include "torva/postfix/tables/TableRewrite.h"
 #include "torva/util/FileLock.h"
 
@@ -107,7 +108,9 @@ bool waitsForLock(pid_t pid) {
 
 TEST_F(TableLockTest, IsWaitedForAndUntilThenNoToolRuns) {
     createTable(table, {{"a", "1"}});
-    for (const LockedOperation& operation : lockedOperations) {
+    std::vector<LockedOperation> waiting = lockedOperations;
+    waiting.push_back({"shield", 0, true, [] { shieldForChanges(table); }});
+    for (const LockedOperation& operation : waiting) {
         if (!operation.waits) {
             continue;
         }

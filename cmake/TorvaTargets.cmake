@@ -87,7 +87,8 @@ function(torva_tests folder)
       PRIVATE TORVA_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
     add_test(NAME sandbox.${name}
       COMMAND ${CMAKE_SOURCE_DIR}/scripts/sandbox -- $<TARGET_FILE:sandbox_test_${name}>)
-    set_tests_properties(sandbox.${name} PROPERTIES SKIP_RETURN_CODE 77 LABELS sandbox TIMEOUT 600)
+    set_tests_properties(sandbox.${name} PROPERTIES
+      COST 90 SKIP_RETURN_CODE 77 LABELS sandbox TIMEOUT 600)
   endif()
   if(plain)
     add_executable(test_${name} ${plain} ${helpers})

@@ -3,6 +3,7 @@
 #include "ctl/backup/Archive.h"
 #include "ctl/backup/Directory.h"
 #include "ctl/host/Files.h"
+#include "ctl/report/Size.h"
 #include "torva/util/SystemError.h"
 
 #include <algorithm>
@@ -135,10 +136,6 @@ void requireReadable(int archive, const Snapshot& wanted) {
     if (files != static_cast<std::size_t>(wantedFiles)) {
         throw std::runtime_error("the archive does not read back");
     }
-}
-
-std::string megabytes(std::uint64_t bytes) {
-    return std::to_string(bytes / 1048576) + " MB";
 }
 
 /// A backup that does not fit must not fill the disk before it fails: mail needs it, too.

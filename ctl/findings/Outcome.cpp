@@ -145,10 +145,6 @@ std::vector<std::string> valuesWithMaps(const Postfix& postfix, const MasterCfTe
     return values;
 }
 
-bool isBelow(const std::string& path, const std::string& directory) {
-    return !directory.empty() && path.compare(0, directory.size() + 1, directory + "/") == 0;
-}
-
 void findMap(const MapReference& map, const Postfix& postfix, Findings& findings) {
     const std::string file = openedFile({postfix.readAs(map.type), map.file});
     if (::access(file.c_str(), F_OK) == 0) {
@@ -168,8 +164,8 @@ void findMaps(const Postfix& postfix, const MasterCfText& masterCf, Findings& fi
         for (const MapReference& map : mapReferences(value)) {
             // The run creates the panel's tables, and Postfix's daemons those in the data
             // directory.
-            if (!isBelow(map.file, tablesDirectory) &&
-                !isBelow(map.file, postfix.value("data_directory")) &&
+            if (!isAtOrBelow(map.file, tablesDirectory) &&
+                !isAtOrBelow(map.file, postfix.value("data_directory")) &&
                 seen.insert(map.text()).second) {
                 findMap(map, postfix, findings);
             }

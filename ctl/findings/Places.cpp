@@ -5,6 +5,7 @@
 #include "ctl/host/Mounts.h"
 #include "ctl/host/PanelRun.h"
 #include "ctl/host/TouchedPaths.h"
+#include "ctl/report/Size.h"
 #include "torva/util/SystemError.h"
 
 #include <cstdint>
@@ -15,8 +16,7 @@ namespace torva::ctl {
 
 namespace {
 
-constexpr std::uint64_t megabyte = 1048576;
-constexpr std::uint64_t margin = megabyte; ///< bytes for files that a run creates
+constexpr std::uint64_t margin = 1048576; ///< bytes for files that a run creates
 constexpr std::uint64_t marginOfInodes = 100;
 
 /// The space that a copy of the files needs.
@@ -41,10 +41,6 @@ std::string nearest(std::string path) {
         path = directoryOf(path);
     }
     return path;
-}
-
-std::string megabytes(std::uint64_t bytes) {
-    return std::to_string(bytes / megabyte) + " MB";
 }
 
 void findRoomIn(const std::string& place, const Need& need, std::string& told, Findings& findings) {

@@ -116,6 +116,11 @@ std::string resolved(const std::string& path) {
     return result.empty() ? "/" : result;
 }
 
+bool isAtOrBelow(const std::string& path, const std::string& directory) {
+    return !directory.empty() &&
+           (path == directory || path.compare(0, directory.size() + 1, directory + "/") == 0);
+}
+
 std::string directoryOf(const std::string& path) {
     const std::string::size_type slash = path.rfind('/');
     return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);

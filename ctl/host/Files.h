@@ -20,6 +20,10 @@ std::optional<std::string> readAll(int fd);
 /// exist are kept. A relative path is taken as relative to "/".
 std::string resolved(const std::string& path);
 
+/// Whether a path is that of a directory, or of something below it. Both as they are
+/// written: nothing is resolved. No path is below "".
+bool isAtOrBelow(const std::string& path, const std::string& directory);
+
 /// The directory of a path, "/" for files in it; and the last component.
 std::string directoryOf(const std::string& path);
 std::string nameOf(const std::string& path);

@@ -31,13 +31,9 @@ namespace {
 const std::array<std::string, 7> privateDirectories{"/etc", "/var",  "/usr", "/run",
                                                     "/dev", "/proc", "/sys"};
 
-bool isBelow(const std::string& path, const std::string& directory) {
-    return path == directory || path.compare(0, directory.size() + 1, directory + "/") == 0;
-}
-
 bool isPrivate(const std::string& path) {
     return std::any_of(privateDirectories.begin(), privateDirectories.end(),
-                       [&](const std::string& directory) { return isBelow(path, directory); });
+                       [&](const std::string& directory) { return isAtOrBelow(path, directory); });
 }
 
 bool isDirectory(const std::string& path) {
@@ -185,7 +181,7 @@ void coverRest(const Postfix& postfix) {
     paths.push_back(postfix.value("data_directory") + "/.");
     for (const std::string& path : paths) {
         const std::string directory = resolved(directoryOf(path));
-        const auto isCovered = [&](const std::string& one) { return isBelow(directory, one); };
+        const auto isCovered = [&](const std::string& one) { return isAtOrBelow(directory, one); };
         if (directory != "/" && isDirectory(directory) && !isPrivate(directory) &&
             std::none_of(covered.begin(), covered.end(), isCovered)) {
             coverWithOverlay(directory, "/run/tmp/over/" + std::to_string(covered.size()));

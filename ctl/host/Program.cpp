@@ -14,7 +14,7 @@ namespace torva::ctl {
 
 namespace {
 
-bool wanted = false;      ///< see announceWaits()
+bool announces = false;   ///< see announceWaits()
 std::string announcement; ///< written by the handler; not changed while the timer runs
 
 void writeAnnouncement(int) {
@@ -33,14 +33,14 @@ void setTimer(long seconds) {
 class WaitNotice {
 public:
     explicit WaitNotice(const std::vector<std::string>& words) {
-        if (wanted) {
+        if (announces) {
             announcement =
                 "torva-postfixctl: waiting for " + boost::algorithm::join(words, " ") + "\n";
             setTimer(1);
         }
     }
     ~WaitNotice() {
-        if (wanted) {
+        if (announces) {
             setTimer(0);
         }
     }
@@ -115,7 +115,7 @@ void announceWaits() {
     struct sigaction action {};
     action.sa_handler = &writeAnnouncement;
     action.sa_flags = SA_RESTART;
-    wanted = ::sigaction(SIGALRM, &action, nullptr) == 0;
+    announces = ::sigaction(SIGALRM, &action, nullptr) == 0;
 }
 
 } // namespace torva::ctl

@@ -166,16 +166,16 @@ void restoreServices(const Postfix& postfix, const Sheltered& sheltered,
 void putRecordsBack(const Postfix& postfix, const RecordsByTable& before,
                     std::vector<Finding>& findings) {
     const RecordsByTable missing = missingRecords(before, readRecords(postfix));
-    const std::vector<std::string> refused = putBack(missing);
+    const std::vector<std::string> notPutBack = putBack(missing);
     const std::string counted = countedRecords(missing);
     if (!counted.empty()) {
         findings.push_back(
             {Level::done, "records", "put back what the run dropped: " + counted, ""});
     }
-    if (!refused.empty()) {
+    if (!notPutBack.empty()) {
         findings.push_back({Level::warning, "records",
                             "not put back, because of white space in the key: " +
-                                boost::algorithm::join(refused, ", "),
+                                boost::algorithm::join(notPutBack, ", "),
                             "have the panel write these again"});
     }
 }

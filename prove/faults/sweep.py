@@ -158,15 +158,14 @@ def spread(points):
 
 
 def shortened(points):
-    """Some of the points: the first and the last of each call and some between, with another
-    error each time; more of them in the master.cf phase."""
+    """Some of the points: the first of each call and some later ones, with another error each
+    time; more of them in the master.cf phase."""
     chosen, seen = [], collections.Counter()
-    groups = collections.Counter((p.kind, p.call, p.how, p.phase == "master") for p in points)
     for point in points:
         group = (point.kind, point.call, point.how, point.phase == "master")
         # No common factor with the number of errors, so that the error is another one each time.
-        step = {"resources": 4}.get(point.kind, 19 if point.phase == "master" else 157)
-        if seen[group] % step == 0 or seen[group] == groups[group] - 1:
+        step = {"resources": 6}.get(point.kind, 23 if point.phase == "master" else 257)
+        if seen[group] % step == 0:
             chosen.append(point)
         seen[group] += 1
     return chosen

@@ -8,7 +8,8 @@
         libmariadb-dev libsqlite3-dev libssl-dev libarchive-dev libcli11-dev nlohmann-json3-dev)
     packages_to_run=(postfix postfix-pcre iproute2 mount bsdutils util-linux hostname diffutils)
     packages_to_test=(libgtest-dev libgmock-dev libbenchmark-dev mariadb-server python3 procps
-        clang-format clang-tidy shellcheck man-db debhelper lintian dpkg-dev strace libsasl2-modules openssl)
+        clang libclang-rt-dev clang-format clang-tidy shellcheck man-db debhelper lintian
+        dpkg-dev strace libsasl2-modules openssl)
     packages_for_releases=(debootstrap git)
     packages_for_packages=(build-essential debhelper dpkg-dev git lintian man-db)
 }

@@ -226,5 +226,13 @@ TEST_F(SnapshotTest, ResolvedPathGoesThroughNoLink) {
     EXPECT_EQ(resolved(path("round")), path("round"));
 }
 
+TEST_F(SnapshotTest, PathIsBelowADirectoryByWholeComponents) {
+    EXPECT_TRUE(isAtOrBelow("/etc", "/etc"));
+    EXPECT_TRUE(isAtOrBelow("/etc/postfix/main.cf", "/etc"));
+    EXPECT_FALSE(isAtOrBelow("/etcetera", "/etc"));
+    EXPECT_FALSE(isAtOrBelow("/et", "/etc"));
+    EXPECT_FALSE(isAtOrBelow("/etc", ""));
+}
+
 } // namespace
 } // namespace torva::ctl

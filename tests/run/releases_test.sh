@@ -1,5 +1,5 @@
 #!/bin/bash
-# What scripts/prove releases promises before any suite is installed.
+# What scripts/prove releases makes of what happens in a suite: the systems are stand-ins.
 #     releases_test.sh TEST
 set -euo pipefail
 source "${BASH_SOURCE[0]%/*}/shell_test.sh"
@@ -39,6 +39,75 @@ test_help_installs_nothing() {
     stand_in dpkg-query 'exit 1'
     stand_in apt-get 'echo "apt-get $*" >&2; exit 1'
     expect_contains "help" "usage: scripts/prove releases" "$("$releases" releases --help 2>&1)"
+}
+
+# suite_that_writes TEXT: from now on, a run in any suite leaves these results.
+suite_that_writes() {
+    command -v git >/dev/null || skip_test "git is not installed"
+    copy_of_scripts
+    stand_in apt-get 'echo "$(sed -n "s/^VERSION_CODENAME=//p" /etc/os-release) http://archive.example/debian"'
+    # shellcheck disable=SC2016 # expanded by the stand-in
+    stand_in debootstrap 'mkdir -p "$3/etc" "$3/root" && touch "$3/etc/os-release"'
+    printf '%s' "$1" >"$scratch/results"
+    printf '#!/bin/bash\ncp "%s" "$1/root/results"\n' "$scratch/results" >"$scratch/tree/prove/releases/enter"
+    git -C "$scratch/tree" init --quiet
+    git -C "$scratch/tree" add scripts
+    git -C "$scratch/tree" -c user.name=test -c user.email=test@example.org commit --quiet -m test
+}
+
+green_results() {
+    printf '%s\t%s\n' demo works passed 1034 failed 0 skipped 8 packages pass \
+        postfix 3.10.13-0 compiler "g++ 14.2.0" boost 1.83.0.2
+}
+
+test_green_suites_are_a_row_each_and_status_0() {
+    need_root_here
+    suite_that_writes "$(green_results)"
+    local text status=0
+    text=$("$releases" releases --short bookworm trixie 2>&1) || status=$?
+    expect_equal "exit status" 0 "$status"
+    expect_contains "trixie" "trixie: green" "$text"
+    local row="3.10.13-0 | g++ 14.2.0 | 1.83.0.2 | works | 1034 | 0 | 8 | pass |"
+    expect_contains "rows" "| bookworm | $row"$'\n'"| trixie | $row" "$text"
+}
+
+test_table_replaces_the_one_of_a_file_and_nothing_else() {
+    need_root_here
+    suite_that_writes "$(green_results)"
+    local marks=("<!-- releases: scripts/prove releases writes this -->" "<!-- end of the releases -->")
+    printf '%s\n' before "${marks[0]}" old "${marks[1]}" after >"$scratch/page"
+    "$releases" releases --output "$scratch/page" trixie >/dev/null 2>&1
+    local page
+    page=$(<"$scratch/page")
+    expect_equal "first line" before "${page%%$'\n'*}"
+    expect_equal "last line" after "${page##*$'\n'}"
+    expect_contains "row" "| trixie | 3.10.13-0 |" "$page"
+    [[ $page != *old* ]] || fail "the old table is still there"
+    expect_contains "marks" "${marks[0]}"$'\n\n'"| Suite |" "$page"
+    expect_contains "marks" "|"$'\n\n'"${marks[1]}" "$page"
+}
+
+# expect_not_green RESULTS PART: the suite fails, and its row has PART.
+expect_not_green() {
+    printf '%s' "$1" >"$scratch/results"
+    local text status=0
+    text=$("$releases" releases trixie 2>&1) || status=$?
+    expect_equal "exit status with $2" 1 "$status"
+    expect_contains "suite with $2" "trixie: NOT GREEN" "$text"
+    expect_contains "row" "$2" "$text"
+}
+
+test_suite_in_which_anything_fails_is_not_green() {
+    need_root_here
+    suite_that_writes ""
+    local good
+    good=$(green_results)
+    expect_not_green "${good/failed$'\t'0/failed$'\t'1}" "| 1034 | 1 | 8 |"
+    expect_not_green "${good/works/ends with 3}" "| ends with 3 |"
+    expect_not_green "${good/pass$'\n'/end with 2$'\n'}" "| end with 2 |"
+    expect_not_green "${good/passed$'\t'1034/passed$'\t'0}" "| 0 | 0 | 8 |"
+    # It did not get as far as the tests.
+    expect_not_green "demo"$'\t'"works" "| trixie | ? | ? | ? | works | ? | ? | ? | ? |"
 }
 
 run_tests "$@"

@@ -64,7 +64,7 @@ DisturbedErrno::~DisturbedErrno() {
     left_errno = 0;
 }
 
-#if !defined(__SANITIZE_ADDRESS__)
+#if !TORVA_TEST_ASAN
 namespace {
 
 bool fails(std::size_t size) {
@@ -103,7 +103,7 @@ void look_at_freed(void* memory) {
 
 } // namespace torva::test
 
-#if !defined(__SANITIZE_ADDRESS__)
+#if !TORVA_TEST_ASAN
 extern "C" {
 
 // NOLINTBEGIN(bugprone-reserved-identifier): the names are the C library's

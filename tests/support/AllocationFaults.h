@@ -3,16 +3,14 @@
 // own allocator, there are no faults: see allocation_faults_work.
 #pragma once
 
+#include "support/Sanitizer.h"
+
 #include <cstddef>
 #include <cstdint>
 
 namespace torva::test {
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool allocation_faults_work = false;
-#else
-constexpr bool allocation_faults_work = true;
-#endif
+constexpr bool allocation_faults_work = TORVA_TEST_ASAN == 0;
 
 constexpr const char* no_allocation_faults =
     "memory cannot be made to run out under AddressSanitizer's allocator";

@@ -2,6 +2,8 @@
 // process-wide state, or whose standard streams are compared byte for byte.
 #pragma once
 
+#include "support/Sanitizer.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -15,17 +17,6 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#if defined(__SANITIZE_ADDRESS__)
-#define TORVA_TEST_ASAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define TORVA_TEST_ASAN 1
-#endif
-#endif
-#ifndef TORVA_TEST_ASAN
-#define TORVA_TEST_ASAN 0
-#endif
 
 namespace torva::test {
 

@@ -12,6 +12,9 @@
 #include <sys/resource.h>
 #include <syslog.h>
 
+// Formats that are no literals are among what is tested.
+#pragma GCC diagnostic ignored "-Wformat-security"
+
 using torva::test::exhaustMemory;
 using torva::test::inChild;
 using torva::test::Outcome;

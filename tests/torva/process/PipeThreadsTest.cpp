@@ -2,6 +2,7 @@
 #include "torva/process/Pipe.h"
 
 #include "ProcessFixture.h"
+#include "support/Sanitizer.h"
 #include "torva/process/ProcessSetCatcher.h"
 #include "torva/process/SignalGuards.h"
 
@@ -22,11 +23,7 @@ class PipeThreadsTest : public ProcessTest {};
 
 // A fault in who gets SIGCHLD showed within 30 launches. Under the address sanitizer a
 // launch takes twenty times as long.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr int manyLaunches = 200;
-#else
-constexpr int manyLaunches = 2000;
-#endif
+constexpr int manyLaunches = TORVA_TEST_ASAN ? 200 : 2000;
 
 // Threads that do the same over and over until the end.
 class Threads {

@@ -88,7 +88,7 @@ TEST_F(ProcessSetCatcherTest, DrainTakesAllBytesAndDoesNotWait) {
     ProcessSetCatcher catcher(children);
     catcher.install();
     // As many times 256 bytes as it may be read in, and more.
-    for (const std::size_t count : {1, 255, 256, 257, 512, 1000}) {
+    for (const std::size_t count : {1U, 255U, 256U, 257U, 512U, 1000U}) {
         const std::string bytes(count, 't');
         ASSERT_EQ(static_cast<ssize_t>(count), ::write(ends[1], bytes.data(), count));
         catcher.drain();

@@ -51,7 +51,7 @@ TEST_F(WriteSomeTest, NearlyFullPipeTakesTheFirstHalvesThatFitAndErrnoIsKept) {
 }
 
 TEST_F(WriteSomeTest, LastFreeByteIsStillTaken) {
-    for (const std::size_t size : {1, 2, 3, 100}) {
+    for (const std::size_t size : {1U, 2U, 3U, 100U}) {
         const PipeEnds ends = nearlyFullPipe(1);
         const std::string data(size, 'd');
         EXPECT_EQ(1u, writeSome(ends.write.get(), data.data(), size)) << size;

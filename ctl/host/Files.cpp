@@ -1,6 +1,7 @@
 #include "ctl/host/Files.h"
 
 #include "torva/process/Descriptor.h"
+#include "torva/util/ExtendedAttributes.h"
 #include "torva/util/SystemError.h"
 
 #include <cerrno>
@@ -10,7 +11,6 @@
 #include <fcntl.h>
 #include <sstream>
 #include <sys/stat.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 #include <vector>
 
@@ -45,16 +45,6 @@ void pushComponents(std::deque<std::string>& components, const std::string& path
 
 [[noreturn]] void fail(const std::string& operation) {
     throwSystemError(operation, errno);
-}
-
-void copyAttribute(int from, int to, const char* name) {
-    char value[65536]; // the largest that Linux allows
-    const ssize_t size = ::fgetxattr(from, name, value, sizeof(value));
-    if (size < 0 || ::fsetxattr(to, name, value, static_cast<std::size_t>(size), 0) != 0) {
-        if (errno != ENOTSUP && errno != ENODATA) {
-            fail("fsetxattr");
-        }
-    }
 }
 
 } // namespace
@@ -157,12 +147,7 @@ void copyAttributes(int from, int to) {
     if (::fchmod(to, status.st_mode & 07777) != 0) {
         fail("fchmod");
     }
-    char names[65536];
-    const ssize_t size = ::flistxattr(from, names, sizeof(names));
-    for (ssize_t at = 0; at < size;
-         at += static_cast<ssize_t>(std::string(names + at).size()) + 1) {
-        copyAttribute(from, to, names + at);
-    }
+    copyExtendedAttributes(from, to);
 }
 
 void replaceText(const std::string& path, const std::string& text) {

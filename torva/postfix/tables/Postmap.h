@@ -78,8 +78,8 @@ Records dumpTable(const std::string& table, const RecordFilter& filter = RecordF
 ///         link in such a directory
 /// \throws PostfixDatabaseError "INDEX is locked by another process (fuser INDEX)": it has
 ///         several hard links, and so is not replaced
-/// \throws SystemError "unable to replace INDEX": for example, the disk is full; or "chmod":
-///         others cannot open the new index
+/// \throws SystemError "unable to replace INDEX": it is locked, and the disk is full, for
+///         example; or "chmod": others cannot open the new index
 void rebuildTable(const std::string& table);
 
 } // namespace torva::mail::postfix

@@ -29,6 +29,10 @@ constexpr mode_t closedMode = S_ISVTX | S_IRUSR | S_IWUSR;
 
 constexpr off_t placeholderSize = 1; ///< at most; every index is longer
 
+constexpr time_t placeholderTime = 1; ///< the tool that writes it changes that
+
+constexpr int swapped = EEXIST; ///< somebody has put another file in the place of the copy
+
 [[noreturn]] void throwUnable(const std::string& path, int code) {
     throw SystemError("unable to replace " + path, code);
 }
@@ -45,6 +49,10 @@ bool nobodyWrites(int index) {
     }
     // Not every file system has leases. The lock tells less: a reader can hold it, too.
     return errno != EAGAIN && ::flock(index, LOCK_EX | LOCK_NB) == 0;
+}
+
+bool isLocked(int index) {
+    return ::flock(index, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 
 /// \return false: somebody still has it open for writing
@@ -72,8 +80,7 @@ mode_t modeOfNew(const struct stat& source) {
 bool mayBeReplaced(int index, const struct stat& status, const std::string& path, IndexUse use) {
     const bool hasWriter = !waitForWriters(index);
     const bool isShared = status.st_nlink > 1; // by the administrator, and so it stays
-    const bool isLocked = ::flock(index, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
-    if ((isShared && isLocked) || (hasWriter && use != IndexUse::madeAnew)) {
+    if ((isShared && isLocked(index)) || (hasWriter && use != IndexUse::madeAnew)) {
         throw PostfixDatabaseError(path + " is locked by another process (fuser " + path + ")");
     }
     return !isShared;
@@ -98,6 +105,7 @@ public:
 private:
     void shield(int index, IndexUse use);
     void replace(int index, const struct stat& status);
+    void putCopyInPlace(int index, const struct stat& status);
     void makePlaceholder();
     void finish();
     void closeToOthers(int fd, uid_t owner, gid_t group) const;
@@ -152,32 +160,42 @@ void ShieldedIndex::File::shield(int index, IndexUse use) {
 
 void ShieldedIndex::File::replace(int index, const struct stat& status) {
     try {
-        TmpFile copy(path_ + ".");
-        copyOpenFile(index, status, copy);
-        if (status.st_size == 0 && placeholder_ != nullptr) {
-            copy << placeholder_;
-        }
-        closeToOthers(copy.descriptor(), status.st_uid, status.st_gid);
-        held_ = process::Descriptor(::fcntl(copy.descriptor(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
-        if (!held_) {
-            throw SystemError("dup");
-        }
-        copy.commit();
-        copy.setAutoclean(true);
-        if (!isNameOf(copy.path(), held_.get())) {
-            throw SystemError("rename", EEXIST); // swapped in between
-        }
-        if (std::rename(copy.path().c_str(), path_.c_str()) != 0) {
-            throw SystemError("rename");
-        }
-        copy.setAutoclean(false);
+        putCopyInPlace(index, status);
     } catch (const SystemError& error) {
-        throwUnable(path_, error.code());
+        held_.closeQuietly();
+        // The disk is full, or a file system is mounted there. If the lock is free, the tool
+        // may find that it can write the index all the same.
+        if (error.code() == swapped || isLocked(index)) {
+            throwUnable(path_, error.code());
+        }
+        return;
     }
     original_ = status;
     if ((status.st_mode & S_ISVTX) != 0) {
         original_.st_mode = modeOfNew(source_);
     }
+}
+
+void ShieldedIndex::File::putCopyInPlace(int index, const struct stat& status) {
+    TmpFile copy(path_ + ".");
+    copyOpenFile(index, status, copy);
+    if (status.st_size == 0 && placeholder_ != nullptr) {
+        copy << placeholder_;
+    }
+    closeToOthers(copy.descriptor(), status.st_uid, status.st_gid);
+    held_ = process::Descriptor(::fcntl(copy.descriptor(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    if (!held_) {
+        throw SystemError("dup");
+    }
+    copy.commit();
+    copy.setAutoclean(true);
+    if (!isNameOf(copy.path(), held_.get())) {
+        throw SystemError("rename", swapped);
+    }
+    if (std::rename(copy.path().c_str(), path_.c_str()) != 0) {
+        throw SystemError("rename");
+    }
+    copy.setAutoclean(false);
 }
 
 void ShieldedIndex::File::makePlaceholder() {
@@ -197,6 +215,10 @@ void ShieldedIndex::File::makePlaceholder() {
         const std::size_t size = std::strlen(placeholder_);
         if (::write(held_.get(), placeholder_, size) != static_cast<ssize_t>(size)) {
             throw SystemError("write");
+        }
+        const timespec times[2] = {{placeholderTime, 0}, {placeholderTime, 0}};
+        if (::futimens(held_.get(), times) != 0) {
+            throw SystemError("utimensat");
         }
     } catch (const SystemError& error) {
         ::unlink(path_.c_str());
@@ -222,8 +244,8 @@ void ShieldedIndex::File::finish() {
         return;
     }
     struct stat now = {};
-    const bool isUsed =
-        succeeded_ && ::fstat(held_.get(), &now) == 0 && now.st_size > placeholderSize;
+    const bool isUsed = succeeded_ && ::fstat(held_.get(), &now) == 0 &&
+                        (now.st_mtim.tv_sec != placeholderTime || now.st_size > placeholderSize);
     if (made_ && !isUsed && isNameOf(path_, held_.get())) {
         ::unlink(path_.c_str());
     }
@@ -258,12 +280,10 @@ ShieldedIndex::ShieldedIndex(const std::string& type, const std::string& source,
         files_.push_back(std::make_unique<File>(path, status, use, placeholder));
     };
     if (type == "hash" || type == "btree") {
-        const std::string index = resolvedSource(source + ".db");
-        const bool isNew = ::access(index.c_str(), F_OK) != 0;
         // postmap removes an empty index and makes another one, which others may open.
-        add(index, "\n");
+        add(resolvedSource(source + ".db"), "\n");
         // A Postfix without Berkeley DB may use LMDB for these types.
-        add(resolvedSource(source + ".lmdb"), isNew ? "" : nullptr);
+        add(resolvedSource(source + ".lmdb"), nullptr);
     } else if (type == "lmdb") {
         add(resolvedSource(source + ".lmdb"), "");
     } else if (type == "cdb" && use == IndexUse::madeAnew) {

@@ -27,9 +27,8 @@ namespace torva::mail::postfix {
 /// the copy. If the index does not belong to the account as which the tool works, and this
 /// is not root, it gets no copy: nobody is given the contents of another account's file.
 ///
-/// Access control lists are not copied. After a kill the index keeps the mode 01600, which
-/// tells the next operation that makes it anew to give it the mode of a new one; a
-/// placeholder is removed.
+/// After a kill the index keeps the mode 01600, which tells the next operation that makes it
+/// anew to give it the mode of a new one; a placeholder is removed.
 class ShieldedIndex {
 public:
     /// \param table  "type:path"
@@ -44,8 +43,10 @@ public:
     /// \throws PostfixDatabaseError "PATH is locked by another process (fuser PATH)": see
     ///         `use`; or it is locked and has several hard links, which are the
     ///         administrator's: such an index is not replaced
-    /// \throws SystemError "unable to replace PATH": for example, the disk is full. If it is
-    ///         too full for a placeholder, there is none, and the tool reports that
+    /// \throws SystemError "unable to replace PATH": it is locked, and cannot be replaced, for
+    ///         example because the disk is full, or because a file system is mounted there;
+    ///         or a placeholder cannot be made. Where an index that is not locked cannot be
+    ///         replaced, or the disk is too full for a placeholder, the tool goes without
     /// After an exception the index is as before, and no temporary file is left.
     ShieldedIndex(const std::string& type, const std::string& source, IndexUse use);
     ShieldedIndex(const ShieldedIndex&) = delete;

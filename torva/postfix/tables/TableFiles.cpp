@@ -2,6 +2,7 @@
 
 #include "torva/libc/descriptor.h"
 #include "torva/process/Descriptor.h"
+#include "torva/util/ExtendedAttributes.h"
 #include "torva/util/PostfixError.h"
 #include "torva/util/SystemError.h"
 #include "torva/util/WritableByOthers.h"
@@ -178,6 +179,7 @@ void setOwnerAndMode(const TmpFile& file, uid_t owner, gid_t group, mode_t mode)
 
 void copyOpenFile(int file, const struct stat& status, TmpFile& copy) {
     copyContents(file, status.st_size, copy);
+    copyExtendedAttributes(file, copy.descriptor());
     const timespec times[2] = {status.st_atim, status.st_mtim};
     if (::futimens(copy.descriptor(), times) != 0) {
         throw SystemError("utimensat");

@@ -59,7 +59,8 @@ bool isPlanted(const std::string& path, const struct stat& status);
 /// Whether a path still names the file that a descriptor is open on.
 bool isNameOf(const std::string& path, int fd);
 
-/// Copies a regular file: contents, holes, owner, permission bits, and both times.
+/// Copies a regular file: contents, holes, owner, permission bits, extended attributes, and
+/// both times.
 ///
 /// \param path  not followed when it is a link
 /// \param copy  new, in the same directory; committed
@@ -67,7 +68,8 @@ bool isNameOf(const std::string& path, int fd);
 /// \throws SystemError  "open", "read", or an error of the copy
 struct stat copyFile(const std::string& path, TmpFile& copy);
 
-/// Copies contents, holes and both times of an open regular file; not owner and mode.
+/// Copies contents, holes, extended attributes and both times of an open regular file; not
+/// owner and mode.
 ///
 /// \param file    open for reading, at its first byte
 /// \param status  its fstat(2)

@@ -12,6 +12,8 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/mount.h>
+#include <sys/xattr.h>
+#include <utility>
 
 using namespace torva::mail::postfix;
 using namespace torva::test;
@@ -87,17 +89,13 @@ TEST_F(ShieldedIndexEndTest, IndexThatAKillLeftClosedGetsTheModeOfANewOne) {
 }
 
 TEST_F(ShieldedIndexEndTest, PlaceholderThatAKillLeftIsRemoved) {
-    for (const std::string end : {".db", ".lmdb"}) {
-        SCOPED_TRACE(end);
-        layOut();
-        writeFile(source + end, end == ".db" ? "\n" : "");
-        ASSERT_EQ(::chmod((source + end).c_str(), 01600), 0);
-        rebuildTable(table);
-        EXPECT_THAT(dumpTable(table),
-                    UnorderedElementsAre(Pair("user@d.net", "1"), Pair("new", "2")));
-        EXPECT_EQ(statusOf(index_).st_mode, S_IFREG | (end == ".db" ? 0644U : 0604U));
-        EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
-    }
+    layOut();
+    writeFile(index_, "\n");
+    ASSERT_EQ(::chmod(index_.c_str(), 01600), 0);
+    rebuildTable(table);
+    EXPECT_THAT(dumpTable(table), UnorderedElementsAre(Pair("user@d.net", "1"), Pair("new", "2")));
+    EXPECT_EQ(statusOf(index_).st_mode, S_IFREG | 0644U);
+    EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
 }
 
 TEST_F(ShieldedIndexEndTest, ModeThatCannotBeGivenBackIsAnErrorAndComesWithTheNextOne) {
@@ -151,7 +149,7 @@ TEST_F(ShieldedIndexEndTest, LinkOfTheAdministratorIsFollowed) {
 
 // ---- failures
 
-TEST_F(ShieldedIndexEndTest, FullDiskLeavesTheIndexAndNothingElse) {
+TEST_F(ShieldedIndexEndTest, OnAFullDiskTheIndexStaysAndIsNamedIfItIsLocked) {
     layOut();
     if (::mount("tmpfs", directory.c_str(), "tmpfs", 0, "size=32k,mode=755") != 0) {
         GTEST_SKIP() << "no tmpfs here: " << std::strerror(errno);
@@ -162,10 +160,16 @@ TEST_F(ShieldedIndexEndTest, FullDiskLeavesTheIndexAndNothingElse) {
     const ino_t before = statusOf(index_).st_ino;
     const FakeTool fake(postmap, "exit 0");
     const auto descriptors = openDescriptors();
-    EXPECT_EQ(messageOf<torva::SystemError>([] { rebuildTable(table); }),
-              "unable to replace " + index_ + ": " + std::strerror(ENOSPC));
+    {
+        const IndexHolder holder(index_);
+        EXPECT_EQ(messageOf<torva::SystemError>([] { rebuildTable(table); }),
+                  "unable to replace " + index_ + ": " + std::strerror(ENOSPC));
+        EXPECT_EQ(fake.calls().size(), 0U);
+    }
     EXPECT_EQ(openDescriptors(), descriptors);
-    EXPECT_EQ(fake.calls().size(), 0U);
+    rebuildTable(table);
+    EXPECT_EQ(fake.calls().size(), 1U) << "left to the tool";
+    EXPECT_EQ(openDescriptors(), descriptors);
     EXPECT_EQ(statusOf(index_).st_ino, before);
     EXPECT_EQ(statusOf(index_).st_mode, S_IFREG | 0604U);
     EXPECT_EQ(contentOf(index_), std::string(20000, 'x'));
@@ -174,7 +178,7 @@ TEST_F(ShieldedIndexEndTest, FullDiskLeavesTheIndexAndNothingElse) {
     ::unlink(index_.c_str());
     writeFile(directory + "/filling", std::string(28672, 'x'));
     rebuildTable(table);
-    EXPECT_EQ(fake.calls().size(), 1U) << "left to the tool";
+    EXPECT_EQ(fake.calls().size(), 2U) << "left to the tool";
     EXPECT_EQ(openDescriptors(), descriptors);
     EXPECT_THAT(namesIn(directory), ElementsAre("filling", "virtual"));
     EXPECT_EQ(::umount(directory.c_str()), 0);
@@ -186,15 +190,59 @@ TEST_F(ShieldedIndexEndTest, CallThatFailsLeavesTheIndexAndNothingElse) {
         layOut();
         const ino_t before = statusOf(index_).st_ino;
         const FakeTool fake(postmap, "exit 0");
-        const CallHook hook([&call](const std::string& called, const std::string&) {
-            return called == call ? EIO : 0;
+        bool fails = true; // once
+        const CallHook hook([&](const std::string& called, const std::string&) {
+            return called == call && std::exchange(fails, false) ? EIO : 0;
         });
-        EXPECT_EQ(messageOf<torva::SystemError>([] { rebuildTable(table); }),
-                  "unable to replace " + index_ + ": " + std::strerror(EIO));
-        EXPECT_EQ(fake.calls().size(), 0U);
+        rebuildTable(table);
+        EXPECT_FALSE(fails);
+        EXPECT_EQ(fake.calls().size(), 1U) << "its lock is free: the tool may do without";
+        {
+            const IndexHolder holder(index_);
+            fails = true;
+            EXPECT_EQ(messageOf<torva::SystemError>([] { rebuildTable(table); }),
+                      "unable to replace " + index_ + ": " + std::strerror(EIO));
+        }
+        EXPECT_EQ(fake.calls().size(), 1U);
         EXPECT_EQ(statusOf(index_).st_ino, before);
         expectModeAndOwner();
     }
+}
+
+TEST_F(ShieldedIndexEndTest, IndexOnWhichAFileIsMountedIsMadeAnewInPlace) {
+    layOut();
+    const std::string other = "/var/spool/postfix/other.db";
+    writeFile(other, contentOf(index_));
+    if (::mount(other.c_str(), index_.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+        GTEST_SKIP() << "nothing can be mounted here: " << std::strerror(errno);
+    }
+    makings[1].run();
+    EXPECT_THAT(dumpTable(table), ElementsAre(Pair("new", "2")));
+    EXPECT_EQ(statusOf(other).st_ino, statusOf(index_).st_ino);
+    EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
+    EXPECT_EQ(::umount(index_.c_str()), 0);
+    ::unlink(other.c_str());
+}
+
+TEST_F(ShieldedIndexEndTest, EvenAnEmptyFileThatTheToolMakesStays) {
+    writeFile(source, "a 1\n");
+    const FakeTool fake(postmap, ": > " + index_);
+    rebuildTable(table);
+    EXPECT_EQ(contentOf(index_), "");
+    EXPECT_EQ(statusOf(index_).st_mode, S_IFREG | 0644U);
+    EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
+}
+
+TEST_F(ShieldedIndexEndTest, ExtendedAttributesStay) {
+    layOut();
+    const std::string told = "of the administrator";
+    ASSERT_EQ(::setxattr(index_.c_str(), "trusted.torva", told.data(), told.size(), 0), 0);
+    makings[1].run();
+    std::string value(100, '\0');
+    const ssize_t size = ::getxattr(index_.c_str(), "trusted.torva", value.data(), value.size());
+    ASSERT_GT(size, 0) << std::strerror(errno);
+    EXPECT_EQ(value.substr(0, static_cast<std::size_t>(size)), told);
+    expectModeAndOwner();
 }
 
 TEST_F(ShieldedIndexEndTest, PlaceholderThatCannotBeClosedToOthersIsRemoved) {

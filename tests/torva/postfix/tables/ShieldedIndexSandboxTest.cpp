@@ -183,6 +183,11 @@ TEST_F(ShieldedIndexTest, IndexOfTypeLmdbIsShieldedAlsoWhereItStandsInForAnother
         writeFile(source, "a 1\n");
         for (const bool isNew : {true, false}) {
             SCOPED_TRACE(type + (isNew ? " new" : ""));
+            if (isNew && type == "hash") {
+                // Only Postfix knows whether it will make one.
+                writeFile(lmdb, "index");
+                continue;
+            }
             const FakeTool fake(postmap, "stat -c '%a %u %s' " + lmdb + " > " + told_ +
                                              "; printf index > " + lmdb);
             rebuildTable(type + ":" + source);

@@ -81,6 +81,45 @@ bool awaitEnd(MailLog& log, pid_t pid, int said, const Deadline& deadline, std::
     return false;
 }
 
+/// A program in a session of its own. Kills what is left of the session at the end, and
+/// waits for the program.
+class Session {
+public:
+    explicit Session(pid_t leader) : leader_(leader) {}
+    ~Session() {
+        if (!leaderHasEnded_) {
+            ::kill(-leader_, SIGKILL);
+            process::retried([&] { return ::waitpid(leader_, nullptr, 0); });
+        }
+    }
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    /// Waits for the program. Its children may go on.
+    int waitForLeader() {
+        leaderHasEnded_ = true;
+        return process::waitForExit(leader_);
+    }
+
+    /// \param status  of the program, when it had already ended
+    /// \return whether it had
+    bool killAll(int& status) {
+        // A child may hold the output open after the program has ended.
+        const bool hadEnded =
+            process::retried([&] { return ::waitpid(leader_, &status, WNOHANG); }) != 0;
+        leaderHasEnded_ = hadEnded;
+        ::kill(-leader_, SIGKILL);
+        if (!hadEnded) {
+            status = waitForLeader();
+        }
+        return hadEnded;
+    }
+
+private:
+    const pid_t leader_;
+    bool leaderHasEnded_ = false;
+};
+
 } // namespace
 
 bool ToolOutcome::succeeded() const {
@@ -103,21 +142,15 @@ ToolOutcome runWatched(MailLog& log, const std::vector<std::string>& command,
     request.newSession = true;
     request.closeOtherDescriptors = true;
     const process::LaunchResult started = process::launch(request);
+    Session session(started.pid);
     said.write.release();
 
     ToolOutcome outcome;
     outcome.ended = awaitEnd(log, started.pid, said.read.get(), deadline, outcome.output);
     if (outcome.ended) {
-        outcome.status = process::waitForExit(started.pid);
-        outcome.error = contentsOf(complaints);
-        return outcome;
-    }
-    // A child may hold the output open after the program has ended.
-    outcome.ended =
-        process::retried([&] { return ::waitpid(started.pid, &outcome.status, WNOHANG); }) != 0;
-    ::kill(-started.pid, SIGKILL);
-    if (!outcome.ended) {
-        outcome.status = process::waitForExit(started.pid);
+        outcome.status = session.waitForLeader();
+    } else {
+        outcome.ended = session.killAll(outcome.status);
     }
     outcome.error = contentsOf(complaints);
     return outcome;

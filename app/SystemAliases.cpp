@@ -72,9 +72,9 @@ void SystemAliases::build(const std::string& element) const {
         touchFile(database.path);
         // Some are in a directory of another account, as those of a list manager: postalias
         // would write through a link that it has put there.
-        mail::postfix::settleIndexes(database.path, mail::postfix::IndexUse::madeAnew);
+        mail::postfix::settleIndexes(database.path, mail::postfix::IndexUse::rebuilt);
         mail::postfix::ShieldedIndex index(database.type, database.path,
-                                           mail::postfix::IndexUse::madeAnew);
+                                           mail::postfix::IndexUse::rebuilt);
         rebuildAliases(element, database.path);
         index.letGo();
     }

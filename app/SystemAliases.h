@@ -20,7 +20,7 @@ public:
     /// but elements are removed from the value itself, so that references stay, whatever
     /// they refer to.
     ///
-    /// Who can only read an index does not stop this by holding its lock
+    /// An account that can only read an index cannot stop this by holding its lock
     /// (torva/postfix/tables/ShieldedIndex.h). Each index is a new file with the mode and
     /// owner of the old one.
     ///

@@ -96,8 +96,8 @@ void createTable(const std::string& table, const Records& records) {
     const FileLock lock(source, LockMode::fail);
     const ScratchFile scratch = makeScratchFile(source);
     writeSource(scratch, source, records);
-    settleIndexes(source, IndexUse::madeAnew);
-    ShieldedIndex index(table, IndexUse::madeAnew);
+    settleIndexes(source, IndexUse::rebuilt);
+    ShieldedIndex index(table, IndexUse::rebuilt);
     if (!isNameOf(source, scratch.descriptor())) {
         throwSwapped(source);
     }

@@ -134,8 +134,8 @@ void rebuildTable(const std::string& table) {
     const std::string source = tableFile(table);
     const FileLock lock(source, LockMode::wait);
     requireOwnSource(source);
-    settleIndexes(source, IndexUse::madeAnew);
-    ShieldedIndex index(table, IndexUse::madeAnew);
+    settleIndexes(source, IndexUse::rebuilt);
+    ShieldedIndex index(table, IndexUse::rebuilt);
     HalfMadeIndexGuard guard(source);
     requireSuccess(runTool(postmapCommand({}, table)));
     guard.letGo();

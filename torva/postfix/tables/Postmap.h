@@ -67,10 +67,10 @@ Records dumpTable(const std::string& table, const RecordFilter& filter = RecordF
 /// as by putRecords(). A source with a second hard link, in a directory that another
 /// account may write, is replaced by a separate copy.
 ///
-/// Who can only read the index does not stop this by holding its lock; whoever has it open
-/// for writing is waited for, up to ten seconds. For this the index (types "hash", "btree",
-/// "lmdb", "cdb") is a new file each time, unless it has several hard links, and nobody else
-/// may open it while postmap runs. Then it has its mode and owner again.
+/// An account that can only read the index cannot stop this by holding its lock; a process
+/// that has it open for writing is waited for, up to ten seconds. For this the index (types "hash",
+/// "btree", "lmdb", "cdb") is a new file each time, unless it has several hard links, and nobody
+/// else may open it while postmap runs. Then it has its mode and owner again.
 ///
 /// \throws PostfixConfigurationError with postmap's own text, or "unknown error"
 /// \throws PostfixConfigurationError "unable to open PATH: it may have been planted by

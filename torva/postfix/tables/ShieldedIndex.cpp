@@ -80,7 +80,7 @@ mode_t modeOfNew(const struct stat& source) {
 bool mayBeReplaced(int index, const struct stat& status, const std::string& path, IndexUse use) {
     const bool hasWriter = !waitForWriters(index);
     const bool isShared = status.st_nlink > 1; // by the administrator, and so it stays
-    if ((isShared && isLocked(index)) || (hasWriter && use != IndexUse::madeAnew)) {
+    if ((isShared && isLocked(index)) || (hasWriter && use != IndexUse::rebuilt)) {
         throw PostfixDatabaseError(path + " is locked by another process (fuser " + path + ")");
     }
     return !isShared;
@@ -123,7 +123,7 @@ ShieldedIndex::File::File(std::string path, const struct stat& source, IndexUse 
                           const char* placeholder)
     : path_(std::move(path)),
       source_(source),
-      placeholder_(use == IndexUse::madeAnew ? placeholder : nullptr) {
+      placeholder_(use == IndexUse::rebuilt ? placeholder : nullptr) {
     const process::Descriptor index(fd_above_standard(
         ::open(path_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)));
     if (index) {
@@ -150,7 +150,7 @@ void ShieldedIndex::File::shield(int index, IndexUse use) {
         }
         return;
     }
-    const bool staysEmpty = status.st_size == 0 && use != IndexUse::madeAnew;
+    const bool staysEmpty = status.st_size == 0 && use != IndexUse::rebuilt;
     const bool isAnothers = toolUser(source_) != 0 && toolUser(source_) != status.st_uid;
     if (S_ISREG(status.st_mode) && !staysEmpty && !isAnothers &&
         mayBeReplaced(index, status, path_, use)) {
@@ -286,7 +286,7 @@ ShieldedIndex::ShieldedIndex(const std::string& type, const std::string& source,
         add(resolvedSource(source + ".lmdb"), nullptr);
     } else if (type == "lmdb") {
         add(resolvedSource(source + ".lmdb"), "");
-    } else if (type == "cdb" && use == IndexUse::madeAnew) {
+    } else if (type == "cdb" && use == IndexUse::rebuilt) {
         // Not the index: the tool locks this file, and renames it over the index.
         const std::string scratch = source + ".cdb.tmp";
         ::unlink(scratch.c_str());

@@ -18,17 +18,18 @@ namespace torva::mail::postfix {
 /// else has open or may open (mode 01600), so that its lock is free when the tool takes it.
 /// If there is no index, it makes a placeholder, which the tool overwrites.
 ///
-/// Who can only read the index is not waited for; whoever has it open for writing is, up to
-/// ten seconds. Postfix's programs notice that the index was replaced, as they notice that
-/// it was changed. A program that is not root's cannot open it meanwhile.
+/// A process that has the index open for reading only is not waited for; one that has it
+/// open for writing is, up to ten seconds. Postfix's programs notice that the index was
+/// replaced, as they notice that it was changed. A program that is not root's cannot open it
+/// meanwhile.
 ///
-/// Who can still make the tool wait: the owner of the source, if the tool works as that
-/// account, and an account that may write the directory and puts another file in place of
-/// the copy. If the index does not belong to the account as which the tool works, and this
+/// Two can still make the tool wait: the owner of the source, if the tool works as that
+/// account; and an account that may write the directory and puts another file in the place
+/// of the copy. If the index does not belong to the account as which the tool works, and this
 /// is not root, it gets no copy: nobody is given the contents of another account's file.
 ///
-/// After a kill the index keeps the mode 01600, which tells the next operation that makes it
-/// anew to give it the mode of a new one; a placeholder is removed.
+/// After a kill the index keeps the mode 01600, which tells the next operation that rebuilds
+/// it to give it the mode of a new one; a placeholder is removed.
 class ShieldedIndex {
 public:
     /// \param table  "type:path"
@@ -37,7 +38,7 @@ public:
 
     /// \param type    of the table
     /// \param source  path of the source file; no other process of ours is writing its index
-    /// \param use     madeAnew: after ten seconds the index is replaced even if somebody has
+    /// \param use     rebuilt: after ten seconds the index is replaced even if somebody has
     ///                it open for writing, because its records go in any case; changed: that
     ///                is an error, and no placeholder is made
     /// \throws PostfixDatabaseError "PATH is locked by another process (fuser PATH)": see
@@ -61,7 +62,7 @@ public:
     /// The tool succeeded: does now what the destructor would, and tells when it fails.
     ///
     /// \throws SystemError "chown" or "chmod": the index is made, and closed to others until
-    ///         the next operation that makes it anew
+    ///         the next operation that rebuilds it
     void letGo();
 
 private:

@@ -52,7 +52,7 @@ void settleIndex(const std::string& path, IndexUse use) {
     if (!look(path, status) || !isPlanted(path, status)) {
         return;
     }
-    if (!S_ISREG(status.st_mode) || use == IndexUse::madeAnew) {
+    if (!S_ISREG(status.st_mode) || use == IndexUse::rebuilt) {
         remove(path);
     } else if (use == IndexUse::changed) {
         unshare(path);

@@ -26,7 +26,7 @@ namespace torva::mail::postfix {
 enum class IndexUse {
     read,    ///< dump
     changed, ///< put, delete: its records stay
-    madeAnew ///< create, rebuild, rewrite: its records go
+    rebuilt  ///< create, rebuild, rewrite: its records go
 };
 
 /// The index files that the table of a source file may have.

@@ -119,9 +119,9 @@ void rewriteTable(const std::string& table, const ListingFilterFor& filterFor) {
     KeptSource oldSource(source);
     newSource.moveIntoPlace();
     oldSource.setReplaced();
-    settleIndexes(named, IndexUse::madeAnew);
+    settleIndexes(named, IndexUse::rebuilt);
     newSource.requireInPlace();
-    ShieldedIndex index(table, IndexUse::madeAnew);
+    ShieldedIndex index(table, IndexUse::rebuilt);
     newSource.requireInPlace(); // the index may have been large
     HalfMadeIndexGuard guard(named);
     requireToolSuccess(runTool(postmapCommand({}, table)));

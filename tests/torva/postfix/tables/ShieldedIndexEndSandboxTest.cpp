@@ -29,7 +29,7 @@ using ShieldedIndexEndTest = ShieldedIndexTest;
 
 TEST_F(ShieldedIndexEndTest, FailingToolLeavesContentModeOwnerAndTimes) {
     const FakeTool fake(postmap, "case $1 in -s) echo 'user@d.net 1';; *) exit 1;; esac");
-    for (const MakingAnew& making : makings) {
+    for (const Rebuilding& making : makings) {
         SCOPED_TRACE(making.name);
         removeAll();
         writeFile(source, "user@d.net 1\n");

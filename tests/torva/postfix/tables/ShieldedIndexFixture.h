@@ -35,12 +35,12 @@ inline bool ends(const std::function<void()>& action) {
     return outcome.exited == 0;
 }
 
-struct MakingAnew {
+struct Rebuilding {
     const char* name;
     std::function<void()> run;
 };
 
-inline const std::vector<MakingAnew> makings = {
+inline const std::vector<Rebuilding> makings = {
     {"create",
      [] {
          mail::postfix::createTable(table, {{"new", "2"}});

@@ -23,7 +23,7 @@ using Means = IndexHolder::Means;
 // ---- a lock that is held
 
 TEST_F(ShieldedIndexTest, LockOfAnAccountThatCanOnlyReadTheIndexStopsNothingThatMakesItAnew) {
-    for (const MakingAnew& making : makings) {
+    for (const Rebuilding& making : makings) {
         SCOPED_TRACE(making.name);
         layOut();
         const bool lists = std::string(making.name) == "rewrite";

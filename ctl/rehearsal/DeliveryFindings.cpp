@@ -262,6 +262,14 @@ Finding tellNoStart(const std::string& said, const std::vector<LogLine>& log) {
     return warning(text + ": " + reasonsIn(said) + ".", advice);
 }
 
+Finding tellSlowStart(std::chrono::seconds waited, const std::vector<LogLine>& log) {
+    const std::string text = "Postfix did not start within " + std::to_string(waited.count()) +
+                             " seconds, so no message was sent";
+    const LogLine worst = worstLine(log);
+    return warning(worst.text.empty() ? text + "." : withLine(text, worst),
+                   "Rehearse again when the machine is less busy.");
+}
+
 Finding tellTrouble(const std::string& why) {
     return warning("The rehearsal could not go on: " + reasonsIn(why) + ".",
                    "This tells nothing about mail. Correct the cause, then rehearse again.");

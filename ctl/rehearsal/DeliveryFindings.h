@@ -9,6 +9,7 @@
 #include "ctl/rehearsal/SmtpDialogue.h"
 #include "ctl/report/Finding.h"
 
+#include <chrono>
 #include <cstddef>
 #include <string>
 #include <vector>
@@ -49,6 +50,9 @@ Finding tellFault(const ServiceFault& fault);
 ///
 /// \param said  what "postfix start" printed, if anything
 Finding tellNoStart(const std::string& said, const std::vector<LogLine>& log);
+
+/// That Postfix was still starting when it was no longer waited for.
+Finding tellSlowStart(std::chrono::seconds waited, const std::vector<LogLine>& log);
 
 /// That the rehearsal itself failed.
 Finding tellTrouble(const std::string& why);

@@ -98,6 +98,10 @@ bool Stage::start() {
                                            {configuration_.get("command_directory") + "/postfix",
                                             "-c", configuration_.directory, "start"},
                                            deadline_.within(toolTime));
+    if (!outcome.ended) {
+        report_(encode(tellSlowStart(toolTime, log_.lines())));
+        return false;
+    }
     if (!outcome.succeeded()) {
         report_(encode(tellNoStart(outcome.said(), log_.lines())));
         return false;

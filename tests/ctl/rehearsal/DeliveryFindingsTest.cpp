@@ -248,6 +248,17 @@ TEST(DeliveryFindingsTest, PostfixThatDoesNotStartIsToldInItsOwnWords) {
                   "Correct what Postfix complains of, then rehearse again.");
 }
 
+TEST(DeliveryFindingsTest, PostfixThatIsStillStartingIsToldWithTheTime) {
+    const char* const advice = "Rehearse again when the machine is less busy.";
+    expectFinding(tellSlowStart(std::chrono::seconds(8), {}), Level::warning,
+                  "Postfix did not start within 8 seconds, so no message was sent.", advice);
+    expectFinding(tellSlowStart(std::chrono::seconds(8), logOf({"postfix[6]: fatal: x"})),
+                  Level::warning,
+                  "Postfix did not start within 8 seconds, so no message was sent. Log: "
+                  "postfix[6]: fatal: x",
+                  advice);
+}
+
 TEST(DeliveryFindingsTest, PostfixThatDoesNotStartIsNotToldInItsWarnings) {
     const std::string said =
         "/usr/sbin/postconf: warning: /etc/postfix/main.cf: support for parameter "

@@ -213,7 +213,8 @@ TEST_F(TableRewriteFailureTest, FifoThatIsSwappedInBeforeTheSourceIsCopiedIsNotW
 }
 
 TEST_F(TableRewriteFailureTest, HolesOfAnIndexTakeNoRoomInItsCopy) {
-    constexpr off_t size = off_t{1} << 32;
+    // Less than a test may write when mutations are tried on it (prove/mutations).
+    constexpr off_t size = off_t{1} << 29;
     ASSERT_EQ(::truncate(index_.c_str(), size), 0);
     const std::string text = "between the holes";
     std::fstream(index_).seekp(size / 2) << text;

@@ -159,6 +159,10 @@ void ShieldedIndex::File::shield(int index, IndexUse use) {
 }
 
 void ShieldedIndex::File::replace(int index, const struct stat& status) {
+    original_ = status;
+    if ((status.st_mode & S_ISVTX) != 0) {
+        original_.st_mode = modeOfNew(source_);
+    }
     try {
         putCopyInPlace(index, status);
     } catch (const SystemError& error) {
@@ -168,11 +172,6 @@ void ShieldedIndex::File::replace(int index, const struct stat& status) {
         if (error.code() == swapped || isLocked(index)) {
             throwUnable(path_, error.code());
         }
-        return;
-    }
-    original_ = status;
-    if ((status.st_mode & S_ISVTX) != 0) {
-        original_.st_mode = modeOfNew(source_);
     }
 }
 

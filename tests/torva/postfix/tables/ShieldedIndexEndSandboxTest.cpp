@@ -100,14 +100,14 @@ TEST_F(ShieldedIndexEndTest, PlaceholderThatAKillLeftIsRemoved) {
 
 TEST_F(ShieldedIndexEndTest, ModeThatCannotBeGivenBackIsAnErrorAndComesWithTheNextOne) {
     layOut();
-    {
+    for (const std::string call : {"chown", "chmod"}) {
         bool isRun = false;
-        const CallHook hook([&isRun](const std::string& call, const std::string&) {
-            isRun = isRun || call == "rename"; // of the copy; then the tool
-            return isRun && call == "fchmod" ? EIO : 0;
+        const CallHook hook([&](const std::string& called, const std::string&) {
+            isRun = isRun || called == "rename"; // of the copy; then the tool
+            return isRun && called == "f" + call ? EIO : 0;
         });
         EXPECT_EQ(messageOf<torva::SystemError>([] { rebuildTable(table); }),
-                  std::string("chmod: ") + std::strerror(EIO));
+                  call + ": " + std::strerror(EIO));
     }
     EXPECT_EQ(statusOf(index_).st_mode, S_IFREG | 01600U);
     rebuildTable(table);

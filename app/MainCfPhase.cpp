@@ -82,7 +82,7 @@ void createHostDomain(Context& run, const Step& step) {
         return;
     }
     run.parameters.removeFromListParameter(step.parameter, host);
-    // It was made by this run: whoever holds its lock wants to stop us.
+    // This run has created the table: who holds the lock of its index wants to stop us.
     mail::postfix::ShieldedIndex index =
         mail::postfix::shieldForChanges("hash:/var/spool/postfix/torva/virtual");
     mail::postfix::DomainManager().addAliasDomain(step.value, host);

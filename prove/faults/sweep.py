@@ -159,13 +159,15 @@ def spread(points):
 
 def shortened(points):
     """Some of the points: the first of each call and some later ones, with another error each
-    time; more of them in the master.cf phase."""
+    time; more of them in the master.cf phase, and there the last of each call, too."""
     chosen, seen = [], collections.Counter()
+    groups = collections.Counter((p.kind, p.call, p.how, p.phase == "master") for p in points)
     for point in points:
         group = (point.kind, point.call, point.how, point.phase == "master")
         # No common factor with the number of errors, so that the error is another one each time.
         step = {"resources": 6}.get(point.kind, 23 if point.phase == "master" else 257)
-        if seen[group] % step == 0:
+        is_last = point.phase == "master" and seen[group] == groups[group] - 1
+        if seen[group] % step == 0 or is_last:
             chosen.append(point)
         seen[group] += 1
     return chosen

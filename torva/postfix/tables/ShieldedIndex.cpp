@@ -76,6 +76,16 @@ mode_t modeOfNew(const struct stat& source) {
     return S_IRUSR | S_IWUSR | (source.st_mode & (S_IRGRP | S_IROTH));
 }
 
+/// Removes the file that a tool was writing when it was killed, or still is after ten seconds.
+void removeScratch(const std::string& path) {
+    const process::Descriptor scratch(fd_above_standard(
+        ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)));
+    if (scratch) {
+        waitForWriters(scratch.get());
+    }
+    ::unlink(path.c_str());
+}
+
 /// \param index  open for reading only
 bool mayBeReplaced(int index, const struct stat& status, const std::string& path, IndexUse use) {
     const bool hasWriter = !waitForWriters(index);
@@ -143,7 +153,8 @@ void ShieldedIndex::File::shield(int index, IndexUse use) {
     if (isPlanted(path_, status)) {
         throwUnable(path_, EINVAL); // since it was checked
     }
-    if ((status.st_mode & S_ISVTX) != 0 && status.st_size <= placeholderSize) {
+    if (S_ISREG(status.st_mode) && (status.st_mode & S_ISVTX) != 0 &&
+        status.st_size <= placeholderSize) {
         ::unlink(path_.c_str()); // the placeholder of a guard that was killed
         if (placeholder_ != nullptr) {
             makePlaceholder();
@@ -288,7 +299,7 @@ ShieldedIndex::ShieldedIndex(const std::string& type, const std::string& source,
     } else if (type == "cdb" && use == IndexUse::rebuilt) {
         // Not the index: the tool locks this file, and renames it over the index.
         const std::string scratch = source + ".cdb.tmp";
-        ::unlink(scratch.c_str());
+        removeScratch(scratch);
         add(scratch, "");
     }
 }

@@ -23,9 +23,10 @@ namespace torva::mail::postfix {
 /// replaced, as they notice that it was changed. A program that is not root's cannot open it
 /// meanwhile.
 ///
-/// Two can still make the tool wait: the owner of the source, if the tool works as that
-/// account; and an account that may write the directory and puts another file in the place
-/// of the copy. If the index does not belong to the account as which the tool works, and this
+/// Three can still make the tool wait: the owner of the source, if the tool works as that
+/// account; an account that may write the directory and puts another file in the place of
+/// the copy; and one that an access control list of the index names, while the list is
+/// copied. If the index does not belong to the account as which the tool works, and this
 /// is not root, it gets no copy: nobody is given the contents of another account's file.
 ///
 /// After a kill the index keeps the mode 01600, which tells the next operation that rebuilds

@@ -98,6 +98,17 @@ TEST_F(ShieldedIndexEndTest, PlaceholderThatAKillLeftIsRemoved) {
     EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
 }
 
+TEST_F(ShieldedIndexEndTest, DirectoryInThePlaceOfTheIndexIsLeftToTheTool) {
+    writeFile(source, "a 1\n");
+    ASSERT_EQ(::mkdir(index_.c_str(), 0755), 0);
+    ASSERT_EQ(::chmod(index_.c_str(), 01777), 0);
+    const FakeTool fake(postmap, "echo 'postmap: fatal: it is a directory' >&2; exit 1");
+    EXPECT_EQ(messageOf<PostfixConfigurationError>([] { rebuildTable(table); }),
+              "postmap: fatal: it is a directory\n");
+    EXPECT_EQ(statusOf(index_).st_mode, S_IFDIR | 01777U);
+    ASSERT_EQ(::rmdir(index_.c_str()), 0);
+}
+
 TEST_F(ShieldedIndexEndTest, ModeThatCannotBeGivenBackIsAnErrorAndComesWithTheNextOne) {
     layOut();
     for (const std::string call : {"chown", "chmod"}) {

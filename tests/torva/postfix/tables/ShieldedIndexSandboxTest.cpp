@@ -107,6 +107,28 @@ TEST_F(ShieldedIndexTest, WriterIsWaitedForBeforeTheIndexIsReplaced) {
     }
 }
 
+TEST_F(ShieldedIndexTest, WriterOfAnotherIndexOfTypeCdbIsWaitedForToo) {
+    const std::string scratch = source + ".cdb.tmp";
+    writeFile(source, "a 1\n");
+    writeFile(scratch, "half of an index");
+    const FakeTool fake(postmap, "mv " + scratch + " " + source + ".cdb");
+    IndexHolder writer(scratch, Means::writing, 0);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::_exit(exitStatusOf([] { rebuildTable("cdb:" + source); }));
+    }
+    while (!isPolling(pid)) {
+        ASSERT_EQ(::waitpid(pid, nullptr, WNOHANG), 0) << "did not wait";
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    EXPECT_EQ(contentOf(scratch), "half of an index");
+    writer.end();
+    int status = -1;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(status, 0);
+    EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.cdb"));
+}
+
 TEST_F(ShieldedIndexTest, WriterWithoutEndIsLeftBehindOrNamedAfterTenSeconds) {
     const std::string other = directory + "/other";
     createTable("hash:" + other, {});

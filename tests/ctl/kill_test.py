@@ -9,9 +9,11 @@ import time
 
 import ctlworld
 import pairs
-from ctlworld import BACKUPS, MARKER, CtlTest, ctl, kill_group, start, tree, wait_until
+from ctlworld import BACKUPS, MARKER, POSTFIX, TABLES, CtlTest, ctl, kill_group, start, tree, wait_until
+from filewatch import FileWatch
 
-MOMENTS = 20
+EARLY_MOMENTS = 5
+LATER_MOMENTS = 15
 
 
 class Killed(CtlTest):
@@ -26,10 +28,10 @@ class Killed(CtlTest):
         pairs.lay_out_tables()
         self.before = tree()
 
-    def duration(self, *words):
-        begin = time.monotonic()
-        self.assertStatus(0, ctl(*words))
-        return time.monotonic() - begin
+    def number_of_changes(self, verb):
+        with watch() as changes:
+            self.assertStatus(0, ctl(verb))
+            return changes.changes()
 
     def assertRepaired(self, what):
         """What the next calls say and do; answers whether files had been changed."""
@@ -48,18 +50,30 @@ class Killed(CtlTest):
         return changed
 
     def kill_at_all_moments(self, verb, end):
-        duration = self.duration("apply")
+        """Some milliseconds after its start, while it looks at the host and takes the backup,
+        and then again and again while it changes the host."""
+        number = self.number_of_changes(verb)
+        self.assertGreater(number, 2 * LATER_MOMENTS)
         self.assertStatus(0, ctl("rollback"))
         self.assertSame(self.before, "after a whole apply")
         amid = 0
-        for moment in range(MOMENTS):
+        for moment in range(EARLY_MOMENTS + LATER_MOMENTS):
             ctlworld.remove(BACKUPS)
-            process = start(verb)
-            time.sleep(duration * (moment + 0.5) / MOMENTS)
+            with watch() as changes:
+                process = start(verb)
+                if moment < EARLY_MOMENTS:
+                    time.sleep(0.01 * (moment + 1))
+                else:
+                    changes.wait_for(number * (moment - EARLY_MOMENTS) // LATER_MOMENTS + 1, process)
+                    time.sleep(0.001 * (moment % 4))
             ended = process.poll() is not None
             end(process)
             amid += self.assertRepaired(f"moment {moment}") and not ended
-        self.assertGreaterEqual(amid, MOMENTS // 3, "too few were killed while they changed the host")
+        self.assertGreaterEqual(amid, LATER_MOMENTS // 3, "too few were killed while they changed the host")
+
+
+def watch():
+    return FileWatch(POSTFIX, "/etc/postfix-site", TABLES)
 
 
 class GroupTest(Killed):

@@ -358,7 +358,7 @@ TEST_F(SemaphoreSandboxTest, WhatOthersCouldHavePutThereIsFatalAndNamed) {
         {"ln -s /usr/local/kra/target var/utilities.sem", "", ELOOP},
         {"touch target && ln -s /usr/local/kra/target var/utilities.sem", "", ELOOP},
         {"mkfifo var/utilities.sem", "", ENXIO},
-        {"mkfifo var/utilities.sem && (sleep 600 <>var/utilities.sem & echo $! >pid)",
+        {"mkfifo var/utilities.sem && exec 3<>var/utilities.sem && (sleep 600 & echo $! >pid)",
          std::string("\"") + semaphorePath + "\" is no regular file.", EPERM},
     };
     for (const auto& c : cases) {

@@ -25,6 +25,8 @@ ABOVE = {
     "app": [],
 }
 WHOLE_RUNS = ["run.fake.transcript|run.fake.commands", "run.fake", "run.real"]
+# Parts of a program of sandbox tests that run at the same time: most of its tests wait.
+SHARDS = 3
 # A mistake may fill the memory, or write for ever.
 LIMITS = ["prlimit", "--core=0", f"--data={3 << 30}", f"--fsize={1 << 30}"]
 
@@ -52,20 +54,23 @@ class Asker:
         if self.reach == "runs":
             waves += [[self._whole_run(regex)] for regex in WHOLE_RUNS]
         if first is not None:
-            known = next((one for wave in waves for one in wave if one.label == first), None) or self._whole_run(first)
-            waves = [[known]] + [[one for one in wave if one.label != first] for wave in waves]
+            known = [one for wave in waves for one in wave if first in one.targets] or [self._whole_run(first)]
+            waves = [known] + [[one for one in wave if one not in known] for wave in waves]
         return [wave for wave in waves if wave]
 
     def _programs(self, layer):
         """Unit tests, too, run in the sandbox: a mistake may end processes or remove files."""
-        found = []
-        sandbox = ["scripts/sandbox", "--with", str(self.copy.build), "--"]
-        for program, own in ((f"test_{target_name(layer)}", ["env", "-u", "TORVA_SANDBOX"]),
-                             (f"sandbox_test_{target_name(layer)}", [])):
-            if program in self.copy.targets:
-                found.append(Question(program, (program,), (*LIMITS, *sandbox, *own, str(self.copy.build / "bin" / program),
-                                                            "--gtest_brief=1", "--gtest_fail_fast=1")))
-        return found
+        name = target_name(layer)
+        found = [self._program(f"test_{name}", "", ["env", "-u", "TORVA_SANDBOX"])]
+        for index in range(SHARDS):
+            part = ["env", f"GTEST_TOTAL_SHARDS={SHARDS}", f"GTEST_SHARD_INDEX={index}"]
+            found.append(self._program(f"sandbox_test_{name}", f", part {index + 1} of {SHARDS}", part))
+        return [question for question in found if question.targets[0] in self.copy.targets]
+
+    def _program(self, program, part, environment):
+        sandbox = ["scripts/sandbox", "--with", str(self.copy.build), "--", *environment]
+        return Question(program + part, (program,), (*LIMITS, *sandbox, str(self.copy.build / "bin" / program),
+                                                     "--gtest_brief=1", "--gtest_fail_fast=1"))
 
     def _whole_run(self, regex):
         return Question(regex, ("torva-postfix-setup", "faketool"),

@@ -1,0 +1,1 @@
+// The compiler needs a source with which it compiles the headers of the test framework.

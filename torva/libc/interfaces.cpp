@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
@@ -28,24 +29,29 @@ bool isLoopback(in_addr address) {
     return ntohl(address.s_addr) >> 24 == 127;
 }
 
+using Entries = std::unique_ptr<ifreq, decltype(&std::free)>;
+
 /// Asks the kernel for all addresses.
 ///
 /// \param size  set to the length in bytes that the kernel reported
-/// \return entries in memory from malloc(3); null after a failure, with errno
-ifreq* queryEntries(int socket_fd, int* size) {
-    ifreq* entries = nullptr;
+/// \return null after a failure, with errno
+Entries queryEntries(int socket_fd, int* size) {
+    Entries entries(nullptr, &std::free);
     size_t capacity = 64;
     for (;;) {
-        void* grown = std::realloc(entries, capacity);
-        if (grown == nullptr) {
-            break;
+        entries.reset(); // first, or both would be needed at the same time
+        entries.reset(static_cast<ifreq*>(std::malloc(capacity)));
+        if (entries == nullptr) {
+            return entries;
         }
-        entries = static_cast<ifreq*>(grown);
         ifconf query = {};
         query.ifc_len = static_cast<int>(capacity);
-        query.ifc_req = entries;
+        query.ifc_req = entries.get();
         if (::ioctl(socket_fd, SIOCGIFCONF, &query) == -1) {
-            break;
+            const int saved_errno = errno;
+            entries.reset();
+            errno = saved_errno;
+            return entries;
         }
         // The kernel copies only whole entries and does not say that there are more: there
         // may be, unless one more would have fitted.
@@ -55,10 +61,6 @@ ifreq* queryEntries(int socket_fd, int* size) {
         }
         capacity *= 2;
     }
-    const int saved_errno = errno;
-    std::free(entries);
-    errno = saved_errno;
-    return nullptr;
 }
 
 void fillHardware(int socket_fd, const ifreq& entry, ifaceinfo* record) {
@@ -134,9 +136,9 @@ struct ifaceinfo* list_interfaces(int* count) {
     }
     ifaceinfo* records = nullptr;
     int size = 0;
-    if (ifreq* entries = queryEntries(socket_fd, &size)) {
-        records = makeRecords(socket_fd, entries, size / static_cast<int>(sizeof(ifreq)), count);
-        std::free(entries);
+    if (const Entries entries = queryEntries(socket_fd, &size)) {
+        records =
+            makeRecords(socket_fd, entries.get(), size / static_cast<int>(sizeof(ifreq)), count);
     } else {
         torva_log(interfacePriority, "unable to query SIOCGIFCONF: %s\n", std::strerror(errno));
     }

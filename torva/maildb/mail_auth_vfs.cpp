@@ -129,13 +129,13 @@ const char* resolve_directory(const char* path, char (&resolved)[PATH_MAX]) noex
     const char* slash = std::strrchr(path, '/');
     char directory[PATH_MAX];
     const auto length = slash == nullptr ? 0 : static_cast<std::size_t>(slash - path);
-    if (length == 0 || length >= sizeof directory) {
+    if (length >= sizeof directory) {
         return path;
     }
     std::memcpy(directory, path, length);
     directory[length] = '\0';
     char real[PATH_MAX];
-    if (realpath(directory, real) == nullptr) {
+    if (realpath(directory, real) == nullptr) { // also of no directory at all
         return path;
     }
     const int written = std::snprintf(resolved, sizeof resolved, "%s%s", real, slash);

@@ -11,14 +11,8 @@ namespace torva {
 /// The readable form of a mangled name; false when there is none.
 class DemangledName {
 public:
-    explicit DemangledName(const char* mangled) : text_(nullptr, &std::free) {
-        int status = 0;
-        char* text = abi::__cxa_demangle(mangled, nullptr, nullptr, &status);
-        text_.reset(text);
-        if (status != 0) {
-            text_.reset();
-        }
-    }
+    explicit DemangledName(const char* mangled)
+        : text_(abi::__cxa_demangle(mangled, nullptr, nullptr, nullptr), &std::free) {}
 
     explicit operator bool() const { return text_ != nullptr; }
 

@@ -47,9 +47,9 @@ void closeKeepingErrno(int fd) {
     errno = saved_errno;
 }
 
-/// Opens, and so empties, a regular file. Does not follow a link, and does not block on a
-/// terminal, FIFO or device.
-int openRegularFile(int directory, const char* name) {
+/// Opens, and so empties, a regular file, and tells its status. Does not follow a link, and
+/// does not block on a terminal, FIFO or device.
+int openRegularFile(int directory, const char* name, struct stat& status) {
     int fd;
     do {
         fd = ::openat(directory, name,
@@ -58,7 +58,6 @@ int openRegularFile(int directory, const char* name) {
     } while (fd == -1 && errno == EINTR);
     // Above 2: a 0 in a handle means that the lock is held elsewhere.
     fd = fd_above_standard(fd);
-    struct stat status;
     if (fd == -1 || (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode))) {
         return fd;
     }
@@ -69,11 +68,7 @@ int openRegularFile(int directory, const char* name) {
 
 /// Whether an open lock file belongs to us; reports one that does not. Its owner made it
 /// while the directory was theirs, and may still have it open, and locked.
-bool isOwn(int fd, const char* path) {
-    struct stat status;
-    if (::fstat(fd, &status) == -1) {
-        return false;
-    }
+bool isOwn(const struct stat& status, const char* path) {
     if (status.st_uid == ::geteuid()) {
         return true;
     }
@@ -94,16 +89,17 @@ void reportUnopened(const char* path) {
 /// Opens the file to lock, reporting a failure.
 int openLockFile(const char* path, bool in_lock_dir) {
     int fd = -1;
+    struct stat status;
     if (!in_lock_dir) {
-        fd = openRegularFile(AT_FDCWD, path);
+        fd = openRegularFile(AT_FDCWD, path, status);
     } else if (const int directory = torva::openLockDirectory(); directory != -1) {
         const char* name = path + std::strlen(torva::lockDirectory) + 1;
         if (hasSecondName(directory, name)) {
             errno = EMLINK;
         } else {
-            fd = openRegularFile(directory, name);
+            fd = openRegularFile(directory, name, status);
         }
-        if (fd != -1 && !isOwn(fd, path)) {
+        if (fd != -1 && !isOwn(status, path)) {
             closeKeepingErrno(fd);
             fd = -1;
         }

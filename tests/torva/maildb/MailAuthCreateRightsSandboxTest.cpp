@@ -1,4 +1,5 @@
 // Who may create a mail-authentication database, and what that changes in the process.
+#include "torva/libc/SyscallFault.h"
 #include "torva/maildb/BoundedChild.h"
 #include "torva/maildb/CreateFixture.h"
 #include "torva/maildb/Files.h"
@@ -106,6 +107,16 @@ TEST_F(CreateAuthDatabase, AModeThatCannotBeSetIsReportedAndLeavesTheOldDatabase
                 ElementsAre(LogLine(2, std::string("chmod(\"") + auth_directory_path +
                                            "\", 0770) failed: Operation not permitted")));
     EXPECT_EQ(before, read_file(auth_path));
+}
+
+TEST_F(CreateAuthDatabase, AFailureToHandOverTheNewDatabaseIsReported) {
+    const std::string message = chown_message();
+    const std::string error = "Input/output error";
+    EXPECT_THAT(create_after([] { failSyscall(SYS_fchown, EIO); }),
+                ElementsAre(LogLine(2, message.substr(0, message.find("Operation")) + error)));
+    EXPECT_THAT(create_after([] { failSyscall(SYS_fchmod, EIO); }),
+                ElementsAre(LogLine(2, std::string("chmod(\"") + auth_directory_path +
+                                           "\", 0770) failed: " + error)));
 }
 
 TEST_F(CreateAuthDatabase, WhoIsNotRootIsRefusedAndLeavesTheOldDatabase) {

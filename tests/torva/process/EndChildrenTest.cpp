@@ -6,6 +6,7 @@
 #include "torva/process/SignalGuards.h"
 
 #include <csignal>
+#include <ctime>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -55,6 +56,16 @@ TEST_F(EndChildrenTest, ChildThatIgnoresSigtermIsKilled) {
     const SigchldBlock sigchld;
     const LaunchResult child = startScript(children, "trap '' TERM; echo; exec sleep 1000");
     endChildren(children, milliseconds(20));
+    EXPECT_EQ(SIGKILL, WTERMSIG(children.status(child.pid)));
+}
+
+TEST_F(EndChildrenTest, WaitingTakesNoProcessorTime) {
+    ProcessSet children(1);
+    const SigchldBlock sigchld;
+    const LaunchResult child = startScript(children, "trap '' TERM; echo; exec sleep 1000");
+    const std::clock_t before = std::clock();
+    endChildren(children, milliseconds(400));
+    EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 5);
     EXPECT_EQ(SIGKILL, WTERMSIG(children.status(child.pid)));
 }
 

@@ -196,6 +196,19 @@ TEST(AutocleanOFStreamTest, WhatIsNoDescriptorFailsLikeAnOpening) {
     EXPECT_FALSE(stream.is_open());
 }
 
+TEST(AutocleanOFStreamTest, ADescriptorThatIsOnlyReadFailsAndNoCopyOfItIsLeft) {
+    const TempDirectory directory;
+    writeFile(directory / "scratch", "text");
+    const int fd = ::open((directory / "scratch").c_str(), O_RDONLY | O_CLOEXEC);
+    const auto before = openDescriptors();
+    {
+        const AutocleanOFStream stream(directory / "scratch", fd);
+        EXPECT_TRUE(stream.fail());
+        EXPECT_EQ(openDescriptors(), before);
+    }
+    ::close(fd);
+}
+
 TEST(AutocleanOFStreamTest, AnErrorThatOnlyCloseReportsShowsInTheState) {
     const TempDirectory directory;
     const Outcome outcome = inChild([&] {

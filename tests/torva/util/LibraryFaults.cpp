@@ -46,7 +46,9 @@ char* abi::__cxa_demangle(const char* mangled, char* buffer, std::size_t* length
     using Demangle = decltype(&abi::__cxa_demangle);
     static const auto real = reinterpret_cast<Demangle>(::dlsym(RTLD_NEXT, "__cxa_demangle"));
     if (libraryFaults.demanglerFails) {
-        *status = -2;
+        if (status != nullptr) {
+            *status = -2;
+        }
         return nullptr;
     }
     return real(mangled, buffer, length, status);

@@ -128,6 +128,29 @@ TEST_F(UntrustedLocksSandboxTest, LookingAroundKeepsErrnoEvenWhenNothingCanBeClo
     EXPECT_EQ(inodeOf(lockFile), 0U) << "nobody has it open";
 }
 
+TEST_F(UntrustedLocksSandboxTest, AListingThatBreaksOffRemovesNothing) {
+    int kept = 0;
+    for (int later = 1; later <= 6; ++later) {
+        ASSERT_EQ(std::system("rm -rf /var/lock/files"), 0);
+        makeDirectory(0700);
+        writeFile(lockFile, "");
+        const Outcome outcome = inChild([later] {
+            const int fd = ::open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+            if (!failSyscall(SYS_getdents64, EIO, 0, static_cast<std::uint32_t>(fd + later))) {
+                return static_cast<int>(noFilters);
+            }
+            torva::removeUntrustedLocks(fd);
+            return 0;
+        });
+        if (outcome.exited == noFilters) {
+            GTEST_SKIP() << "the kernel allows no system call filters";
+        }
+        EXPECT_EQ(outcome.exited, 0);
+        kept += inodeOf(lockFile) == 0U ? 0 : 1;
+    }
+    EXPECT_EQ(kept, 3) << "the lock directory, the processes, the descriptors of one of them";
+}
+
 /// Takes and releases the lock with so many descriptors to spare.
 ///
 /// \return whether it could be taken

@@ -13,16 +13,10 @@ struct FieldRule {
     const char* wanted;
 };
 
-/// In the order of MasterCfField.
+/// In the order of MasterCfField, from "type" to "maxproc".
 const FieldRule rules[] = {
-    {"name", ""},
-    {"type", "inet, unix or fifo"},
-    {"private", "y, n or -"},
-    {"unpriv", "y, n or -"},
-    {"chroot", "y, n or -"},
-    {"wakeup", "a number or -"},
-    {"maxproc", "a number or -"},
-    {"words", ""},
+    {"type", "inet, unix or fifo"}, {"private", "y, n or -"},    {"unpriv", "y, n or -"},
+    {"chroot", "y, n or -"},        {"wakeup", "a number or -"}, {"maxproc", "a number or -"},
 };
 
 bool isBlank(char character) {
@@ -108,7 +102,8 @@ private:
         if (progress_.field == MasterCfField::words) {
             return "a command must follow maxproc, not " + wordAt(place, last_);
         }
-        const FieldRule& rule = rules[static_cast<std::size_t>(progress_.field)];
+        const auto column = static_cast<std::size_t>(progress_.field);
+        const FieldRule& rule = rules[column - static_cast<std::size_t>(MasterCfField::type)];
         const char* end = std::find_if_not(place, last_, isDigit);
         if (end != place) {
             return std::string(rule.name) + " " + std::string(place, end) + " is too great";

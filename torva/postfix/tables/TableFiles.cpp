@@ -143,7 +143,8 @@ void settleIndexes(const std::string& source, IndexUse use) {
 
 std::string resolvedSource(const std::string& source) {
     std::string path = source;
-    for (int links = 0; links < 40; ++links) {
+    constexpr int mostLinks = 40; // as many as the kernel follows
+    for (int links = 0; links <= mostLinks; ++links) {
         struct stat status = {};
         if (!look(path, status) || !S_ISLNK(status.st_mode) || isPlanted(path, status)) {
             return path;

@@ -264,6 +264,19 @@ int swapScratchFiles() {
     return 0;
 }
 
+TEST_F(PlantedFilesTest, AsManyLinksAsTheKernelFollowsLeadToTheSource) {
+    const std::string chain = "/etc/postfix/chain"; // where only root writes
+    writeFile(chain + "0", "a 1\n");
+    for (int link = 1; link <= 41; ++link) {
+        const std::string target = chain + std::to_string(link - 1);
+        ASSERT_EQ(::symlink(target.c_str(), (chain + std::to_string(link)).c_str()), 0);
+    }
+    rebuildTable("hash:" + chain + "40");
+    EXPECT_THAT(dumpTable("hash:" + chain + "40"), ElementsAre(Pair("a", "1")));
+    EXPECT_EQ(messageOf<torva::SystemError>([&] { rebuildTable("hash:" + chain + "41"); }),
+              "stat: Too many levels of symbolic links");
+}
+
 TEST_F(PlantedFilesTest, SwappedScratchFileGetsNoModeNoOwnerAndNoPlace) {
     for (const std::string call : {"fchmod", "fchown", "rename"}) {
         for (const std::size_t each : {0U, 5U}) {

@@ -54,6 +54,19 @@ TEST(CollectedErrorsTest, WhatACommandSaysArrivesWholeAfterIt) {
            }).exited);
 }
 
+TEST(CollectedErrorsTest, SingleByteArrivesToo) {
+    EXPECT_EQ(0, inChild([] {
+                     const int reader = pipeAsStandardError();
+                     char text[8] = "";
+                     {
+                         const CollectedErrors errors;
+                         (void)!std::system("printf x >&2");
+                     }
+                     ::fcntl(reader, F_SETFL, O_NONBLOCK);
+                     return ::read(reader, text, sizeof(text)) == 1 && text[0] == 'x' ? 0 : 1;
+                 }).exited);
+}
+
 TEST(CollectedErrorsTest, CommandOutlivesTheReader) {
     EXPECT_EQ(3, inChild([] {
                      ::close(pipeAsStandardError());

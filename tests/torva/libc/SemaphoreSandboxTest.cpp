@@ -65,7 +65,8 @@ TEST_F(SemaphoreSandboxTest, AHeldSemaphoreAnswersMinusOneAtOnceAndAnotherSuccee
         if (sem_lock(5) != -1 || (errno != EACCES && errno != EAGAIN)) {
             return 1;
         }
-        return sem_lock(6) == 0 && sem_lock(4) == 0 && sem_lock(0) == 0 ? 0 : 2;
+        return sem_lock(6) == 0 && sem_lock(4) == 0 && sem_lock(0) == 0 && sem_unlock(0) == 0 ? 0
+                                                                                              : 2;
     });
     EXPECT_EQ(outcome.exited, 0);
     EXPECT_EQ(outcome.err, "");

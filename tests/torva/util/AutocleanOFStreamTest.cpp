@@ -75,11 +75,12 @@ TEST(AutocleanOFStreamTest, ModesAreThoseOfAnOutputFileStream) {
     } cases[] = {
         {std::ios_base::out, "new"},
         {std::ios_base::trunc, "new"},
-        {std::ios_base::app, "oldnew"},
-        {std::ios_base::out | std::ios_base::app | std::ios_base::binary, "oldnew"},
+        {std::ios_base::app, "oldsnew"},
+        {std::ios_base::out | std::ios_base::app | std::ios_base::binary, "oldsnew"},
+        {std::ios_base::in, "news"},
     };
     for (const auto& c : cases) {
-        writeFile(directory / "scratch", "old");
+        writeFile(directory / "scratch", "olds");
         AutocleanOFStream stream(directory / "scratch", c.mode);
         stream << "new" << std::flush;
         EXPECT_EQ(readFile(directory / "scratch"), c.wanted);

@@ -98,6 +98,17 @@ TEST_F(ShieldedIndexEndTest, PlaceholderThatAKillLeftIsRemoved) {
     EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
 }
 
+TEST_F(ShieldedIndexEndTest, PlaceholderThatAKillLeftIsFollowedByOneOfOurs) {
+    layOut();
+    writeFile(index_, "\n");
+    ASSERT_EQ(::chmod(index_.c_str(), 01600), 0);
+    const std::string seen = "/var/spool/postfix/seen";
+    const FakeTool fake(postmap, "stat -c %a " + index_ + " >" + seen);
+    rebuildTable(table);
+    EXPECT_EQ(contentOf(seen), "1600\n");
+    ::unlink(seen.c_str());
+}
+
 TEST_F(ShieldedIndexEndTest, DirectoryInThePlaceOfTheIndexIsLeftToTheTool) {
     writeFile(source, "a 1\n");
     ASSERT_EQ(::mkdir(index_.c_str(), 0755), 0);

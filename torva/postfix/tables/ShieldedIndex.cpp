@@ -112,6 +112,14 @@ public:
         finish();
     }
 
+    /// rename(2) takes only names. Whoever swapped the copy right before it would have the
+    /// tool follow their link.
+    void requireInPlace() const {
+        if (held_ && !isNameOf(path_, held_.get())) {
+            throwUnable(path_, swapped);
+        }
+    }
+
 private:
     void shield(int index, IndexUse use);
     void replace(int index, const struct stat& status);
@@ -301,6 +309,9 @@ ShieldedIndex::ShieldedIndex(const std::string& type, const std::string& source,
         const std::string scratch = source + ".cdb.tmp";
         removeScratch(scratch);
         add(scratch, "");
+    }
+    for (const auto& file : files_) {
+        file->requireInPlace();
     }
 }
 

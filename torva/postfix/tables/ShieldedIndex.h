@@ -47,9 +47,11 @@ public:
     ///         administrator's: such an index is not replaced
     /// \throws SystemError "unable to replace PATH": it is locked, and cannot be replaced, for
     ///         example because the disk is full, or because a file system is mounted there;
-    ///         or a placeholder cannot be made. Where an index that is not locked cannot be
-    ///         replaced, or the disk is too full for a placeholder, the tool goes without
-    /// After an exception the index is as before, and no temporary file is left.
+    ///         or a placeholder cannot be made; or somebody has put another file in the
+    ///         place of ours. Where an index that is not locked cannot be replaced, or the
+    ///         disk is too full for a placeholder, the tool goes without
+    /// After an exception the index is as before, unless somebody else has replaced it, and
+    /// no temporary file is left.
     ShieldedIndex(const std::string& type, const std::string& source, IndexUse use);
     ShieldedIndex(const ShieldedIndex&) = delete;
     ShieldedIndex& operator=(const ShieldedIndex&) = delete;

@@ -45,6 +45,11 @@ void unshare(const std::string& path) {
         throw SystemError("rename");
     }
     copy.setAutoclean(false);
+    // The owner of the directory can swap the copy right before it is renamed.
+    struct stat status = {};
+    if (!look(path, status) || isPlanted(path, status)) {
+        throw SystemError("rename", EEXIST);
+    }
 }
 
 void settleIndex(const std::string& path, IndexUse use) {

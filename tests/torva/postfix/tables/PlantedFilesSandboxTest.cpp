@@ -167,6 +167,26 @@ TEST_F(PlantedFilesTest, IndexWithASecondNameKeepsItsRecords) {
     ::unlink(another.c_str());
 }
 
+TEST_F(PlantedFilesTest, CopyOfAnIndexThatIsSwappedRightBeforeTheRenameNeverReachesPostmap) {
+    const std::string other = "/var/spool/postfix/other.db";
+    ASSERT_EQ(::link(index_.c_str(), other.c_str()), 0);
+    const FakeTool fake(postmap, "exit 0");
+    const CallHook hook([](const std::string& called, const std::string& path) {
+        if (called == "rename") {
+            EXPECT_EQ(::unlink(path.c_str()), 0);
+            EXPECT_EQ(::symlink(plantedVictim.c_str(), path.c_str()), 0);
+        }
+        return 0;
+    });
+    EXPECT_EQ(messageOf<torva::SystemError>([] {
+                  putRecords(table, {{"new", "z"}});
+              }),
+              "rename: File exists");
+    EXPECT_THAT(fake.calls(), testing::IsEmpty());
+    expectVictimUnharmed();
+    ::unlink(other.c_str());
+}
+
 TEST_F(PlantedFilesTest, IndexWithASecondNameIsNotWrittenToWhenItIsMadeAnew) {
     const std::string other = "/var/spool/postfix/other.db";
     for (const std::size_t each : {0U, 4U, 5U}) {

@@ -109,6 +109,41 @@ TEST_F(ShieldedIndexEndTest, PlaceholderThatAKillLeftIsFollowedByOneOfOurs) {
     ::unlink(seen.c_str());
 }
 
+/// Replaces files by a link to another one right before a call. The index that was there is
+/// copied and renamed, and where there was none, the placeholder gets its mode.
+void expectSwapIsNoticed(const std::string& before, const std::string& beginning) {
+    const std::string victim = "/var/spool/postfix/victim";
+    writeFile(victim, "secret\n");
+    const FakeTool fake(postmap, "exit 0");
+    bool done = false;
+    const CallHook hook([&](const std::string& called, const std::string&) {
+        for (const std::string& name : namesIn(directory)) {
+            if (called == before && !done && name.rfind(beginning, 0) == 0) {
+                const std::string path = std::string(directory) + "/" + name;
+                done = ::unlink(path.c_str()) == 0 && ::symlink(victim.c_str(), path.c_str()) == 0;
+            }
+        }
+        return 0;
+    });
+    EXPECT_EQ(messageOf<torva::SystemError>([] { rebuildTable(table); }),
+              "unable to replace " + index_ + ": File exists");
+    EXPECT_TRUE(done);
+    EXPECT_THAT(fake.calls(), testing::IsEmpty());
+    EXPECT_EQ(contentOf(victim), "secret\n");
+    EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
+    ::unlink(victim.c_str());
+}
+
+TEST_F(ShieldedIndexEndTest, LinkThatIsSwappedInRightBeforeTheRenameNeverReachesTheTool) {
+    layOut();
+    expectSwapIsNoticed("rename", "virtual.db.");
+}
+
+TEST_F(ShieldedIndexEndTest, LinkThatIsSwappedInForThePlaceholderNeverReachesTheTool) {
+    writeFile(source, "a 1\n");
+    expectSwapIsNoticed("fchmod", "virtual.db");
+}
+
 TEST_F(ShieldedIndexEndTest, DirectoryInThePlaceOfTheIndexIsLeftToTheTool) {
     writeFile(source, "a 1\n");
     ASSERT_EQ(::mkdir(index_.c_str(), 0755), 0);

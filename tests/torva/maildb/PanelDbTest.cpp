@@ -30,6 +30,10 @@ TEST(SafeName, NoNameIsUnsafe) {
     EXPECT_EQ(0, db_is_safe_name(nullptr));
 }
 
+TEST(Utf8Flag, IsNotSetBeforeAnySession) {
+    EXPECT_EQ(0, db_utf8_compatible);
+}
+
 TEST(FreeList, NoListIsAllowed) {
     db_free_list(nullptr);
 }

@@ -98,6 +98,14 @@ TEST_F(ShieldedIndexEndTest, PlaceholderThatAKillLeftIsRemoved) {
     EXPECT_THAT(namesIn(directory), ElementsAre("virtual", "virtual.db"));
 }
 
+TEST_F(ShieldedIndexEndTest, PlaceholderThatAKillLeftIsNoIndexToChange) {
+    layOut();
+    writeFile(index_, "\n");
+    ASSERT_EQ(::chmod(index_.c_str(), 01600), 0);
+    const ShieldedIndex index = shieldForChanges(table);
+    EXPECT_THAT(namesIn(directory), ElementsAre("virtual"));
+}
+
 TEST_F(ShieldedIndexEndTest, PlaceholderThatAKillLeftIsFollowedByOneOfOurs) {
     layOut();
     writeFile(index_, "\n");

@@ -1,5 +1,6 @@
 #include "torva/maildb/panel_db_combined.h"
 
+#include "support/AllocationFaults.h"
 #include "torva/maildb/CombinedFixture.h"
 #include "torva/maildb/MysqlProxy.h"
 #include "torva/maildb/panel_db.h"
@@ -207,6 +208,20 @@ TEST_F(Combined, SettingAPasswordGoesOnAfterEachFailedStep) {
     EXPECT_THAT(log.take(),
                 ElementsAre(no_domain("example.net"),
                             error("Unable to set password for mailname joe@example.net")));
+}
+
+TEST_F(Combined, SettingAPasswordReportsLackOfMemoryForAnAddress) {
+    if (!allocation_faults_work) {
+        GTEST_SKIP() << no_allocation_faults;
+    }
+    add_domains({"example.net", "example.org"});
+    const std::string name(100000, 'n');
+    {
+        const AllocationFaults faults(100000);
+        EXPECT_EQ(-1, db_set_mail_password(nullptr, postfix_type, name.c_str(), "example.com",
+                                           "new", 0, 0));
+    }
+    EXPECT_THAT(records(), IsEmpty());
 }
 
 TEST_F(Combined, SettingAPasswordReportsAliasesThatCannotBeAskedFor) {

@@ -292,6 +292,11 @@ TEST_F(PanelSession, NothingIsSentAfterTheFirstFailedStep) {
     }
     EXPECT_THAT(sent(),
                 ElementsAre("set foreign_key_checks=0", version_query, "SELECT val FROM nowhere"));
+    {
+        const MysqlProxy proxy(version_query, MysqlProxy::Action::replace, "SELECT 'version'");
+        open_with(db_open_session);
+    }
+    EXPECT_THAT(sent(), ElementsAre("set foreign_key_checks=0", "SELECT 'version'"));
 }
 
 } // namespace

@@ -87,6 +87,17 @@ TEST_F(SignalGuardsTest, DefaultSigpipeGetsAnEmptyHandlerAndComesBack) {
     EXPECT_EQ(SIG_DFL, handlerOf(SIGPIPE));
 }
 
+TEST_F(SignalGuardsTest, RestoredSigpipeIsTheCallersOwnAgain) {
+    EXPECT_EQ("same", inSubprocess([](std::ostream& out) {
+                  {
+                      SigpipeGuard guard;
+                      guard.restore();
+                      ::signal(SIGPIPE, SIG_IGN);
+                  }
+                  out << (handlerOf(SIGPIPE) == SIG_IGN ? "same" : "changed");
+              }));
+}
+
 TEST_F(SignalGuardsTest, IgnoredOrHandledSigpipeIsLeftAlone) {
     EXPECT_EQ("same same", inSubprocess([](std::ostream& out) {
                   ::signal(SIGPIPE, SIG_IGN);

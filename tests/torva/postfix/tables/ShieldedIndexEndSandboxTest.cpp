@@ -212,6 +212,16 @@ TEST_F(ShieldedIndexEndTest, LinkOfTheAdministratorIsFollowed) {
     ::unlink(elsewhere.c_str());
 }
 
+TEST_F(ShieldedIndexEndTest, LinkOfTheAdministratorThatLeadsNowhereIsLeftToTheTool) {
+    layOut();
+    ::unlink(index_.c_str());
+    ASSERT_EQ(::symlink("/no/such/directory/virtual.db", index_.c_str()), 0);
+    const FakeTool fake(postmap, "echo 'postmap: fatal: nowhere' >&2; exit 1");
+    EXPECT_EQ(messageOf<PostfixConfigurationError>([] { rebuildTable(table); }),
+              "postmap: fatal: nowhere\n");
+    EXPECT_TRUE(S_ISLNK(statusOf(index_).st_mode));
+}
+
 // ---- failures
 
 TEST_F(ShieldedIndexEndTest, OnAFullDiskTheIndexStaysAndIsNamedIfItIsLocked) {

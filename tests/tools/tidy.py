@@ -79,6 +79,8 @@ def main():
             tasks += [(checkout, [one], entry, ANALYZER) for one in sources if one != checkout / NOT_ANALYZED]
         else:
             tasks.append((checkout, sources, entry, CHECKS))
+    # The longest first, so that none is alone at the end.
+    tasks.sort(key=lambda task: sum(source.stat().st_size for source in task[1]), reverse=True)
     with concurrent.futures.ThreadPoolExecutor(len(os.sched_getaffinity(0))) as pool:
         results = list(pool.map(lambda task: check(*task), tasks))
     for said, _ in results:

@@ -12,7 +12,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr int indent = 1;
+constexpr int jsonIndent = 1;
 
 std::string hexadecimal(const std::string& bytes) {
     std::string text;
@@ -142,7 +142,7 @@ std::string textOf(const Manifest& manifest) {
                         {"paths", jsonOf(manifest.paths)},
                         {"present", jsonOf(manifest.present)},
                         {"entries", jsonOf(manifest.entries)}};
-    return document.dump(indent) + "\n";
+    return document.dump(jsonIndent) + "\n";
 }
 
 Manifest parseManifest(const std::string& text) {
@@ -168,7 +168,7 @@ std::string textOf(const LeftState& state) {
                         {"services", jsonOf(state.services)},
                         {"records", records},
                         {"entries", jsonOf(state.entries)}};
-    return document.dump(indent) + "\n";
+    return document.dump(jsonIndent) + "\n";
 }
 
 LeftState parseLeftState(const std::string& text) {

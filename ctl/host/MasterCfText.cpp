@@ -6,11 +6,11 @@ namespace torva::ctl {
 
 namespace {
 
-const char blanks[] = " \t\r\n";
+const char blankCharacters[] = " \t\r\n";
 
 /// Whether the line is empty or a comment.
 bool isNoText(const std::string& line) {
-    const std::string::size_type begin = line.find_first_not_of(blanks);
+    const std::string::size_type begin = line.find_first_not_of(blankCharacters);
     return begin == std::string::npos || line[begin] == '#';
 }
 
@@ -21,7 +21,7 @@ bool isContinuation(const std::string& line) {
 /// The end of the field that begins at `begin`: at a blank, or after the closing brace.
 std::string::size_type endOfField(const std::string& line, std::string::size_type begin) {
     if (line[begin] != '{') {
-        return std::min(line.find_first_of(blanks, begin), line.size());
+        return std::min(line.find_first_of(blankCharacters, begin), line.size());
     }
     int depth = 0;
     for (std::string::size_type at = begin; at < line.size(); ++at) {
@@ -34,11 +34,11 @@ std::string::size_type endOfField(const std::string& line, std::string::size_typ
 }
 
 void appendFields(const std::string& line, std::vector<std::string>& fields) {
-    std::string::size_type at = line.find_first_not_of(blanks);
+    std::string::size_type at = line.find_first_not_of(blankCharacters);
     while (at != std::string::npos) {
         const std::string::size_type end = endOfField(line, at);
         fields.push_back(line.substr(at, end - at));
-        at = line.find_first_not_of(blanks, end);
+        at = line.find_first_not_of(blankCharacters, end);
     }
 }
 
@@ -63,10 +63,10 @@ std::string optionOf(std::string text) {
         return std::string();
     }
     const auto trimmed = [](const std::string& part) {
-        const std::string::size_type begin = part.find_first_not_of(blanks);
+        const std::string::size_type begin = part.find_first_not_of(blankCharacters);
         return begin == std::string::npos
                    ? std::string()
-                   : part.substr(begin, part.find_last_not_of(blanks) + 1 - begin);
+                   : part.substr(begin, part.find_last_not_of(blankCharacters) + 1 - begin);
     };
     return trimmed(text.substr(0, equals)) + " = " + trimmed(text.substr(equals + 1));
 }

@@ -20,7 +20,7 @@ namespace torva::ctl {
 
 namespace {
 
-constexpr int patience = 100; ///< in tenths of a second
+constexpr int lockPatience = 100; ///< in tenths of a second
 
 process::Descriptor openedIndex(const std::string& path) {
     const bool isShared = writableByOthers(directoryOf(path));
@@ -47,7 +47,7 @@ void takeLock(const process::Descriptor& file, const std::string& path) {
         if (errno != EWOULDBLOCK && errno != EINTR) {
             throwSystemError("flock " + path, errno);
         }
-        if (turn == patience) {
+        if (turn == lockPatience) {
             throw std::runtime_error(path + " is locked by another process (fuser " + path + ")");
         }
         ::usleep(100000);

@@ -169,13 +169,17 @@ class MailFlowTest(MailTest):
         self.assertTrue(stat.S_ISFIFO((SPOOL / "public/pickup").stat().st_mode))
 
     def test_running_server_notices_the_tables_of_a_run_without_a_reload(self):
+        def restore():
+            self.fill_tables()
+            # Postfix cannot tell two changes within one second apart.
+            self.world.reload_postfix()
+
+        self.addCleanup(restore)
         # Each table has a new index file then, and smtpd(8) has the old one open.
         spam = ("spammer@client.example.com", f"sales@{HOST}")
         self.assertIn("Access denied", inside.answer(*spam))
         self.world.run_tool()
         self.assertEqual(inside.answer(*spam), "250 2.1.5 Ok")
-        self.fill_tables()
-        self.assertIn("Access denied", inside.answer(*spam))
 
     def test_second_run_on_the_running_server_leaves_mail_flowing(self):
         before = MASTER_CF.read_bytes()

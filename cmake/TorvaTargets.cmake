@@ -6,8 +6,6 @@ add_library(torva_warnings INTERFACE)
 add_library(torva::warnings ALIAS torva_warnings)
 target_compile_options(torva_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wold-style-cast -Wnon-virtual-dtor
-  # Clang's linter would ask the same in many times the time.
-  $<$<CXX_COMPILER_ID:Clang>:-Wreserved-identifier>
   $<$<BOOL:${TORVA_WERROR}>:-Werror>
   # Where the sources of a folder are compiled together, GCC takes each for a header.
   $<$<AND:$<BOOL:${CMAKE_UNITY_BUILD}>,$<CXX_COMPILER_ID:GNU>>:-Wno-subobject-linkage>)

@@ -165,7 +165,7 @@ def shortened(points):
     for point in points:
         group = (point.kind, point.call, point.how, point.phase == "master")
         # No common factor with the number of errors, so that the error is another one each time.
-        step = {"resources": 6}.get(point.kind, 31 if point.phase == "master" else 353)
+        step = {"resources": 6}.get(point.kind, 23 if point.phase == "master" else 257)
         is_last = point.phase == "master" and seen[group] == groups[group] - 1
         if seen[group] % step == 0 or is_last:
             chosen.append(point)

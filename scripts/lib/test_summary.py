@@ -4,13 +4,8 @@
 Prints every failed and every skipped test, the latter with its reason, and as the
 last line "N passed, N failed, N skipped". Exit status 0: at least one test ran, and
 none failed.
-
-Beside RESULTS.xml there may be RESULTS.again.xml: the tests that failed, each run once
-more with nothing beside it. Its outcomes count, and a test that passed only there is
-printed, too.
 """
 
-import pathlib
 import re
 import sys
 import xml.etree.ElementTree as ElementTree
@@ -61,25 +56,10 @@ def read(path):
             yield name, "failed", message
 
 
-def read_both(path):
-    """As read, of the results at this path and of those of the second run beside it."""
-    second_run = pathlib.Path(path).with_suffix(".again.xml")
-    again = set()
-    if second_run.exists():
-        for name, outcome, detail in read(second_run):
-            again.add(name)
-            if outcome == "passed":
-                print(f"passed only when it ran alone: {name}")
-            yield name, outcome, detail
-    for name, outcome, detail in read(path):
-        if name not in again:
-            yield name, outcome, detail
-
-
 def main(paths):
     counts = {"passed": 0, "failed": 0, "skipped": 0}
     for path in paths:
-        for name, outcome, detail in read_both(path):
+        for name, outcome, detail in read(path):
             counts[outcome] += 1
             if outcome != "passed":
                 print(f"{outcome}: {name}" + (f": {detail}" if detail else ""))

@@ -70,17 +70,6 @@ test_test_without_its_program_has_failed() {
 status 1" "$(summary one.xml)"
 }
 
-test_second_run_of_what_failed_counts_and_is_told() {
-    make_scratch
-    results one 'add_test(good "/bin/true")' 'add_test(slow "/bin/false")' \
-        'add_test(bad "/bin/false")'
-    results one.again 'add_test(slow "/bin/true")' 'add_test(bad "/bin/false")'
-    expect_equal "summary" "passed only when it ran alone: slow
-failed: bad
-2 passed, 1 failed, 0 skipped
-status 1" "$(summary one.xml)"
-}
-
 test_nothing_but_skipped_tests_is_no_success() {
     make_scratch
     results one 'add_test(mute "/bin/sh" "-c" "exit 77")' \

@@ -117,8 +117,8 @@ TEST_F(ShieldedIndexEndTest, PlaceholderThatAKillLeftIsFollowedByOneOfOurs) {
     ::unlink(seen.c_str());
 }
 
-/// Replaces files by a link to another one right before a call. The index that was there is
-/// copied and renamed, and where there was none, the placeholder gets its mode.
+/// Rebuilds the index. Right before the first call of that name, somebody puts a link to
+/// another file in the place of the one whose name begins like that.
 void expectSwapIsNoticed(const std::string& before, const std::string& beginning) {
     const std::string victim = "/var/spool/postfix/victim";
     writeFile(victim, "secret\n");

@@ -170,49 +170,51 @@ class FaultWorld(RealWorld):
 
 
 class Reference:
-    """The results of undisturbed runs: the states that a fault may lead to."""
+    """The results of undisturbed runs: the states that a fault may lead to. They are the same in
+    every part of a sweep, which therefore passes them on."""
 
     def __init__(self, world):
-        self.world = world
-        self.end, self.main_texts = self._observe()
+        self.end, self.main_texts = _observe(world)
         # "hostname -f" may fail: the run says so, leaves the name alone and goes on.
         kept = HOSTNAME.with_name("hostname.kept")
         HOSTNAME.rename(kept)
         try:
-            self.nameless_end, nameless_texts = self._observe()
+            self.nameless_end, nameless_texts = _observe(world)
             world.reset()
-            self._run()
+            _run(world)
         finally:
             kept.rename(HOSTNAME)
-        self.nameless_then_end = self._run()
+        self.nameless_then_end = _run(world)
         self.main_texts |= nameless_texts | {self.nameless_then_end.text(MAIN_CF)}
         world.reset()
         self.start = State()
 
-    def _run(self, *prefix):
-        done = subprocess.run([*prefix, self.world.program], env=ENVIRONMENT, stdin=subprocess.DEVNULL,
-                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, cwd="/")
-        if done.returncode != 0:
-            sys.exit("an undisturbed run fails:\n" + done.stdout.decode())
-        return State()
 
-    def _observe(self):
-        """The end state of a first run, and the texts of main.cf on the way there, after each
-        complete postconf -e."""
-        log = Path("/run/capture/commands")
-        self.world.reset()
-        end = self._run("strace", "-f", "-qq", "-e", "trace=execve", "-s", "10000", "-o", str(log))
-        again = self._run()
-        if again.differences(end):
-            sys.exit(f"a second undisturbed run changes {again.differences(end)}")
-        texts = {MAIN_TEXT}
-        self.world.reset()
-        for line in log.read_text().splitlines():
-            found = re.search(r'execve\("/usr/sbin/postconf", (\["/usr/sbin/postconf", "-e", .*?\]), 0x.* = 0$', line)
-            if found:
-                settle()
-                subprocess.run(ast.literal_eval(found.group(1)), check=True)
-                texts.add(MAIN_CF.read_bytes())
-        if end.text(MAIN_CF) not in texts:
-            sys.exit("the postconf commands of a run, repeated without it, make another main.cf")
-        return end, texts
+def _run(world, *prefix):
+    done = subprocess.run([*prefix, world.program], env=ENVIRONMENT, stdin=subprocess.DEVNULL,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, cwd="/")
+    if done.returncode != 0:
+        sys.exit("an undisturbed run fails:\n" + done.stdout.decode())
+    return State()
+
+
+def _observe(world):
+    """The end state of a first run, and the texts of main.cf on the way there, after each
+    complete postconf -e."""
+    log = Path("/run/capture/commands")
+    world.reset()
+    end = _run(world, "strace", "-f", "-qq", "-e", "trace=execve", "-s", "10000", "-o", str(log))
+    again = _run(world)
+    if again.differences(end):
+        sys.exit(f"a second undisturbed run changes {again.differences(end)}")
+    texts = {MAIN_TEXT}
+    world.reset()
+    for line in log.read_text().splitlines():
+        found = re.search(r'execve\("/usr/sbin/postconf", (\["/usr/sbin/postconf", "-e", .*?\]), 0x.* = 0$', line)
+        if found:
+            settle()
+            subprocess.run(ast.literal_eval(found.group(1)), check=True)
+            texts.add(MAIN_CF.read_bytes())
+    if end.text(MAIN_CF) not in texts:
+        sys.exit("the postconf commands of a run, repeated without it, make another main.cf")
+    return end, texts

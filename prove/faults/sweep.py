@@ -7,6 +7,7 @@ import collections
 import ctypes
 import json
 import os
+import pickle
 import random
 import signal
 import subprocess
@@ -65,25 +66,24 @@ def children_left():
 
 
 class Sweep:
-    def __init__(self, program, shim):
+    def __init__(self, program, shim, recording_file):
         ctypes.CDLL(None).prctl(36, 1, 0, 0, 0)  # PR_SET_CHILD_SUBREAPER
         CAPTURE.mkdir(exist_ok=True)
         self.program, self.shim = program, shim
         self.world = FaultWorld(program)
-        self.judge = Judge(self.world, Reference(self.world))
+        if not recording_file.exists():
+            recording_file.write_bytes(pickle.dumps((Reference(self.world), self.places())))
+        reference, points = pickle.loads(recording_file.read_bytes())
+        self.points = [Point(*fields) for fields in points]
+        self.judge = Judge(self.world, reference)
         self.counts, self.violations, self.not_visited = collections.Counter(), [], 0
 
-    def points(self, recording_file, kinds):
-        """The same list in each part of a sweep: the first one records it."""
-        found = []
-        if not recording_file.exists():
-            recording = Recording(self.world)
-            start([self.program], {"LD_PRELOAD": self.shim, "TORVA_FAULT": "none:0:0", "TORVA_FAULT_COUNT": str(CAPTURE / "count")})
-            counts = {name: int(count) for name, count in map(str.split, (CAPTURE / "count").read_text().splitlines())}
-            found = kill_points(recording) + error_points(recording, counts) + resources.resource_points()
-            recording_file.write_text(json.dumps(found))
-        found = [Point(*fields) for fields in json.loads(recording_file.read_text())]
-        return [point for point in found if point.kind in kinds]
+    def places(self):
+        """Where a run can be broken."""
+        recording = Recording(self.world)
+        start([self.program], {"LD_PRELOAD": self.shim, "TORVA_FAULT": "none:0:0", "TORVA_FAULT_COUNT": str(CAPTURE / "count")})
+        counts = {name: int(count) for name, count in map(str.split, (CAPTURE / "count").read_text().splitlines())}
+        return kill_points(recording) + error_points(recording, counts) + resources.resource_points()
 
     def inject(self, point):
         log = str(CAPTURE / "strace")
@@ -121,10 +121,10 @@ class Sweep:
 def main():
     refuse_outside_sandbox()
     program, shim, recording, result, kinds, part, parts, extent, seconds = sys.argv[1:]
-    sweep = Sweep(program, shim)
-    points = sweep.points(Path(recording), kinds.split(","))
+    sweep = Sweep(program, shim, Path(recording))  # the first part of all records for the others
     if not kinds:
         return
+    points = [point for point in sweep.points if point.kind in kinds.split(",")]
     chosen = (shortened(points) if extent == "short" else spread(points))[int(part)::int(parts)]
     print(f"part {part}: {len(chosen)} places of {len(points)}", flush=True)
     begin = time.monotonic()

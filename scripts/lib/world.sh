@@ -98,9 +98,12 @@ drop_host_sockets() {
 }
 
 # make_veth_pair: eth0 as one end of a pair, whose other end is in the nested network
-# namespace "outside". Fails on a kernel without either.
+# namespace "outside". Fails on a kernel without either. With hardware addresses of its
+# choice, the kernel would give each world another IPv6 address.
 make_veth_pair() {
-    ip netns add outside && ip link add eth0 type veth peer name eth0 netns outside
+    ip netns add outside &&
+        ip link add eth0 address 02:00:00:00:00:10 type veth \
+            peer name eth0 address 02:00:00:00:00:20 netns outside
 }
 
 # make_network: gives both ends of the pair their addresses. "outside" is the place

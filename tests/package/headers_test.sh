@@ -1,8 +1,10 @@
 #!/bin/bash
-# Compiles every installed header alone, with nothing but the installed copy at hand: as
-# C++17 and C++20, and those of plain functions as C11 too.
+# Compiles the installed headers with nothing but the installed copy at hand: as C++17 and
+# C++20, and those of plain functions as C11 too.
 #
-#   headers_test.sh BUILD_DIR g++|clang++
+#   headers_test.sh BUILD_DIR g++      each alone: it includes what it needs
+#   headers_test.sh BUILD_DIR clang++  all in one, in both orders: what each gets from the
+#                                      others does not depend on the compiler
 set -euo pipefail
 
 build=$1
@@ -22,35 +24,42 @@ esac
 cmake --install "$build" --prefix "$work/prefix" --component dev >"$work/install.log"
 cd "$work/prefix/include"
 
-# Each line is one compilation: compiler, language, standard, header. A header is plain
-# when its name is in lower case, see CONTRIBUTING.md.
+# A header is plain when its name is in lower case, see CONTRIBUTING.md.
 find torva -name '*.h' | LC_ALL=C sort >"$work/headers"
-while read -r header; do
-    for standard in c++17 c++20; do
-        echo "$compiler c++ $standard $header"
-    done
-    case ${header##*/} in
-        [a-z]*) echo "$c_compiler c c11 $header" ;;
-    esac
-done <"$work/headers" >"$work/compilations"
+grep -E '/[a-z][^/]*$' "$work/headers" >"$work/plain" || {
+    echo "FAILED: no header of plain functions is installed"
+    exit 1
+}
 
-# compile COMPILER LANGUAGE STANDARD HEADER: included twice, as through two others.
+# compile COMPILER LANGUAGE STANDARD HEADER...: all are included twice, as through others.
 compile() {
-    local warnings=(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+    local headers=("${@:4}") warnings=(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
     [[ $2 == c ]] || warnings+=(-Wold-style-cast -Wnon-virtual-dtor)
-    printf '#include <%s>\n#include <%s>\nint main(void) { return 0; }\n' "$4" "$4" |
-        "$1" -x "$2" "-std=$3" "${warnings[@]}" -fsyntax-only -I. - || {
-        echo "FAILED: $4 alone, $1 -std=$3"
+    {
+        printf '#include <%s>\n' "${headers[@]}" "${headers[@]}"
+        echo 'int main(void) { return 0; }'
+    } | "$1" -x "$2" "-std=$3" "${warnings[@]}" -fsyntax-only -I. - || {
+        echo "FAILED: ${headers[*]}, $1 -std=$3"
         return 1
     }
 }
 export -f compile
 
-count=$(wc -l <"$work/compilations")
-plain=$(grep -c ' c11 ' "$work/compilations") || true
-((plain > 0)) || {
-    echo "FAILED: no header of plain functions is installed"
-    exit 1
+# compilations HEADER-LIST COMPILER LANGUAGE STANDARD: a line for each, for compile.
+compilations() {
+    if [[ $compiler == g++ ]]; then
+        sed "s|^|$2 $3 $4 |" "$1"
+    else
+        echo "$2 $3 $4 $(xargs <"$1")"
+        echo "$2 $3 $4 $(tac "$1" | xargs)"
+    fi
 }
+
+{
+    compilations "$work/headers" "$compiler" c++ c++17
+    compilations "$work/headers" "$compiler" c++ c++20
+    compilations "$work/plain" "$c_compiler" c c11
+} >"$work/compilations"
 xargs -P "$(nproc)" -L 1 bash -c 'compile "$@"' compile <"$work/compilations" || exit 1
-echo "$count compilations with $compiler, $plain of them as C11"
+echo "$(wc -l <"$work/compilations") compilations of $(wc -l <"$work/headers") headers with $compiler," \
+    "$(grep -c ' c11 ' "$work/compilations") of them as C11"

@@ -196,6 +196,12 @@ test_one_address_beside_the_loopback_ones() {
         "$(in_namespaces --loopback-only -- ip -4 -o address | awk '{print $2, $4}' | xargs)"
 }
 
+test_each_world_has_the_same_ipv6_address() {
+    need_namespaces
+    expect_equal "addresses" "lo ::1/128 eth0 fe80::ff:fe00:10/64" \
+        "$(in_namespaces -- ip -6 -o address | awk '{print $2, $4}' | xargs)"
+}
+
 test_outside_client_reaches_eth0_from_its_own_address() {
     need_namespaces
     # "Connection refused" is the answer of a host that was reached.

@@ -3,7 +3,11 @@
 #include "ctl/host/PanelRun.h"
 #include "torva/postfix/mastercf/MasterCfDiagnosis.h"
 
+#include <boost/algorithm/string/trim.hpp>
+
 #include <algorithm>
+#include <cctype>
+#include <sstream>
 #include <stdexcept>
 
 namespace torva::ctl {
@@ -11,6 +15,8 @@ namespace torva::ctl {
 using mail::postfix::diagnoseMasterCf;
 
 namespace {
+
+constexpr std::size_t manyServices = 250;
 
 bool startsWith(const std::string& line, const std::string& beginning) {
     return line.compare(0, beginning.size(), beginning) == 0;
@@ -81,15 +87,43 @@ void commentReplaced(MasterCfText& text, const std::vector<std::string>& shelter
     }
 }
 
+/// The names of the parameters that are set in a text of main.cf.
+std::vector<std::string> settingsIn(const std::string& mainCf) {
+    std::vector<std::string> names;
+    std::istringstream lines(mainCf);
+    for (std::string line; std::getline(lines, line);) {
+        const bool isContinued = !line.empty() && std::isspace(static_cast<unsigned char>(line[0]));
+        const std::string::size_type equals = line.find('=');
+        if (!isContinued && equals != std::string::npos) {
+            names.push_back(boost::algorithm::trim_right_copy(line.substr(0, equals)));
+        }
+    }
+    return names;
+}
+
+/// Whether a text uses a parameter: as "$NAME", "${NAME" or "$(NAME".
+bool uses(const std::string& text, const std::string& name) {
+    for (const char* beginning : {"$", "${", "$("}) {
+        if (text.find(beginning + name) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
 } // namespace
 
-Sheltered shelter(const std::string& masterCf) {
+Sheltered shelter(const std::string& masterCf, const ServiceFilter& others) {
     MasterCfText text(masterCf);
     Sheltered sheltered;
     sheltered.mark = unusedMark(text);
     for (const MasterCfTextEntry& entry : text.entries()) {
-        if (diagnoseMasterCf(text.textOf(entry))) {
+        const std::string own = text.textOf(entry);
+        const bool isRefused = diagnoseMasterCf(own).has_value();
+        if (isRefused) {
             sheltered.keys.push_back(entry.key());
+        }
+        if (isRefused || (others && others(entry, own))) {
             text.commentOut(entry, sheltered.mark);
         }
     }
@@ -99,6 +133,29 @@ Sheltered shelter(const std::string& masterCf) {
         sheltered.refusal = diagnosis->text();
     }
     return sheltered;
+}
+
+ServiceFilter uninvolvedServices(const std::string& masterCf, const std::string& mainCf) {
+    if (MasterCfText(masterCf).entries().size() <= manyServices) {
+        return nullptr;
+    }
+    return
+        [settings = settingsIn(mainCf)](const MasterCfTextEntry& entry, const std::string& text) {
+            return panelServiceOf(entry.key()) == nullptr &&
+                   std::none_of(settings.begin(), settings.end(), [&](const std::string& setting) {
+                       return startsWith(setting, entry.name() + "_") || uses(text, setting);
+                   });
+        };
+}
+
+std::string withoutServices(const std::string& masterCf, const ServiceFilter& which) {
+    MasterCfText text(masterCf);
+    for (const MasterCfTextEntry& entry : text.entries()) {
+        if (which(entry, text.textOf(entry))) {
+            text.commentOut(entry, "#");
+        }
+    }
+    return text.text();
 }
 
 std::string unshelter(const std::string& masterCf, const Sheltered& sheltered,

@@ -88,7 +88,8 @@ void Apply::backUp() {
 void Apply::runTool() {
     const Manifest before = backups_.find(stamp_).value().manifest;
     const int progress = report_.json() ? STDERR_FILENO : STDOUT_FILENO;
-    const RunResult result = performRun(host_, before, progress, call_.request.emptyTables);
+    const RunResult result =
+        performRun(host_, before, {progress, call_.request.emptyTables, false});
     throwIfSignalled();
     if (result.status != 0) {
         throw Failure("run",

@@ -142,7 +142,7 @@ std::string withOnePickup(const std::string& masterCf, std::vector<Finding>& fin
 }
 
 void shelterServices(const Postfix& postfix, const Sheltered& sheltered) {
-    if (!sheltered.keys.empty()) {
+    if (!sheltered.lines.empty()) {
         replaceText(postfix.masterCf(), sheltered.text);
     }
 }
@@ -213,16 +213,19 @@ void requireFiles(const Postfix& postfix) {
 
 } // namespace
 
-RunResult performRun(const Host& host, const Manifest& before, int progress, bool emptyTables) {
+RunResult performRun(const Host& host, const Manifest& before, const RunOptions& options) {
     const Postfix& postfix = host.postfix;
     RunResult result;
     const RunLock lock; // inherited by everything that changes files, even if we are killed
     requireFiles(postfix);
     prepareMainCf(postfix);
-    const Sheltered sheltered = shelter(readFile(postfix.masterCf()).value_or(""));
+    const std::string masterCf = readFile(postfix.masterCf()).value_or("");
+    const std::string mainCf = readFile(postfix.mainCf()).value_or("");
+    const Sheltered sheltered =
+        shelter(masterCf, options.isCopy ? uninvolvedServices(masterCf, mainCf) : nullptr);
     shelterServices(postfix, sheltered);
-    const RecordsByTable records = emptyTables ? RecordsByTable() : readRecords(postfix);
-    result.status = runTool(host.programs.tool, progress);
+    const RecordsByTable records = options.emptyTables ? RecordsByTable() : readRecords(postfix);
+    result.status = runTool(host.programs.tool, options.progress);
     restoreServices(postfix, sheltered, result.findings);
     const std::string directory = resolved(postfix.directory);
     settle(directory + "/main.cf", before.entries);

@@ -15,15 +15,21 @@ struct RunResult {
     std::vector<Finding> findings; ///< what was done besides the run
 };
 
+struct RunOptions {
+    int progress = -1;        ///< descriptor for the tool's progress and errors
+    bool emptyTables = false; ///< false: records that the run drops from the panel's tables
+                              ///< are put back
+    bool isCopy = false;      ///< the files are a private copy, which no Postfix reads: where
+                              ///< there are many services, those that the run leaves alone
+                              ///< are comments for its time
+};
+
 /// Runs the tool. The caller must have a backup of the files: after a failure they are left
 /// as they are then.
 ///
-/// \param before       the host before, see Backups.h
-/// \param progress     descriptor for the tool's progress and errors
-/// \param emptyTables  false: records that the run drops from the panel's tables are put
-///                     back
+/// \param before  the host before, see Backups.h
 /// \throws std::exception  something besides the run failed
-RunResult performRun(const Host& host, const Manifest& before, int progress, bool emptyTables);
+RunResult performRun(const Host& host, const Manifest& before, const RunOptions& options);
 
 /// The output of "postfix check", each line once, and its exit status; without what needs no
 /// correction, see withoutNews().

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 
 #include <stdexcept>
+#include <string>
 
 namespace torva::ctl {
 namespace {
@@ -43,6 +44,47 @@ TEST(ShelterTest, EveryByteComesBack) {
           odd + "#sheltered by torva-postfixctl: x\n"}) {
         EXPECT_EQ(roundTrip(text), text);
     }
+}
+
+std::string manyServices(int number) {
+    std::string text;
+    for (int index = 0; index < number; ++index) {
+        text += "svc" + std::to_string(index) + " unix - - y - - smtp\n  -o a=b\n";
+    }
+    return text;
+}
+
+TEST(ShelterTest, UpTo250ServicesAreAllInvolved) {
+    EXPECT_FALSE(uninvolvedServices(manyServices(250), ""));
+    EXPECT_TRUE(uninvolvedServices(manyServices(251), ""));
+}
+
+TEST(ShelterTest, OfManyServicesOnlyThoseOfTheRunAndOfASettingAreInvolved) {
+    const std::string involved = "smtp inet n - y - - smtpd\n"
+                                 "relay unix - - y - - smtp\n"
+                                 "one unix - - y - - smtp\n  -o x=a,$mine\n"
+                                 "two unix - - y - - smtp -o x=${mine}\n"
+                                 "three unix - - y - - smtp -o x=$(mine)\n";
+    const std::string alone = "relays unix - - y - - smtp -o x=$service_name\n";
+    const std::string text = involved + manyServices(251) + odd + alone;
+    const Sheltered sheltered =
+        shelter(text, uninvolvedServices(text, "mine=x\nrelay_time_limit\t= 1,\n svc1_x = y\n"));
+    std::string remaining;
+    const MasterCfText forTheRun(sheltered.text);
+    for (const MasterCfTextEntry& entry : forTheRun.entries()) {
+        remaining += forTheRun.textOf(entry);
+    }
+    EXPECT_EQ(remaining, involved);
+    EXPECT_THAT(sheltered.keys, ElementsAre("[::1]:25/inet"));
+    std::vector<std::string> replaced;
+    EXPECT_EQ(unshelter(sheltered.text, sheltered, replaced), text);
+}
+
+TEST(ShelterTest, ServicesThatAreMeantAreCommentsWithoutAMark) {
+    const auto isCleanup = [](const MasterCfTextEntry& entry, const std::string& text) {
+        return entry.name() == "cleanup" && text == good;
+    };
+    EXPECT_EQ(withoutServices(odd + good + odd, isCleanup), odd + "#" + good + odd);
 }
 
 TEST(ShelterTest, LineThatIsGoneIsTold) {

@@ -2,6 +2,7 @@
 full disks, hard links, many services, odd surroundings."""
 
 import os
+import shutil
 import subprocess
 from pathlib import Path
 
@@ -203,6 +204,41 @@ class SurroundingsTest(CtlTest):
     def test_check_of_three_thousand_services_ends(self):
         add(MASTER_CF, "".join(f"svc{number} unix - - y - - smtp\n" for number in range(3000)))
         self.assertStatus(0, ctl("check", timeout=120)) # one postconf for each would take an hour
+
+    def test_preview_of_many_services_has_them_read_once_and_shows_what_apply_does(self):
+        add(MAIN_CF, "mine = yes\n")
+        add(MASTER_CF, "".join(f"svc{number} unix - - y - - smtp\n  -o syslog_name=svc{number}\n" for number in range(260)) +
+            "user unix - - y - - smtp -o smtp_fallback_relay=$mine\n")
+        kept = Path("/run/preview")
+        self.addCleanup(remove, kept)
+        self.replace_program("/usr/sbin/postconf", """#!/bin/sh
+case $1 in
+    -c | -d | -m) ;; # another directory, or no file at all
+    *)
+        if test "$(grep -c ^svc /etc/postfix/master.cf)" = 260; then
+            echo "$@" >>/run/asked
+            test "$(wc -l </run/asked)" -le 1 || { cat /run/asked >&2; exit 1; }
+        fi
+        ;;
+esac
+exec $REAL "$@"
+""")
+        before = tree()
+        outcome = self.assertStatus(0, ctl("--json", "preview", "--keep", str(kept)))
+        self.assertSame(before, "after preview")
+        verdict = [o for o in outcome.objects() if o.get("change") == "postfix-check"]
+        self.assertEqual([(o["status"], o["text"]) for o in verdict], [(0, "")])
+        self.assertNotIn("unused parameter", outcome.err)
+        shutil.copy2("/usr/sbin/postconf.real", "/usr/sbin/postconf")
+        self.assertStatus(0, ctl("apply"))
+        self.assertEqual(MASTER_CF.read_bytes(), (kept / "etc/postfix/master.cf").read_bytes())
+        self.assertEqual(MAIN_CF.read_bytes(), (kept / "etc/postfix/main.cf").read_bytes())
+
+    def test_preview_tells_what_postfix_refuses_among_many_services(self):
+        add(MASTER_CF, "".join(f"svc{number} unix - - y - - smtp\n" for number in range(260)) + "bad unix - - y - -\n")
+        verdict = [o for o in ctl("--json", "preview").objects() if o.get("change") == "postfix-check"]
+        self.assertNotEqual(verdict[0]["status"], 0)
+        self.assertIn("bad", verdict[0]["text"])
 
     def test_asks_postfix_six_questions_and_about_services_once(self):
         real = Path("/usr/sbin/postconf.real")

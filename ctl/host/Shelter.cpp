@@ -64,11 +64,21 @@ bool holdsLine(const std::vector<std::string>& keys, const std::string& key) {
     return std::find(keys.begin(), keys.end(), key) != keys.end();
 }
 
+std::vector<std::string> keysOf(const MasterCfText& text) {
+    std::vector<std::string> keys;
+    for (const MasterCfTextEntry& entry : text.entries()) {
+        keys.push_back(entry.key());
+    }
+    return keys;
+}
+
 /// Removes services that the run has added although a sheltered one has the same key.
-void dropAdded(MasterCfText& text, const std::vector<std::string>& shelteredKeys) {
+void dropAdded(MasterCfText& text, const Sheltered& sheltered) {
+    const std::vector<std::string> before = keysOf(MasterCfText(sheltered.text));
     for (const MasterCfTextEntry& entry : text.entries()) {
         const PanelService* service = panelServiceOf(entry.key());
-        if (service != nullptr && !service->replaces && holdsLine(shelteredKeys, entry.key())) {
+        if (service != nullptr && !service->replaces && !holdsLine(before, entry.key()) &&
+            holdsLine(sheltered.keys, entry.key())) {
             text.drop(entry);
         }
     }
@@ -161,7 +171,7 @@ std::string withoutServices(const std::string& masterCf, const ServiceFilter& wh
 std::string unshelter(const std::string& masterCf, const Sheltered& sheltered,
                       std::vector<std::string>& replaced) {
     MasterCfText text(masterCf);
-    dropAdded(text, sheltered.keys);
+    dropAdded(text, sheltered);
     if (!sameLines(takeMarkOff(text, sheltered.mark), sheltered.lines)) {
         throw std::runtime_error("a sheltered line is gone");
     }

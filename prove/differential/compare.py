@@ -1,6 +1,7 @@
-"""Compares how our reader and "postconf -M" understand master.cf files.
+"""Compares how our reader and "postconf -M" understand master.cf files, and whether the
+companion shelters what only Postfix accepts.
 
-    python3 compare.py MASTER_CF_DUMP KEEP_DIRECTORY SEED COUNT
+    python3 compare.py PROGRAM_DIRECTORY KEEP_DIRECTORY SEED COUNT
 
 Runs inside scripts/sandbox. A file about which the two differ is read again without
 the first reason for that, and so on, until they agree or no reason is left. If they
@@ -38,6 +39,7 @@ class Case:
         self.original = self.text = text
         self.reasons = []
         self.readings = {OURS: None, POSTFIX: None}  # services as lists of fields; None: refused
+        self.not_sheltered = None  # what is wrong about the shelter of a file that Postfix accepts
         self.moved = None  # a reason whose removal changed the reading that it must not change
 
     def difference(self):
@@ -87,7 +89,19 @@ def read_with_ours(dump, paths):
     return answers
 
 
-def read_all(cases, dump, scratch, pool):
+def shelter_all(cases, programs, scratch):
+    """Shelters the services of each case, whose texts are in the directories of read_all()."""
+    paths = "".join(f"{scratch / str(number)}/master.cf\n" for number in range(len(cases)))
+    run = subprocess.run([f"{programs}/shelter_dump"], input=paths.encode(), stdout=subprocess.PIPE, check=True)
+    judgements = run.stdout.decode(errors="replace").splitlines()
+    assert len(judgements) == len(cases), "an answer for each file"
+    for case, judgement in zip(cases, judgements):
+        # Postfix accepts an empty file, too, but no host has one.
+        if judgement != "whole" and case.readings[POSTFIX] is not None and case.text:
+            case.not_sheltered = judgement
+
+
+def read_all(cases, programs, scratch, pool):
     """Both readings of the current text of each case."""
     directories = []
     for number, case in enumerate(cases):
@@ -96,16 +110,18 @@ def read_all(cases, dump, scratch, pool):
         (directory / "main.cf").write_text("compatibility_level = 3.6\n")
         (directory / "master.cf").write_bytes(case.text)
         directories.append(str(directory))
-    ours = read_with_ours(dump, [f"{directory}/master.cf" for directory in directories])
+    ours = read_with_ours(f"{programs}/master_cf_dump", [f"{directory}/master.cf" for directory in directories])
     for case, mine, theirs in zip(cases, ours, pool.map(read_with_postconf, directories)):
         case.take({OURS: mine, POSTFIX: theirs})
 
 
-def judge(cases, dump, scratch, pool):
+def judge(cases, programs, scratch, pool):
     """Removes reasons from the texts until the readers agree, or no reason is left."""
     left = cases
-    for _ in range(ROUNDS):
-        read_all(left, dump, scratch, pool)
+    for round_number in range(ROUNDS):
+        read_all(left, programs, scratch, pool)
+        if round_number == 0:
+            shelter_all(left, programs, scratch)
         waiting = []
         for case in left:
             if case.difference() is not None and case.moved is None:
@@ -130,7 +146,9 @@ class Report:
         self.wrong = []
 
     def add(self, case, wanted=None):
-        if case.moved is not None:
+        if case.not_sheltered is not None:
+            self.complain(case, f"not sheltered: {case.not_sheltered}")
+        elif case.moved is not None:
             self.complain(case, f"the reason \"{case.moved}\" affects a reader that it should not")
         elif case.difference() is not None:
             self.complain(case, case.difference() + ", unexplained")
@@ -175,7 +193,7 @@ def case_of(number, seed, maker):
     return Case(f"seed-{seed}-{number - len(FILES)}", maker.file())
 
 
-def main(dump, keep, seed, count):
+def main(programs, keep, seed, count):
     if "TORVA_SANDBOX" not in os.environ:
         sys.exit("run scripts/prove differential instead")
     maker = Maker(random.Random(seed))
@@ -186,7 +204,7 @@ def main(dump, keep, seed, count):
         for start in range(0, len(wanted), BATCH):
             numbers = range(start, min(start + BATCH, len(wanted)))
             cases = [case_of(number, seed, maker) for number in numbers]
-            judge(cases, dump, Path(scratch), pool)
+            judge(cases, programs, Path(scratch), pool)
             for case, number in zip(cases, numbers):
                 report.add(case, wanted[number])
     report.print()

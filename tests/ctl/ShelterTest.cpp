@@ -54,6 +54,12 @@ std::string manyServices(int number) {
     return text;
 }
 
+TEST(ShelterTest, SecondEntryThatWasThereBeforeTheRunIsNotTakenForAnAddedOne) {
+    const std::string text = "127.0.0.1:10026 inet n - n - 5 smtpd\n"
+                             "127.0.0.1:10026 inet n - n - 7 smtpd # mine\n";
+    EXPECT_EQ(roundTrip(text), text);
+}
+
 TEST(ShelterTest, UpTo250ServicesAreAllInvolved) {
     EXPECT_FALSE(uninvolvedServices(manyServices(250), ""));
     EXPECT_TRUE(uninvolvedServices(manyServices(251), ""));

@@ -1,89 +1,8 @@
 #!/bin/bash
-# What scripts/sandbox promises: a private world; nothing changed outside, nothing left.
+# What scripts/sandbox promises: a private world; nothing changed outside, nothing left. The
+# chroot is in chroot_test.sh.
 set -euo pipefail
-source "${BASH_SOURCE[0]%/*}/shell_test.sh"
-
-# The two worlds. Giving up the capability that a plain container lacks imitates one.
-in_namespaces() { "$sandbox" "$@"; }
-in_plain_container() {
-    if "$sandbox" --loopback-only -- true 2>/dev/null; then
-        setpriv --bounding-set -sys_admin --inh-caps -sys_admin -- "$sandbox" "$@"
-    else
-        "$sandbox" "$@"
-    fi
-}
-in_chroot() { in_plain_container --or-chroot "$@"; }
-
-# status_of COMMAND...: prints its exit status, and nothing else on this stream.
-status_of() {
-    local status=0
-    "$@" >/dev/null || status=$?
-    printf '%s\n' "$status"
-}
-
-# machine_state: what must not change: files with contents, modes, owners and times,
-# the directories of the spool (not its mail, which may be on its way), the mounts,
-# the names, the network.
-machine_state() {
-    find /etc /usr/sbin -xdev -printf '%p %y %m %U %G %s %T@ %i %l\n' | sort
-    find /etc -xdev -type f -exec sha256sum {} + | sort
-    find /var/spool -xdev -maxdepth 2 -printf '%p %y %m %U %G %i\n' | sort
-    ls -d /usr/lib/torva-9.0 /usr/local/kra /var/qmail /run/vandal /dev/shm/vandal /dev/vandal 2>&1
-    cut -d' ' -f3- /proc/self/mountinfo
-    hostname
-    if [[ -x $(command -v ip) ]]; then ip -o link; fi
-}
-
-# What a careless test does; its daemon holds a lock on a file that both worlds see.
-vandal='
-    echo "vandal = yes" >>/etc/postfix/main.cf
-    rm -f /etc/hosts /etc/passwd
-    mkdir -p /usr/lib/torva-9.0 /usr/local/kra
-    printf "#!/bin/sh\n" >/usr/sbin/postconf
-    mkdir -p /var/spool/postfix/torva && echo x >/var/spool/postfix/torva/x
-    echo x >/run/vandal; echo x >/dev/shm/vandal; echo x >/dev/vandal
-    hostname vandal 2>/dev/null
-    mount -t tmpfs none /home 2>/dev/null
-    exit 0
-'
-
-check_vandal() { # IN_WORLD...
-    local before after
-    before=$(machine_state)
-    "$@" -- bash -c "$vandal" || fail "the vandal failed"
-    after=$(machine_state)
-    [[ $before == "$after" ]] || fail "$(diff <(echo "$before") <(echo "$after"))"
-}
-
-# lock_is_free FILE: whether nobody holds a lock on FILE any more; an ended process
-# may need a moment to be gone.
-lock_is_free() { flock --timeout 20 "$1" true; }
-
-check_no_survivor() { # SHARED_DIR IN_WORLD...
-    local shared=$1
-    shift
-    "$@" -- bash -c "
-        trap '' TERM HUP INT
-        exec 9>$shared/lock && flock 9
-        setsid sleep 600 </dev/null >/dev/null 2>&1 &
-        disown"
-    flock --nonblock "$shared/lock" true || fail "a process outlived the world"
-}
-
-check_ended_by() { # SIGNAL SHARED_DIR IN_WORLD...
-    local signal=$1 shared=$2 pid
-    shift 2
-    "$@" -- bash -c "
-        exec 9>$shared/lock && flock 9
-        setsid sleep 600 &
-        : >$shared/started
-        wait" &
-    pid=$!
-    await "$shared/started"
-    kill "-$signal" "$pid"
-    wait "$pid" || true
-    lock_is_free "$shared/lock" || fail "SIG$signal left a process behind"
-}
+source "${BASH_SOURCE[0]%/*}/worlds.sh"
 
 test_namespaces_exit_status_is_that_of_the_command() {
     need_namespaces
@@ -95,39 +14,15 @@ test_namespaces_exit_status_is_that_of_the_command() {
         "$(status_of in_namespaces -- usage 2>/dev/null)"
 }
 
-test_chroot_exit_status_is_that_of_the_command() {
-    need_chroot
-    expect_equal "failure" 9 "$(status_of in_chroot -- sh -c 'exit 9' 2>/dev/null)"
-    expect_equal "killed by a signal" 137 \
-        "$(status_of in_chroot -- bash -c 'kill -KILL $$' 2>/dev/null)"
-}
-
 test_namespaces_change_nothing_on_the_machine() {
     need_namespaces
     check_vandal in_namespaces --panel-accounts
-}
-
-test_chroot_changes_nothing_on_the_machine() {
-    need_chroot
-    check_vandal in_chroot --panel-accounts
 }
 
 test_namespaces_leave_no_process() {
     need_namespaces
     make_scratch
     check_no_survivor "$scratch" in_namespaces
-}
-
-test_chroot_leaves_no_process_and_no_file() {
-    need_chroot
-    make_scratch
-    local copy
-    TMPDIR=$scratch in_chroot -- bash -c 'setsid sleep 600 </dev/null >/dev/null 2>&1 & disown'
-    copy=$(find "$scratch" -mindepth 1)
-    expect_equal "files left of the copy" "" "$copy"
-    for link in /proc/[0-9]*/root; do
-        [[ $(readlink "$link" 2>/dev/null) != "$scratch"* ]] || fail "$link still runs in the copy"
-    done
 }
 
 test_namespaces_end_with_a_signal_to_the_script() {
@@ -140,23 +35,6 @@ test_namespaces_end_with_a_signal_to_the_script() {
     done
 }
 
-test_terminated_chroot_removes_its_copy() {
-    need_chroot
-    make_scratch
-    local pid status=0
-    TMPDIR=$scratch setpriv --bounding-set -sys_admin --inh-caps -sys_admin -- \
-        "$sandbox" --or-chroot -- bash -c ': >/run/tmp/started; sleep 600' &
-    pid=$!
-    for ((i = 0; i < 600; i++)); do
-        [[ -e $(echo "$scratch"/torva-sandbox.*/root/run/tmp/started) ]] && break
-        sleep 0.1
-    done
-    kill -TERM "$pid"
-    wait "$pid" || status=$?
-    expect_equal "exit status" 143 "$status"
-    expect_equal "files left of the copy" "" "$(find "$scratch" -mindepth 1)"
-}
-
 test_host_name_is_answered_without_a_network() {
     need_namespaces
     local ask='hostname; hostname -f; cat /etc/hostname'
@@ -166,20 +44,6 @@ test_host_name_is_answered_without_a_network() {
         "$(in_namespaces --hostname plain -- sh -c "$ask")"
     expect_equal "loopback only" $'mail.example.org\nmail.example.org\nmail.example.org' \
         "$(in_namespaces --loopback-only --hostname mail.example.org -- sh -c "$ask")"
-}
-
-test_chroot_answers_a_qualified_host_name() {
-    need_chroot
-    expect_equal "hostname -f" "mail.example.org" \
-        "$(in_chroot --hostname mail.example.org -- hostname -f 2>/dev/null)"
-}
-
-test_chroot_says_which_world_it_is() {
-    need_chroot
-    local text
-    text=$(in_chroot -- sh -c 'echo $TORVA_SANDBOX' 2>&1)
-    expect_contains "message" "sandbox: world: a chroot on a copied tree" "$text"
-    expect_contains "environment" $'\nchroot' "$text"
 }
 
 test_namespaces_say_which_world_it_is() {
@@ -348,33 +212,6 @@ test_with_keeps_a_file_the_machines_own() {
         mkdir /run/deep && echo x >/var/f && echo x >/run/deep/f &&
         "$0" --with /var/f --with /run/deep/f -- sh -c "echo kept | tee /var/f >/run/deep/f" &&
         cat /var/f /run/deep/f' "$sandbox" | xargs)"
-}
-
-test_chroot_gets_a_copy_of_a_with_directory() {
-    need_chroot
-    make_scratch
-    echo text >"$scratch/f"
-    expect_equal "copy" text "$(in_chroot --with "$scratch" -- sh -c \
-        "cat $scratch/f; echo changed >$scratch/f" 2>/dev/null)"
-    expect_equal "original" text "$(cat "$scratch/f")"
-}
-
-test_chroot_has_a_postfix_that_works() {
-    need_chroot
-    [[ -x /usr/sbin/postconf ]] || skip_test "no Postfix on this machine"
-    expect_equal "value" "chroot works" "$(in_chroot -- sh -c '
-        postconf -e "mail_name = chroot works" && postfix check >&2 && postconf -h mail_name' \
-        2>/dev/null)"
-}
-
-test_chroot_has_every_library_that_postfix_and_a_shell_need() {
-    need_chroot
-    [[ -x /usr/sbin/postconf ]] || skip_test "no Postfix on this machine"
-    expect_equal "not found" "" "$(in_chroot -- sh -c '
-        cd /usr/bin
-        ldd awk bash cat cmp cp diff find grep hostname ls mount sed sort stat tar tr \
-            /usr/sbin/post* /usr/lib/postfix/sbin/* /usr/lib/postfix/*.so* 2>&1 |
-            grep -i -e "not found" -e "no such file" | sort -u' 2>/dev/null || true)"
 }
 
 test_without_namespaces_one_line_and_status_77() {

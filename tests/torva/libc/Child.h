@@ -101,4 +101,14 @@ inline std::set<int> openDescriptors() {
     return open;
 }
 
+/// Replaces a standard stream by a pipe without a reader.
+inline void losesItsReader(int stream) {
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) == 0) {
+        ::dup2(fds[1], stream);
+        ::close(fds[0]);
+        ::close(fds[1]);
+    }
+}
+
 } // namespace torva::test

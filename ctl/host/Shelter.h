@@ -31,9 +31,11 @@ using ServiceFilter = std::function<bool(const MasterCfTextEntry& entry, const s
 /// \param others  accepted services to comment out as well
 Sheltered shelter(const std::string& masterCf, const ServiceFilter& others = nullptr);
 
-/// The services that neither the run nor a setting in main.cf has to do with, if master.cf has
-/// more than 250; none if it has not. Whatever a Postfix tool is asked, it reads all of
-/// master.cf, in a time that grows with the square of the number of services with options.
+/// If master.cf has more than 250 services: those that the run leaves alone, that use no
+/// parameter set in main.cf, and to which none belongs by its name (SERVICE_time_limit);
+/// without them, Postfix's tools say the same of main.cf. Else none. Whatever such a tool is
+/// asked, it reads all of master.cf, in a time that grows with the square of the number of
+/// services with options.
 ///
 /// \param masterCf, mainCf  the texts of both files
 ServiceFilter uninvolvedServices(const std::string& masterCf, const std::string& mainCf);

@@ -112,6 +112,22 @@ test_findings_in_sources_that_are_compiled_together_have_their_own_lines() {
     expect_contains "finding" "/app/b.cpp:3:12: error: use nullptr" "$(tidy)"
 }
 
+test_sources_of_several_folders_whose_names_clash_are_each_looked_at() {
+    command -v clang-tidy >/dev/null || skip_test "clang-tidy is not installed"
+    make_scratch
+    mkdir -p "$scratch/app" "$scratch/torva/util" "$scratch/build"
+    cp "$checkout/.clang-tidy" "$scratch/"
+    printf '\nstatic int* none() {\n    return 0;\n}\nint a() { return *none(); }\n' | tee "$scratch/app/a.cpp" >"$scratch/torva/util/b.cpp"
+    printf '[{"file": "%s", "command": "c++ -std=c++17"}, {"file": "%s", "command": "c++ -std=c++17"}]' \
+        "$scratch/app/a.cpp" "$scratch/torva/util/b.cpp" >"$scratch/build/compile_commands.json"
+    local text status=0
+    text=$("$tests/tools/tidy.py" "$scratch" "$scratch/build" 2>&1) || status=$?
+    expect_equal "exit status" 1 "$status"
+    expect_contains "finding" "/app/a.cpp:3:12: error: use nullptr" "$text"
+    expect_contains "finding" "/torva/util/b.cpp:3:12: error: use nullptr" "$text"
+    [[ $text != *redefinition* ]] || fail "$text"
+}
+
 test_analyzer_looks_into_sources_that_are_compiled_together() {
     expect_contains "finding" "/app/a.cpp:3:12: error: Dereference of null pointer" "$(tidy --analyzer)"
 }

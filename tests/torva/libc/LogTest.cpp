@@ -9,7 +9,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <syslog.h>
 
 // Formats that are no literals are among what is tested.

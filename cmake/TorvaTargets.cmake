@@ -1,6 +1,7 @@
 # The few functions with which every folder of this tree becomes a target.
 
 option(TORVA_WERROR "warnings are errors" OFF)
+option(TORVA_TESTS_TOGETHER "a program of unit tests is one CTest test, not each of its tests" OFF)
 
 add_library(torva_warnings INTERFACE)
 add_library(torva::warnings ALIAS torva_warnings)
@@ -59,7 +60,9 @@ target_compile_options(torva_test_warnings INTERFACE
 # is installed, and they themselves take a third of the time without optimization.
 add_library(torva_test_options INTERFACE)
 target_link_libraries(torva_test_options INTERFACE torva_test_warnings)
-target_compile_options(torva_test_options INTERFACE -O0 -g1)
+# The presets in which much is compiled together name no lines of tests: a failed assertion
+# has its own. Debug with preset dev.
+target_compile_options(torva_test_options INTERFACE -O0 $<IF:$<BOOL:${CMAKE_UNITY_BUILD}>,-g0,-g1>)
 
 # torva_test_headers(TARGET): reads the test framework's headers, which are most of the work of
 # compiling a test, from their compiled form. Only where the sources of a folder are compiled
@@ -70,16 +73,17 @@ function(torva_test_headers target)
   endif()
 endfunction()
 
-# torva_tests(FOLDER [DEPS target...])
+# torva_tests(FOLDER [ALONE] [DEPS target...])
 #
 # From tests/FOLDER: every *Test.cpp goes into test_<folder>, each of its tests
-# a CTest test of its own; every *SandboxTest.cpp goes into
+# a CTest test of its own (with TORVA_TESTS_TOGETHER only where ALONE says so: its
+# tests start hundreds of processes, which get slower as the program grows); every *SandboxTest.cpp goes into
 # sandbox_test_<folder>, which is run whole by scripts/sandbox in its private
 # copy of the host, as the one CTest test sandbox.<folder>, and is skipped with
 # its reason where the machine does not allow that. Outside the sandbox, none of them
 # can start a program of Postfix (tests/support/PostfixGuard.h).
 function(torva_tests folder)
-  cmake_parse_arguments(arg "" "" "DEPS" ${ARGN})
+  cmake_parse_arguments(arg "ALONE" "" "DEPS" ${ARGN})
   torva_name_of(name ${folder})
   set(dir ${CMAKE_SOURCE_DIR}/tests/${folder})
   file(GLOB sandboxed CONFIGURE_DEPENDS ${dir}/*SandboxTest.cpp)
@@ -108,7 +112,12 @@ function(torva_tests folder)
     target_include_directories(test_${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
     target_compile_definitions(test_${name}
       PRIVATE TORVA_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
-    gtest_discover_tests(test_${name} DISCOVERY_MODE PRE_TEST
-      TEST_PREFIX ${name}. PROPERTIES LABELS unit TIMEOUT 120)
+    if(TORVA_TESTS_TOGETHER AND NOT arg_ALONE)
+      add_test(NAME unit.${name} COMMAND test_${name})
+      set_tests_properties(unit.${name} PROPERTIES LABELS unit TIMEOUT 600)
+    else()
+      gtest_discover_tests(test_${name} DISCOVERY_MODE PRE_TEST
+        TEST_PREFIX ${name}. PROPERTIES LABELS unit TIMEOUT 120)
+    endif()
   endif()
 endfunction()

@@ -1,6 +1,7 @@
 #include "torva/postfix/tables/ListingFilter.h"
 
 #include "support/CapturedClog.h"
+#include "support/Sanitizer.h"
 #include "torva/postfix/tables/DataStreamFilter.h"
 #include "torva/postfix/tables/NotInDomainFilter.h"
 
@@ -152,10 +153,11 @@ TEST_F(DataStreamFilterTest, FinishedLinesAreThereWhenTheCallReturns) {
     EXPECT_EQ(out.str(), "a b\nc d\n");
 }
 
-TEST_F(DataStreamFilterTest, MillionChunksOfOneByteGiveTheLinesOfOneChunk) {
+TEST_F(DataStreamFilterTest, ManyChunksOfOneByteGiveTheLinesOfOneChunk) {
+    constexpr std::size_t many = TORVA_TEST_ASAN ? 100000 : 1000000;
     std::string text;
     std::string wanted;
-    for (int i = 0; text.size() < 1000000; ++i) {
+    for (int i = 0; text.size() < many; ++i) {
         const std::string number = std::to_string(i);
         text += "k" + number + "@e.net a" + number + "@d.net, b" + number + "@e.net\n";
         wanted += "k" + number + "@e.net b" + number + "@e.net\n";

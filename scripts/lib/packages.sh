@@ -17,16 +17,21 @@
 policy=/usr/sbin/policy-rc.d
 policy_mark="# put here by torva-postfix while it installs packages"
 
-# is_installed PACKAGE
-is_installed() {
-    dpkg-query -W -f '${db:Status-Status}\n' "$1" 2>/dev/null | grep -qx installed
+# missing_packages PACKAGE...: prints those that are not installed, one a line.
+missing_packages() {
+    local package states
+    # It fails when it has never heard of one of them.
+    states=$(dpkg-query -W -f '${Package} ${db:Status-Status}\n' "$@" 2>/dev/null) || true
+    for package in "$@"; do
+        grep -qxF "$package installed" <<<"$states" || printf '%s\n' "$package"
+    done
 }
 
 # ensure_packages PACKAGE...: installs those that are missing. If none is, it does nothing,
 # and contacts no package host.
 ensure_packages() {
-    local package missing=()
-    for package in "$@"; do is_installed "$package" || missing+=("$package"); done
+    local missing
+    mapfile -t missing < <(missing_packages "$@")
     ((${#missing[@]})) || return 0
     [[ -x $(command -v apt-get) ]] ||
         die "not installed: ${missing[*]}; and apt-get is missing: this is not a Debian system"
@@ -61,7 +66,7 @@ forbid_server_start() {
 
 # ensure_postfix: says so first when the machine has none.
 ensure_postfix() {
-    is_installed postfix && return
+    [[ -n $(missing_packages postfix) ]] || return 0
     warn "Postfix is not installed; installing Debian's package, without starting a mail server"
     ensure_packages postfix
     warn "Postfix stays installed; to keep it from starting with the next boot: systemctl disable postfix"

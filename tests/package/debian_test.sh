@@ -47,12 +47,17 @@ test_build_dependencies_are_what_the_scripts_install() {
 libgtest-dev" "$(grep -oE '^ libg(test|mock)-dev <pkg\.torva-postfix\.tests>,$' "$checkout/debian/control" | sed 's/^ //; s/ .*//')"
 }
 
-# The packages that a program's name leads to on this machine, by the path that dpkg
-# knows: /bin may be a link to /usr/bin.
-package_of() {
-    local path
-    path=$(realpath -e "$(PATH=/usr/sbin:/usr/bin:/sbin:/bin command -v "$1")")
-    { dpkg -S "$path" || dpkg -S "${path#/usr}"; } 2>/dev/null | sed -n '1s/:.*//p'
+# packages_of NAME...: a line "NAME PACKAGE" for each program of this machine that a package
+# has, by the path that dpkg knows: /bin may be a link to /usr/bin.
+packages_of() {
+    local name path owners
+    for name; do
+        path=$(realpath -e "$(PATH=/usr/sbin:/usr/bin:/sbin:/bin command -v "$name")")
+        printf '%s %s\n%s %s\n' "$name" "$path" "$name" "${path#/usr}"
+    done >"$scratch/paths"
+    owners=$(cut -d' ' -f2 "$scratch/paths" | xargs dpkg -S 2>/dev/null) || true
+    sed -n 's/^\([a-z0-9+.-]*\)[^ ]*: /\1 /p' <<<"$owners" |
+        awk 'NR == FNR { package[$2] = $1; next } $2 in package { print $1, package[$2] }' - "$scratch/paths"
 }
 
 # called_programs: what the installed scripts have where a command stands, and what the
@@ -72,7 +77,8 @@ called_programs() {
 
 test_each_program_that_is_called_is_depended_on() {
     need_program dpkg-query ip diff
-    local name package called depends essential wrong=''
+    make_scratch
+    local name package called depends essential packages wrong=''
     # Started only where the host has it; "route" is a word of ip's, "file" one of a list.
     local other='systemctl|mariadb|mysql|route|file'
     called=$(called_programs)
@@ -82,8 +88,10 @@ test_each_program_that_is_called_is_depended_on() {
     for name in awk chroot cp diff find hostname ip mount postalias postconf postmap script setpriv umount unshare; do
         grep -qxF "$name" <<<"$called" || fail "$name is called, and this test does not see it"
     done
+    # shellcheck disable=SC2046 # names without blanks
+    packages=$(packages_of $(grep -vxE "$other" <<<"$called"))
     while read -r name; do
-        package=$(package_of "$name")
+        package=$(sed -n "s/^$name //p" <<<"$packages" | head -n 1)
         grep -qxF -- "$package" <<<"$depends"$'\n'"$essential" || wrong+="$name of ${package:-no package}; "
     done < <(grep -vxE "$other" <<<"$called")
     [[ -z $wrong ]] || fail "called, and not in Depends: $wrong"

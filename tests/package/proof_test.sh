@@ -25,7 +25,7 @@ make_proof() {
     mkdir "$scratch/tree/debian"
     touch "$scratch/tree/debian/control"
     commit second
-    stand_in dpkg-query 'echo installed'
+    stand_in dpkg-query 'printf "%s installed\n" "$@"'
     stand_in lintian ''
     stand_in dpkg-buildpackage 'echo one >../torva-postfix_1.deb; touch ../torva-postfix_1.changes'
     # What follows looks into packages, which these are not.

@@ -11,7 +11,11 @@ in_sandbox() {
     "$sandbox" --loopback-only -- bash -euo pipefail -c '
         cat >/usr/local/bin/dpkg-query <<"END"
 #!/bin/bash
-if grep -qx "${!#}" /run/installed; then printf installed; else exit 1; fi
+shift 3 # -W -f FORMAT
+for package; do
+    if grep -qx "$package" /run/installed; then echo "$package installed"; else echo "$package config-files"; fi
+done
+exit 1 # as for a package that dpkg has never heard of
 END
         cat >/usr/local/bin/apt-get <<"END"
 #!/bin/bash

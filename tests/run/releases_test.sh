@@ -15,7 +15,7 @@ stand_in() {
 
 # copy_of_scripts: what the proof consists of, in a place where it may write.
 copy_of_scripts() {
-    stand_in dpkg-query 'echo installed'
+    stand_in dpkg-query 'printf "%s installed\n" "$@"'
     mkdir "$scratch/tree"
     cp -a "$checkout/scripts" "$checkout/prove" "$scratch/tree/"
     releases=$scratch/tree/scripts/prove

@@ -38,14 +38,14 @@ scratch_place() {
 # file systems that only show the kernel's or a program's data: their place stays empty.
 mounts_below() {
     local point type line
-    while read -r line; do
-        point=$(cut -d' ' -f5 <<<"$line")
+    while read -r _ _ _ _ point line; do
+        [[ $point == "$1"/* ]] || continue
         type=${line##* - }
         case ${type%% *} in
             proc | sysfs | devpts | cgroup* | autofs | nsfs | rpc_pipefs | fuse.* | binfmt_misc) continue ;;
         esac
         printf '%b\n' "$point" # mountinfo writes blanks as \040
-    done < <(grep -F " $1/" /proc/self/mountinfo | awk -v dir="$1/" 'index($5, dir) == 1') | sort -u
+    done </proc/self/mountinfo | sort -u
 }
 
 # is_private PATH: whether PATH lies below a directory that becomes private.

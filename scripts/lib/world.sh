@@ -11,20 +11,24 @@ world_outside_address=192.0.2.20
 # devices that programs count on. "/dev/log" is left out on purpose: through it
 # the machine's own syslog would be written to.
 make_devices() {
-    local root=$1 way=$2 name
+    local root=$1 way=$2 name names=()
     for name in null zero full random urandom tty; do
-        [[ -c /dev/$name ]] || continue
-        if [[ $way == bind ]]; then
+        [[ ! -c /dev/$name ]] || names+=("$name")
+    done
+    if [[ $way == bind ]]; then
+        for name in "${names[@]}"; do
             rm -f "$root/dev/$name"
             : >"$root/dev/$name"
             mount --bind "/dev/$name" "$root/dev/$name"
-        else
-            # shellcheck disable=SC2046 # two numbers, two words
-            mknod -m 666 "$root/dev/$name" c $(stat -c '%Hr %Lr' "/dev/$name") || return
-            # A node on a file system mounted "nodev" exists, but does not open.
-            [[ $name == tty ]] || head -c 0 "$root/dev/$name" 2>/dev/null || return
-        fi
-    done
+        done
+    else
+        cp -a "${names[@]/#//dev/}" "$root/dev/" || return
+        chmod 666 "${names[@]/#/$root/dev/}" || return
+        # A node on a file system mounted "nodev" exists, but does not open.
+        for name in "${names[@]}"; do
+            [[ $name == tty ]] || { true <"$root/dev/$name"; } 2>/dev/null || return
+        done
+    fi
     ln -s /proc/self/fd "$root/dev/fd"
     ln -s /proc/self/fd/0 "$root/dev/stdin"
     ln -s /proc/self/fd/1 "$root/dev/stdout"
@@ -54,22 +58,37 @@ write_names() {
 
 # free_id ROOT: prints an id that is neither a user's nor a group's.
 free_id() {
-    local id=31000
-    while cut -d: -f3 "$1/etc/passwd" "$1/etc/group" | grep -qx "$id"; do id=$((id + 1)); done
+    local file id taken=' '
+    for file in "$1"/etc/{passwd,group}; do
+        while IFS=: read -r _ _ id _; do taken+="$id "; done <"$file"
+    done
+    id=31000
+    while [[ $taken == *" $id "* ]]; do id=$((id + 1)); done
     printf '%s\n' "$id"
+}
+
+# id_of FILE NAME: prints the id of the account NAME in a password or group file, if it is there.
+id_of() {
+    local name id
+    while IFS=: read -r name _ id _; do
+        [[ $name == "$2" ]] || continue
+        printf '%s\n' "$id"
+        return
+    done <"$1"
 }
 
 # add_account ROOT NAME HOME: a system account and its group, written straight
 # into the files: a known result, whatever the machine's useradd settings are.
 add_account() {
-    local root=$1 name=$2 home=$3 id
+    local root=$1 name=$2 home=$3 id group
     id=$(free_id "$root")
-    if ! grep -q "^$name:" "$root/etc/group"; then
-        printf '%s:x:%s:\n' "$name" "$id" >>"$root/etc/group"
+    group=$(id_of "$root/etc/group" "$name")
+    if [[ -z $group ]]; then
+        group=$id
+        printf '%s:x:%s:\n' "$name" "$group" >>"$root/etc/group"
     fi
-    if ! grep -q "^$name:" "$root/etc/passwd"; then
-        printf '%s:x:%s:%s::%s:/usr/sbin/nologin\n' "$name" "$id" \
-            "$(grep "^$name:" "$root/etc/group" | cut -d: -f3)" "$home" >>"$root/etc/passwd"
+    if [[ -z $(id_of "$root/etc/passwd" "$name") ]]; then
+        printf '%s:x:%s:%s::%s:/usr/sbin/nologin\n' "$name" "$id" "$group" "$home" >>"$root/etc/passwd"
         printf '%s:*:19000:0:99999:7:::\n' "$name" >>"$root/etc/shadow"
     fi
 }
@@ -82,19 +101,15 @@ add_panel() {
     add_account "$root" mhandlers-user /nonexistent
     add_account "$root" mailman /nonexistent
     mkdir -p "$root/etc/kra" "$root/usr/lib/torva-9.0" "$root/usr/local/kra/var"
-    owner=$(grep '^popuser:' "$root/etc/passwd" | cut -d: -f3,4)
-    mkdir -p "$root/var/qmail/mailnames"
-    chown "$owner" "$root/var/qmail/mailnames"
+    owner=$(awk -F: '$1 == "popuser" { print $3 ":" $4; exit }' "$root/etc/passwd")
+    install -d -m 755 -o "${owner%:*}" -g "${owner#*:}" "$root/var/qmail/mailnames"
 }
 
 # drop_host_sockets ROOT: removes the sockets and FIFOs of the machine's own Postfix.
 # Through an overlay, a connection would reach the process that listens.
 drop_host_sockets() {
-    local dir
-    for dir in "$1"/var/spool/postfix/{public,private,dev}; do
-        [[ -d $dir ]] && find "$dir" -xdev \( -type s -o -type p \) -delete
-    done
-    return 0
+    find "$1"/var/spool/postfix/{public,private,dev} -xdev \( -type s -o -type p \) -delete 2>/dev/null ||
+        true # not each of them is there everywhere
 }
 
 # make_veth_pair: eth0 as one end of a pair, whose other end is in the nested network
@@ -109,9 +124,13 @@ make_veth_pair() {
 # make_network: gives both ends of the pair their addresses. "outside" is the place
 # of a foreign client: nsenter --net=/run/netns/outside COMMAND...
 make_network() {
-    ip address add "$world_address/24" dev eth0
-    ip link set eth0 up
-    ip -n outside address add "$world_outside_address/24" dev eth0
-    ip -n outside link set lo up
-    ip -n outside link set eth0 up
+    ip -batch - <<END
+address add $world_address/24 dev eth0
+link set eth0 up
+END
+    ip -n outside -batch - <<END
+address add $world_outside_address/24 dev eth0
+link set lo up
+link set eth0 up
+END
 }

@@ -9,7 +9,7 @@ import time
 
 import ctlworld
 import pairs
-from ctlworld import BACKUPS, MARKER, POSTFIX, TABLES, CtlTest, ctl, kill_group, start, tree, wait_until
+from ctlworld import BACKUPS, MARKER, POSTFIX, TABLES, CtlTest, QuietCheckTest, ctl, kill_group, start, tree, wait_until
 from filewatch import FileWatch
 
 EARLY_MOMENTS = 5
@@ -81,7 +81,7 @@ class GroupTest(Killed):
         self.kill_at_all_moments("apply", kill_group)
 
 
-class CompanionTest(Killed):
+class CompanionTest(Killed, QuietCheckTest):
     def test_apply_killed_alone_while_its_run_goes_on(self):
         def end(process):
             process.send_signal(signal.SIGKILL)
@@ -89,7 +89,7 @@ class CompanionTest(Killed):
         self.kill_at_all_moments("apply", end)
 
 
-class RollbackTest(Killed):
+class RollbackTest(Killed, QuietCheckTest):
     def test_rollback_killed_is_finished_by_the_next(self):
         self.assertStatus(0, ctl("apply"))
         applied = tree()

@@ -3,7 +3,7 @@
 // is answered from what that said, or wrote, from then on. What both depend on is the words of
 // the command and the bytes of main.cf; everything else in the world of the sweep stays as it is.
 // Whatever goes wrong here is left to the real one.
-#include <cstdlib>
+#include <cstdio>
 #include <fcntl.h>
 #include <fstream>
 #include <functional>
@@ -13,13 +13,14 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
-const std::string REAL = "/usr/sbin/postconf.real";
-const std::string MAIN_CF = "/etc/postfix/main.cf";
-const std::string NEW_MAIN_CF = MAIN_CF + ".tmp"; // the name that postconf itself uses
-const std::string MEMORY = "/run/remembered/";
+const std::string real = "/usr/sbin/postconf.real";
+const std::string mainCf = "/etc/postfix/main.cf";
+const std::string newMainCf = mainCf + ".tmp"; // the name that postconf itself uses
+const std::string memoryDir = "/run/remembered/";
 
 std::optional<std::string> contents(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
@@ -27,7 +28,7 @@ std::optional<std::string> contents(const std::string& path) {
     return in.is_open() && !in.bad() ? std::optional(text) : std::nullopt;
 }
 
-bool write_file(const std::string& path, const std::string& text) {
+bool writeFile(const std::string& path, const std::string& text) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out << text << std::flush;
     return out.good();
@@ -38,7 +39,7 @@ class Memory {
 public:
     explicit Memory(std::string question)
         : question_(std::move(question)),
-          path_(MEMORY + std::to_string(std::hash<std::string>{}(question_))) {}
+          path_(memoryDir + std::to_string(std::hash<std::string>{}(question_))) {}
 
     std::optional<std::string> answer() const {
         const auto record = contents(path_);
@@ -50,7 +51,7 @@ public:
 
     void keep(const std::string& answer) const {
         const std::string unfinished = path_ + "." + std::to_string(::getpid());
-        if (write_file(unfinished, question_ + answer)) {
+        if (writeFile(unfinished, question_ + answer)) {
             ::rename(unfinished.c_str(), path_.c_str());
         } else {
             ::unlink(unfinished.c_str());
@@ -63,15 +64,15 @@ private:
 };
 
 /// Puts TEXT in the place of main.cf, as postconf does; the modes and owner stay.
-bool replace_main_cf(const std::string& text) {
+bool replaceMainCf(const std::string& text) {
     struct stat old {};
-    if (::stat(MAIN_CF.c_str(), &old) == 0 && write_file(NEW_MAIN_CF, text) &&
-        ::chown(NEW_MAIN_CF.c_str(), old.st_uid, old.st_gid) == 0 &&
-        ::chmod(NEW_MAIN_CF.c_str(), old.st_mode & 07777) == 0 &&
-        ::rename(NEW_MAIN_CF.c_str(), MAIN_CF.c_str()) == 0) {
+    if (::stat(mainCf.c_str(), &old) == 0 && writeFile(newMainCf, text) &&
+        ::chown(newMainCf.c_str(), old.st_uid, old.st_gid) == 0 &&
+        ::chmod(newMainCf.c_str(), old.st_mode & 07777) == 0 &&
+        ::rename(newMainCf.c_str(), mainCf.c_str()) == 0) {
         return true;
     }
-    ::unlink(NEW_MAIN_CF.c_str());
+    ::unlink(newMainCf.c_str());
     return false;
 }
 
@@ -81,14 +82,14 @@ bool print(const std::string& text) {
 
 /// Becomes the real postconf.
 [[noreturn]] void ask(char** words) {
-    ::execv(REAL.c_str(), words);
+    ::execv(real.c_str(), words);
     ::_exit(127);
 }
 
 /// Runs the real postconf to its end with standard output and error in a file; returns what it
 /// said, or nothing when it failed or could not be run.
-std::optional<std::string> ask_and_listen(char** words) {
-    const std::string heard = MEMORY + "heard." + std::to_string(::getpid());
+std::optional<std::string> askAndListen(char** words) {
+    const std::string heard = memoryDir + "heard." + std::to_string(::getpid());
     const pid_t child = ::fork();
     if (child == 0) {
         const int out = ::open(heard.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
@@ -108,7 +109,7 @@ std::optional<std::string> ask_and_listen(char** words) {
 
 int main(int count, char** words) {
     const std::string kind = count > 1 ? words[1] : "";
-    const auto before = contents(MAIN_CF);
+    const auto before = contents(mainCf);
     if ((kind != "-h" && kind != "-e") || !before) {
         ask(words);
     }
@@ -120,17 +121,17 @@ int main(int count, char** words) {
     const Memory memory(question + '\0');
     const bool changes = kind == "-e";
     if (const auto known = memory.answer()) {
-        if (changes ? replace_main_cf(*known) : print(*known)) {
+        if (changes ? replaceMainCf(*known) : print(*known)) {
             return 0;
         }
         ask(words);
     }
-    const auto said = ask_and_listen(words);
+    const auto said = askAndListen(words);
     // What warns, or fails, does so again each time.
     if (!said || said->find("postconf: ") != std::string::npos || (changes && !said->empty())) {
         ask(words);
     }
-    const auto after = contents(MAIN_CF);
+    const auto after = contents(mainCf);
     if (after) {
         memory.keep(changes ? *after : *said);
     }

@@ -183,7 +183,8 @@ TEST(MasterCfParserRandomTest, DamagedTextsAreAcceptedOrRefusedAsByHand) {
 
 TEST(MasterCfParserRandomTest, EveryTruncationOfAnInstalledFileIsJudgedAsByHand) {
     const std::string whole = sampleMasterCf;
-    for (std::size_t size = 0; size <= whole.size() && !::testing::Test::HasFailure(); size += step) {
+    for (std::size_t size = 0; size <= whole.size() && !::testing::Test::HasFailure();
+         size += step) {
         compare(whole.substr(0, size));
     }
 }

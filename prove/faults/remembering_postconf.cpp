@@ -34,6 +34,13 @@ bool writeFile(const std::string& path, const std::string& text) {
     return out.good();
 }
 
+/// What the real postconf printed, on each stream, and for a change the text of main.cf after it.
+struct Answer {
+    std::string out;
+    std::string err;
+    std::string text;
+};
+
 /// The words of the command and the text of main.cf, and what the real postconf made of them.
 class Memory {
 public:
@@ -41,20 +48,23 @@ public:
         : question_(std::move(question)),
           path_(memoryDir + std::to_string(std::hash<std::string>{}(question_))) {}
 
-    std::optional<std::string> answer() const {
-        const auto record = contents(path_);
-        if (!record || record->compare(0, question_.size(), question_) != 0) {
+    std::optional<Answer> answer() const {
+        const auto asked = contents(path_ + ".question");
+        auto out = contents(path_ + ".out");
+        auto err = contents(path_ + ".err");
+        auto text = contents(path_ + ".text");
+        if (asked != question_ || !out || !err || !text) {
             return std::nullopt;
         }
-        return record->substr(question_.size());
+        return Answer{std::move(*out), std::move(*err), std::move(*text)};
     }
 
-    void keep(const std::string& answer) const {
+    /// The question last: without it, nothing is known.
+    void keep(const Answer& answer) const {
         const std::string unfinished = path_ + "." + std::to_string(::getpid());
-        if (writeFile(unfinished, question_ + answer)) {
-            ::rename(unfinished.c_str(), path_.c_str());
-        } else {
-            ::unlink(unfinished.c_str());
+        if (writeFile(path_ + ".out", answer.out) && writeFile(path_ + ".err", answer.err) &&
+            writeFile(path_ + ".text", answer.text) && writeFile(unfinished, question_)) {
+            ::rename(unfinished.c_str(), (path_ + ".question").c_str());
         }
     }
 
@@ -76,8 +86,8 @@ bool replaceMainCf(const std::string& text) {
     return false;
 }
 
-bool print(const std::string& text) {
-    return ::write(STDOUT_FILENO, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+bool print(int stream, const std::string& text) {
+    return ::write(stream, text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
 /// Becomes the real postconf.
@@ -86,23 +96,29 @@ bool print(const std::string& text) {
     ::_exit(127);
 }
 
-/// Runs the real postconf to its end with standard output and error in a file; returns what it
-/// said, or nothing when it failed or could not be run.
-std::optional<std::string> askAndListen(char** words) {
+bool redirect(int stream, const std::string& path) {
+    const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    return file >= 0 && ::dup2(file, stream) >= 0;
+}
+
+/// Runs the real postconf to its end; returns what it printed, or nothing when it failed or could
+/// not be run.
+std::optional<Answer> askAndListen(char** words) {
     const std::string heard = memoryDir + "heard." + std::to_string(::getpid());
     const pid_t child = ::fork();
     if (child == 0) {
-        const int out = ::open(heard.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (out < 0 || ::dup2(out, STDOUT_FILENO) < 0 || ::dup2(out, STDERR_FILENO) < 0) {
+        if (!redirect(STDOUT_FILENO, heard + ".out") || !redirect(STDERR_FILENO, heard + ".err")) {
             ::_exit(127);
         }
         ask(words);
     }
     int status = 1;
     const bool ended = child > 0 && ::waitpid(child, &status, 0) == child && status == 0;
-    const auto said = contents(heard);
-    ::unlink(heard.c_str());
-    return ended ? said : std::nullopt;
+    const auto out = contents(heard + ".out");
+    const auto err = contents(heard + ".err");
+    ::unlink((heard + ".out").c_str());
+    ::unlink((heard + ".err").c_str());
+    return ended && out && err ? std::optional(Answer{*out, *err, ""}) : std::nullopt;
 }
 
 } // namespace
@@ -118,22 +134,21 @@ int main(int count, char** words) {
         question += '\0';
         question += words[i];
     }
-    const Memory memory(question + '\0');
+    const Memory memory(question);
     const bool changes = kind == "-e";
-    if (const auto known = memory.answer()) {
-        if (changes ? replaceMainCf(*known) : print(*known)) {
-            return 0;
+    auto answer = memory.answer();
+    if (answer) {
+        if (changes && !replaceMainCf(answer->text)) {
+            ask(words);
         }
-        ask(words);
+    } else {
+        answer = askAndListen(words);
+        const auto after = contents(mainCf);
+        if (!answer || !after) {
+            ask(words); // what failed does so again
+        }
+        answer->text = changes ? *after : "";
+        memory.keep(*answer);
     }
-    const auto said = askAndListen(words);
-    // What warns, or fails, does so again each time.
-    if (!said || said->find("postconf: ") != std::string::npos || (changes && !said->empty())) {
-        ask(words);
-    }
-    const auto after = contents(mainCf);
-    if (after) {
-        memory.keep(changes ? *after : *said);
-    }
-    return changes || print(*said) ? 0 : 1;
+    return print(STDERR_FILENO, answer->err) && print(STDOUT_FILENO, answer->out) ? 0 : 1;
 }

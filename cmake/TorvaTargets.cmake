@@ -76,12 +76,13 @@ endfunction()
 # torva_tests(FOLDER [ALONE] [DEPS target...])
 #
 # From tests/FOLDER: every *Test.cpp goes into test_<folder>, each of its tests
-# a CTest test of its own (with TORVA_TESTS_TOGETHER only where ALONE says so: its
-# tests start hundreds of processes, which get slower as the program grows); every *SandboxTest.cpp goes into
-# sandbox_test_<folder>, which is run whole by scripts/sandbox in its private
-# copy of the host, as the one CTest test sandbox.<folder>, and is skipped with
-# its reason where the machine does not allow that. Outside the sandbox, none of them
-# can start a program of Postfix (tests/support/PostfixGuard.h).
+# a CTest test of its own (with TORVA_TESTS_TOGETHER only where ALONE says so: tests
+# that start hundreds of processes, which takes longer as the program grows); every
+# *SandboxTest.cpp goes into sandbox_test_<folder>, which is run whole by
+# scripts/sandbox in its private copy of the host, as the one CTest test
+# sandbox.<folder>, and is skipped with its reason where the machine does not allow
+# that. Outside the sandbox, none of them can start a program of Postfix
+# (tests/support/PostfixGuard.h).
 function(torva_tests folder)
   cmake_parse_arguments(arg "ALONE" "" "DEPS" ${ARGN})
   torva_name_of(name ${folder})

@@ -108,8 +108,11 @@ add_panel() {
 # drop_host_sockets ROOT: removes the sockets and FIFOs of the machine's own Postfix.
 # Through an overlay, a connection would reach the process that listens.
 drop_host_sockets() {
-    find "$1"/var/spool/postfix/{public,private,dev} -xdev \( -type s -o -type p \) -delete 2>/dev/null ||
-        true # not each of them is there everywhere
+    local dir dirs=()
+    for dir in "$1"/var/spool/postfix/{public,private,dev}; do
+        [[ ! -d $dir ]] || dirs+=("$dir")
+    done
+    ((${#dirs[@]} == 0)) || find "${dirs[@]}" -xdev \( -type s -o -type p \) -delete
 }
 
 # make_veth_pair: eth0 as one end of a pair, whose other end is in the nested network

@@ -4,7 +4,6 @@ only root may read, or keep a failed run from being taken back."""
 
 import fcntl
 import os
-import pwd
 import resource
 import shlex
 import signal
@@ -13,91 +12,9 @@ import sys
 from pathlib import Path
 
 import ctlworld
-from ctlworld import (BACKUPS, CTL, MAIN_CF, TABLES, TOOL, AroundARunTest, Outcome, ctl, kill_group, program, remove, run,
-                      tree, wait_until, write)
-
-POSTFIX_USER = pwd.getpwnam("postfix")
-CUSTOMER = 4711
-INDEX = TABLES / "virtual.db"
-STORE = TABLES / "master.cf.disabled"
-LIMIT = 90  # seconds, in place of never
-TERABYTES = 1 << 42
-
-
-def as_account(body, uid, gid):
-    """Runs the body for another account, to its end."""
-    pid = os.fork()
-    if pid == 0:
-        status = 1
-        try:
-            become(uid, gid)
-            body()
-            status = 0
-        finally:
-            os._exit(status)
-    if os.waitpid(pid, 0)[1] != 0:
-        raise AssertionError("the other account could not do that")
-
-
-def become(uid, gid):
-    os.setgroups([])
-    os.setresgid(gid, gid, gid)
-    os.setresuid(uid, uid, uid)
-
-
-def as_postfix(body):
-    as_account(body, POSTFIX_USER.pw_uid, POSTFIX_USER.pw_gid)
-
-
-def plant_sparse(path=TABLES / "big"):
-    with open(path, "wb") as file:
-        file.truncate(TERABYTES)
-
-
-def plant_deep(levels=2500):
-    os.chdir(TABLES)
-    for _ in range(levels):
-        os.mkdir("d")
-        os.chdir("d")
-
-
-def bounded(*words, **how):
-    """A call that has to come to its end."""
-    process = subprocess.Popen([CTL, *words], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                               start_new_session=True, **how)
-    try:
-        out, err = process.communicate(timeout=LIMIT)
-    except subprocess.TimeoutExpired:
-        kill_group(process)
-        process.communicate()
-        raise AssertionError(f"{words} has not ended") from None
-    return Outcome(process.returncode, out.decode(errors="replace"), err.decode(errors="replace"))
-
-
-class HostileTest(AroundARunTest):
-    def setUp(self):
-        super().setUp()
-        self.victim = Path("/var/spool/postfix/victim")
-        write(self.victim, "root:secret:20228:0:99999:7:::\n", 0o600)
-        self.addCleanup(remove, self.victim)
-
-    def directory_of_customer(self, path):
-        directory = Path(path)
-        directory.mkdir()
-        os.chown(directory, CUSTOMER, CUSTOMER)
-        self.addCleanup(remove, directory)
-        return directory
-
-    def configure(self):
-        """An apply, after which the tables directory belongs to "postfix", as it does once
-        there is a mail-authentication database."""
-        self.assertStatus(0, ctl("apply"))
-        self.give_away()
-
-    def give_away(self):
-        TABLES.mkdir(exist_ok=True)
-        os.chown(TABLES, POSTFIX_USER.pw_uid, 0)
-        TABLES.chmod(0o770)
+from ctlworld import (BACKUPS, CTL, MAIN_CF, TABLES, TOOL, ctl, program, remove, run, tree, wait_until, write)
+from hostileworld import (CUSTOMER, INDEX, LIMIT, POSTFIX_USER, STORE, HostileTest, as_account, as_postfix,
+                          become, bounded, plant_deep, plant_sparse)
 
 
 class IndexTest(HostileTest):

@@ -1,19 +1,15 @@
-// The account that owns the database's directory replaces the database
-// and its journal, while root works there.
-#include "torva/maildb/AuthDatabase.h"
-#include "torva/maildb/BoundedChild.h"
-#include "torva/maildb/Files.h"
+// The account that owns the database's directory replaces the database, while root works there.
+// Its journal: MailAuthJournalSandboxTest.cpp.
+#include "torva/maildb/HostileFixture.h"
 #include "torva/maildb/Meanwhile.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
-#include <pwd.h>
 #include <sqlite3.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -25,67 +21,9 @@ using namespace torva::test;
 using testing::AnyOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 namespace fs = std::filesystem;
 
 namespace {
-
-const std::string path = auth_path;
-const std::string journal = path + "-journal";
-const std::string aside = "/var/tmp/aside.db"; // where the real database is meanwhile
-const std::string victim = "/var/tmp/victim";
-
-int look_up() {
-    mail_auth_user user;
-    const int result = mail_auth_lookup(postfix_type, "joe@example.com", &user);
-    mail_auth_free_user(&user);
-    return result;
-}
-
-int add_domain() {
-    return mail_auth_add_domain(postfix_type, "new.example", 0);
-}
-
-/// Contents, owner, group, mode and number of links.
-std::string state(const std::string& file) {
-    struct stat status {};
-    if (lstat(file.c_str(), &status) != 0) {
-        return "missing";
-    }
-    return read_file(file) + "|" + std::to_string(status.st_uid) + ":" +
-           std::to_string(status.st_gid) + " " + std::to_string(status.st_mode) + " " +
-           std::to_string(status.st_nlink);
-}
-
-uid_t postfix_id() {
-    return getpwnam("postfix")->pw_uid;
-}
-
-class HostileDirectory : public AuthDatabase {
-protected:
-    HostileDirectory() {
-        EXPECT_EQ(0, mail_auth_add_domain(postfix_type, "example.com", 0));
-        EXPECT_EQ(0, mail_auth_set_user(postfix_type, "joe@example.com", "p", 0, 0));
-        write_file(victim, "somebody else's");
-        chmod(victim.c_str(), 0640);
-    }
-    ~HostileDirectory() override {
-        for (const std::string& file : {path, journal, victim, aside}) {
-            fs::remove_all(file);
-        }
-    }
-    static void put_aside() {
-        fs::copy_file(path, aside);
-        fs::remove(path);
-    }
-
-    /// Every operation reports that the database cannot be opened, and soon.
-    static void expect_refusal(const std::string& what) {
-        const std::string reason = auth_path + std::string(": unable to open database file\n");
-        EXPECT_EQ("-1\n3 Unable to open database " + reason, bounded(add_domain)) << what;
-        EXPECT_EQ("-1\n3 Unable to open database(readonly) " + reason, bounded(look_up)) << what;
-    }
-};
 
 // The database is replaced.
 
@@ -204,103 +142,6 @@ TEST_F(HostileDirectory, WithoutTheOverriddenCallTheLookBeforeOpeningIsLeft) {
                     return look_up();
                 }),
                 testing::StartsWith("-1\n"));
-}
-
-// The journal is replaced.
-
-TEST_F(HostileDirectory, AFifoInThePlaceOfTheJournalBlocksNobody) {
-    ASSERT_EQ(0, mkfifo(journal.c_str(), 0666));
-    EXPECT_THAT(bounded(look_up), testing::StartsWith("-1\n"));
-    EXPECT_THAT(bounded(add_domain), testing::StartsWith("-1\n"));
-    fs::remove(journal);
-    EXPECT_EQ("0\n", bounded(look_up)) << "the records are as they were";
-}
-
-TEST_F(HostileDirectory, ALinkInThePlaceOfTheJournalIsNotFollowed) {
-    const std::string before = state(victim);
-    fs::create_symlink(victim, journal);
-    bounded(look_up);
-    bounded(add_domain);
-    EXPECT_EQ(before, state(victim));
-    fs::remove(journal);
-    fs::create_symlink("/var/tmp/not-there", journal);
-    bounded(look_up);
-    bounded(add_domain);
-    EXPECT_EQ("missing", state("/var/tmp/not-there"));
-}
-
-TEST_F(HostileDirectory, AFileLinkedAsTheJournalIsNeitherWrittenNorGivenAway) {
-    for (const std::string text : {"somebody else's", ""}) {
-        write_file(victim, text);
-        chmod(victim.c_str(), 0640);
-        fs::create_hard_link(victim, journal);
-        bounded(look_up);
-        bounded(add_domain);
-        fs::remove(journal);
-        EXPECT_EQ(text + "|0:0 33184 1", state(victim));
-    }
-}
-
-/// A number in the format of a journal.
-std::string big_endian(std::uint32_t number) {
-    std::string bytes;
-    for (const unsigned shift : {24U, 16U, 8U, 0U}) {
-        bytes += static_cast<char>((number >> shift) & 0xffU);
-    }
-    return bytes;
-}
-
-/// The end of a journal that belongs to a transaction over several databases.
-std::string super_journal_record(const std::string& name) {
-    constexpr std::uint32_t locking_page = 0x40000000U / 4096U + 1;
-    std::uint32_t sum = 0;
-    for (const char c : name) {
-        sum += static_cast<std::uint32_t>(static_cast<signed char>(c));
-    }
-    return big_endian(locking_page) + name + big_endian(static_cast<std::uint32_t>(name.size())) +
-           big_endian(sum) + "\xd9\xd5\x05\xf9\x20\xa1\x63\xd7";
-}
-
-/// A database and the journal of an unfinished transaction, which names a super-journal.
-void leave_journal_that_names(const std::string& super_journal) {
-    {
-        SqliteFile file(path);
-        file.run("PRAGMA cache_size=1; BEGIN; WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL "
-                 "SELECT i+1 FROM n WHERE i<5000) INSERT INTO domains (name) SELECT 'x' || i "
-                 "FROM n");
-        fs::copy_file(journal, journal + ".kept");
-        fs::copy_file(path, path + ".kept");
-    }
-    fs::rename(path + ".kept", path);
-    fs::rename(journal + ".kept", journal);
-    write_file(journal, read_file(journal) + super_journal_record(super_journal));
-}
-
-TEST_F(HostileDirectory, AJournalThatNamesAnotherFileHasNothingDeleted) {
-    const std::string before = state(victim);
-    for (const auto& operation : {look_up, add_domain}) {
-        leave_journal_that_names(victim);
-        // Later versions of SQLite see that this cannot be a super-journal, and roll back.
-        EXPECT_THAT(bounded(operation),
-                    testing::AnyOf(testing::StartsWith("-1\n3 "), testing::StrEq("0\n")));
-        EXPECT_EQ(before, state(victim));
-        fs::remove(journal);
-        EXPECT_EQ(0, mail_auth_create_db(postfix_type));
-    }
-}
-
-TEST_F(HostileDirectory, AJournalThatNamesASuperJournalIsNotRolledBack) {
-    const std::string super_journal = path + "-mj00000A900";
-    write_file(super_journal, "somebody else's");
-    const std::string before = state(super_journal);
-    for (const auto& operation : {look_up, add_domain}) {
-        leave_journal_that_names(super_journal);
-        EXPECT_THAT(bounded(operation), testing::StartsWith("-1\n3 "));
-        EXPECT_EQ(before, state(super_journal));
-        fs::remove(journal);
-        EXPECT_EQ(0, mail_auth_create_db(postfix_type));
-    }
-    fs::remove(super_journal);
 }
 
 // Swapped all the time.

@@ -3,7 +3,6 @@
 #include "support/FakeTool.h"
 #include "support/LockHolder.h"
 #include "torva/postfix/params/PostfixParameters.h"
-#include "torva/postfix/params/PostfixTool.h"
 #include "torva/postfix/params/RelayPolicy.h"
 #include "torva/util/FileLock.h"
 #include "torva/util/PostfixError.h"
@@ -12,7 +11,6 @@
 #include <gmock/gmock.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <ctime>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -387,19 +385,6 @@ TEST_F(RealPostconfTest, RelayAfterAuthenticationWithSasl) {
     const FakeTool recording(postconfPath, passThrough);
     relayAfterAuthentication(SaslAuthentication::on);
     EXPECT_THAT(writes(recording), ElementsAre("[-e][smtpd_sasl_auth_enable=yes]"));
-}
-
-TEST(PostfixToolTest, InputOfAToolThatGetsNoneIsAtItsEnd) {
-    EXPECT_EQ(runTool({"/bin/sh", "-c", "wc -c"}).output, "0\n");
-}
-
-TEST(PostfixToolTest, StatusAndBothTextsAreThere) {
-    const ToolResult result = runTool({"/bin/sh", "-c", "echo out; echo err >&2; exit 3"});
-    EXPECT_EQ(WEXITSTATUS(result.status), 3);
-    EXPECT_FALSE(result.succeeded());
-    EXPECT_FALSE(result.signaled());
-    EXPECT_EQ(result.output, "out\n");
-    EXPECT_EQ(result.message(), "err\n");
 }
 
 } // namespace

@@ -39,6 +39,15 @@ TEST(ToolResultTest, TheMessageIsStandardErrorAsItIsOrSaysThatThereIsNone) {
     EXPECT_EQ(shell("echo out; exit 1").message(), "unknown error");
 }
 
+TEST(RunToolTest, StatusAndBothTextsAreThere) {
+    const ToolResult result = shell("echo out; echo err >&2; exit 3");
+    EXPECT_EQ(WEXITSTATUS(result.status), 3);
+    EXPECT_FALSE(result.succeeded());
+    EXPECT_FALSE(result.signaled());
+    EXPECT_EQ(result.output, "out\n");
+    EXPECT_EQ(result.message(), "err\n");
+}
+
 TEST(RunToolTest, EachArgumentArrivesAsItIs) {
     EXPECT_EQ(runTool({"/bin/sh", "-c", "printf '[%s]' \"$@\"", "sh", "a b", "", "$HOME;x"}).output,
               "[a b][][$HOME;x]");

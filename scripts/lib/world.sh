@@ -22,7 +22,8 @@ make_devices() {
             mount --bind "/dev/$name" "$root/dev/$name"
         done
     else
-        cp -a "${names[@]/#//dev/}" "$root/dev/" || return
+        # Nodes, also of what is a link here: chmod would follow it to a device of the machine.
+        cp -RL "${names[@]/#//dev/}" "$root/dev/" || return
         chmod 666 "${names[@]/#/$root/dev/}" || return
         # A node on a file system mounted "nodev" exists, but does not open.
         for name in "${names[@]}"; do

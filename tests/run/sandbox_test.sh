@@ -137,6 +137,17 @@ test_devices_are_none_of_the_machines_own() {
     done
 }
 
+test_link_among_the_devices_leads_to_no_change_of_one() {
+    need_namespaces
+    # The machine is a world here, in which another one is made.
+    expect_equal "mode of the device, and kind of what is made of the link" "600
+character special file" "$(in_namespaces -- sh -c "
+        chmod 600 /dev/urandom && ln -sf /dev/urandom /dev/random
+        kind=\$('$sandbox' --loopback-only -- stat -c %F /dev/random)
+        stat -c %a /dev/urandom
+        echo \"\$kind\"")"
+}
+
 test_private_directories_start_empty_and_with_their_modes() {
     need_namespaces
     expect_equal "modes" "1777 1777 1777 1777" \

@@ -23,7 +23,7 @@ class PipeThreadsTest : public ProcessTest {};
 
 // A fault in who gets SIGCHLD showed within 30 launches. Under the address sanitizer a
 // launch takes twenty times as long.
-constexpr int manyLaunches = TORVA_TEST_ASAN ? 200 : 1000;
+constexpr int manyLaunches = TORVA_TEST_ASAN ? 200 : 2000;
 
 // Threads that do the same over and over until the end.
 class Threads {

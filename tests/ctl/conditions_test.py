@@ -8,15 +8,15 @@ from pathlib import Path
 
 import ctlworld
 import pairs
-from ctlworld import (BACKUPS, MAIN_CF, MASTER_CF, POSTFIX, TABLES, AroundARunTest, CtlTest, QuietCheckTest, ctl,
-                      program, remove, run, tree, write)
+from ctlworld import (BACKUPS, MAIN_CF, MASTER_CF, POSTFIX, TABLES, AroundARunTest, CtlTest, ctl, program, remove, run,
+                      tree, write)
 
 
 def add(path, text):
     write(path, Path(path).read_bytes() + text.encode())
 
 
-class FindingsTest(QuietCheckTest):
+class FindingsTest(CtlTest):
     def setUp(self):
         super().setUp()
         ctlworld.make_good_host()
@@ -90,7 +90,7 @@ class ShelterTest(CtlTest):
         self.assertTrue(lines[0].endswith("# mine"))
 
 
-class PrivateCopyTest(QuietCheckTest):
+class PrivateCopyTest(CtlTest):
     def setUp(self):
         super().setUp()
         run("mount", "-t", "tmpfs", "none", "/home")

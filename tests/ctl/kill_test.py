@@ -81,7 +81,7 @@ class GroupTest(Killed):
         self.kill_at_all_moments("apply", kill_group)
 
 
-class CompanionTest(Killed, QuietCheckTest):
+class CompanionTest(Killed):
     def test_apply_killed_alone_while_its_run_goes_on(self):
         def end(process):
             process.send_signal(signal.SIGKILL)

@@ -60,8 +60,8 @@ target_compile_options(torva_test_warnings INTERFACE
 # is installed, and they themselves take a third of the time without optimization.
 add_library(torva_test_options INTERFACE)
 target_link_libraries(torva_test_options INTERFACE torva_test_warnings)
-# The presets in which much is compiled together name no lines of tests: a failed assertion
-# has its own. Debug with preset dev.
+# In the presets that compile the sources of a folder together, tests have no debugging
+# information: a failed assertion names its own line. To debug a test, use preset dev.
 target_compile_options(torva_test_options INTERFACE -O0 $<IF:$<BOOL:${CMAKE_UNITY_BUILD}>,-g0,-g1>)
 
 # torva_test_headers(TARGET): reads the test framework's headers, which are most of the work of

@@ -13,7 +13,7 @@
 #include <string>
 #include <sys/stat.h>
 
-namespace torva::test {
+namespace torva::test::hostile {
 
 inline const std::string path = auth_path;
 inline const std::string journal = path + "-journal";
@@ -72,4 +72,4 @@ protected:
     }
 };
 
-} // namespace torva::test
+} // namespace torva::test::hostile

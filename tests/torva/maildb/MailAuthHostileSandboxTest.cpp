@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 using namespace torva::test;
+using namespace torva::test::hostile;
 using testing::AnyOf;
 using testing::ElementsAre;
 using testing::HasSubstr;

@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 
 using namespace torva::test;
+using namespace torva::test::hostile;
 namespace fs = std::filesystem;
 
 namespace {

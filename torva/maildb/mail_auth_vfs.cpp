@@ -1,9 +1,11 @@
 #include "torva/maildb/mail_auth_vfs.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -26,13 +28,51 @@ bool is_plain_file(const struct stat& status) {
     return S_ISREG(status.st_mode) && status.st_nlink <= 1;
 }
 
+/// Waits until the removal of a name that has begun in a directory is complete: it counts the
+/// links of the file first, and both removing and reading lock the directory.
+void wait_for_removals(const char* path) {
+    const char* slash = std::strrchr(path, '/');
+    char directory[PATH_MAX];
+    const auto length = slash == nullptr ? 0 : static_cast<std::size_t>(slash - path);
+    if (length == 0 || length >= sizeof directory) {
+        return;
+    }
+    std::memcpy(directory, path, length);
+    directory[length] = '\0';
+    if (DIR* opened = opendir(directory)) {
+        static_cast<void>(readdir(opened));
+        closedir(opened);
+    }
+}
+
+/// Whether the name by which the file was opened has been removed since. The kernel tells so
+/// for good, even if the same name is linked to the same file again. Without /proc: no.
+bool has_lost_its_name(int fd, const char* path) {
+    wait_for_removals(path);
+    constexpr char mark[] = " (deleted)";
+    constexpr std::size_t mark_length = sizeof mark - 1;
+    char link[32];
+    char target[PATH_MAX + sizeof mark];
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    const ssize_t length = readlink(link, target, sizeof target);
+    return length > static_cast<ssize_t>(mark_length) &&
+           std::memcmp(target + length - mark_length, mark, mark_length) == 0;
+}
+
 /// Whether the only name of the open file is the path, or it has none left. Somebody may
-/// link another file there and remove the link after it was opened; to pass, the link would
-/// have to come and go in step with every check.
+/// link another file there and remove the link after it was opened: then the file has a
+/// single name, too, but not the one that was opened. Without /proc, the link would have to
+/// come and go in step with every look to pass.
 bool is_only_here(int fd, const char* path) {
     constexpr int looks = 8;
     struct stat opened {};
     struct stat found {};
+    if (fstat(fd, &opened) != 0 || !is_plain_file(opened)) {
+        return false;
+    }
+    if (has_lost_its_name(fd, path)) { // a journal may just have been removed
+        return fstat(fd, &opened) == 0 && opened.st_nlink == 0;
+    }
     for (int look = 0; look < looks; ++look) {
         if (fstat(fd, &opened) != 0 || !is_plain_file(opened)) {
             return false;
@@ -42,7 +82,7 @@ bool is_only_here(int fd, const char* path) {
         }
         const bool here = lstat(path, &found) == 0 && found.st_dev == opened.st_dev &&
                           found.st_ino == opened.st_ino;
-        if (!here) { // a journal may just have been removed
+        if (!here) {
             return fstat(fd, &opened) == 0 && opened.st_nlink == 0;
         }
     }

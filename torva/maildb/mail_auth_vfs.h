@@ -13,8 +13,9 @@ namespace torva::maildb {
 ///
 /// - A database or a journal is opened only when it is a regular file without a second
 ///   hard link. A link is not followed, a FIFO does not block, and the check is made on
-///   the descriptor that SQLite then uses. Where fs.protected_hardlinks is 0 (see proc(5)),
-///   one gap remains: a hard link that comes and goes in step with eight checks.
+///   the descriptor that SQLite then uses. Where fs.protected_hardlinks is 0 (see proc(5))
+///   and /proc is not mounted, one gap remains: a hard link that comes and goes in step with
+///   eight checks.
 /// - A journal that names a super-journal is not rolled back: SQLite would delete the file
 ///   of that name, which whoever may write the journal chooses.
 /// - A database in WAL mode is not opened: its shared memory is opened in other ways.

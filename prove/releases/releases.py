@@ -4,6 +4,7 @@ scripts/prove packages --short in it, from a fresh clone of the last commit. Pri
 the results. Exit status 0: every suite that could be installed is green; 77: none could."""
 
 import argparse
+import fcntl
 import re
 import shutil
 import subprocess
@@ -15,6 +16,9 @@ HERE = Path(__file__).resolve().parent
 TREE = HERE.parents[1]
 PLACE = TREE / "build/releases"
 SUITES = ["bookworm", "trixie", "forky"]
+# When this ends, however it does, the command ends, too, and its mounts are gone.
+ENDS_WITH_US = ["setpriv", "--pdeathsig", "KILL", "--", "unshare", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc",
+                "--propagation", "private", "--"]
 # debootstrap knows only the suites of its own time; a later one is made like this one.
 NEWEST_KNOWN = "sid"
 SKIPPED = 77
@@ -28,7 +32,12 @@ def arguments():
     parser.add_argument("suites", nargs="*", metavar="SUITE", help=f"of Debian ({' '.join(SUITES)})")
     parser.add_argument("--short", action="store_true", help="scripts/check --short in place of all tests")
     parser.add_argument("--output", type=Path, metavar="FILE", help="replaces the table in FILE, too")
-    return parser.parse_args()
+    options = parser.parse_args()
+    for suite in options.suites:
+        # It becomes the name of directories, which are removed as a whole.
+        if not re.fullmatch("[a-z][a-z0-9-]*", suite):
+            parser.error(f"not the name of a suite: '{suite}'")
+    return options
 
 
 def say(text):
@@ -59,7 +68,7 @@ def bare_system(suite):
         return system
     unfinished = PLACE / f"{suite}.unfinished"
     shutil.rmtree(unfinished, ignore_errors=True)
-    command = ["debootstrap", "--variant=minbase", suite, unfinished, archive()]
+    command = [*ENDS_WITH_US, "debootstrap", "--variant=minbase", suite, unfinished, archive()]
     if not (SCRIPTS / suite).exists():
         command.append(SCRIPTS / NEWEST_KNOWN)
     log = PLACE / f"{suite}.debootstrap.log"
@@ -114,9 +123,20 @@ def write_table(path, table):
     path.write_text(text[:begin] + "\n" + table + "\n\n" + text[end:])
 
 
+def take_place():
+    """The file that keeps a second proof from removing the systems under this one, while it is open."""
+    PLACE.mkdir(parents=True, exist_ok=True)
+    lock = (PLACE / "lock").open("w")
+    try:
+        fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+    except BlockingIOError:
+        sys.exit(f"prove releases: another proof of the releases is running in {PLACE}")
+    return lock
+
+
 def main():
     options = arguments()
-    PLACE.mkdir(parents=True, exist_ok=True)
+    lock = take_place()
     rows, outcomes = [HEADING], []
     for suite in options.suites or SUITES:
         try:
@@ -132,6 +152,7 @@ def main():
     say(table)
     if options.output:
         write_table(options.output, table)
+    lock.close()
     if not outcomes:
         return SKIPPED
     return 0 if all(outcomes) else 1

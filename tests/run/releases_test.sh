@@ -110,4 +110,53 @@ test_suite_in_which_anything_fails_is_not_green() {
     expect_not_green "demo"$'\t'"works" "| trixie | ? | ? | ? | works | ? | ? | ? | ? |"
 }
 
+# start_installation: begins a proof, as process $proof, whose debootstrap mounts what a real
+# one does, and takes its time; waits until it does.
+start_installation() {
+    copy_of_scripts
+    stand_in apt-get 'echo "$(sed -n "s/^VERSION_CODENAME=//p" /etc/os-release) http://archive.example/debian"'
+    # shellcheck disable=SC2016 # expanded by the stand-in
+    stand_in debootstrap 'mkdir -p "$3" && mount -t tmpfs tmpfs "$3" && exec 9>"${0%/*}/alive" && flock 9 &&
+touch "${0%/*}/mounted" && sleep 60'
+    "$releases" releases nosuch >/dev/null 2>&1 &
+    proof=$!
+    await "$scratch/bin/mounted"
+}
+
+test_proof_that_is_ended_while_it_installs_a_system_leaves_neither_a_process_nor_a_mount() {
+    need_namespaces
+    start_installation
+    kill -TERM "$proof"
+    wait "$proof" || true
+    local mounted
+    mounted=$(grep "$scratch" /proc/self/mounts || true)
+    [[ -z $mounted ]] || umount "$scratch/tree/build/releases/nosuch.unfinished"
+    expect_equal "mounts" "" "$mounted"
+    flock --timeout 20 "$scratch/bin/alive" true || fail "debootstrap goes on"
+}
+
+test_second_proof_at_the_same_time_is_refused_and_leaves_the_first_alone() {
+    need_namespaces
+    start_installation
+    local text status=0
+    text=$(timeout 20 "$releases" releases nosuch 2>&1) || status=$?
+    kill -TERM "$proof" || fail "the first one has ended"
+    wait "$proof" || true
+    expect_equal "exit status" 1 "$status"
+    expect_contains "message" "another proof of the releases is running" "$text"
+}
+
+test_suite_whose_name_is_a_path_is_refused_before_anything_is_installed() {
+    need_root_here
+    copy_of_scripts
+    stand_in apt-get 'echo "apt-get $*" >&2; exit 1'
+    local name status
+    for name in ../x . "" a/b; do
+        status=0
+        "$releases" releases -- "$name" >/dev/null 2>&1 || status=$?
+        expect_equal "exit status with '$name'" 2 "$status"
+    done
+    [[ ! -e $scratch/tree/build ]] || fail "there is a build folder"
+}
+
 run_tests "$@"

@@ -115,7 +115,8 @@ function(torva_tests folder)
       PRIVATE TORVA_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
     if(TORVA_TESTS_TOGETHER AND NOT arg_ALONE)
       add_test(NAME unit.${name} COMMAND test_${name})
-      set_tests_properties(unit.${name} PROPERTIES LABELS unit TIMEOUT 600)
+      # COST: the longest of these does not begin when all others have ended.
+      set_tests_properties(unit.${name} PROPERTIES LABELS unit TIMEOUT 600 COST 10)
     else()
       gtest_discover_tests(test_${name} DISCOVERY_MODE PRE_TEST
         TEST_PREFIX ${name}. PROPERTIES LABELS unit TIMEOUT 120)

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -75,6 +76,25 @@ int performAsRoot(Call& call) {
     return perform(call);
 }
 
+int performReporting(Call& call) {
+    try {
+        return performAsRoot(call);
+    } catch (const torva::ctl::Failure& failure) {
+        call.report.finding(failure.finding());
+    } catch (const std::exception& error) {
+        torva::ctl::complain(error.what());
+    }
+    return torva::ctl::statusOfFailure(call.request.verb);
+}
+
+/// The exit status of a verb of which some output is lost: a verb that only tells has failed.
+/// That of apply and rollback tells what they have done to the host.
+int statusOfLoss(const Call& call, int status) {
+    torva::ctl::complain(std::string("standard output: ") + std::strerror(call.report.lostBy()));
+    const bool changesHost = call.request.verb == "apply" || call.request.verb == "rollback";
+    return changesHost ? status : torva::ctl::statusOfFailure(call.request.verb);
+}
+
 } // namespace
 
 int main(int count, char** arguments) {
@@ -94,12 +114,6 @@ int main(int count, char** arguments) {
     const torva::ctl::OwnPrograms programs = torva::ctl::ownPrograms(arguments[0]);
     torva::ctl::Report report(request.verb, request.json);
     Call call{request, programs, report};
-    try {
-        return performAsRoot(call);
-    } catch (const torva::ctl::Failure& failure) {
-        report.finding(failure.finding());
-    } catch (const std::exception& error) {
-        torva::ctl::complain(error.what());
-    }
-    return torva::ctl::statusOfFailure(request.verb);
+    const int status = performReporting(call);
+    return report.lostBy() == 0 ? status : statusOfLoss(call, status);
 }

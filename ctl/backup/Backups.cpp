@@ -101,7 +101,16 @@ std::string firstLine(const std::string& text) {
 Backup readBackup(int directory, const std::string& stamp) {
     Backup backup;
     backup.stamp = stamp;
-    const Descriptor opened = openBackup(directory, stamp);
+    const Descriptor opened(
+        ::openat(directory, stamp.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    const int code = opened ? 0 : errno;
+    if (code != 0 && code != ENOTDIR && code != ELOOP) {
+        throwSystemError("open " + stamp, code); // it may be whole: another must not be chosen
+    }
+    if (code != 0) { // a file or a link: no reason to refuse the others
+        backup.made = timeOf(directory, stamp);
+        return backup;
+    }
     backup.made = timeOf(opened.get(), manifestName);
     backup.bytes = bytesIn(opened.get());
     const std::vector<std::string> names = namesIn(opened.get());
@@ -156,6 +165,10 @@ void requireRoom(int directory, const std::vector<std::string>& paths) {
 }
 
 } // namespace
+
+bool Backup::ofInstance(const std::string& configuration) const {
+    return resolved(manifest.configuration) == resolved(configuration);
+}
 
 const char* const Backups::path = "/var/backups/torva-postfix";
 
@@ -229,9 +242,16 @@ std::optional<Backup> Backups::find(const std::string& stamp) const {
     return readBackup(directory(), stamp);
 }
 
-std::optional<Backup> Backups::beforeNewestRow() const {
-    std::optional<Backup> found;
+std::vector<Backup> Backups::listOf(const std::string& configuration) const {
     std::vector<Backup> backups = list();
+    const auto isOther = [&](const Backup& one) { return !one.ofInstance(configuration); };
+    backups.erase(std::remove_if(backups.begin(), backups.end(), isOther), backups.end());
+    return backups;
+}
+
+std::optional<Backup> Backups::beforeNewestRow(const std::string& configuration) const {
+    std::optional<Backup> found;
+    const std::vector<Backup> backups = listOf(configuration);
     for (auto backup = backups.rbegin(); backup != backups.rend(); ++backup) {
         if (backup->ofApply()) {
             found = *backup;
@@ -243,8 +263,8 @@ std::optional<Backup> Backups::beforeNewestRow() const {
     return found;
 }
 
-std::optional<Backup> Backups::newestWithLeftState() const {
-    std::vector<Backup> backups = list();
+std::optional<Backup> Backups::newestWithLeftState(const std::string& configuration) const {
+    const std::vector<Backup> backups = listOf(configuration);
     const auto found = std::find_if(backups.rbegin(), backups.rend(),
                                     [](const Backup& one) { return one.hasLeftState; });
     return found == backups.rend() ? std::nullopt : std::optional<Backup>(*found);

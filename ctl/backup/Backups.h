@@ -25,6 +25,10 @@ struct Backup {
     std::uint64_t bytes = 0; ///< of all files
 
     bool ofApply() const { return whole && manifest.reason == "before apply"; }
+
+    /// Whether it is of the Postfix with this configuration directory, of the instances that
+    /// the host may have.
+    bool ofInstance(const std::string& configuration) const;
 };
 
 class Backups {
@@ -52,15 +56,18 @@ public:
     /// All, oldest first.
     std::vector<Backup> list() const;
 
+    /// Those of one instance of Postfix, oldest first.
+    std::vector<Backup> listOf(const std::string& configuration) const;
+
     /// One of them; nothing when there is none with this name.
     std::optional<Backup> find(const std::string& stamp) const;
 
     /// The backup that a rollback without a stamp restores: the state before the first of
     /// the newest applies in a row; see rollback in the manual. Damaged ones are ignored.
-    std::optional<Backup> beforeNewestRow() const;
+    std::optional<Backup> beforeNewestRow(const std::string& configuration) const;
 
     /// The newest backup that has the state that its apply left.
-    std::optional<Backup> newestWithLeftState() const;
+    std::optional<Backup> newestWithLeftState(const std::string& configuration) const;
 
     /// Stores the state that an apply left with its backup.
     ///

@@ -52,19 +52,37 @@ std::string described(const Entry& entry) {
                           : access + (entry.isDirectory() ? ", directory" : ", no file");
 }
 
-/// Without the modification time: a change of that alone is not an edit.
-bool isSameButForTime(Entry left, const Entry& right) {
+/// Whether the contents of a file need no comparison, because its source is compared, or its
+/// records are. An index is another file after each newaliases(1), whatever has changed.
+bool isIndexOf(const Snapshot& files, const std::string& path) {
+    if (!isIndexName(path)) {
+        return false;
+    }
+    const std::string source = path.substr(0, path.rfind('.'));
+    const auto& names = tableNames();
+    return files.count(source) != 0 ||
+           std::any_of(names.begin(), names.end(), [&](const std::string& name) {
+               return source == resolved(tablesDirectory) + "/" + name;
+           });
+}
+
+/// Without the modification time, since a change of that alone is not an edit.
+bool isSameFile(Entry left, const Entry& right, bool isIndex) {
     left.seconds = right.seconds;
     left.nanoseconds = right.nanoseconds;
+    if (isIndex) {
+        left.size = right.size;
+        left.checksum = right.checksum;
+    }
     return sameEntry(left, right);
 }
 
-bool isListedIndex(const std::string& path) {
-    const auto& names = tableNames();
-    return std::any_of(names.begin(), names.end(), [&](const std::string& name) {
-        const std::string source = resolved(tablesDirectory) + "/" + name;
-        return isIndexName(path) && path.substr(0, path.rfind('.')) == source;
-    });
+/// What the descriptions of two files do not show.
+std::string hiddenDifference(const Entry& left, const Entry& right) {
+    if (described(left) != described(right)) {
+        return std::string();
+    }
+    return sameContents(left, right) ? ", other attributes" : ", other contents";
 }
 
 void compareFiles(const Snapshot& left, const Snapshot& now, std::vector<Change>& changes) {
@@ -78,8 +96,9 @@ void compareFiles(const Snapshot& left, const Snapshot& now, std::vector<Change>
         const std::string& path = one.first;
         const Entry before = entryIn(left, path);
         const Entry after = entryIn(now, path);
-        if (!isSameButForTime(before, after) && !isListedIndex(path)) {
-            changes.push_back({"file", path, described(before), described(after)});
+        if (!isSameFile(before, after, isIndexOf(all, path))) {
+            changes.push_back({"file", path, described(before),
+                               described(after) + hiddenDifference(before, after)});
         }
     }
 }
@@ -106,6 +125,11 @@ bool isWrittenByRun(const std::string& path, const Manifest& backup) {
                                return name.find(table) != std::string::npos;
                            }) ||
                name.find("master.cf.disabled") != std::string::npos;
+    }
+    // Links may lead to files with any name.
+    if (path == resolved(configuration + "/main.cf") ||
+        path == resolved(configuration + "/master.cf")) {
+        return true;
     }
     // The name of a half-made index has further letters after it.
     return path == tables || isIndexName(path) || path.find(".db") != std::string::npos ||

@@ -60,7 +60,7 @@ bool take(const Descriptor& file, int patience) {
 std::string heldBy(const Descriptor& file) {
     ::lseek(file.get(), 0, SEEK_SET);
     const std::string text = readAll(file.get()).value_or("");
-    return text.substr(0, text.find('\n'));
+    return text.empty() ? "another process" : text.substr(0, text.find('\n'));
 }
 
 std::string ownMark() {
@@ -81,7 +81,11 @@ HostLock::HostLock(int patience) : lock_(openLockFile("lock", O_CLOEXEC)) {
     if (::ftruncate(lock_.get(), 0) != 0) {
         throwSystemError("ftruncate", errno);
     }
-    writeAll(lock_.get(), ownMark());
+    try {
+        writeAll(lock_.get(), ownMark());
+    } catch (const SystemError&) { // NOLINT(bugprone-empty-catch)
+        // Where there is no room for the mark, others are told less.
+    }
 }
 
 std::string HostLock::holder() {

@@ -1,9 +1,15 @@
 #include "ctl/findings/HostFindings.h"
 #include "ctl/host/Files.h"
+#include "ctl/host/Lists.h"
 #include "ctl/host/Records.h"
 #include "ctl/host/TouchedPaths.h"
+#include "torva/postfix/params/ListValue.h"
+
+#include <boost/algorithm/string/join.hpp>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <stdexcept>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -83,7 +89,74 @@ bool isBuildable(const AliasDatabase& database, const std::vector<std::string>& 
            std::find(types.begin(), types.end(), database.type) != types.end();
 }
 
+/// The index that postalias opens for writing.
+std::string indexOf(const AliasDatabase& database) {
+    return database.path + (database.type == "cdb" ? ".cdb" : ".db");
+}
+
+/// Finds what ends postalias: links that lead nowhere, a directory in place of an index.
+void findUnopenable(const AliasDatabase& database, Findings& findings) {
+    const auto stop = [&](const std::string& path, int code) {
+        findings.stop("aliases", path + ": " + std::strerror(code), "rm -d " + path);
+    };
+    struct stat status {};
+    // The run creates an empty file where there is none.
+    if (::stat(database.path.c_str(), &status) != 0) {
+        const int code = errno;
+        if (code != ENOENT || !exists(directoryOf(resolved(database.path)))) {
+            stop(database.path, code);
+        }
+    }
+    const std::string index = indexOf(database);
+    if (::stat(index.c_str(), &status) != 0) {
+        if (errno != ENOENT) {
+            stop(index, errno);
+        }
+    } else if (S_ISDIR(status.st_mode)) {
+        stop(index, EISDIR);
+    }
+}
+
+/// What the run takes for the type of an element between commas, which may be several words.
+std::string typeForRun(const std::string& element, const Postfix& postfix) {
+    const std::size_t colon = element.find(':');
+    return colon == std::string::npos ? postfix.value("default_database_type")
+                                      : element.substr(0, colon);
+}
+
+/// Whether the run does with an element what it should do with each of its words. It splits at
+/// commas only, drops an element that begins with "nis:", passes one of an indexed type to the
+/// shell, where postalias fails if one of the words has no file, and leaves others alone.
+bool isReadAsMeant(const std::string& element, const Postfix& postfix) {
+    const std::vector<std::string> words = listElements(element);
+    const std::string type = typeForRun(element, postfix);
+    if (words.size() < 2 || (type != "nis" && !isRebuilt(type))) {
+        return true;
+    }
+    const std::vector<AliasDatabase> databases = aliasDatabases(postfix);
+    const auto hasFile = [&](const std::string& word) {
+        return std::any_of(databases.begin(), databases.end(), [&](const AliasDatabase& database) {
+            return database.text == word && exists(database.path);
+        });
+    };
+    return std::all_of(words.begin(), words.end(), hasFile);
+}
+
+/// \param name  of a list of alias tables, see postconf(5)
+void findBlanks(const std::string& name, const Postfix& postfix, Findings& findings) {
+    const std::string value = postfix.value(name);
+    for (const std::string& element : mail::postfix::splitAtCommas(value)) {
+        if (!isReadAsMeant(element, postfix)) {
+            findings.stop("aliases", "the run reads \"" + element + "\" as one database",
+                          "postconf -e '" + name + "=" +
+                              boost::algorithm::join(listElements(value), ", ") + "'");
+        }
+    }
+}
+
 void findAliases(const Host& host, Findings& findings) {
+    findBlanks("alias_maps", host.postfix, findings);
+    findBlanks("alias_database", host.postfix, findings);
     for (const AliasDatabase& database : aliasDatabases(host.postfix)) {
         if (isNoFile(database.path)) {
             findings.stop("aliases",
@@ -93,6 +166,8 @@ void findAliases(const Host& host, Findings& findings) {
             findings.stop("aliases", database.text + " cannot be rebuilt by the run",
                           "correct alias_maps and alias_database: a type of postconf -m, a "
                           "directory that is there, plain characters");
+        } else {
+            findUnopenable(database, findings);
         }
     }
     findings.fine("aliases", "alias_maps, alias_database");

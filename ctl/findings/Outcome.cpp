@@ -2,6 +2,7 @@
 #include "ctl/host/Files.h"
 #include "ctl/host/Lists.h"
 #include "ctl/host/PanelRun.h"
+#include "ctl/host/TouchedPaths.h"
 
 #include <boost/algorithm/string/case_conv.hpp>
 
@@ -128,14 +129,11 @@ std::string expanded(const std::string& text, const Postfix& postfix) {
     return result;
 }
 
-/// The values that may contain tables: those in main.cf, except the aliases, which the run
-/// rebuilds, and those of the options in master.cf.
+/// The values that may contain tables: those in main.cf and those of the options in master.cf.
 std::vector<std::string> valuesWithMaps(const Postfix& postfix, const MasterCfText& masterCf) {
     std::vector<std::string> values;
     for (const auto& setting : postfix.settings) {
-        if (setting.first != "alias_maps" && setting.first != "alias_database") {
-            values.push_back(postfix.value(setting.first));
-        }
+        values.push_back(postfix.value(setting.first));
     }
     for (const MasterCfTextEntry& entry : masterCf.entries()) {
         for (const std::string& option : entry.options()) {
@@ -145,6 +143,27 @@ std::vector<std::string> valuesWithMaps(const Postfix& postfix, const MasterCfTe
     return values;
 }
 
+/// Whether postalias(1) builds its index, in place of postmap(1).
+bool isOfAliases(const MapReference& map, const Postfix& postfix) {
+    for (const char* name : {"alias_maps", "alias_database"}) {
+        for (const MapReference& one : mapReferences(postfix.value(name))) {
+            if (one.text() == map.text()) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+/// The tables that the run itself builds: the panel's and alias databases.
+bool isBuiltByRun(const MapReference& map, const Postfix& postfix) {
+    const std::vector<AliasDatabase> databases = aliasDatabases(postfix);
+    return isAtOrBelow(map.file, tablesDirectory) ||
+           std::any_of(databases.begin(), databases.end(), [&](const AliasDatabase& database) {
+               return database.type == map.type && database.path == map.file;
+           });
+}
+
 void findMap(const MapReference& map, const Postfix& postfix, Findings& findings) {
     const std::string file = openedFile({postfix.readAs(map.type), map.file});
     if (::access(file.c_str(), F_OK) == 0) {
@@ -152,9 +171,10 @@ void findMap(const MapReference& map, const Postfix& postfix, Findings& findings
     }
     const std::string elseAdvice = ", or take it out of the configuration";
     const bool hasSource = exists(map.file);
+    const std::string build = (isOfAliases(map, postfix) ? "postalias " : "postmap ") + map.text();
     const std::string advice = !isIndexed(map.type) ? "write " + map.file
-                               : hasSource          ? "postmap " + map.text()
-                                           : "write " + map.file + " and run postmap " + map.text();
+                               : hasSource          ? build
+                                                    : "write " + map.file + " and run " + build;
     findings.warning("map", map.text() + ": there is no " + file, advice + elseAdvice);
 }
 
@@ -162,9 +182,8 @@ void findMaps(const Postfix& postfix, const MasterCfText& masterCf, Findings& fi
     std::set<std::string> seen;
     for (const std::string& value : valuesWithMaps(postfix, masterCf)) {
         for (const MapReference& map : mapReferences(value)) {
-            // The run creates the panel's tables, and Postfix's daemons those in the data
-            // directory.
-            if (!isAtOrBelow(map.file, tablesDirectory) &&
+            // Postfix's daemons create those in the data directory.
+            if (!isBuiltByRun(map, postfix) &&
                 !isAtOrBelow(map.file, postfix.value("data_directory")) &&
                 seen.insert(map.text()).second) {
                 findMap(map, postfix, findings);

@@ -8,7 +8,10 @@
 #include "ctl/report/Size.h"
 #include "torva/util/SystemError.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <set>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -61,6 +64,36 @@ void findRoomIn(const std::string& place, const Need& need, std::string& told, F
     told += (told.empty() ? "" : "; ") + place + ": " + free;
 }
 
+/// What is mounted can be neither replaced nor removed.
+void findMountPoints(const Postfix& postfix, Findings& findings) {
+    std::set<std::string> leftAlone; // by the run
+    for (const AliasDatabase& database : aliasDatabases(postfix)) {
+        leftAlone.insert(resolved(database.path));
+    }
+    const std::vector<std::string> paths = touchedPaths(postfix);
+    for (const std::string& point : mountPoints()) {
+        const bool isTouched =
+            std::any_of(paths.begin(), paths.end(),
+                        [&](const std::string& path) { return isAtOrBelow(point, path); });
+        if (isTouched && leftAlone.count(point) == 0) {
+            findings.stop("directory", point + " is a mount point: apply could not take a run back",
+                          "unmount it, or mount the directory above it");
+        }
+    }
+}
+
+/// The run creates the directory of the tables, unless something else has its name.
+void findTablesDirectory(Findings& findings) {
+    struct stat status {};
+    const bool isNamed = ::lstat(tablesDirectory, &status) == 0;
+    const bool isDirectory = ::stat(tablesDirectory, &status) == 0 && S_ISDIR(status.st_mode);
+    if (isNamed && !isDirectory) {
+        findings.stop("directory",
+                      std::string(tablesDirectory) + " is not a directory: the run would end",
+                      std::string("rm ") + tablesDirectory);
+    }
+}
+
 bool isWritable(const std::string& path) {
     return ::access(nearest(path).c_str(), W_OK) == 0;
 }
@@ -76,12 +109,8 @@ void findPlaces(const Host& host, Findings& findings) {
                           "put it on a file system that is not read-only");
         }
     }
-    if (isMountPoint(tablesDirectory)) {
-        findings.stop("directory",
-                      std::string(tablesDirectory) +
-                          " is a mount point: apply could not take a run back",
-                      "unmount it, or mount the directory above it");
-    }
+    findTablesDirectory(findings);
+    findMountPoints(postfix, findings);
     findings.fine("directory", "Postfix's directories can be written");
     Need need;
     try {

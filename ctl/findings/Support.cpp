@@ -13,6 +13,9 @@ bool holds(const std::vector<std::string>& list, const std::string& element) {
 /// What to do on a Postfix without Berkeley DB, or on one that redirects to a type that takes
 /// no single records, so that the panel's tables work.
 std::string adviceForTables(const Host& host) {
+    if (host.support.tableFailure.find("unsupported") == std::string::npos) {
+        return "correct it: postmap must create a table of the type hash and put a record into it";
+    }
     const bool canRedirect = host.postfix.values.count("non_bdb_migration_level") != 0;
     if (!canRedirect) {
         return "install a Postfix with Berkeley DB, such as Debian's";

@@ -1,8 +1,5 @@
 #include "ctl/host/Mounts.h"
 
-#include "ctl/host/Files.h"
-
-#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -39,11 +36,6 @@ std::vector<std::string> mountPoints() {
         points.push_back(unescaped(field));
     }
     return points;
-}
-
-bool isMountPoint(const std::string& path) {
-    const std::vector<std::string> points = mountPoints();
-    return std::find(points.begin(), points.end(), resolved(path)) != points.end();
 }
 
 } // namespace torva::ctl

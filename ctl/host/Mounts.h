@@ -9,6 +9,4 @@ namespace torva::ctl {
 /// The mount points, in the order of mounting; none without /proc.
 std::vector<std::string> mountPoints();
 
-bool isMountPoint(const std::string& path);
-
 } // namespace torva::ctl

@@ -13,6 +13,7 @@
 #include <set>
 #include <sstream>
 #include <sys/file.h>
+#include <sys/stat.h>
 
 namespace torva::ctl {
 
@@ -34,13 +35,24 @@ Settings parsed(const std::string& output) {
     return settings;
 }
 
+/// The built-in values. postconf reads the configuration even for these, and would wait for a
+/// FIFO in place of a file, so it gets an empty one.
+ToolResult askBuiltIn(const std::vector<std::string>& more) {
+    const ScratchDirectory scratch;
+    scratch.write("main.cf", "");
+    scratch.write("master.cf", "");
+    std::vector<std::string> words{postconf, "-c", scratch.path(), "-d"};
+    words.insert(words.end(), more.begin(), more.end());
+    return run(words);
+}
+
 std::string configurationDirectory() {
     const char* chosen = std::getenv("MAIL_CONFIG");
     if (chosen != nullptr && *chosen != '\0') {
         return chosen;
     }
     static const std::string builtIn =
-        boost::algorithm::trim_copy(run({postconf, "-d", "-h", "config_directory"}).output);
+        boost::algorithm::trim_copy(askBuiltIn({"-h", "config_directory"}).output);
     return builtIn.empty() ? "/etc/postfix" : builtIn;
 }
 
@@ -104,6 +116,32 @@ Settings redirectsOf(const Postfix& postfix) {
     return redirects;
 }
 
+/// The settings of main.cf, or why Postfix does not read it.
+void readSettings(Postfix& postfix) {
+    const MainCfCopy copy(postfix);
+    const ToolResult values = copy.ask("-x");
+    if (values.succeeded() && !values.output.empty()) {
+        postfix.values = parsed(values.output);
+        postfix.settings = parsed(copy.ask("-n").output);
+        postfix.settings.erase("config_directory"); // that of the copy
+        postfix.redirects = redirectsOf(postfix);
+    } else {
+        postfix.failure = wordsOf(values);
+        postfix.values = parsed(askBuiltIn({}).output);
+    }
+}
+
+/// Why Postfix's programs would wait for a file of the configuration; empty: they would not.
+std::string obstacleIn(const Postfix& postfix) {
+    for (const std::string& path : {postfix.mainCf(), postfix.masterCf()}) {
+        struct stat status {};
+        if (::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+            return path + " is not a regular file";
+        }
+    }
+    return std::string();
+}
+
 } // namespace
 
 std::string Postfix::readAs(const std::string& type) const {
@@ -119,16 +157,11 @@ std::string Postfix::value(const std::string& name) const {
 Postfix askPostfix() {
     Postfix postfix;
     postfix.directory = configurationDirectory();
-    const MainCfCopy copy(postfix);
-    const ToolResult values = copy.ask("-x");
-    if (values.succeeded() && !values.output.empty()) {
-        postfix.values = parsed(values.output);
-        postfix.settings = parsed(copy.ask("-n").output);
-        postfix.settings.erase("config_directory"); // that of the copy
-        postfix.redirects = redirectsOf(postfix);
+    postfix.failure = obstacleIn(postfix);
+    if (!postfix.failure.empty()) {
+        postfix.values = parsed(askBuiltIn({}).output);
     } else {
-        postfix.failure = wordsOf(values);
-        postfix.values = parsed(run({postconf, "-d"}).output);
+        readSettings(postfix);
     }
     postfix.values["config_directory"] = postfix.directory;
     if (postfix.queueDirectory().empty()) {

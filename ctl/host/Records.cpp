@@ -29,6 +29,9 @@ Records recordsIn(const std::string& listing) {
 } // namespace
 
 RecordsByTable readRecords(const Postfix& postfix) {
+    if (!postfix.failure.empty()) {
+        throw std::runtime_error(postfix.failure); // postmap would fail, or wait for a FIFO
+    }
     RecordsByTable records;
     for (const std::string& name : tableNames()) {
         const std::string source = std::string(tablesDirectory) + "/" + name;

@@ -16,9 +16,9 @@ using RecordsByTable = std::map<std::string, Records>; ///< by name of the table
 /// The records of the tables that a run empties, as postmap(1) lists them; none for a
 /// table that does not exist. Takes no lock.
 ///
-/// \throws std::runtime_error  postmap failed, with its message; or Postfix reads the tables
-///         as another type now, and a table exists in the former type only: a run would
-///         drop its records unseen
+/// \throws std::runtime_error  Postfix does not read main.cf, or postmap failed, with the
+///         message; or Postfix reads the tables as another type now, and a table exists in the
+///         former type only: a run would drop its records unseen
 RecordsByTable readRecords(const Postfix& postfix);
 
 /// The records of `before` whose keys are not in `now`.

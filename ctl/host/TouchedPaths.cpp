@@ -16,11 +16,6 @@ namespace {
 const char* const indexedTypes[] = {"hash", "btree", "dbm", "sdbm", "cdb"};
 const char* const indexSuffixes[] = {"", ".db", ".dir", ".pag", ".cdb", ".cdb.tmp", ".lmdb"};
 
-bool isRebuilt(const std::string& type) {
-    return std::find(std::begin(indexedTypes), std::end(indexedTypes), type) !=
-           std::end(indexedTypes);
-}
-
 AliasDatabase parsedDatabase(const std::string& element, const std::string& defaultType) {
     const std::string::size_type colon = element.find(':');
     AliasDatabase database;
@@ -40,6 +35,11 @@ void addResolved(std::set<std::string>& paths, const std::string& path) {
 }
 
 } // namespace
+
+bool isRebuilt(const std::string& type) {
+    return std::find(std::begin(indexedTypes), std::end(indexedTypes), type) !=
+           std::end(indexedTypes);
+}
 
 std::vector<AliasDatabase> aliasDatabases(const Postfix& postfix) {
     std::vector<AliasDatabase> databases;

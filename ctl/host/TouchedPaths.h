@@ -8,6 +8,9 @@
 
 namespace torva::ctl {
 
+/// Whether a run rebuilds alias databases of a type, with postalias(1).
+bool isRebuilt(const std::string& type);
+
 /// An alias database that a run rebuilds, and creates if it does not exist.
 struct AliasDatabase {
     std::string type;

@@ -177,8 +177,17 @@ Finding tellDelivered(const std::string& what, const std::vector<Delivery>& deli
     return {Level::ok, deliverySubject, withLine(text, deliveries.back().line), ""};
 }
 
+// The worst line of the services between sendmail(1) and the queue.
+LogLine worstBeforeQueue(const std::vector<LogLine>& log) {
+    std::vector<LogLine> own;
+    std::copy_if(log.begin(), log.end(), std::back_inserter(own), [](const LogLine& line) {
+        return line.daemon() == "pickup" || line.daemon() == "cleanup";
+    });
+    return worstLine(own);
+}
+
 Finding tellUnsettled(const std::string& what, const MessageTrail& trail,
-                      const std::vector<LogLine>& log) {
+                      const std::vector<LogLine>& log, const Surroundings& around) {
     const std::string text = trail.queued ? what + ": accepted, but not delivered in time"
                                           : what + ": accepted, but not taken into the queue";
     for (const ServiceFault& fault : findServiceFaults(log)) {
@@ -186,6 +195,10 @@ Finding tellUnsettled(const std::string& what, const MessageTrail& trail,
             return warning(withLine(text + ": " + fault.daemon + " could not start", fault.why),
                            adviceForService(fault.why.text));
         }
+    }
+    const LogLine why = trail.queued ? LogLine() : worstBeforeQueue(log);
+    if (!why.text.empty()) {
+        return warning(withLine(text, why), adviceFor(why.whole(), around));
     }
     if (!trail.queued) {
         return warning(text + ".", "The service pickup takes what sendmail has left, cleanup puts "
@@ -220,7 +233,7 @@ Finding tellAttempt(const Attempt& attempt, const std::vector<LogLine>& log,
         return tellUndelivered(attempt.what, *undelivered, around);
     }
     if (!trail.settled || trail.deliveries.empty()) {
-        return tellUnsettled(attempt.what, trail, log);
+        return tellUnsettled(attempt.what, trail, log, around);
     }
     return tellDelivered(attempt.what, trail.deliveries);
 }

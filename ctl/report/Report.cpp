@@ -41,19 +41,21 @@ LevelStyle styleOf(Level level) {
     return {"failed", "31"};
 }
 
-void print(int fd, const std::string& text) {
+/// \return 0, or the errno that ended it
+int print(int fd, const std::string& text) {
     const char* at = text.data();
     std::size_t left = text.size();
     while (left > 0) {
         const ssize_t written = ::write(fd, at, left);
         if (written < 0 && errno != EINTR) {
-            return; // nobody reads it; the verb goes on
+            return errno;
         }
         if (written > 0) {
             at += written;
             left -= static_cast<std::size_t>(written);
         }
     }
+    return 0;
 }
 
 std::size_t widthOfOutput() {
@@ -121,7 +123,7 @@ void Report::findings(const std::vector<Finding>& findings) {
 
 void Report::heading(const std::string& text) {
     if (!json_) {
-        print(STDOUT_FILENO, "\n=== " + text + "\n");
+        put("\n=== " + text + "\n");
     }
 }
 
@@ -132,7 +134,7 @@ void Report::object(const std::vector<Field>& fields, const std::string& line) {
 /// \param line  printable
 void Report::emit(const std::vector<Field>& fields, const std::string& line) {
     if (!json_) {
-        print(STDOUT_FILENO, line);
+        put(line);
         return;
     }
     nlohmann::ordered_json object;
@@ -144,7 +146,14 @@ void Report::emit(const std::vector<Field>& fields, const std::string& line) {
             object[field.name] = textOfBytes(field.text);
         }
     }
-    print(STDOUT_FILENO, object.dump(-1, ' ', true) + '\n');
+    put(object.dump(-1, ' ', true) + '\n');
+}
+
+void Report::put(const std::string& text) {
+    const int error = print(STDOUT_FILENO, text);
+    if (error != 0 && error != EPIPE) { // a reader who is gone has read enough
+        lostBy_ = error;
+    }
 }
 
 void complain(const std::string& text) {

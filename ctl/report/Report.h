@@ -10,8 +10,8 @@
 
 namespace torva::ctl {
 
-/// Output is written immediately. A reader that is gone, or a full disk, is not an error: a
-/// verb that has begun goes on to its end.
+/// Output is written immediately. A reader that is gone, or a full disk, ends no verb: one that
+/// has begun goes on to its end.
 class Report {
 public:
     /// A name and its value in a JSON object.
@@ -47,14 +47,20 @@ public:
     bool stopped() const { return stopped_; }
     bool json() const { return json_; }
 
+    /// The errno for which some of the output is lost; 0: none is. That a reader is gone does
+    /// not count.
+    int lostBy() const { return lostBy_; }
+
 private:
     void emit(const std::vector<Field>& fields, const std::string& line);
+    void put(const std::string& text);
 
     std::string verb_;
     bool json_;
     bool coloured_;
     std::size_t width_;
     bool stopped_ = false;
+    int lostBy_ = 0;
 };
 
 /// Prints a line on standard error, after the name of the program.

@@ -1,5 +1,6 @@
 #include "ctl/verbs/Activation.h"
 
+#include "ctl/backup/Directory.h"
 #include "ctl/host/Files.h"
 #include "ctl/host/Program.h"
 
@@ -7,7 +8,9 @@
 #include <boost/algorithm/string/predicate.hpp>
 #include <boost/algorithm/string/trim.hpp>
 
+#include <algorithm>
 #include <set>
+#include <sstream>
 
 namespace torva::ctl {
 
@@ -43,6 +46,31 @@ std::string unitToStart(const Postfix& postfix) {
                                                                                : std::string();
 }
 
+const char noteDirectory[] = "/run/lock/torva-postfix";
+
+/// The note that a daemon needs a restart, by its process id.
+std::string noteFor(int process) {
+    return "restart-" + std::to_string(process);
+}
+
+/// When a process started, in the words of /proc: the id alone may be used again.
+std::string startOf(int process) {
+    const std::string text = readFile("/proc/" + std::to_string(process) + "/stat").value_or("");
+    std::istringstream fields(text.substr(std::min(text.rfind(')'), text.size())));
+    std::string field;
+    for (int number = 2; number <= 22 && fields >> field; ++number) {
+    }
+    return field;
+}
+
+bool needsRestartSinceBefore(int process) {
+    const process::Descriptor directory =
+        process == 0 ? process::Descriptor() : openOwnDirectoryIfThere(noteDirectory);
+    const std::string note =
+        directory ? readOwnFile(directory.get(), noteFor(process)) : std::string();
+    return !note.empty() && note == startOf(process);
+}
+
 /// What failed; empty after success.
 std::string failureOf(const ToolResult& result) {
     return result.succeeded() ? std::string() : wordsOf(result);
@@ -68,6 +96,7 @@ Activation::Activation(const Postfix& postfix, const FixedAtStart& before)
     : postfix_(postfix),
       before_(before),
       wasRunning_(masterProcess(postfix) != 0),
+      inDoubt_(needsRestartSinceBefore(masterProcess(postfix))),
       unit_(unitOf(masterProcess(postfix))) {}
 
 bool Activation::needsRestart(const FixedAtStart& now) const {
@@ -103,6 +132,23 @@ std::string Activation::activate(const FixedAtStart& now) {
         inDoubt_ = true; // it may have started and be running nevertheless
     }
     return failure;
+}
+
+std::optional<Finding> Activation::leaveRunning(const FixedAtStart& now) const {
+    const int process = masterProcess(postfix_);
+    if (process == 0 || !needsRestart(now)) {
+        return std::nullopt;
+    }
+    try {
+        writeOwnFile(openOwnDirectory(noteDirectory).get(), noteFor(process), startOf(process));
+        return std::nullopt;
+    } catch (const std::exception& error) {
+        return Finding{Level::warning, "reload",
+                       std::string("a later --reload will not know that Postfix must be stopped "
+                                   "and started: ") +
+                           noteDirectory + ": " + error.what(),
+                       command(now)};
+    }
 }
 
 std::string Activation::activateItself(const FixedAtStart& now) const {

@@ -4,7 +4,9 @@
 #pragma once
 
 #include "ctl/host/Postfix.h"
+#include "ctl/report/Finding.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,14 +28,20 @@ FixedAtStart fixedAtStart(const Postfix& postfix, const MasterCfText& masterCf);
 
 class Activation {
 public:
-    /// Finds out whether Postfix is running, and whether systemd runs it, before anything
-    /// changes.
+    /// Finds out whether Postfix is running, whether systemd runs it, and whether an earlier
+    /// verb has left it in need of a restart, before anything changes.
     Activation(const Postfix& postfix, const FixedAtStart& before);
 
     bool wasRunning() const { return wasRunning_; }
 
-    /// Assumes that Postfix was running before: a verb that was killed may have stopped it.
-    void assumeRunning() { wasRunning_ = true; }
+    /// After a verb that was killed: the daemon may have other settings than the files, and
+    /// that verb may have stopped it.
+    ///
+    /// \param ranBefore  whether Postfix was running before that verb
+    void resumeAfterKill(bool ranBefore) {
+        wasRunning_ = wasRunning_ || ranBefore;
+        inDoubt_ = true;
+    }
 
     /// The command that makes Postfix use what has changed.
     std::string command(const FixedAtStart& now) const;
@@ -43,6 +51,12 @@ public:
     ///
     /// \return why it failed; empty: it succeeded
     std::string activate(const FixedAtStart& now);
+
+    /// For a verb that does not activate: if a running Postfix needs a restart now, later
+    /// verbs will know that, until it has started again.
+    ///
+    /// \return what to tell if that cannot be noted for them
+    std::optional<Finding> leaveRunning(const FixedAtStart& now) const;
 
     /// Whether activate() has been called for a Postfix that was running.
     bool tried() const { return tried_; }

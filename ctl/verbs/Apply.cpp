@@ -48,7 +48,8 @@ private:
     void activate();
     void finish();
     int takeBack();
-    void restoreBackup();
+    bool restoreBackup();
+    void activateAgain();
     bool keepForeignChanges();
     FixedAtStart fixedNow() const;
 
@@ -127,12 +128,25 @@ void Apply::activate() {
 void Apply::finish() {
     const Postfix after = askPostfix();
     const Manifest manifest = backups_.find(stamp_).value().manifest;
-    backups_.keepLeftState(stamp_, captureState(after, manifest.paths));
+    const LeftState left = captureState(after, manifest.paths);
+    backups_.keepLeftState(stamp_, left);
+    if (!call_.request.reload) {
+        if (const auto warning = activation_->leaveRunning(fixedNow())) {
+            report_.finding(*warning);
+        }
+    }
     ::sync();
     clearMarker(backups_);
     Findings findings;
     findOutcome(after, readMasterCf(after), findings);
     report_.findings(findings.all());
+    const std::vector<Change> foreign = foreignChanges(manifest, before_.value(), left);
+    if (!foreign.empty()) {
+        report_.finding({Level::warning, "backup",
+                         "somebody else changed " + foreign.front().name +
+                             " during this apply; a rollback takes that back, too",
+                         "after a rollback, change it again"});
+    }
     const bool isUp = call_.request.reload && activation_->wasRunning();
     report_.finding({Level::done, "apply", "torva-postfix-setup has configured Postfix",
                      isUp ? "" : activation_->command(fixedNow())});
@@ -161,7 +175,8 @@ bool Apply::keepForeignChanges() {
     }
 }
 
-void Apply::restoreBackup() {
+/// \return whether the backup must be kept: somebody else changed something meanwhile
+bool Apply::restoreBackup() {
     const RunLock lock; // a killed run may have left a child at work
     const Backup backup = backups_.find(stamp_).value();
     const bool isForeign = keepForeignChanges();
@@ -170,9 +185,18 @@ void Apply::restoreBackup() {
     if (masterProcess(host_.postfix) == 0) { // a running Postfix needs them
         removeQueueDirectories(backup);
     }
-    clearMarker(backups_);
-    if (!isForeign) {
-        backups_.remove(stamp_); // it is identical to the host
+    return isForeign;
+}
+
+/// Makes Postfix use the restored files, if it has been made to use the others.
+void Apply::activateAgain() {
+    if (!activation_ || !activation_->tried()) {
+        return;
+    }
+    const std::string failure = activation_->activate(fixedNow());
+    if (!failure.empty()) {
+        report_.finding(
+            {Level::failed, "reload", "failed: " + failure, activation_->command(fixedNow())});
     }
 }
 
@@ -180,23 +204,17 @@ void Apply::restoreBackup() {
 int Apply::takeBack() {
     ignoreSignals();
     try {
-        if (stamp_.empty()) {
-            clearMarker(backups_);
-        } else {
-            restoreBackup();
+        const bool isKept = stamp_.empty() || restoreBackup();
+        activateAgain();
+        clearMarker(backups_); // not before: if killed until here, Postfix may be stopped
+        if (!isKept) {
+            backups_.remove(stamp_); // it is identical to the host
         }
     } catch (const std::exception& error) {
         report_.finding({Level::failed, "rollback",
                          "the backup " + stamp_ + " could not be restored whole: " + error.what(),
                          "make room, then torva-postfixctl rollback"});
         return 2;
-    }
-    if (activation_ && activation_->tried()) {
-        const std::string failure = activation_->activate(fixedNow());
-        if (!failure.empty()) {
-            report_.finding(
-                {Level::failed, "reload", "failed: " + failure, activation_->command(fixedNow())});
-        }
     }
     report_.finding({Level::failed, "apply", "everything is as it was before",
                      "remove the cause, then torva-postfixctl apply"});

@@ -27,6 +27,11 @@ std::string refusalOfStamp(const std::string& text) {
     return isStamp(text) ? std::string() : text + " is not the name of a backup";
 }
 
+/// An unset variable of a script.
+std::string refusalOfDirectory(const std::string& text) {
+    return text.empty() ? "the name of a directory is empty" : std::string();
+}
+
 CLI::App* addVerb(CLI::App& app, Request& request, const char* name) {
     CLI::App* verb = app.add_subcommand(name);
     verb->callback([&request, name] { request.verb = name; });
@@ -40,7 +45,7 @@ void addReload(CLI::App* verb, Request& request) {
 void addVerbs(CLI::App& app, Request& request) {
     addVerb(app, request, "check");
     CLI::App* preview = addVerb(app, request, "preview");
-    preview->add_option("--keep", request.keep);
+    preview->add_option("--keep", request.keep)->check(refusalOfDirectory);
     preview->add_flag("--deliver", request.deliver);
     preview->add_flag("--empty-tables", request.emptyTables);
     preview->add_flag("--panel-accounts", request.panelAccounts);

@@ -53,6 +53,14 @@ Manifest manifestOf(const Postfix& postfix, const std::string& reason,
     return manifest;
 }
 
+Finding otherInstance(const std::string& verb, const Backup& backup) {
+    const std::string& configuration = backup.manifest.configuration;
+    return {Level::failed, verb,
+            "the backup " + backup.stamp + " is of another instance of Postfix, " + configuration +
+                "; nothing was done",
+            "MAIL_CONFIG=" + configuration + " torva-postfixctl " + verb + " " + backup.stamp};
+}
+
 void printChanges(Report& report, const std::vector<Change>& changes) {
     for (const Change& change : changes) {
         report.object({{"change", change.kind},

@@ -1,6 +1,7 @@
 // What a backup contains about the host, besides its files.
 #pragma once
 
+#include "ctl/backup/Backups.h"
 #include "ctl/backup/Changes.h"
 #include "ctl/backup/Manifest.h"
 #include "ctl/host/Host.h"
@@ -17,6 +18,9 @@ namespace torva::ctl {
 /// \throws SystemError  a directory cannot be read
 Manifest manifestOf(const Postfix& postfix, const std::string& reason,
                     const std::vector<std::string>& more = {});
+
+/// What a verb tells that was given a backup of another instance of Postfix.
+Finding otherInstance(const std::string& verb, const Backup& backup);
 
 /// Prints changes, each as a line or an object.
 void printChanges(Report& report, const std::vector<Change>& changes);

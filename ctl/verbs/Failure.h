@@ -14,6 +14,9 @@ public:
     Failure(const std::string& subject, const std::string& text, const std::string& advice)
         : std::runtime_error(text), finding_{Level::failed, subject, text, advice} {}
 
+    explicit Failure(const Finding& finding)
+        : std::runtime_error(finding.text), finding_(finding) {}
+
     const Finding& finding() const { return finding_; }
 
 private:

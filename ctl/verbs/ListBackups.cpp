@@ -3,6 +3,7 @@
 #include "ctl/verbs/Verbs.h"
 
 #include <cstdio>
+#include <set>
 
 namespace torva::ctl {
 
@@ -45,18 +46,33 @@ void print(const Backup& backup, Report& report) {
                   lineFor(backup));
 }
 
-/// Removes all backups but the newest, the one that rollback would restore, and the one that
+/// The backups that rollback would restore: one of each instance of Postfix.
+std::set<std::string> waysBack(const Backups& backups, const std::vector<Backup>& all) {
+    std::set<std::string> configurations;
+    for (const Backup& backup : all) {
+        configurations.insert(backup.manifest.configuration);
+    }
+    std::set<std::string> stamps;
+    for (const std::string& configuration : configurations) {
+        if (const auto backup = backups.beforeNewestRow(configuration)) {
+            stamps.insert(backup->stamp);
+        }
+    }
+    return stamps;
+}
+
+/// Removes all backups but the newest, those that rollback would restore, and the one that
 /// is needed to finish a killed verb.
 void prune(std::size_t kept, Report& report) {
     const HostLock lock = lockHost(listPatience);
     Backups backups;
     const std::vector<Backup> all = backups.list();
-    const auto wanted = backups.beforeNewestRow();
-    const std::string needed = readMarker().stamp;
+    std::set<std::string> needed = waysBack(backups, all);
+    needed.insert(readMarker().stamp);
     const std::size_t surplus = all.size() > kept ? all.size() - kept : 0;
     for (std::size_t index = 0; index < surplus; ++index) {
         const std::string& stamp = all[index].stamp;
-        if (stamp != needed && (!wanted || stamp != wanted->stamp)) {
+        if (needed.count(stamp) == 0) {
             backups.remove(stamp);
             report.finding({Level::done, "backup", "removed " + stamp, ""});
         }

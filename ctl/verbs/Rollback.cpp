@@ -35,8 +35,8 @@ public:
         stopAtChanges(backup);
         backUpFirst(backup);
         Activation activation(postfix_, fixedAtStart(postfix_, readMasterCf(postfix_)));
-        if (marker_.isSet() && backup.manifest.running) {
-            activation.assumeRunning(); // the verb that was killed may have stopped it
+        if (finishesWhatWasKilled()) {
+            activation.resumeAfterKill(backup.manifest.running);
         }
         restoreBackup(backup);
         takeUp(activation);
@@ -45,6 +45,7 @@ public:
 private:
     bool finishesWhatWasKilled() const { return marker_.isSet() && !marker_.beforeAnyChange(); }
     Backup chosenBackup() const;
+    std::vector<Change> changesSince(const Backup& applied) const;
     void stopAtChanges(const Backup& backup);
     void backUpFirst(const Backup& backup);
     void restoreBackup(const Backup& backup);
@@ -65,7 +66,7 @@ Backup Rollback::chosenBackup() const {
         stamp = marker_.stamp;
     }
     const std::optional<Backup> backup =
-        stamp.empty() ? backups_.beforeNewestRow() : backups_.find(stamp);
+        stamp.empty() ? backups_.beforeNewestRow(postfix_.directory) : backups_.find(stamp);
     if (backup && backup->earlier) {
         throw Failure("rollback",
                       "the backup " + stamp + " was made by an earlier version; nothing was done",
@@ -77,7 +78,23 @@ Backup Rollback::chosenBackup() const {
                           ", or not what its manifest says; nothing was done",
                       "torva-postfixctl backups");
     }
+    if (!backup->ofInstance(postfix_.directory)) {
+        throw Failure(otherInstance("rollback", *backup));
+    }
     return *backup;
+}
+
+std::vector<Change> Rollback::changesSince(const Backup& applied) const {
+    try {
+        return changesBetween(backups_.leftState(applied.stamp),
+                              captureState(postfix_, applied.manifest.paths));
+    } catch (const std::exception& error) {
+        throw Failure("rollback",
+                      std::string("the host cannot be read, to see what has changed since the "
+                                  "apply: ") +
+                          error.what() + "; nothing was done",
+                      "torva-postfixctl rollback --force");
+    }
 }
 
 /// Stops if edits since the apply would be lost.
@@ -85,12 +102,11 @@ void Rollback::stopAtChanges(const Backup& backup) {
     if (finishesWhatWasKilled() || call_.request.force) {
         return;
     }
-    const std::vector<Backup> all = backups_.list();
+    const std::vector<Backup> all = backups_.listOf(postfix_.directory);
     if (all.empty() || !all.back().hasLeftState) {
         return; // the last verb was not an apply
     }
-    const LeftState left = backups_.leftState(all.back().stamp);
-    const auto changes = changesBetween(left, captureState(postfix_, all.back().manifest.paths));
+    const std::vector<Change> changes = changesSince(all.back());
     if (!changes.empty() && !matchesHost(backup)) {
         printChanges(report_, changes);
         throw Failure("rollback",
@@ -128,7 +144,6 @@ void Rollback::restoreBackup(const Backup& backup) {
         if (masterProcess(postfix_) == 0) { // a running Postfix needs them
             removeQueueDirectories(backup);
         }
-        clearMarker(backups_);
     } catch (const std::exception& error) {
         throw Failure("rollback",
                       "the backup " + backup.stamp +
@@ -141,12 +156,18 @@ void Rollback::takeUp(Activation& activation) {
     const Postfix now = askPostfix();
     const FixedAtStart fixed = fixedAtStart(now, readMasterCf(now));
     std::string advice = activation.command(fixed);
+    std::string failure;
     if (call_.request.reload) {
-        const std::string failure = activation.activate(fixed);
-        if (!failure.empty()) {
-            throw Failure("reload", "failed: " + failure, advice);
-        }
-        advice = activation.wasRunning() ? "" : advice;
+        failure = activation.activate(fixed);
+    } else if (const auto warning = activation.leaveRunning(fixed)) {
+        report_.finding(*warning);
+    }
+    clearMarker(backups_); // not before: if killed until here, Postfix may be stopped
+    if (!failure.empty()) {
+        throw Failure("reload", "failed: " + failure, advice);
+    }
+    if (call_.request.reload && activation.wasRunning()) {
+        advice.clear();
     }
     report_.finding({Level::done, "rollback",
                      "everything is as it was at " + stamp_ +

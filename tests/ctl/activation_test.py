@@ -100,6 +100,31 @@ class ActivationTest(CtlTest):
         self.assertStatus(0, ctl("apply"))
         self.assertIn("-> postfix start", self.assertStatus(0, ctl("rollback")).out)
 
+    def test_apply_with_reload_after_one_without(self):
+        self.assertStatus(0, ctl("apply"))
+        self.assertFalse(listens())
+        outcome = self.assertStatus(0, ctl("apply", "--json"))
+        self.assertEqual(outcome.findings("done")[-1]["action"], "postfix stop && postfix start")
+        self.assertStatus(0, ctl("apply", "--reload"))
+        self.assertTrue(listens())
+        self.assertPickedUp("after the last apply")
+        outcome = self.assertStatus(0, ctl("apply", "--json"))
+        self.assertEqual(outcome.findings("done")[-1]["action"], "postfix reload")
+
+    def test_full_lock_directory_is_no_reason_to_take_back_what_has_succeeded(self):
+        locks = Path("/run/lock/torva-postfix")
+        locks.mkdir()
+        run("mount", "-t", "tmpfs", "-o", "size=4096,mode=700", "full", str(locks))
+        self.addCleanup(run, "umount", str(locks))
+        (locks / "filler").write_bytes(bytes(4096))
+        for verb in ("apply", "rollback"):
+            outcome = self.assertStatus(0, ctl(verb, "--json"))
+            told = [f for f in outcome.findings("warning") if f["subject"] == "reload"]
+            self.assertEqual([f["action"] for f in told], ["postfix stop && postfix start"], outcome)
+            self.assertIn("No space left", told[0]["text"])
+            self.assertFalse(MARKER.exists())
+        self.assertEqual(sorted(path.name for path in locks.iterdir()), ["filler", "lock", "run"])
+
     def test_apply_killed_while_postfix_was_stopped(self):
         before = postconf("-n")
         real = Path("/usr/sbin/postfix.real")
@@ -113,6 +138,52 @@ class ActivationTest(CtlTest):
         kill_group(process)
         self.assertTrue(MARKER.exists())
         program("/usr/sbin/postfix", f"#!/bin/sh\nexec {real} \"$@\"\n")
+        self.assertStatus(0, ctl("rollback", "--reload"))
+        self.assertEqual(before, postconf("-n"))
+        self.assertPickedUp("after rollback")
+
+    def killed_at(self, verb, moment):
+        """Kills a verb, and all that it started, before or after its "postfix stop"."""
+        real = Path("/usr/sbin/postfix.real")
+        Path("/usr/sbin/postfix").rename(real)
+        self.addCleanup(remove, "/run/stopping")
+        wait = "touch /run/stopping; exec sleep 60"
+        before, after = (wait, "") if moment == "before" else ("", wait)
+        program("/usr/sbin/postfix", f"#!/bin/sh\ntest \"$1\" = stop || exec {real} \"$@\"\n{before}\n"
+                f"{real} \"$@\"\n{after}\n")
+        process = start(verb, "--reload")
+        wait_until(lambda: Path("/run/stopping").exists(), f"the stop by {verb}")
+        kill_group(process)
+        real.rename("/usr/sbin/postfix")
+        remove("/run/stopping")
+
+    def test_rollback_killed_before_and_after_it_stopped_postfix_is_finished_by_the_next(self):
+        for moment in ("before", "after"):
+            self.assertStatus(0, ctl("apply", "--reload"))
+            before = ctl("backups", "--json").objects()[-1]["stamp"]
+            self.killed_at("rollback", moment)
+            self.assertIn("unfinished", ctl("check").out, moment)
+            outcome = self.assertStatus(0, ctl("rollback", "--reload", "--json"))
+            self.assertIn(f"as it was at {before}", outcome.findings("done")[-1]["text"])
+            self.assertFalse(listens(), moment)
+            self.assertPickedUp(f"after a rollback that was killed {moment} the stop")
+            self.assertFalse(MARKER.exists())
+
+    def test_failed_apply_killed_while_it_takes_its_activation_back_is_finished_by_rollback(self):
+        self.replace_program(TOOL, "#!/bin/sh\n$REAL || exit\n"
+                             "postconf -M 'no-such-port/inet=no-such-port inet n - y - - smtpd'\n")
+        self.replace_program("/usr/sbin/postfix",
+                             "#!/bin/sh\ntest \"$1\" = start || exec $REAL \"$@\"\n"
+                             "! test -e /run/failed || { touch /run/again; exec sleep 60; }\n"
+                             "touch /run/failed; exec $REAL \"$@\"\n")
+        for path in ("/run/failed", "/run/again"):
+            self.addCleanup(remove, path)
+        before = postconf("-n")
+        process = start("apply", "--reload")
+        wait_until(lambda: Path("/run/again").exists(), "the second start")
+        kill_group(process)
+        self.assertIn("unfinished", ctl("check").out)
+        remove("/run/failed")
         self.assertStatus(0, ctl("rollback", "--reload"))
         self.assertEqual(before, postconf("-n"))
         self.assertPickedUp("after rollback")

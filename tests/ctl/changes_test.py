@@ -7,7 +7,7 @@ from pathlib import Path
 import ctlworld
 import pairs
 from ctlworld import (BACKUPS, MAIN_CF, MARKER, MASTER_CF, TABLES, TOOL, AroundARunTest, CtlTest, QuietCheckTest, ctl,
-                      kill_group, postconf, program, remove, run, start, tree, wait_until, write)
+                      kill_group, name_hashed_aliases, postconf, program, remove, run, settle, start, tree, wait_until, write)
 
 
 def stamps():
@@ -39,6 +39,12 @@ class ChrootFilesTest(CtlTest):
 
 
 class EditsTest(AroundARunTest):
+    def test_edit_during_an_apply_is_told_because_rollback_takes_it_back(self):
+        self.replace_program(TOOL, "#!/bin/sh\n$REAL || exit\npostconf -e 'relayhost = [mine.example]'\n")
+        outcome = self.assertStatus(0, ctl("apply", "--json"))
+        told = [f["text"] for f in outcome.findings("warning") if f["subject"] == "backup"]
+        self.assertEqual(told, ["somebody else changed relayhost during this apply; a rollback takes that back, too"])
+
     def test_nothing_has_changed_since_an_apply(self):
         self.assertStatus(0, ctl("apply"))
         self.assertEqual(self.assertStatus(0, ctl("diff")).out, "")
@@ -59,6 +65,47 @@ class EditsTest(AroundARunTest):
         self.assertEqual(found[("record", "virtual: a@example.com")], ("", "b@example.com"))
         self.assertIn(("file", f"{TABLES}/poplock"), found)
         self.assertIn("+ setting relayhost: [relay.example.net]\n", ctl("diff").out)
+
+    def test_index_is_compared_by_its_records_its_access_and_its_presence(self):
+        self.assertStatus(0, ctl("apply"))
+        run("postmap", f"hash:{TABLES}/virtual_domains")  # the same records
+        self.assertEqual(self.assertStatus(0, ctl("diff")).out, "")
+        (TABLES / "vmailbox.db").chmod(0o600)
+        (TABLES / "transport.db").unlink()
+        found = self.assertStatus(1, ctl("diff", "--json")).objects()
+        self.assertEqual([o["name"] for o in found], [f"{TABLES}/transport.db", f"{TABLES}/vmailbox.db"])
+        self.assertStatus(1, ctl("rollback"))
+
+    def test_newaliases_is_no_edit(self):
+        name_hashed_aliases()
+        write("/etc/aliases", "root: one\n")
+        self.assertStatus(0, ctl("apply"))
+        left = Path("/etc/aliases.db").read_bytes()
+        run("newaliases")
+        self.assertNotEqual(left, Path("/etc/aliases.db").read_bytes())
+        self.assertEqual(self.assertStatus(0, ctl("diff")).out, "")
+        self.assertStatus(0, ctl("rollback"))
+
+    def test_file_that_looks_the_same_is_listed_with_what_differs(self):
+        write("/etc/aliases", "root: one\n")
+        self.assertStatus(0, ctl("apply"))
+        write("/etc/aliases", "root: two\n")
+        os.setxattr(MASTER_CF, "user.note", b"edited")
+        found = {o["name"]: o["after"] for o in self.assertStatus(1, ctl("diff", "--json")).objects()}
+        self.assertEqual(found, {"/etc/aliases": "0644 0:0, 10 bytes, other contents",
+                                 str(MASTER_CF): f"0644 0:0, {MASTER_CF.stat().st_size} bytes, other attributes"})
+
+    def test_host_that_cannot_be_compared_is_rolled_back_by_force(self):
+        before = tree()
+        for break_it in (MAIN_CF.unlink, lambda: write(MAIN_CF, "no setting\n")):
+            self.assertStatus(0, ctl("apply"))
+            break_it()
+            self.assertIn("torva-postfixctl rollback --force", self.assertStatus(2, ctl("diff")).out)
+            outcome = self.assertStatus(1, ctl("rollback", "--json"))
+            self.assertIn("; nothing was done", outcome.findings("failed")[0]["text"])
+            self.assertEqual(outcome.findings("failed")[0]["action"], "torva-postfixctl rollback --force")
+            self.assertStatus(0, ctl("rollback", "--force"))
+            self.assertSame(before, "after rollback")
 
     def test_diff_without_an_apply_is_trouble(self):
         self.assertStatus(2, ctl("diff"))
@@ -148,6 +195,68 @@ class SecondApplyTest(QuietCheckTest):
         self.assertSame(before, "after rollback")
 
 
+class InstancesTest(QuietCheckTest):
+    """Two instances of Postfix on one host: each has its own applies."""
+
+    OTHER = ("env", "MAIL_CONFIG=/etc/postfix-out")
+
+    def setUp(self):
+        super().setUp()
+        remove("/etc/postfix-out")
+        self.addCleanup(remove, "/etc/postfix-out")
+        run("postconf", "-e", "alternate_config_directories = /etc/postfix-out")
+        settle(MAIN_CF)
+        run("cp", "-a", "/etc/postfix", "/etc/postfix-out")
+        write("/etc/postfix-out/aliases", "postmaster: root\n")
+        run("postconf", "-c", "/etc/postfix-out", "-e", "alias_maps = hash:$config_directory/aliases",
+            "alias_database = $alias_maps")
+        settle("/etc/postfix-out/main.cf")
+        self.before = tree()
+        self.assertStatus(0, ctl("apply", argv=self.OTHER))
+
+    def newest_stamp(self):
+        return ctl("backups", "--json").objects()[-1]["stamp"]
+
+    def test_apply_to_one_is_none_to_the_other(self):
+        now = tree()
+        self.assertStatus(2, ctl("diff"))
+        for force in ((), ("--force",)):
+            self.assertIn("no backup of an apply", self.assertStatus(1, ctl("rollback", *force)).out)
+        self.assertSame(now, "after rollback of the other")
+
+    def test_each_is_compared_and_rolled_back_by_its_own(self):
+        self.assertStatus(0, ctl("apply"))
+        for instance in ((), self.OTHER):
+            self.assertEqual(self.assertStatus(0, ctl("diff", argv=instance)).out, "")
+        self.assertStatus(0, ctl("backups", "--prune", "0"))
+        self.assertEqual({o["configuration"] for o in ctl("backups", "--json").objects()},
+                         {"/etc/postfix", "/etc/postfix-out"})
+        for instance in ((), self.OTHER):
+            self.assertStatus(0, ctl("rollback", argv=instance))
+        self.assertSame(self.before, "after both rollbacks")
+
+    def test_backup_of_the_other_is_refused_with_the_command(self):
+        now = tree()
+        stamp = self.newest_stamp()
+        for verb, status in ("diff", 2), ("rollback", 1):
+            outcome = self.assertStatus(status, ctl(verb, stamp, "--json"))
+            self.assertEqual(outcome.findings("failed")[-1]["action"],
+                             f"MAIL_CONFIG=/etc/postfix-out torva-postfixctl {verb} {stamp}")
+        self.assertSame(now, "nothing was done")
+
+    def test_killed_apply_to_one_is_finished_by_a_rollback_of_that(self):
+        stamp = self.newest_stamp()
+        MARKER.write_text(f"apply {stamp}\n")
+        now = tree()
+        outcome = self.assertStatus(1, ctl("rollback", "--json"))
+        command = outcome.findings("failed")[-1]["action"]
+        self.assertEqual(command, f"MAIL_CONFIG=/etc/postfix-out torva-postfixctl rollback {stamp}")
+        self.assertSame(now, "nothing was done")
+        run("sh", "-c", command)
+        self.assertSame(self.before, "after rollback")
+        self.assertFalse(MARKER.exists())
+
+
 class BackupsTest(AroundARunTest):
     def test_prune_keeps_the_newest_and_the_way_back(self):
         before = tree()
@@ -169,6 +278,19 @@ class BackupsTest(AroundARunTest):
         self.assertEqual([o["state"] for o in ctl("backups", "--json").objects()], ["damaged", "whole"])
         self.assertStatus(0, ctl("rollback"))
         self.assertIn("torva_virtual", postconf("-h", "virtual_transport"), "the state before the second")
+
+    def test_file_or_link_with_the_name_of_a_backup_hides_no_other(self):
+        before = tree()
+        self.assertStatus(0, ctl("apply"))
+        (BACKUPS / "20300101T000000Z").write_text("notes\n")
+        (BACKUPS / "20300101T000001Z").symlink_to("/srv/moved")
+        os.mkfifo(BACKUPS / "20300101T000002Z")
+        self.assertEqual([o["state"] for o in self.assertStatus(0, ctl("backups", "--json")).objects()],
+                         ["whole", "damaged", "damaged", "damaged"])
+        self.assertStatus(0, ctl("diff"))
+        self.assertStatus(1, ctl("rollback", "20300101T000001Z"))
+        self.assertStatus(0, ctl("rollback"))
+        self.assertSame(before, "after rollback")
 
     def test_one_of_an_earlier_version_is_listed_and_refused(self):
         old = BACKUPS / "20200101T000000Z"

@@ -2,10 +2,12 @@
 
 import os
 import unittest
+from pathlib import Path
 
 import ctlworld
 import defects
-from ctlworld import CHECKOUT, CTL, MAIN_CF, POSTFIX, CtlTest, ctl, remove, run, settle, tree, write
+from ctlworld import (CHECKOUT, CTL, MAIN_CF, POSTFIX, TABLES, CtlTest, ctl, name_hashed_aliases, remove, run, settle,
+                      tree, write)
 
 
 class CheckTest(CtlTest):
@@ -57,6 +59,43 @@ class CheckTest(CtlTest):
         self.assertNotIn("\x1b", plain)
         terminal = run("script", "-qec", f"{CTL} check", "/dev/null")
         self.assertIn("\x1b[33mwarning \x1b[m certificate", terminal)
+
+    def test_directory_without_a_configuration_is_a_stop(self):
+        os.mkdir("/etc/postfix-empty")
+        self.addCleanup(remove, "/etc/postfix-empty")
+        before = tree()
+        for directory in ("/no/such", "/etc/postfix-empty"):
+            for verb in ("check", "apply"):
+                outcome = self.assertStatus(1, ctl(verb, "--json", env={**os.environ, "MAIL_CONFIG": directory}))
+                self.assertEqual([f["action"] for f in outcome.findings("stop")],
+                                 ["correct MAIL_CONFIG, or put Postfix's configuration there"])
+                self.assertSame(before, verb)
+        self.assertFalse(ctlworld.MARKER.exists())
+
+    def test_tables_that_are_no_directory_are_a_stop(self):
+        for make in (lambda: TABLES.symlink_to("/no/such"), lambda: TABLES.symlink_to("torva"), TABLES.touch):
+            remove(TABLES)
+            make()
+            stops = self.assertStatus(1, ctl("check", "--json")).findings("stop")
+            self.assertEqual([(f["subject"], f["action"]) for f in stops], [("directory", f"rm {TABLES}")])
+            run("sh", "-c", stops[0]["action"])
+            self.assertStatus(0, ctl("check"))
+
+    def test_alias_file_or_index_that_postalias_cannot_open_is_a_stop(self):
+        name_hashed_aliases()
+        aliases, index = Path("/etc/aliases"), Path("/etc/aliases.db")
+        for path, make in ((aliases, lambda: aliases.symlink_to("/no/such/aliases")),
+                           (aliases, lambda: aliases.symlink_to("aliases")),
+                           (index, lambda: index.symlink_to("aliases.db")),
+                           (index, index.mkdir)):
+            remove(path)
+            make()
+            stops = self.assertStatus(1, ctl("check", "--json")).findings("stop")
+            self.assertEqual([f["subject"] for f in stops], ["aliases"])
+            self.assertTrue(stops[0]["text"].startswith(f"{path}: "), stops)
+            self.assertEqual(stops[0]["action"], f"rm -d {path}")
+            run("sh", "-c", stops[0]["action"])
+            self.assertStatus(0, ctl("check"))
 
     def test_bytes_that_are_not_text_stay_valid_json(self):
         write(MAIN_CF, MAIN_CF.read_bytes() + b"virtual_alias_maps = hash:/no/\"\\\x07\xff\xc3\xa9\n")

@@ -8,8 +8,8 @@ from pathlib import Path
 
 import ctlworld
 import pairs
-from ctlworld import (BACKUPS, MAIN_CF, MASTER_CF, POSTFIX, TABLES, AroundARunTest, CtlTest, ctl, program, remove, run,
-                      tree, write)
+from ctlworld import (BACKUPS, MAIN_CF, MASTER_CF, POSTFIX, TABLES, AroundARunTest, CtlTest, ctl,
+                      name_hashed_aliases, program, remove, run, tree, write)
 
 
 def add(path, text):
@@ -198,6 +198,19 @@ class RoomTest(AroundARunTest):
         self.assertEqual((other.stat().st_mtime_ns, (POSTFIX / "master.cf.other").read_bytes()), kept)
         self.assertStatus(0, ctl("rollback"))
         self.assertEqual(MAIN_CF.read_bytes(), text)
+
+    def test_shared_index_stays_shared_during_a_run_and_rollback_leaves_the_other_name_alone(self):
+        index, other = Path("/etc/aliases.db"), Path("/etc/aliases-shared.db")
+        name_hashed_aliases()
+        run("postalias", "hash:/etc/aliases")
+        os.link(index, other)
+        self.addCleanup(remove, other)
+        before = index.read_bytes()
+        self.assertStatus(0, ctl("apply"))
+        self.assertTrue(index.samefile(other))
+        after = other.read_bytes()
+        self.assertStatus(0, ctl("rollback"))
+        self.assertEqual((index.read_bytes(), other.read_bytes()), (before, after))
 
 
 class SurroundingsTest(CtlTest):

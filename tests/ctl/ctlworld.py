@@ -98,6 +98,12 @@ def run(*argv, check=True, **how):
     return result.stdout
 
 
+def name_hashed_aliases():
+    """Newer releases have other types of alias databases."""
+    run("postconf", "-e", "alias_maps = hash:/etc/aliases", "alias_database = hash:/etc/aliases")
+    settle(MAIN_CF)
+
+
 def postconf(*argv):
     """What postconf prints, without its warnings; nothing when it fails."""
     return subprocess.run(["postconf", *argv], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True,

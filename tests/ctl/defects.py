@@ -7,6 +7,8 @@ from typing import Callable, NamedTuple, Optional
 
 import ctlworld
 import pairs
+from cures import (as_it_stands, behind, built_in_one, by_apt_get, by_hand, installed, shell, stock, stock_main_cf,
+                   without_its_last_line, written)
 from ctlworld import BACKUPS, MAIN_CF, MARKER, MASTER_CF, PANEL, POSTFIX, TABLES, TOOL, program, remove, run, write
 
 DAEMONS = Path("/usr/lib/postfix/sbin")
@@ -112,6 +114,29 @@ def mounted_tables():
     return lambda: run("umount", str(TABLES), check=False)
 
 
+def mounted_file(path):
+    """As a container has it that is given one file of the machine."""
+    def change():
+        run("mount", "--bind", str(path), str(path))
+        return lambda: run("umount", str(path), check=False)
+    return change
+
+
+def mounted_index():
+    run("postalias", "hash:/etc/aliases")
+    return mounted_file("/etc/aliases.db")()
+
+
+def mounted_below_tables():
+    (TABLES / "below").mkdir()
+    return mounted_file(TABLES / "below")()
+
+
+def mounted_aliases():
+    write("/etc/aliases", "postmaster: root\n")
+    return mounted_file("/etc/aliases")()
+
+
 def without_addresses():
     run("ip", "address", "flush", "dev", "eth0")
     return lambda: run("ip", "address", "replace", "192.0.2.10/24", "dev", "eth0")
@@ -148,6 +173,10 @@ def fifo_among_the_aliases():
     return lambda: remove("/etc/alias-fifo")
 
 
+def fifo(path):
+    return lambda: (remove(path), os.mkfifo(path)) and None
+
+
 def damaged_table():
     write(TABLES / "virtual.db", "no index\n")
 
@@ -177,57 +206,7 @@ def killed_apply():
     MARKER.write_text("apply -\n")
 
 
-# Carrying out advice.
-
-def shell(command):
-    run("sh", "-c", command)
-
-
-def as_it_stands(action):
-    shell(action.split(", or ")[0])
-
-
-def behind(words):
-    return lambda action: shell(action.split(words)[1].split(", or ")[0])
-
-
-def by_hand(*words):
-    """What a person does to follow advice that is not a command."""
-    return lambda _: run(*map(str, words))
-
-
-def written(path, text="", mode=0o644):
-    return lambda _: write(path, text, mode)
-
-
-def installed(path):
-    return lambda _: program(path, "#!/bin/sh\n")
-
-
-def stock(name):
-    return lambda _: write(POSTFIX / name, (ctlworld.KEPT / "postfix" / name).read_bytes())
-
-
-def stock_main_cf(_):
-    stock("main.cf")(_)
-    ctlworld.name_local_domains()
-
-
-def by_apt_get(packages):
-    """The advice as it stands, with an apt-get that brings the program back."""
-    def cure(action):
-        apt_get = Path("/usr/bin/apt-get")
-        os.rename(apt_get, f"{apt_get}.real")
-        program(apt_get, f"""#!/bin/sh
-            [ "$*" = "install {packages}" ] && mv /usr/sbin/postconf.replaced /usr/sbin/postconf\n""")
-        as_it_stands(action)
-        os.rename(f"{apt_get}.real", apt_get)
-    return cure
-
-
-def without_its_last_line(path):
-    return lambda _: write(path, "".join(Path(path).read_text().splitlines(True)[:-1]))
-
+# Advice that is given for several defects.
 
 CREATE_USER = "create the user; the panel's installer does"
 INSTALL_PANEL = "install the panel's mail programs"
@@ -240,8 +219,15 @@ ALIAS_RULES = ("correct alias_maps and alias_database: a type of postconf -m, a 
 ALIASES_SET_RIGHT = by_hand("postconf", "-e", "alias_maps=hash:/etc/aliases", "alias_database=hash:/etc/aliases")
 
 DEFECTS = [
-    Defect("no_postfix", replace_program("/usr/sbin/postconf", None), "stop", "program", "no Postfix",
+    Defect("no_postconf", replace_program("/usr/sbin/postconf", None), "stop", "program", "no Postfix",
            "apt-get install postfix postfix-pcre", by_apt_get("postfix postfix-pcre")),
+    *(Defect(f"no_{name}", replace_program(f"/usr/sbin/{name}", None), "stop", "program",
+             f"/usr/sbin/{name} is missing", "apt-get install --reinstall postfix",
+             by_hand("mv", f"/usr/sbin/{name}.replaced", f"/usr/sbin/{name}"))
+      for name in ("postmap", "postalias", "postfix")),
+    Defect("killed_postmap", replace_program("/usr/sbin/postmap", "#!/bin/sh\nkill -KILL $$\n"), "stop", "map-type",
+           "ended by signal 9", "correct it: postmap must create a table of the type hash and put a record into it",
+           by_hand("mv", "/usr/sbin/postmap.replaced", "/usr/sbin/postmap")),
     Defect("no_tool", without(TOOL), "stop", "program", str(TOOL),
            "build it, or install the package", installed(TOOL)),
     Defect("no_hash", without_hash, "stop", "map-type", "hash",
@@ -274,6 +260,13 @@ DEFECTS = [
            "put it on a file system that is not read-only", by_hand("mount", "-o", "remount,bind,rw", POSTFIX)),
     Defect("mounted_tables", mounted_tables, "stop", "directory", "torva is a mount point",
            "unmount it, or mount the directory above it", by_hand("umount", TABLES)),
+    *(Defect(f"mounted_{path.stem}_cf", mounted_file(path), "stop", "directory", f"{path} is a mount point",
+             "unmount it, or mount the directory above it", by_hand("umount", path)) for path in (MAIN_CF, MASTER_CF)),
+    Defect("mounted_index", mounted_index, "stop", "directory", "/etc/aliases.db is a mount point",
+           "unmount it, or mount the directory above it", by_hand("umount", "/etc/aliases.db")),
+    Defect("mounted_below_tables", mounted_below_tables, "stop", "directory", "torva/below is a mount point",
+           "unmount it, or mount the directory above it", by_hand("umount", TABLES / "below")),
+    Defect("mounted_aliases", mounted_aliases, "ok", "directory", "can be written"),
     Defect("small_backups", small_backups, "stop", "room", "too little for a copy of the files",
            cure=lambda action: run("mount", "-o", f"remount,size={1024 + int(action.split()[2])}k", BACKUPS)),
     Defect("no_main_cf", without(MAIN_CF), "warning", "main.cf", "is missing",
@@ -291,6 +284,13 @@ DEFECTS = [
            NOTHING_ELSE, without_its_last_line(MAIN_CF)),
     Defect("origin_file_missing", main_cf("myorigin = /etc/no-mailname"), "stop", "main.cf", "/etc/no-mailname",
            NOTHING_ELSE, written("/etc/no-mailname", "example.net\n")),
+    Defect("main_cf_fifo", fifo(MAIN_CF), "stop", "main.cf", "/etc/postfix/main.cf is not a regular file",
+           NOTHING_ELSE, lambda _: (remove(MAIN_CF), stock_main_cf(_))),
+    Defect("master_cf_fifo", fifo(MASTER_CF), "stop", "master.cf", "/etc/postfix/master.cf is not a regular file",
+           NOTHING_ELSE, lambda _: (remove(MASTER_CF), stock("master.cf")(_))),
+    *(Defect(f"no_{name}", main_cf(f"{name} = /no/such"), "stop", "main.cf", f"{name}, /no/such, is not a directory",
+             f"correct it: postconf -X {name} restores the built-in one", built_in_one)
+      for name in ("command_directory", "meta_directory", "queue_directory", "shlib_directory")),
     Defect("empty_setgid_group", main_cf("setgid_group ="), "stop", "main.cf", "setgid_group",
            NOTHING_ELSE, without_its_last_line(MAIN_CF)),
     Defect("unknown_default_user", main_cf("default_privs = nobody-here"), "stop", "main.cf", "nobody-here",
@@ -326,7 +326,7 @@ DEFECTS = [
     Defect("wrong_daemon_directory", main_cf("daemon_directory = /no/such/directory"), "warning", "service",
            "daemon_directory, /no/such/directory, has no daemons of Postfix",
            "correct it: postconf -X daemon_directory restores the built-in one",
-           lambda action: shell(action.split(": ")[1].split(" restores ")[0])),
+           built_in_one),
     Defect("no_hash_file", main_cf("virtual_alias_maps = hash:$config_directory/virtual"), "warning", "map",
            "/etc/postfix/virtual.db",
            f"write /etc/postfix/virtual and run postmap hash:/etc/postfix/virtual{TAKE_OUT}",
@@ -339,6 +339,11 @@ DEFECTS = [
     Defect("no_map_of_a_service", master_cf("587 inet n - y - - smtpd -o smtpd_client_restrictions=cidr:/etc/no.cidr"),
            "warning", "map", "no /etc/no.cidr",
            f"write /etc/no.cidr{TAKE_OUT}", by_hand("postconf", "-PX", "587/inet/smtpd_client_restrictions")),
+    Defect("aliases_as_recipients", main_cf("local_recipient_maps = unix:passwd.byname $alias_maps"), "ok", "map",
+           "the files of all maps"),
+    Defect("no_alias_file_that_the_run_leaves_alone", main_cf("alias_maps = hash:/etc/aliases, texthash:/etc/no-lists"),
+           "warning", "map", "no /etc/no-lists", "write /etc/no-lists, or take it out of the configuration",
+           written("/etc/no-lists")),
     Defect("map_of_postfix_itself", main_cf("address_verify_map = btree:$data_directory/verify_cache"), "ok", "map",
            "the files of all maps"),
     Defect("alias_directory", main_cf("alias_maps = hash:/no/such/aliases"), "stop", "aliases",
@@ -346,6 +351,14 @@ DEFECTS = [
     Defect("alias_reference", main_cf("alias_maps = hash:$config_directory/aliases"), "ok", "aliases", "alias_maps"),
     Defect("alias_type", main_cf("alias_database = dbm:/etc/aliases"), "stop", "aliases", "dbm:/etc/aliases cannot",
            ALIAS_RULES, ALIASES_SET_RIGHT),
+    Defect("aliases_without_commas", main_cf("alias_maps = hash:/etc/aliases hash:/etc/no-aliases"), "stop", "aliases",
+           'the run reads "hash:/etc/aliases hash:/etc/no-aliases" as one database',
+           "postconf -e 'alias_maps=hash:/etc/aliases, hash:/etc/no-aliases'", as_it_stands),
+    Defect("nis_without_a_comma", main_cf("alias_maps = nis:mail.aliases hash:/etc/aliases"), "stop", "aliases",
+           'the run reads "nis:mail.aliases hash:/etc/aliases" as one database',
+           "postconf -e 'alias_maps=nis:mail.aliases, hash:/etc/aliases'", as_it_stands),
+    Defect("aliases_that_the_run_leaves_alone", main_cf("alias_maps = proxy:hash:/etc/a hash:/etc/no-b ldap:/etc/c"), "ok",
+           "aliases", "alias_maps"),
     Defect("alias_fifo", fifo_among_the_aliases, "stop", "aliases", "/etc/alias-fifo is not a regular file",
            "make it a file, or take it out of alias_maps and alias_database", ALIASES_SET_RIGHT),
     Defect("root_is_led_nowhere", ordinary_host_with_a_domain, "warning", "mydestination",

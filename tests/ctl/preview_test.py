@@ -96,7 +96,8 @@ class CommandLineTest(CtlTest):
         self.assertRegex(self.assertStatus(0, ctl("--version")).out, r"\Atorva-postfixctl \d+\.\d+\.\d+\n\Z")
 
     def test_what_is_not_understood_ends_with_status_1(self):
-        for words in ([], ["nonsense"], ["check", "--reload"], ["apply", "now"], ["rollback", "yesterday"], ["preview", "--keep"]):
+        for words in ([], ["nonsense"], ["check", "--reload"], ["apply", "now"], ["rollback", "yesterday"], ["preview", "--keep"],
+                      ["preview", "--keep", ""], ["preview", "--keep="]):
             outcome = self.assertStatus(1, ctl(*words))
             self.assertEqual(outcome.out, "")
             self.assertNotEqual(outcome.err, "")
@@ -110,6 +111,19 @@ class CommandLineTest(CtlTest):
         BACKUPS.mkdir(parents=True)
         shutil.chown(BACKUPS, "nobody")
         self.assertIn("is not root's alone", self.assertStatus(2, ctl("diff")).err)
+
+    def test_verb_that_only_tells_fails_when_its_output_is_lost(self):
+        before = tree()
+        for verb, status in (("check", 1), ("preview", 1), ("apply", 0), ("diff", 2), ("backups", 1), ("rollback", 0)):
+            if verb == "diff":
+                run("postconf", "-e", "relayhost=[relay.example.net]")
+            words = [verb, "--force"] if verb == "rollback" else [verb]
+            outcome = self.assertStatus(status, ctl(*words, argv=["sh", "-c", 'exec "$@" >/dev/full', "sh"]))
+            self.assertIn("torva-postfixctl: standard output: No space left on device\n", outcome.err)
+        self.assertSame(before, "after rollback")
+
+    def test_reader_that_is_gone_is_no_failure(self):
+        self.assertEqual(run("bash", "-c", f"{CTL} check | true; echo ${{PIPESTATUS[0]}}"), "0\n")
 
     def test_verbs_that_change_need_root(self):
         for verb in ("apply", "rollback", "preview", "backups"):

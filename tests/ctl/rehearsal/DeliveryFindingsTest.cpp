@@ -221,6 +221,19 @@ TEST(DeliveryFindingsTest, MessageWithoutATraceIsToldSo) {
                   "queue: look at both in master.cf.");
 }
 
+TEST(DeliveryFindingsTest, MessageThatCleanupDoesNotTakeIsToldWithItsReason) {
+    const std::vector<LogLine> log =
+        logOf({"postfix/smtpd[6]: warning: of another connection",
+               "postfix/cleanup[7]: warning: connect to Milter service inet:127.0.0.1:8891: "
+               "Connection refused"});
+    expectFinding(tellAttempt(accepted("sendmail root"), log, host), Level::warning,
+                  "sendmail root: accepted, but not taken into the queue. Log: "
+                  "postfix/cleanup[7]: warning: connect to Milter service "
+                  "inet:127.0.0.1:8891: Connection refused",
+                  "Only Postfix is started here. When another program listens there on the "
+                  "host, this tells nothing about it.");
+}
+
 TEST(DeliveryFindingsTest, MissingProgramIsNamedWithItsServices) {
     expectFinding(tellMissing(withoutQueueProgram().missing[0]), Level::warning,
                   "The panel's /usr/lib/torva-9.0/postfix-queue is missing: services "

@@ -9,6 +9,7 @@ import hashlib
 import json
 import os
 import shutil
+import socket
 import stat
 import subprocess
 import sys
@@ -158,11 +159,19 @@ class Rehearsed:
         return [f for f in self.findings if f["text"].startswith(start)]
 
 
+def await_end_of_cable():
+    """The kernel removes the network of a rehearsal that has ended a moment later, and busy kernels
+    take seconds."""
+    wait_until(lambda: "torva-inside" not in [name for _, name in socket.if_nameindex()], "the end of the cable")
+
+
 def rehearse(*words, **how):
+    await_end_of_cable()
     return Rehearsed(run(REHEARSE, POSTFIX, HOST, *words, **how))
 
 
 def start_rehearsal(**how):
+    await_end_of_cable()
     return subprocess.Popen([REHEARSE, POSTFIX, HOST], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                             stderr=subprocess.PIPE, **how)
 
@@ -221,6 +230,7 @@ class RehearsalTest(unittest.TestCase):
             make_host()
 
     def setUp(self):
+        await_end_of_cable()  # of the test before
         restore()
         self.addCleanup(lambda: self.assertEqual(processes(), {}, "left running"))
 

@@ -94,6 +94,18 @@ void findTablesDirectory(Findings& findings) {
     }
 }
 
+/// The run replaces whatever has the name of a table by a file, but for a directory.
+void findTables(Findings& findings) {
+    for (const std::string& name : tableNames()) {
+        const std::string path = std::string(tablesDirectory) + "/" + name;
+        struct stat status {};
+        if (::lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
+            findings.stop("directory", path + " is a directory, not a table: the run would end",
+                          "mv " + path + " " + path + ".moved");
+        }
+    }
+}
+
 bool isWritable(const std::string& path) {
     return ::access(nearest(path).c_str(), W_OK) == 0;
 }
@@ -110,6 +122,7 @@ void findPlaces(const Host& host, Findings& findings) {
         }
     }
     findTablesDirectory(findings);
+    findTables(findings);
     findMountPoints(postfix, findings);
     findings.fine("directory", "Postfix's directories can be written");
     Need need;

@@ -56,11 +56,21 @@ void findPanel(Findings& findings) {
     findings.fine("panel", "programs in /usr/lib/torva-9.0");
 }
 
+/// Why Postfix finds no file at a path; empty: it finds one, perhaps through links.
+std::string whyNoFile(const std::string& path) {
+    struct stat status {};
+    if (::stat(path.c_str(), &status) != 0) {
+        return path + " is missing";
+    }
+    return S_ISREG(status.st_mode) ? std::string() : path + " is not a regular file";
+}
+
 void findPcreTables(Findings& findings) {
     for (const char* name : {"no_relay.re", "non_auth.re"}) {
         const std::string path = std::string(tablesDirectory) + "/" + name;
-        if (!exists(path)) {
-            findings.warning("pcre-table", path + " is missing: smtpd answers 451 to every client",
+        const std::string trouble = whyNoFile(path);
+        if (!trouble.empty()) {
+            findings.warning("pcre-table", trouble + ": smtpd answers 451 to every client",
                              "have the panel write it; an empty one will do");
         }
     }
@@ -69,9 +79,9 @@ void findPcreTables(Findings& findings) {
 
 void findCertificate(const Postfix& postfix, Findings& findings) {
     const std::string path = postfix.directory + "/postfix_default.pem";
-    if (!exists(path)) {
-        findings.warning("certificate", path + " is missing: no TLS",
-                         "put certificate and key there");
+    const std::string trouble = whyNoFile(path);
+    if (!trouble.empty()) {
+        findings.warning("certificate", trouble + ": no TLS", "put certificate and key there");
     }
     findings.fine("certificate", "postfix_default.pem");
 }

@@ -5,6 +5,7 @@ import unittest
 from pathlib import Path
 
 import ctlworld
+import breakages
 import defects
 from ctlworld import (CHECKOUT, CTL, MAIN_CF, POSTFIX, TABLES, CtlTest, ctl, name_hashed_aliases, remove, run, settle,
                       tree, write)
@@ -18,12 +19,12 @@ class CheckTest(CtlTest):
             raise unittest.SkipTest("no MariaDB on this machine")
         run(str(cls.mariadb), "start")
         cls.addClassCleanup(run, str(cls.mariadb), "stop")
-        defects.PASSWORD[:] = [defects.SHADOW.read_text()]
+        breakages.PASSWORD[:] = [breakages.SHADOW.read_text()]
 
     def setUp(self):
         super().setUp()
         ctlworld.make_good_host()
-        write(defects.SHADOW, defects.PASSWORD[0], 0o600)
+        write(breakages.SHADOW, breakages.PASSWORD[0], 0o600)
 
     def test_reports_nothing_on_a_good_host(self):
         before = tree()

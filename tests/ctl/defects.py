@@ -1,20 +1,17 @@
 """Hosts with one defect each, for check_test.py: how it is made, what check says about it,
 and how the advice is carried out."""
 
-import os
-from pathlib import Path
 from typing import Callable, NamedTuple, Optional
 
-import ctlworld
-import pairs
-from cures import (as_it_stands, behind, built_in_one, by_apt_get, by_hand, installed, shell, stock, stock_main_cf,
+from breakages import (DAEMONS, PASSWORD, SHADOW, SOCKET, advice_without_hash, append, damaged_table, directory,
+                       empty_store, fifo, fifo_among_the_aliases, filled_table, hard_link, killed_apply, link,
+                       linked_main_cf, lock_directory_of_nobody, main_cf, map_without_index, master_cf,
+                       mounted_aliases, mounted_below_tables, mounted_file, mounted_index, mounted_tables,
+                       no_database, ordinary_host_with_a_domain, read_only, replace_program, small_backups, with_hash,
+                       without, without_account, without_addresses, without_hash, without_map_type, wrong_password)
+from cures import (as_it_stands, behind, built_in_one, by_apt_get, by_hand, installed, stock, stock_main_cf,
                    without_its_last_line, written)
-from ctlworld import BACKUPS, MAIN_CF, MARKER, MASTER_CF, PANEL, POSTFIX, TABLES, TOOL, program, remove, run, write
-
-DAEMONS = Path("/usr/lib/postfix/sbin")
-SOCKET = "/run/mysqld/mysqld.sock"
-SHADOW = Path("/etc/kra/.kra.shadow")
-PASSWORD = []  # of the panel's database, which is made together with it
+from ctlworld import BACKUPS, MAIN_CF, MASTER_CF, PANEL, POSTFIX, TABLES, TOOL, program, remove, run, write
 
 
 class Defect(NamedTuple):
@@ -25,185 +22,6 @@ class Defect(NamedTuple):
     text: str                    # part of the finding
     action: str = ""             # the whole advice
     cure: Optional[Callable] = None  # carries the advice out; None: nothing is amiss
-
-
-# Making a defect.
-
-def without(path):
-    return lambda: remove(path)
-
-
-def append(path, text):
-    def change():
-        write(path, Path(path).read_bytes() + text.encode())
-    return change
-
-
-def main_cf(line):
-    return append(MAIN_CF, line + "\n")
-
-
-def master_cf(line):
-    return append(MASTER_CF, line + "\n")
-
-
-def without_account(database, name):
-    def change():
-        path = Path("/etc", database)
-        path.write_text("".join(line for line in path.read_text().splitlines(True) if not line.startswith(name + ":")))
-    return change
-
-
-def replace_program(path, text):
-    """Until the end of the test: a script in place of a program, or nothing."""
-    def change():
-        kept = Path(f"{path}.replaced")
-        os.rename(path, kept)
-        if text:
-            program(path, text)
-
-        def back():
-            if kept.exists():
-                os.replace(kept, path)
-        return back
-    return change
-
-
-def without_map_type(name):
-    return replace_program("/usr/sbin/postconf",
-                           f'#!/bin/sh\n/usr/sbin/postconf.replaced "$@" | grep -vx {name}\n')
-
-
-def without_hash():
-    main_cf("alias_maps =\nalias_database =")()
-    without_type = without_map_type("hash")()
-    without_tables = replace_program(
-        "/usr/sbin/postmap", "#!/bin/sh\necho 'postmap: fatal: unsupported map type: hash' >&2\nexit 1\n")()
-    return lambda: (without_type(), without_tables())
-
-
-def with_hash(_):
-    for name in ("postconf", "postmap"):
-        os.replace(f"/usr/sbin/{name}.replaced", f"/usr/sbin/{name}")
-
-
-def advice_without_hash():
-    if "non_bdb_migration_level =" not in run("postconf", "-d", "non_bdb_migration_level"):
-        return "install a Postfix with Berkeley DB, such as Debian's"
-    return ("postconf default_database_type=lmdb && postfix non-bdb enable-redirect; then build each hash table of the "
-            "configuration again, with postmap or postalias (see NON_BERKELEYDB_README)")
-
-
-def filled_table():
-    write(TABLES / "virtual", "a@example.com b@example.com\n")
-    run("postmap", f"hash:{TABLES}/virtual")
-
-
-def empty_store():
-    write(TABLES / "master.cf.disabled", "")
-
-
-def read_only():
-    run("mount", "--bind", POSTFIX, POSTFIX)
-    run("mount", "-o", "remount,bind,ro", POSTFIX)
-    return lambda: run("umount", POSTFIX)
-
-
-def mounted_tables():
-    run("mount", "--bind", str(TABLES), str(TABLES))
-    return lambda: run("umount", str(TABLES), check=False)
-
-
-def mounted_file(path):
-    """As a container has it that is given one file of the machine."""
-    def change():
-        run("mount", "--bind", str(path), str(path))
-        return lambda: run("umount", str(path), check=False)
-    return change
-
-
-def mounted_index():
-    run("postalias", "hash:/etc/aliases")
-    return mounted_file("/etc/aliases.db")()
-
-
-def mounted_below_tables():
-    (TABLES / "below").mkdir()
-    return mounted_file(TABLES / "below")()
-
-
-def mounted_aliases():
-    write("/etc/aliases", "postmaster: root\n")
-    return mounted_file("/etc/aliases")()
-
-
-def without_addresses():
-    run("ip", "address", "flush", "dev", "eth0")
-    return lambda: run("ip", "address", "replace", "192.0.2.10/24", "dev", "eth0")
-
-
-def no_database():
-    os.rename(SOCKET, f"{SOCKET}.away")
-    return lambda: os.path.exists(f"{SOCKET}.away") and os.rename(f"{SOCKET}.away", SOCKET)
-
-
-def wrong_password():
-    SHADOW.write_text("wrong\n")
-
-
-def link_clean_up():
-    for path in ("/etc/postfix-site", "/etc/mail", "/etc/mail-aliases"):
-        remove(path)
-
-
-def linked_main_cf():
-    pairs.links()
-    real = Path("/etc/postfix-site/main.real")
-    write(real, real.read_text().replace("    localhost\n", "    localhost, localhost.localdomain\n"), 0o640)
-    return link_clean_up
-
-
-def hard_link(path):
-    return lambda: os.link(path, f"{path}.other")
-
-
-def fifo_among_the_aliases():
-    os.mkfifo("/etc/alias-fifo")
-    main_cf("alias_maps = hash:/etc/alias-fifo")()
-    return lambda: remove("/etc/alias-fifo")
-
-
-def fifo(path):
-    return lambda: (remove(path), os.mkfifo(path)) and None
-
-
-def damaged_table():
-    write(TABLES / "virtual.db", "no index\n")
-
-
-def small_backups():
-    BACKUPS.mkdir(parents=True)
-    run("mount", "-t", "tmpfs", "-o", "size=64k,mode=700", "none", BACKUPS)
-    return lambda: run("umount", BACKUPS)
-
-
-def ordinary_host_with_a_domain():
-    pairs.both(pairs.MAIN, pairs.SMTP + pairs.SERVICES)
-
-
-def map_without_index():
-    write("/etc/postfix/virtual", "a@example.com b@example.com\n")
-    main_cf("virtual_alias_maps = hash:/etc/postfix/virtual")()
-
-
-def lock_directory_of_nobody():
-    os.mkdir("/run/lock/torva-postfix")
-    run("chown", "nobody", "/run/lock/torva-postfix")
-
-
-def killed_apply():
-    BACKUPS.mkdir(parents=True, mode=0o700)
-    MARKER.write_text("apply -\n")
 
 
 # Advice that is given for several defects.
@@ -252,6 +70,12 @@ DEFECTS = [
            "no_relay.re is missing: smtpd answers 451", WRITE_TABLE, written(TABLES / "no_relay.re")),
     Defect("no_non_auth", without(TABLES / "non_auth.re"), "warning", "pcre-table",
            "non_auth.re is missing: smtpd answers 451", WRITE_TABLE, written(TABLES / "non_auth.re")),
+    Defect("pcre_table_is_a_directory", directory(TABLES / "no_relay.re"), "warning", "pcre-table",
+           "no_relay.re is not a regular file: smtpd answers 451", WRITE_TABLE,
+           lambda _: (remove(TABLES / "no_relay.re"), write(TABLES / "no_relay.re", ""))),
+    Defect("certificate_leads_nowhere", link(POSTFIX / "postfix_default.pem", "/no/such"), "warning", "certificate",
+           "is missing: no TLS", "put certificate and key there",
+           lambda _: (remove(POSTFIX / "postfix_default.pem"), write(POSTFIX / "postfix_default.pem", "both\n", 0o600))),
     Defect("no_certificate", without(POSTFIX / "postfix_default.pem"), "warning", "certificate", "is missing",
            "put certificate and key there", written(POSTFIX / "postfix_default.pem", "both\n", 0o600)),
     Defect("only_loopback", without_addresses, "warning", "network", "only loopback",
@@ -260,6 +84,9 @@ DEFECTS = [
            "put it on a file system that is not read-only", by_hand("mount", "-o", "remount,bind,rw", POSTFIX)),
     Defect("mounted_tables", mounted_tables, "stop", "directory", "torva is a mount point",
            "unmount it, or mount the directory above it", by_hand("umount", TABLES)),
+    *(Defect(f"{name}_is_a_directory", directory(TABLES / name), "stop", "directory",
+             f"{TABLES}/{name} is a directory, not a table: the run would end",
+             "mv {0} {0}.moved".format(TABLES / name), as_it_stands) for name in ("virtual", "transport")),
     *(Defect(f"mounted_{path.stem}_cf", mounted_file(path), "stop", "directory", f"{path} is a mount point",
              "unmount it, or mount the directory above it", by_hand("umount", path)) for path in (MAIN_CF, MASTER_CF)),
     Defect("mounted_index", mounted_index, "stop", "directory", "/etc/aliases.db is a mount point",

@@ -70,7 +70,10 @@ bool matchesSums(int backup, const std::string& sums) {
     }
     try {
         return !sums.empty() && sumsOf(backup, names) == sums;
-    } catch (const SystemError&) {
+    } catch (const SystemError& error) {
+        if (isShortage(error.code())) {
+            throw;
+        }
         return false;
     }
 }
@@ -118,8 +121,9 @@ Backup readBackup(int directory, const std::string& stamp) {
     backup.earlier = std::binary_search(names.begin(), names.end(), "tree");
     backup.whole = !backup.earlier && matchesSums(opened.get(), sums);
     backup.hasLeftState = backup.whole && holdsLine(sums, leftName);
+    const std::string manifest = readOwnFile(opened.get(), manifestName);
     try {
-        backup.manifest = parseManifest(readOwnFile(opened.get(), manifestName));
+        backup.manifest = parseManifest(manifest);
     } catch (const std::exception&) {
         backup.whole = false;
         backup.manifest.reason = firstLine(readOwnFile(opened.get(), "reason"));

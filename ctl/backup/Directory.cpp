@@ -214,9 +214,16 @@ void writeOwnFile(int directory, const std::string& name, const std::string& tex
     }
 }
 
+bool isShortage(int code) {
+    return code == EMFILE || code == ENFILE || code == ENOMEM;
+}
+
 std::string readOwnFile(int directory, const std::string& name) {
     const Descriptor file(
         ::openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!file && isShortage(errno)) {
+        throwSystemError("open " + name, errno);
+    }
     return file ? readAll(file.get()).value_or("") : std::string();
 }
 

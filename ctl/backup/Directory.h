@@ -42,7 +42,13 @@ void removeAll(int directory, const std::string& name);
 /// \throws SystemError
 void writeOwnFile(int directory, const std::string& name, const std::string& text);
 
-/// The bytes of a regular file that is not a link; empty when there is none.
+/// Whether an errno tells what this process or the system lacks, and so nothing about a file.
+bool isShortage(int code);
+
+/// The bytes of a regular file that is not a link; empty when there is none, or it cannot be
+/// read.
+///
+/// \throws SystemError  a shortage: it may well be there
 std::string readOwnFile(int directory, const std::string& name);
 
 } // namespace torva::ctl

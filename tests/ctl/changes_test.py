@@ -279,6 +279,22 @@ class BackupsTest(AroundARunTest):
         self.assertStatus(0, ctl("rollback"))
         self.assertIn("torva_virtual", postconf("-h", "virtual_transport"), "the state before the second")
 
+    def test_shortage_of_descriptors_makes_no_backup_a_damaged_one(self):
+        """An older one would be restored in its place."""
+        self.assertStatus(0, ctl("apply"))
+        log = Path("/run/opened")
+        traced = ("strace", "-qq", "-o", str(log), "-e", "trace=openat")
+        self.assertStatus(0, ctl("backups", argv=traced))
+        opened = log.read_text().splitlines()
+        first = next(at for at, line in enumerate(opened) if stamps()[0] in line)
+        of_backup = [at for at in range(first, len(opened)) if "AT_FDCWD" not in opened[at]]
+        self.assertGreater(len(of_backup), 4)
+        for at in of_backup:
+            outcome = ctl("backups", "--json", argv=(*traced, "-e", f"inject=openat:error=ENFILE:when={at + 1}"))
+            self.assertStatus(1, outcome)
+            self.assertIn("Too many open files in system", outcome.err, opened[at])
+            self.assertNotIn("damaged", outcome.out, opened[at])
+
     def test_file_or_link_with_the_name_of_a_backup_hides_no_other(self):
         before = tree()
         self.assertStatus(0, ctl("apply"))

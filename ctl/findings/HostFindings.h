@@ -14,6 +14,11 @@ namespace torva::ctl {
 /// \param host  receives the facts
 Findings checkHost(const OwnPrograms& programs, Host& host);
 
+/// "main.cf", "master.cf": whether Postfix reads its own files, and has its directories.
+///
+/// \return false: nothing else can be looked at
+bool findReadable(const Host& host, Findings& findings);
+
 /// "root", "program".
 void findPrograms(const OwnPrograms& programs, Findings& findings);
 

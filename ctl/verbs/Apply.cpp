@@ -49,7 +49,7 @@ private:
     void finish();
     int takeBack();
     bool restoreBackup();
-    void activateAgain();
+    std::string activateAgain();
     bool keepForeignChanges();
     FixedAtStart fixedNow() const;
 
@@ -67,7 +67,7 @@ FixedAtStart Apply::fixedNow() const {
 }
 
 void Apply::backUp() {
-    setMarker(backups_, {"apply", "-"});
+    setMarker(backups_, {"apply", "-", false});
     activation_ =
         std::make_unique<Activation>(host_.postfix, fixedAtStart(host_.postfix, host_.masterCf));
     std::string stamp;
@@ -77,9 +77,9 @@ void Apply::backUp() {
         stamp = backups_.take(manifest);
     } catch (const std::exception& error) {
         throw Failure("backup", std::string("it cannot be made: ") + error.what(),
-                      std::string("is there room in ") + Backups::path + "?");
+                      cureOfBackup(error));
     }
-    setMarker(backups_, {"apply", stamp});
+    setMarker(backups_, {"apply", stamp, activation_->wasRunning()});
     stamp_ = stamp;
     report_.finding({Level::done, "backup", std::string(Backups::path) + "/" + stamp_,
                      "to take the run back: torva-postfixctl rollback"});
@@ -120,7 +120,7 @@ void Apply::activate() {
     }
     const std::string failure = activation_->activate(fixedNow());
     if (!failure.empty()) {
-        throw Failure("reload", "failed: " + failure, "see the mail log");
+        throw Failure("reload", "failed: " + failure, activation_->whereToLook());
     }
     throwIfSignalled();
 }
@@ -189,23 +189,19 @@ bool Apply::restoreBackup() {
 }
 
 /// Makes Postfix use the restored files, if it has been made to use the others.
-void Apply::activateAgain() {
-    if (!activation_ || !activation_->tried()) {
-        return;
-    }
-    const std::string failure = activation_->activate(fixedNow());
-    if (!failure.empty()) {
-        report_.finding(
-            {Level::failed, "reload", "failed: " + failure, activation_->command(fixedNow())});
-    }
+///
+/// \return why that failed; empty: it succeeded, or there was nothing to do
+std::string Apply::activateAgain() {
+    return activation_ && activation_->tried() ? activation_->activate(fixedNow()) : std::string();
 }
 
 /// The end of a failed apply.
 int Apply::takeBack() {
     ignoreSignals();
+    std::string failure; // of the activation
     try {
         const bool isKept = stamp_.empty() || restoreBackup();
-        activateAgain();
+        failure = activateAgain();
         clearMarker(backups_); // not before: if killed until here, Postfix may be stopped
         if (!isKept) {
             backups_.remove(stamp_); // it is identical to the host
@@ -213,7 +209,17 @@ int Apply::takeBack() {
     } catch (const std::exception& error) {
         report_.finding({Level::failed, "rollback",
                          "the backup " + stamp_ + " could not be restored whole: " + error.what(),
-                         "make room, then torva-postfixctl rollback"});
+                         cureOf(error) + ", then torva-postfixctl rollback"});
+        return 2;
+    }
+    if (!failure.empty()) {
+        report_.finding(
+            {Level::failed, "reload", "failed: " + failure, activation_->command(fixedNow())});
+    }
+    if (!failure.empty() && masterProcess(host_.postfix) == 0) {
+        report_.finding({Level::failed, "apply",
+                         "the files are as they were before, but Postfix is not running",
+                         activation_->command(fixedNow())});
         return 2;
     }
     report_.finding({Level::failed, "apply", "everything is as it was before",
@@ -229,6 +235,7 @@ int apply(Call& call) {
     if (marker.isSet() && !marker.beforeAnyChange()) {
         return 2; // already reported
     }
+    awaitEarlierRun();
     Host host;
     call.report.findings(checkHost(call.programs, host).all());
     if (call.report.stopped()) {

@@ -194,6 +194,11 @@ def map_without_index():
     main_cf("virtual_alias_maps = hash:/etc/postfix/virtual")()
 
 
+def backups_of_a_group():
+    BACKUPS.mkdir(parents=True)
+    BACKUPS.chmod(0o770)
+
+
 def lock_directory_of_nobody():
     os.mkdir("/run/lock/torva-postfix")
     run("chown", "nobody", "/run/lock/torva-postfix")

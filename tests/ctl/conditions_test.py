@@ -249,7 +249,9 @@ exec $REAL "$@"
 
     def test_preview_tells_what_postfix_refuses_among_many_services(self):
         add(MASTER_CF, "".join(f"svc{number} unix - - y - - smtp\n" for number in range(260)) + "bad unix - - y - -\n")
-        verdict = [o for o in ctl("--json", "preview").objects() if o.get("change") == "postfix-check"]
+        outcome = self.assertStatus(1, ctl("--json", "preview"))
+        self.assertEqual([f["subject"] for f in outcome.findings("stop")], ["master.cf"])
+        verdict = [o for o in outcome.objects() if o.get("change") == "postfix-check"]
         self.assertNotEqual(verdict[0]["status"], 0)
         self.assertIn("bad", verdict[0]["text"])
 

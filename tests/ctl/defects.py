@@ -3,7 +3,7 @@ and how the advice is carried out."""
 
 from typing import Callable, NamedTuple, Optional
 
-from breakages import (DAEMONS, PASSWORD, SHADOW, SOCKET, advice_without_hash, append, damaged_table, directory,
+from breakages import (DAEMONS, PASSWORD, SHADOW, SOCKET, advice_without_hash, append, backups_of_a_group, damaged_table, directory,
                        empty_store, fifo, fifo_among_the_aliases, filled_table, hard_link, killed_apply, link,
                        linked_main_cf, lock_directory_of_nobody, main_cf, map_without_index, master_cf,
                        mounted_aliases, mounted_below_tables, mounted_file, mounted_index, mounted_tables,
@@ -204,6 +204,8 @@ DEFECTS = [
            "have the panel write it before the run", lambda _: write(SHADOW, PASSWORD[0], 0o600)),
     Defect("wrong_database_password", wrong_password, "warning", "database", "Access denied for user 'admin'",
            f"set that right before the run; the password is in {SHADOW}", lambda _: write(SHADOW, PASSWORD[0], 0o600)),
+    Defect("backups_of_a_group", backups_of_a_group, "stop", "backup", f"{BACKUPS} is not root's alone",
+           "see who has written into it, then chown -R root: {0} && chmod 700 {0}".format(BACKUPS), behind("then ")),
     Defect("lock_of_somebody_else", lock_directory_of_nobody, "stop", "lock", "is not root's alone",
            "see who made it", by_hand("rm", "-r", "/run/lock/torva-postfix")),
     Defect("killed_before_it_changed_anything", killed_apply, "warning", "unfinished",

@@ -39,4 +39,7 @@ void findDatabase(Findings& findings);
 /// "service", "map", "mydestination": of the configuration after a run.
 void findOutcome(const Postfix& postfix, const MasterCfText& masterCf, Findings& findings);
 
+/// "service": what an operator's entry does when the run keeps it in place of the panel's.
+void findKeptServices(const MasterCfText& masterCf, Findings& findings);
+
 } // namespace torva::ctl

@@ -227,6 +227,7 @@ void findHostMail(const Postfix& postfix, Findings& findings) {
 void findOutcome(const Postfix& postfix, const MasterCfText& masterCf, Findings& findings) {
     const Services services = servicesAfterRun(masterCf);
     findEndpoints(services, findings);
+    findKeptServices(masterCf, findings);
     findDaemons(postfix, services, findings);
     findings.fine("service", "endpoints and programs");
     findMaps(postfix, masterCf, findings);

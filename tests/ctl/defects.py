@@ -9,7 +9,7 @@ from breakages import (DAEMONS, PASSWORD, SHADOW, SOCKET, advice_without_hash, a
                        mounted_aliases, mounted_below_tables, mounted_file, mounted_index, mounted_tables,
                        no_database, ordinary_host_with_a_domain, read_only, replace_program, small_backups, with_hash,
                        without, without_account, without_addresses, without_hash, without_map_type, wrong_password)
-from cures import (as_it_stands, behind, built_in_one, by_apt_get, by_hand, installed, stock, stock_main_cf,
+from cures import (as_it_stands, before, behind, built_in_one, by_apt_get, by_hand, installed, stock, stock_main_cf,
                    without_its_last_line, written)
 from ctlworld import BACKUPS, MAIN_CF, MASTER_CF, PANEL, POSTFIX, TABLES, TOOL, program, remove, run, write
 
@@ -32,6 +32,7 @@ NOTHING_ELSE = "correct it; nothing else was looked at"
 WRITE_TABLE = "have the panel write it; an empty one will do"
 INSTALL_DAEMON = "install it; until then the service fails"
 TAKE_OUT = ", or take it out of the configuration"
+THEN_APPLY = "; then apply, which adds the panel's"
 ALIAS_RULES = ("correct alias_maps and alias_database: a type of postconf -m, a directory that is there, plain "
                "characters")
 ALIASES_SET_RIGHT = by_hand("postconf", "-e", "alias_maps=hash:/etc/aliases", "alias_database=hash:/etc/aliases")
@@ -145,6 +146,21 @@ DEFECTS = [
     Defect("address_and_port_twice",
            master_cf("127.0.0.1:smtp inet n - y - - smtpd\n127.0.0.1:25 inet n - y - - smtpd"),
            "warning", "service", "one endpoint", "postconf -MX 127.0.0.1:smtp/inet", as_it_stands),
+    # What returns from amavis, as amavis describes it.
+    Defect("filter_on_the_port_of_the_panel",
+           master_cf("127.0.0.1:10025 inet n - n - - smtpd\n  -o content_filter=\n  -o mynetworks=127.0.0.0/8"),
+           "warning", "service", "127.0.0.1:10025/inet is not the panel's, but runs smtpd -o content_filter= "
+           "-o mynetworks=127.0.0.0/8: the run keeps it; all mail that comes by SMTP goes there, not to the panel's queue program",
+           "postconf -F 127.0.0.1:10025/inet/service=127.0.0.1:10125; have what sends mail to port 10025 (amavis by "
+           f"$forward_method, a content_filter) use that port{THEN_APPLY}", before("; ")),
+    *(Defect(f"operators_service_on_port_{port}", master_cf(f"127.0.0.1:{port} inet n - n - - smtpd"), "warning",
+             "service", f"127.0.0.1:{port}/inet is not the panel's, but runs smtpd: the run keeps it; {text}",
+             cure=before("; "))
+      for port, text in ((10026, "all mail that leaves the panel's queue program goes there"),
+                         (10027, "mail of programs on this host, and what has come by SMTP, goes there"))),
+    Defect("operators_sasl_service", master_cf("torva_saslauthd unix n n n - - pipe user=nobody argv=/bin/true"), "warning",
+           "service", "the run keeps it; the passwords of SMTP clients are not checked by the panel's program",
+           f"postconf -MX torva_saslauthd/unix{THEN_APPLY}", before("; ")),
     Defect("no_daemon", master_cf("a unix - - y - - no-such-daemon"),
            "warning", "service", f"no {DAEMONS}/no-such-daemon",
            INSTALL_DAEMON, installed(DAEMONS / "no-such-daemon")),

@@ -90,6 +90,28 @@ void findEndpoints(const Services& services, Findings& findings) {
     }
 }
 
+/// The services with IPv4 addresses, when Postfix has no such protocol.
+void findProtocols(const Postfix& postfix, const Services& services, Findings& findings) {
+    const std::string protocols = postfix.value("inet_protocols");
+    if (boost::algorithm::to_lower_copy(protocols) != "ipv6") {
+        return;
+    }
+    std::string keys;
+    for (const auto& one : services) {
+        const std::string::size_type slash = one.first.rfind('/');
+        const std::string endpoint = endpointOf(one.first.substr(0, slash));
+        in_addr address{};
+        if (one.first.substr(slash) == "/inet" &&
+            ::inet_pton(AF_INET, endpoint.substr(0, endpoint.rfind(':')).c_str(), &address) == 1) {
+            keys += (keys.empty() ? "" : ", ") + one.first;
+        }
+    }
+    findings.warning("service",
+                     "inet_protocols = " + protocols + ", but " + keys +
+                         " are IPv4 addresses: Postfix will not start",
+                     "postconf -e inet_protocols=all");
+}
+
 void findDaemons(const Postfix& postfix, const Services& services, Findings& findings) {
     const std::string directory = postfix.value("daemon_directory");
     struct stat status {};
@@ -227,6 +249,7 @@ void findHostMail(const Postfix& postfix, Findings& findings) {
 void findOutcome(const Postfix& postfix, const MasterCfText& masterCf, Findings& findings) {
     const Services services = servicesAfterRun(masterCf);
     findEndpoints(services, findings);
+    findProtocols(postfix, services, findings);
     findKeptServices(masterCf, findings);
     findDaemons(postfix, services, findings);
     findings.fine("service", "endpoints and programs");

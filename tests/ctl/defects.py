@@ -146,6 +146,9 @@ DEFECTS = [
     Defect("address_and_port_twice",
            master_cf("127.0.0.1:smtp inet n - y - - smtpd\n127.0.0.1:25 inet n - y - - smtpd"),
            "warning", "service", "one endpoint", "postconf -MX 127.0.0.1:smtp/inet", as_it_stands),
+    Defect("only_the_newer_protocol", main_cf("inet_protocols = ipv6"), "warning", "service",
+           "inet_protocols = ipv6, but 127.0.0.1:10025/inet, 127.0.0.1:10026/inet, 127.0.0.1:10027/inet are IPv4 addresses: "
+           "Postfix will not start", "postconf -e inet_protocols=all", as_it_stands),
     # What returns from amavis, as amavis describes it.
     Defect("filter_on_the_port_of_the_panel",
            master_cf("127.0.0.1:10025 inet n - n - - smtpd\n  -o content_filter=\n  -o mynetworks=127.0.0.0/8"),

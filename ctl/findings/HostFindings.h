@@ -42,4 +42,11 @@ void findOutcome(const Postfix& postfix, const MasterCfText& masterCf, Findings&
 /// "service": what an operator's entry does when the run keeps it in place of the panel's.
 void findKeptServices(const MasterCfText& masterCf, Findings& findings);
 
+/// "map".
+void findMaps(const Postfix& postfix, const MasterCfText& masterCf, Findings& findings);
+
+/// "mydestination": where the run leads mail to the host itself. Nothing is added when a table
+/// that would have to be asked gives no answer.
+void findHostMail(const Postfix& postfix, Findings& findings);
+
 } // namespace torva::ctl

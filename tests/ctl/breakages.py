@@ -189,6 +189,16 @@ def ordinary_host_with_a_domain():
     pairs.both(pairs.MAIN, pairs.SMTP + pairs.SERVICES)
 
 
+def destinations(element, text):
+    """A file or a table of the domains that are the host's own."""
+    def change():
+        write("/etc/postfix/dests", text)
+        if "hash:" in element:
+            run("postmap", "hash:/etc/postfix/dests")
+        main_cf(f"mydestination = {element}")()
+    return change
+
+
 def map_without_index():
     write("/etc/postfix/virtual", "a@example.com b@example.com\n")
     main_cf("virtual_alias_maps = hash:/etc/postfix/virtual")()

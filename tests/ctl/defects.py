@@ -3,7 +3,7 @@ and how the advice is carried out."""
 
 from typing import Callable, NamedTuple, Optional
 
-from breakages import (DAEMONS, PASSWORD, SHADOW, SOCKET, advice_without_hash, append, damaged_table, directory,
+from breakages import (DAEMONS, PASSWORD, SHADOW, SOCKET, advice_without_hash, append, damaged_table, destinations, directory,
                        empty_store, fifo, fifo_among_the_aliases, filled_table, hard_link, killed_apply, link,
                        linked_main_cf, lock_directory_of_nobody, main_cf, map_without_index, master_cf,
                        mounted_aliases, mounted_below_tables, mounted_file, mounted_index, mounted_tables,
@@ -211,6 +211,20 @@ DEFECTS = [
            "root@, postmaster@ and mailer-daemon@mail.example.net goes to localhost.localdomain",
            "postconf -e 'mydestination=$myhostname, localhost.example.net, localhost, localhost.localdomain'",
            as_it_stands),
+    Defect("root_is_led_into_a_file_of_domains", destinations("/etc/postfix/dests", "# ours\nlocalhost.localdomain\n"), "ok",
+           "mydestination", "mail to root@"),
+    Defect("root_is_led_into_a_table_of_domains", destinations("proxy:hash:/etc/postfix/dests", "LocalHost.localdomain -\n"),
+           "ok", "mydestination", "mail to root@"),
+    Defect("file_of_other_domains", destinations("/etc/postfix/dests", "# localhost.localdomain\nexample.net\n"), "warning",
+           "mydestination", "localhost.localdomain, which is in no domain class",
+           "postconf -e 'mydestination=/etc/postfix/dests, localhost.localdomain'", as_it_stands),
+    Defect("table_of_other_domains", destinations("hash:/etc/postfix/dests", "example.net -\n"), "warning",
+           "mydestination", "localhost.localdomain, which is in no domain class",
+           "postconf -e 'mydestination=hash:/etc/postfix/dests, localhost.localdomain'", as_it_stands),
+    # The run gives it that of the host.
+    Defect("name_without_a_domain", main_cf("myhostname = vm\nmydomain = localdomain\nmydestination = localhost.$mydomain"),
+           "warning", "mydestination", "root@, postmaster@ and mailer-daemon@sandbox.example.net goes to",
+           "postconf -e 'mydestination=localhost.$mydomain, localhost.localdomain'", as_it_stands),
     Defect("records", filled_table, "ok", "records", "1 in virtual: the run drops them, apply puts them back"),
     Defect("damaged_table", damaged_table, "stop", "records", "cannot be read: ",
            "have the panel write it again",

@@ -6,6 +6,9 @@
 #include "ctl/findings/Findings.h"
 #include "ctl/host/Host.h"
 
+#include <string>
+#include <vector>
+
 namespace torva::ctl {
 
 /// Everything. If a Postfix tool fails, the reason is one finding, and findings that depend
@@ -37,13 +40,20 @@ void findMasterCf(const Host& host, Findings& findings);
 void findDatabase(Findings& findings);
 
 /// "service", "map", "mydestination": of the configuration after a run.
+///
+/// \param mapTypes  see Host; without them, Postfix is asked
+void findOutcome(const Postfix& postfix, const MasterCfText& masterCf,
+                 const std::vector<std::string>& mapTypes, Findings& findings);
 void findOutcome(const Postfix& postfix, const MasterCfText& masterCf, Findings& findings);
 
 /// "service": what an operator's entry does when the run keeps it in place of the panel's.
 void findKeptServices(const MasterCfText& masterCf, Findings& findings);
 
 /// "map".
-void findMaps(const Postfix& postfix, const MasterCfText& masterCf, Findings& findings);
+///
+/// \param mapTypes  see Host; none: they are not known
+void findMaps(const Postfix& postfix, const MasterCfText& masterCf,
+              const std::vector<std::string>& mapTypes, Findings& findings);
 
 /// "mydestination": where the run leads mail to the host itself. Nothing is added when a table
 /// that would have to be asked gives no answer.

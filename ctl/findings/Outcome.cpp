@@ -1,8 +1,7 @@
 #include "ctl/findings/HostFindings.h"
-#include "ctl/host/Files.h"
-#include "ctl/host/Lists.h"
 #include "ctl/host/PanelRun.h"
-#include "ctl/host/TouchedPaths.h"
+#include "ctl/host/Program.h"
+#include "ctl/host/ToolWords.h"
 
 #include <boost/algorithm/string/case_conv.hpp>
 
@@ -11,7 +10,6 @@
 #include <cstdint>
 #include <map>
 #include <netdb.h>
-#include <set>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -133,15 +131,22 @@ void findDaemons(const Postfix& postfix, const Services& services, Findings& fin
 
 } // namespace
 
-void findOutcome(const Postfix& postfix, const MasterCfText& masterCf, Findings& findings) {
+void findOutcome(const Postfix& postfix, const MasterCfText& masterCf,
+                 const std::vector<std::string>& mapTypes, Findings& findings) {
     const Services services = servicesAfterRun(masterCf);
     findEndpoints(services, findings);
     findProtocols(postfix, services, findings);
     findKeptServices(masterCf, findings);
     findDaemons(postfix, services, findings);
     findings.fine("service", "endpoints and programs");
-    findMaps(postfix, masterCf, findings);
+    findMaps(postfix, masterCf, mapTypes, findings);
     findHostMail(postfix, findings);
+}
+
+void findOutcome(const Postfix& postfix, const MasterCfText& masterCf, Findings& findings) {
+    const ToolResult types = run({"/usr/sbin/postconf", "-m"});
+    findOutcome(postfix, masterCf,
+                types.succeeded() ? linesOf(types.output) : std::vector<std::string>(), findings);
 }
 
 } // namespace torva::ctl

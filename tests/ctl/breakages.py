@@ -204,6 +204,22 @@ def map_without_index():
     main_cf("virtual_alias_maps = hash:/etc/postfix/virtual")()
 
 
+def mysql_table(has_type, has_file):
+    """As if the package postfix-mysql were installed, and before it is."""
+    def change():
+        main_cf("virtual_alias_maps = proxy:mysql:/etc/postfix/users.cf")()
+        if has_file:
+            write("/etc/postfix/users.cf", "dbname = mail\n")
+        real = "/usr/sbin/postconf.without"
+        os.rename("/usr/sbin/postconf", real)
+        head = f'#!/bin/sh\ncase $1 in -m) {real} -m | grep -vx mysql'
+        tail = f' ;; *) exec {real} "$@" ;; esac\n'
+        program("/usr/sbin/postconf.replaced", f"{head}; echo mysql{tail}")
+        program("/usr/sbin/postconf", f"{head}; echo mysql{tail}" if has_type else head + tail)
+        return lambda: (remove("/usr/sbin/postconf.replaced"), os.replace(real, "/usr/sbin/postconf"))
+    return change
+
+
 def lock_directory_of_nobody():
     os.mkdir("/run/lock/torva-postfix")
     run("chown", "nobody", "/run/lock/torva-postfix")

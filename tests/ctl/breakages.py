@@ -1,10 +1,11 @@
 """How hosts get their defects: functions that make one, or that answer a function that does."""
 
 import os
+import subprocess
 from pathlib import Path
 
 import pairs
-from ctlworld import BACKUPS, MAIN_CF, MARKER, MASTER_CF, POSTFIX, TABLES, program, remove, run, write
+from ctlworld import BACKUPS, MAIN_CF, MARKER, MASTER_CF, POSTFIX, TABLES, kill_group, program, remove, run, wait_until, write
 
 DAEMONS = Path("/usr/lib/postfix/sbin")
 SOCKET = "/run/mysqld/mysqld.sock"
@@ -177,6 +178,21 @@ def fifo(path):
 
 def damaged_table():
     write(TABLES / "virtual.db", "no index\n")
+
+
+LOCK_HOLDERS = []
+
+
+def locked_table():
+    filled_table()
+    LOCK_HOLDERS.append(subprocess.Popen(["flock", TABLES / "virtual.db", "sleep", "1000"], start_new_session=True))
+    wait_until(lambda: subprocess.call(["flock", "--nonblock", TABLES / "virtual.db", "true"]) != 0, "the lock is held")
+    return end_lock_holder
+
+
+def end_lock_holder(_=None):
+    while LOCK_HOLDERS:
+        kill_group(LOCK_HOLDERS.pop())
 
 
 def small_backups():

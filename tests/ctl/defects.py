@@ -3,12 +3,13 @@ and how the advice is carried out."""
 
 from typing import Callable, NamedTuple, Optional
 
-from breakages import (DAEMONS, PASSWORD, SHADOW, SOCKET, advice_without_hash, append, damaged_table, destinations, directory,
-                       empty_store, fifo, fifo_among_the_aliases, filled_table, hard_link, killed_apply, link,
-                       linked_main_cf, lock_directory_of_nobody, main_cf, map_without_index, master_cf,
-                       mounted_aliases, mounted_below_tables, mounted_file, mounted_index, mounted_tables, mysql_table,
-                       no_database, ordinary_host_with_a_domain, read_only, replace_program, small_backups, with_hash,
-                       without, without_account, without_addresses, without_hash, without_map_type, wrong_password)
+from breakages import (DAEMONS, PASSWORD, SHADOW, SOCKET, advice_without_hash, append, damaged_table, destinations,
+                       directory, empty_store, end_lock_holder, fifo, fifo_among_the_aliases, filled_table,
+                       hard_link, killed_apply, link, linked_main_cf, lock_directory_of_nobody, locked_table,
+                       main_cf, map_without_index, master_cf, mounted_aliases, mounted_below_tables, mounted_file,
+                       mounted_index, mounted_tables, mysql_table, no_database, ordinary_host_with_a_domain,
+                       read_only, replace_program, small_backups, with_hash, without, without_account,
+                       without_addresses, without_hash, without_map_type, wrong_password)
 from cures import (as_it_stands, before, behind, built_in_one, by_apt_get, by_hand, installed, stock, stock_main_cf,
                    without_its_last_line, written)
 from ctlworld import BACKUPS, MAIN_CF, MASTER_CF, PANEL, POSTFIX, TABLES, TOOL, program, remove, run, write
@@ -129,7 +130,7 @@ DEFECTS = [
     Defect("unknown_type", master_cf("smtpd tcp - - y - - smtpd"), "stop", "master.cf", 'invalid type field "tcp"',
            NOTHING_ELSE, without_its_last_line(MASTER_CF)),
     Defect("empty_master_cf", lambda: write(MASTER_CF, ""), "stop", "master.cf", "the file is empty",
-           "correct it, or comment the entry out for the run", stock("master.cf")),
+           "reinstall Postfix's configuration", stock("master.cf")),
     Defect("empty_store", empty_store, "stop", "master.cf", "master.cf.disabled is not parsed",
            "correct it, or move it away", by_hand("mv", TABLES / "master.cf.disabled", "/run/tmp")),
     Defect("upper_case_name", master_cf("SMTPS inet n - y - - smtpd"),
@@ -248,6 +249,8 @@ DEFECTS = [
     Defect("damaged_table", damaged_table, "stop", "records", "cannot be read: ",
            "have the panel write it again",
            lambda _: (write(TABLES / "virtual", ""), run("postmap", f"hash:{TABLES}/virtual"))),
+    Defect("locked_table", locked_table, "stop", "records", "virtual.db is locked by another process (fuser ",
+           "wait until that process has ended, or end it", end_lock_holder),
     Defect("no_database", no_database,
            "warning", "database", "kra does not answer: there is no /run/mysqld/mysqld.sock",
            "start the panel's database before the run", by_hand("mv", f"{SOCKET}.away", SOCKET)),

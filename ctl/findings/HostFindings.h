@@ -46,7 +46,8 @@ void findOutcome(const Postfix& postfix, const MasterCfText& masterCf,
                  const std::vector<std::string>& mapTypes, Findings& findings);
 void findOutcome(const Postfix& postfix, const MasterCfText& masterCf, Findings& findings);
 
-/// "service": what an operator's entry does when the run keeps it in place of the panel's.
+/// "service": what an operator's entry does when the run keeps it in place of the panel's, or
+/// next to it on its port.
 void findKeptServices(const MasterCfText& masterCf, Findings& findings);
 
 /// "map".

@@ -44,11 +44,21 @@ bool isAsOfRun(const MasterCfTextEntry& entry, const PanelService& own) {
                              : entry.commandLine() == command + " " + arguments;
 }
 
+/// The name of an inet service in its parts.
+struct Endpoint {
+    std::string host; ///< with its colon, as it is written; empty: every address
+    std::string port;
+};
+
+Endpoint endpointIn(const std::string& name) {
+    const std::string::size_type port = name.rfind(':') + 1; // 0 without a colon
+    return {name.substr(0, port), name.substr(port)};
+}
+
 bool isTaken(const std::string& port, const MasterCfText& masterCf) {
     const auto& entries = masterCf.entries();
     return std::any_of(entries.begin(), entries.end(), [&](const MasterCfTextEntry& entry) {
-        const std::string name = entry.name();
-        return entry.type() == "inet" && name.substr(name.rfind(':') + 1) == port;
+        return entry.type() == "inet" && endpointIn(entry.name()).port == port;
     });
 }
 
@@ -66,11 +76,29 @@ std::string adviceOn(const MasterCfTextEntry& entry, const MasterCfText& masterC
     if (entry.type() != "inet") {
         return "postconf -MX " + entry.key() + "; " + then;
     }
-    const std::size_t colon = entry.name().rfind(':');
-    const std::string port = entry.name().substr(colon + 1);
-    return "postconf -F " + entry.key() + "/service=" + entry.name().substr(0, colon + 1) +
-           otherPort(port, masterCf) + "; have what sends mail to port " + port +
+    const Endpoint endpoint = endpointIn(entry.name());
+    return "postconf -F " + entry.key() + "/service=" + endpoint.host +
+           otherPort(endpoint.port, masterCf) + "; have what sends mail to port " + endpoint.port +
            " (amavis by $forward_method, a content_filter) use that port; " + then;
+}
+
+/// What becomes of an entry that has another name, but the port of one that the run installs.
+/// Empty: it has not.
+std::string troubleOfPort(const MasterCfTextEntry& entry) {
+    const Endpoint endpoint = endpointIn(entry.name());
+    const PanelService* own = panelServiceOf("127.0.0.1:" + endpoint.port + "/inet");
+    if (entry.type() != "inet" || own == nullptr) {
+        return std::string();
+    }
+    if (endpoint.host == "[127.0.0.1]:") {
+        return std::string("is ") + own->key + " for Postfix, which starts only one of them";
+    }
+    if (endpoint.host == "localhost:") {
+        return std::string("shares its port with ") + own->key + ": each gets a part of what comes";
+    }
+    return endpoint.host.empty()
+               ? std::string("shares its port with ") + own->key + ", which gets what comes to it"
+               : std::string();
 }
 
 } // namespace
@@ -78,11 +106,15 @@ std::string adviceOn(const MasterCfTextEntry& entry, const MasterCfText& masterC
 void findKeptServices(const MasterCfText& masterCf, Findings& findings) {
     for (const MasterCfTextEntry& entry : masterCf.entries()) {
         const PanelService* own = panelServiceOf(entry.key());
-        if (own != nullptr && !own->replaces && !isAsOfRun(entry, *own)) {
-            findings.warning("service",
-                             entry.key() + " is not the panel's, but runs " + entry.commandLine() +
-                                 ": the run keeps it; " + consequenceOf(entry.key()),
-                             adviceOn(entry, masterCf));
+        std::string trouble;
+        if (own == nullptr) {
+            trouble = troubleOfPort(entry);
+        } else if (!own->replaces && !isAsOfRun(entry, *own)) {
+            trouble = "is not the panel's, but runs " + entry.commandLine() +
+                      ": the run keeps it; " + consequenceOf(entry.key());
+        }
+        if (!trouble.empty()) {
+            findings.warning("service", entry.key() + " " + trouble, adviceOn(entry, masterCf));
         }
     }
 }

@@ -68,6 +68,12 @@ void findPrivateInet(const std::string& key, const Service& service, Findings& f
     }
 }
 
+/// Whether findKeptServices() tells of whatever else has its endpoint.
+bool isInstalledIfMissing(const std::string& key) {
+    const PanelService* own = panelServiceOf(key);
+    return own != nullptr && !own->replaces;
+}
+
 void findEndpoints(const Services& services, Findings& findings) {
     std::map<std::string, std::string> keys; // by endpoint
     for (const auto& [key, service] : services) {
@@ -77,7 +83,7 @@ void findEndpoints(const Services& services, Findings& findings) {
         }
         findPrivateInet(key, service, findings);
         const auto [other, isNew] = keys.emplace(endpointOf(key.substr(0, slash)), key);
-        if (!isNew) {
+        if (!isNew && !isInstalledIfMissing(key) && !isInstalledIfMissing(other->second)) {
             // The run would add its own again: the operator's must be removed.
             const std::string& operators = service.ofPanel ? other->second : key;
             findings.warning("service",

@@ -38,7 +38,7 @@ public:
                 break; // as Postfix does, although it says that this is no comment
             }
             if (begin == std::string::npos) {
-                continue;
+                return Membership::unknown; // Postfix's programs end with an error
             }
             const std::string item = element.substr(begin);
             const bool isFor = accepts == (begin % 2 == 0);

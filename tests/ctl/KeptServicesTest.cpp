@@ -47,5 +47,26 @@ TEST(KeptServicesTest, EntryOfAFilterOnThePortOfThePanelGetsAPortThatIsFree) {
                 HasSubstr("postconf -F 127.0.0.1:10025/inet/service=127.0.0.1:10127; "));
 }
 
+TEST(KeptServicesTest, PortOfThePanelUnderAnotherNameIsTold) {
+    const struct {
+        const char* name;
+        const char* text;
+    } rows[] = {
+        {"[127.0.0.1]:", "is 127.0.0.1:10025/inet for Postfix, which starts only one of them"},
+        {"localhost:", "shares its port with 127.0.0.1:10025/inet: each gets a part of what comes"},
+        {"", "shares its port with 127.0.0.1:10025/inet, which gets what comes to it"},
+    };
+    for (const auto& row : rows) {
+        const std::string host = row.name;
+        const auto found = foundIn(host + "10025 inet n - n - - smtpd\n");
+        ASSERT_THAT(found, SizeIs(1)) << host;
+        EXPECT_EQ(found[0].text, host + "10025/inet " + row.text);
+        EXPECT_THAT(found[0].advice,
+                    HasSubstr("postconf -F " + host + "10025/inet/service=" + host + "10125; "));
+    }
+    EXPECT_THAT(foundIn("192.0.2.1:10025 inet n - n - - smtpd\n"), IsEmpty());
+    EXPECT_THAT(foundIn("localhost:10024 inet n - n - - smtpd\n"), IsEmpty());
+}
+
 } // namespace
 } // namespace torva::ctl

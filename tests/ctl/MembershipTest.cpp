@@ -33,7 +33,7 @@ TEST(MembershipTest, FirstElementThatMatchesDecides) {
         {"a.example !a.example", Membership::yes},
         {"!!a.example", Membership::yes},
         {"!b.example", Membership::no},
-        {"! a.example", Membership::yes},
+        {"! a.example", Membership::unknown},
         {"b.example a.example # c.example", Membership::yes},
         {"b.example #, a.example", Membership::no},
         {"empty: hash:a.example", Membership::yes},

@@ -162,6 +162,12 @@ DEFECTS = [
              cure=before("; "))
       for port, text in ((10026, "all mail that leaves the panel's queue program goes there"),
                          (10027, "mail of programs on this host, and what has come by SMTP, goes there"))),
+    *(Defect(f"port_of_the_panel_{where}", master_cf(f"{host}10025 inet n - n - - smtpd -o content_filter="), "warning",
+             "service", text, f"postconf -F {host}10025/inet/service={host}10125; have what sends mail to port 10025 (amavis "
+             f"by $forward_method, a content_filter) use that port{THEN_APPLY}", before("; "))
+      for where, host, text in (("in_brackets", "[127.0.0.1]:", "Postfix, which starts only one of them"),
+                                ("by_name", "localhost:", "each gets a part of what comes"),
+                                ("everywhere", "", "which gets what comes to it"))),
     Defect("operators_sasl_service", master_cf("torva_saslauthd unix n n n - - pipe user=nobody argv=/bin/true"), "warning",
            "service", "the run keeps it; the passwords of SMTP clients are not checked by the panel's program",
            f"postconf -MX torva_saslauthd/unix{THEN_APPLY}", before("; ")),

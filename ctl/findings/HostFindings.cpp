@@ -118,7 +118,7 @@ Findings checkHost(const OwnPrograms& programs, Host& host) {
     findMainCf(host, findings);
     findMasterCf(host, findings);
     findDatabase(findings);
-    findOutcome(host.postfix, host.masterCf, findings);
+    findOutcome(host.postfix, host.masterCf, host.mapTypes, findings);
     return findings;
 }
 

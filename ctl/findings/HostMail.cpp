@@ -119,6 +119,20 @@ Membership membershipInClasses(const Postfix& postfix, DomainTables& tables) {
     return all;
 }
 
+/// The setting of mydestination with that domain at its end, or in front of everything where an
+/// exception would come before it.
+std::string withMailDomain(const Postfix& postfix) {
+    const std::string current = destinationsOf(postfix);
+    if (current.empty()) {
+        return mailDomain;
+    }
+    const auto noTable = [](const std::string&, const std::string&) { return Membership::no; };
+    const std::string appended = postfix.value("mydestination") + ", " + mailDomain;
+    return membership({mailDomain}, appended, noTable) == Membership::yes
+               ? current + ", " + mailDomain
+               : mailDomain + (", " + current);
+}
+
 } // namespace
 
 void findHostMail(const Postfix& postfix, Findings& findings) {
@@ -131,13 +145,11 @@ void findHostMail(const Postfix& postfix, Findings& findings) {
                         }));
     const Membership found = isLed ? membershipInClasses(after, tables) : Membership::yes;
     if (found == Membership::no) {
-        const std::string current = destinationsOf(postfix);
         findings.warning("mydestination",
                          "after a run, mail to root@, postmaster@ and mailer-daemon@" + host +
                              " goes to " + mailDomain +
                              ", which is in no domain class: it is deferred",
-                         "postconf -e 'mydestination=" + current + (current.empty() ? "" : ", ") +
-                             mailDomain + "'");
+                         "postconf -e 'mydestination=" + withMailDomain(after) + "'");
     } else if (found == Membership::yes) {
         findings.ok("mydestination", "mail to root@, postmaster@, mailer-daemon@");
     }

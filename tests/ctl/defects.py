@@ -247,6 +247,9 @@ DEFECTS = [
     Defect("table_of_other_domains", destinations("hash:/etc/postfix/dests", "example.net -\n"), "warning",
            "mydestination", "localhost.localdomain, which is in no domain class",
            "postconf -e 'mydestination=hash:/etc/postfix/dests, localhost.localdomain'", as_it_stands),
+    Defect("root_is_led_to_an_exception", main_cf("mydestination = !localhost.localdomain, localhost"), "warning",
+           "mydestination", "localhost.localdomain, which is in no domain class",
+           "postconf -e 'mydestination=localhost.localdomain, !localhost.localdomain, localhost'", as_it_stands),
     # The run gives it that of the host.
     Defect("name_without_a_domain", main_cf("myhostname = vm\nmydomain = localdomain\nmydestination = localhost.$mydomain"),
            "warning", "mydestination", "root@, postmaster@ and mailer-daemon@sandbox.example.net goes to",

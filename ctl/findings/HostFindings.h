@@ -46,10 +46,9 @@ void findDatabase(Findings& findings);
 
 /// "service", "map", "mydestination": of the configuration after a run.
 ///
-/// \param mapTypes  see Host; without them, Postfix is asked
+/// \param mapTypes  see Host
 void findOutcome(const Postfix& postfix, const MasterCfText& masterCf,
                  const std::vector<std::string>& mapTypes, Findings& findings);
-void findOutcome(const Postfix& postfix, const MasterCfText& masterCf, Findings& findings);
 
 /// "service": what an operator's entry does when the run keeps it in place of the panel's, or
 /// next to it on its port.

@@ -1,6 +1,5 @@
 #include "ctl/findings/HostFindings.h"
 #include "ctl/host/PanelRun.h"
-#include "ctl/host/Program.h"
 #include "ctl/host/ToolWords.h"
 
 #include <boost/algorithm/string/case_conv.hpp>
@@ -147,12 +146,6 @@ void findOutcome(const Postfix& postfix, const MasterCfText& masterCf,
     findings.fine("service", "endpoints and programs");
     findMaps(postfix, masterCf, mapTypes, findings);
     findHostMail(postfix, findings);
-}
-
-void findOutcome(const Postfix& postfix, const MasterCfText& masterCf, Findings& findings) {
-    const ToolResult types = run({"/usr/sbin/postconf", "-m"});
-    findOutcome(postfix, masterCf,
-                types.succeeded() ? linesOf(types.output) : std::vector<std::string>(), findings);
 }
 
 } // namespace torva::ctl

@@ -138,7 +138,7 @@ void Apply::finish() {
     ::sync();
     clearMarker(backups_);
     Findings findings;
-    findOutcome(after, readMasterCf(after), findings);
+    findOutcome(after, readMasterCf(after), host_.mapTypes, findings);
     report_.findings(findings.all());
     const std::vector<Change> foreign = foreignChanges(manifest, before_.value(), left);
     if (!foreign.empty()) {

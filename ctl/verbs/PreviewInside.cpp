@@ -147,7 +147,7 @@ void showVerdict(Report& report, const Host& before, const Postfix& postfix) {
 void showOutcome(Report& report, const Host& before, const Postfix& after) {
     Findings findings;
     findSupport(before, findings);
-    findOutcome(after, readMasterCf(after), findings);
+    findOutcome(after, readMasterCf(after), before.mapTypes, findings);
     report.findings(findings.all());
 }
 

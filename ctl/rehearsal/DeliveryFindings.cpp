@@ -1,6 +1,8 @@
 #include "ctl/rehearsal/DeliveryFindings.h"
 
 #include "ctl/rehearsal/Advice.h"
+#include "ctl/rehearsal/MessageTrail.h"
+#include "ctl/rehearsal/RelayProof.h"
 
 #include <algorithm>
 #include <iterator>
@@ -24,12 +26,6 @@ std::vector<LogLine> dialogueOf(const Attempt& attempt, const std::vector<LogLin
     const std::size_t begin = std::min(attempt.logBegin, end);
     using Offset = std::vector<LogLine>::difference_type;
     return {log.begin() + static_cast<Offset>(begin), log.begin() + static_cast<Offset>(end)};
-}
-
-// A reply such as "451 4.3.5 Server configuration error": the server failed, it did not
-// decide.
-bool isServerFault(const SmtpReply& reply) {
-    return reply.code == 0 || reply.text.compare(0, 5, "451 4") == 0 || reply.code == 421;
 }
 
 // The worst line of the smtpd(8) that took the connection, from its "connect from" on: what it
@@ -96,17 +92,62 @@ Finding tellRefused(const Attempt& attempt, const std::vector<LogLine>& log,
     const SmtpReply& reply = attempt.outcome.reply;
     const std::string text =
         withLine(attempt.what + ": refused: " + reply.text, lineOfRefusal(dialogue, reply));
-    const bool fault = isServerFault(reply);
-    if (attempt.relaying && !fault) {
-        return {Level::ok, deliverySubject, text, ""};
+    return warning(text, adviceAbout(text, dialogue, around));
+}
+
+// What became of a message whose recipient was accepted, although it should not be.
+std::string endOfOpenRelaying(const SmtpOutcome& outcome) {
+    if (outcome.accepted) {
+        return "accepted: " + outcome.reply.text;
     }
-    const std::string advice = adviceAbout(text, dialogue, around);
-    if (attempt.relaying) {
-        return warning(text, "The server failed, it did not decide: this proves nothing about "
-                             "relaying." +
-                                 (advice.empty() ? "" : " " + advice));
+    const std::string accepted = "the recipient was accepted; ";
+    if (!outcome.failure.empty()) {
+        return accepted + outcome.failure;
     }
-    return warning(text, advice);
+    const char* const where = outcome.step == "DATA" ? "at DATA: " : "at the end of its data: ";
+    return accepted + "the message was refused " + where + outcome.reply.text;
+}
+
+Finding tellOpenRelay(const Attempt& attempt, const std::vector<LogLine>& log) {
+    const std::vector<LogLine> dialogue = dialogueOf(attempt, log);
+    const LogLine line = attempt.outcome.accepted ? followMessage(log, attempt.messageId).last
+                                                  : lineOfRefusal(dialogue, attempt.outcome.reply);
+    return warning(withLine(attempt.what + ": " + endOfOpenRelaying(attempt.outcome), line),
+                   "Any stranger may send mail to anybody through this host: look at mynetworks, "
+                   "at smtpd_relay_restrictions and smtpd_recipient_restrictions, and at the "
+                   "tables that they name.");
+}
+
+// What a refusal that proves nothing tells about relaying.
+std::string whyUnproven(RelayProof proof) {
+    const std::string look =
+        "look whether smtpd_relay_restrictions or smtpd_recipient_restrictions "
+        "has reject_unauth_destination, and nothing before it that permits "
+        "strangers.";
+    switch (proof) {
+    case RelayProof::noneByFault:
+        return "The server failed, it did not decide: this proves nothing about relaying.";
+    case RelayProof::noneForNow:
+        return "A refusal for now proves nothing about relaying: " + look;
+    default:
+        return "It was not relaying that was refused, so this proves nothing about it: " + look;
+    }
+}
+
+Finding tellRelaying(const Attempt& attempt, const std::vector<LogLine>& log,
+                     const Surroundings& around) {
+    const RelayProof proof = judgeRelaying(attempt.outcome);
+    if (proof == RelayProof::accepted) {
+        return tellOpenRelay(attempt, log);
+    }
+    Finding finding = attempt.outcome.failure.empty() ? tellRefused(attempt, log, around)
+                                                      : tellNoAnswer(attempt, log, around);
+    if (proof == RelayProof::refused) {
+        return {Level::ok, deliverySubject, finding.text, ""};
+    }
+    const std::string known = finding.advice.empty() ? "" : " " + finding.advice;
+    finding.advice = whyUnproven(proof) + known;
+    return finding;
 }
 
 std::string stationsOf(const std::vector<Delivery>& deliveries) {
@@ -212,6 +253,9 @@ Finding tellUnsettled(const std::string& what, const MessageTrail& trail,
 
 Finding tellAttempt(const Attempt& attempt, const std::vector<LogLine>& log,
                     const Surroundings& around) {
+    if (attempt.relaying && !attempt.outcome.step.empty()) {
+        return tellRelaying(attempt, log, around);
+    }
     if (!attempt.outcome.failure.empty()) {
         return tellNoAnswer(attempt, log, around);
     }
@@ -219,12 +263,6 @@ Finding tellAttempt(const Attempt& attempt, const std::vector<LogLine>& log,
         return tellRefused(attempt, log, around);
     }
     const MessageTrail trail = followMessage(log, attempt.messageId);
-    if (attempt.relaying) {
-        return warning(
-            withLine(attempt.what + ": accepted: " + attempt.outcome.reply.text, trail.last),
-            "Any stranger may send mail to anybody through this host: look at "
-            "mynetworks and smtpd_recipient_restrictions.");
-    }
     const auto undelivered = std::find_if(
         trail.deliveries.begin(), trail.deliveries.end(), [&around](const Delivery& delivery) {
             return delivery.status != "sent" && !leavesHost(delivery, around);

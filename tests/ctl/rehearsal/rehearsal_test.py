@@ -9,7 +9,7 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "run"))
 import rehearsalworld as world
 from newerwords import VERSIONS, postconf_words
 from rehearsalworld import (LOOPBACK, OUTSIDE, PANEL, POSTFIX, RELAYING, SENDMAIL, TABLES, RehearsalTest, main,
-                            postconf, program, rehearse, remove, run, set_aliases, tree)
+                            postconf, program, rehearse, remove, run, set_aliases, table, tree)
 
 
 class GoodHostTest(RehearsalTest):
@@ -134,6 +134,31 @@ class BadHostTest(RehearsalTest):
         postconf("mynetworks=0.0.0.0/0")
         rehearsed = self.assertLevels(rehearse(), "ok ok ok warning")
         self.assertIn(": accepted: 250 ", rehearsed.findings[3]["text"])
+
+    def test_open_relay_is_told_even_if_it_refuses_for_another_reason(self):
+        (TABLES / "no_relay.re").write_text("/./ OK\n")
+        relaying = "smtpd_relay_restrictions=permit"
+        table("header_checks", "/^Subject: .*relaying/ REJECT no rehearsals\n")
+        table("clients", "/^203/ 450 4.7.1 greylisted\n")
+        for setting, text, advice in (
+                ("header_checks=regexp:/etc/postfix/header_checks",
+                 "the recipient was accepted; the message was refused at the end of its data: 550 5.7.1 no rehearsals. ",
+                 "Any stranger may send mail to anybody through this host: "),
+                ("smtpd_client_restrictions=check_client_access regexp:/etc/postfix/clients",
+                 "refused: 450 4.7.1 <outside.example[203.0.113.25]>: Client host rejected: greylisted. ",
+                 "A refusal for now proves nothing about relaying: "),
+                ("smtpd_helo_restrictions=permit_mynetworks, reject",
+                 "refused: 554 5.7.1 <[203.0.113.25]>: Helo command rejected: Access denied. ",
+                 "It was not relaying that was refused, so this proves nothing about it: "),
+                ("queue_minfree=999999999999", "refused: 452 4.3.1 Insufficient system storage. ",
+                 "A refusal for now proves nothing about relaying: ")):
+            with self.subTest(setting):
+                postconf(relaying, setting)
+                finding = rehearse().about(RELAYING)[0]
+                self.assertEqual(finding["level"], "warning", finding)
+                self.assertTrue(finding["text"].startswith(f"{RELAYING}: {text}"), finding)
+                self.assertTrue(finding["advice"].startswith(advice), finding)
+                run("postconf", "-X", setting.split("=")[0])
 
     def test_message_that_a_rule_holds_is_told(self):
         postconf("header_checks=static:HOLD")

@@ -1,6 +1,7 @@
 #include "ctl/rehearsal/DeliveryFindings.h"
 
 #include "ctl/rehearsal/Advice.h"
+#include "ctl/rehearsal/DialogueLines.h"
 #include "ctl/rehearsal/MessageTrail.h"
 #include "ctl/rehearsal/RelayProof.h"
 
@@ -18,41 +19,6 @@ Finding warning(const std::string& text, const std::string& advice) {
 
 std::string withLine(const std::string& text, const LogLine& line) {
     return line.text.empty() ? text + "." : text + ". Log: " + line.whole();
-}
-
-// The part of the log that was written while the message was offered.
-std::vector<LogLine> dialogueOf(const Attempt& attempt, const std::vector<LogLine>& log) {
-    const std::size_t end = std::min(attempt.logEnd, log.size());
-    const std::size_t begin = std::min(attempt.logBegin, end);
-    using Offset = std::vector<LogLine>::difference_type;
-    return {log.begin() + static_cast<Offset>(begin), log.begin() + static_cast<Offset>(end)};
-}
-
-// The worst line of the smtpd(8) that took the connection, from its "connect from" on: what it
-// logs before that is about its start, and other processes that start meanwhile log about
-// theirs. If it has logged nothing bad, the worst line of all.
-LogLine worstOfConnection(const std::vector<LogLine>& dialogue) {
-    const auto connected = std::find_if(dialogue.begin(), dialogue.end(), [](const LogLine& line) {
-        return line.text.compare(0, 13, "connect from ") == 0;
-    });
-    std::vector<LogLine> own;
-    std::copy_if(connected, dialogue.end(), std::back_inserter(own), [&](const LogLine& line) {
-        return line.program == connected->program && line.pid == connected->pid;
-    });
-    LogLine worst = worstLine(own);
-    return worst.text.empty() ? worstLine(dialogue) : worst;
-}
-
-// The line in which smtpd(8) logs its refusal; after a fault, the one with the cause.
-LogLine lineOfRefusal(const std::vector<LogLine>& dialogue, const SmtpReply& reply) {
-    LogLine worst = worstOfConnection(dialogue);
-    if (isServerFault(reply) && !worst.text.empty()) {
-        return worst;
-    }
-    const auto reject = std::find_if(dialogue.begin(), dialogue.end(), [](const LogLine& line) {
-        return line.text.find("reject: ") != std::string::npos;
-    });
-    return reject == dialogue.end() ? worst : *reject;
 }
 
 // Advice for the evidence; the rest of the dialogue is searched only if there is none,
@@ -74,7 +40,7 @@ std::string adviceAbout(const std::string& told, const std::vector<LogLine>& dia
 // message was sent.
 Finding tellNoAnswer(const Attempt& attempt, const std::vector<LogLine>& log,
                      const Surroundings& around) {
-    const std::vector<LogLine> dialogue = dialogueOf(attempt, log);
+    const std::vector<LogLine> dialogue = linesOfDialogue(log, attempt);
     LogLine line = worstLine(dialogue);
     for (const ServiceFault& fault : findServiceFaults(log)) {
         if (fault.daemon == "smtpd") {
@@ -88,11 +54,9 @@ Finding tellNoAnswer(const Attempt& attempt, const std::vector<LogLine>& log,
 
 Finding tellRefused(const Attempt& attempt, const std::vector<LogLine>& log,
                     const Surroundings& around) {
-    const std::vector<LogLine> dialogue = dialogueOf(attempt, log);
-    const SmtpReply& reply = attempt.outcome.reply;
-    const std::string text =
-        withLine(attempt.what + ": refused: " + reply.text, lineOfRefusal(dialogue, reply));
-    return warning(text, adviceAbout(text, dialogue, around));
+    const std::string text = withLine(attempt.what + ": refused: " + attempt.outcome.reply.text,
+                                      lineOfRefusal(log, attempt));
+    return warning(text, adviceAbout(text, linesOfDialogue(log, attempt), around));
 }
 
 // What became of a message whose recipient was accepted, although it should not be.
@@ -109,9 +73,8 @@ std::string endOfOpenRelaying(const SmtpOutcome& outcome) {
 }
 
 Finding tellOpenRelay(const Attempt& attempt, const std::vector<LogLine>& log) {
-    const std::vector<LogLine> dialogue = dialogueOf(attempt, log);
     const LogLine line = attempt.outcome.accepted ? followMessage(log, attempt.messageId).last
-                                                  : lineOfRefusal(dialogue, attempt.outcome.reply);
+                                                  : lineOfRefusal(log, attempt);
     return warning(withLine(attempt.what + ": " + endOfOpenRelaying(attempt.outcome), line),
                    "Any stranger may send mail to anybody through this host: look at mynetworks, "
                    "at smtpd_relay_restrictions and smtpd_recipient_restrictions, and at the "

@@ -37,6 +37,9 @@ Attempt accepted(const std::string& what) {
 Attempt refused(const std::string& what, const SmtpReply& reply, std::size_t lines) {
     Attempt attempt;
     attempt.what = what;
+    attempt.client = "192.0.2.1";
+    attempt.message = {"[192.0.2.1]", "sender@[192.0.2.1]", "r", ""};
+    attempt.outcome.step = "RCPT";
     attempt.outcome.reply = reply;
     attempt.logEnd = lines;
     return attempt;

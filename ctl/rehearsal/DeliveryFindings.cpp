@@ -73,7 +73,7 @@ std::string endOfOpenRelaying(const SmtpOutcome& outcome) {
 }
 
 Finding tellOpenRelay(const Attempt& attempt, const std::vector<LogLine>& log) {
-    const LogLine line = attempt.outcome.accepted ? followMessage(log, attempt.messageId).last
+    const LogLine line = attempt.outcome.accepted ? followMessage(log, marksOf(log, attempt)).last
                                                   : lineOfRefusal(log, attempt);
     return warning(withLine(attempt.what + ": " + endOfOpenRelaying(attempt.outcome), line),
                    "Any stranger may send mail to anybody through this host: look at mynetworks, "
@@ -190,23 +190,43 @@ LogLine worstBeforeQueue(const std::vector<LogLine>& log) {
     return worstLine(own);
 }
 
-Finding tellUnsettled(const std::string& what, const MessageTrail& trail,
+// Accepted, but there is no trace of it in any queue.
+Finding tellUntaken(const Attempt& attempt, const MessageTrail& trail,
+                    const std::vector<LogLine>& log, const Surroundings& around) {
+    const std::string text = attempt.what + ": accepted, but not taken into the queue";
+    const LogLine why = worstBeforeQueue(log);
+    if (!why.text.empty()) {
+        return warning(withLine(text, why), adviceFor(why.whole(), around));
+    }
+    if (trail.found) {
+        return warning(withLine(text + " in time", trail.last),
+                       "The service cleanup has it, and waits: look at the milters and the tables "
+                       "that it asks (non_smtpd_milters, smtpd_milters, virtual_alias_maps).");
+    }
+    if (attempt.client.empty()) {
+        return warning(text + ".", "The service pickup takes what sendmail has left, cleanup puts "
+                                   "it into the queue: look at both in master.cf.");
+    }
+    return warning(attempt.what + ": accepted: " + attempt.outcome.reply.text +
+                       "; what became of it is not known, because the reply has no queue id and "
+                       "the log has no such Message-ID.",
+                   "Send a message of your own, and look for its recipient in the log of the "
+                   "host.");
+}
+
+Finding tellUnsettled(const Attempt& attempt, const MessageTrail& trail,
                       const std::vector<LogLine>& log, const Surroundings& around) {
-    const std::string text = trail.queued ? what + ": accepted, but not delivered in time"
-                                          : what + ": accepted, but not taken into the queue";
+    const std::string text =
+        attempt.what + (trail.queued ? ": accepted, but not delivered in time"
+                                     : ": accepted, but not taken into the queue");
     for (const ServiceFault& fault : findServiceFaults(log)) {
         if (fault.atStart) {
             return warning(withLine(text + ": " + fault.daemon + " could not start", fault.why),
                            adviceForService(fault.why.text));
         }
     }
-    const LogLine why = trail.queued ? LogLine() : worstBeforeQueue(log);
-    if (!why.text.empty()) {
-        return warning(withLine(text, why), adviceFor(why.whole(), around));
-    }
     if (!trail.queued) {
-        return warning(text + ".", "The service pickup takes what sendmail has left, cleanup puts "
-                                   "it into the queue: look at both in master.cf.");
+        return tellUntaken(attempt, trail, log, around);
     }
     return warning(withLine(text, trail.last),
                    "It waits for another program or host, or takes longer than this.");
@@ -225,7 +245,7 @@ Finding tellAttempt(const Attempt& attempt, const std::vector<LogLine>& log,
     if (!attempt.outcome.accepted) {
         return tellRefused(attempt, log, around);
     }
-    const MessageTrail trail = followMessage(log, attempt.messageId);
+    const MessageTrail trail = followMessage(log, marksOf(log, attempt));
     const auto undelivered = std::find_if(
         trail.deliveries.begin(), trail.deliveries.end(), [&around](const Delivery& delivery) {
             return delivery.status != "sent" && !leavesHost(delivery, around);
@@ -234,7 +254,7 @@ Finding tellAttempt(const Attempt& attempt, const std::vector<LogLine>& log,
         return tellUndelivered(attempt.what, *undelivered, around);
     }
     if (!trail.settled || trail.deliveries.empty()) {
-        return tellUnsettled(attempt.what, trail, log, around);
+        return tellUnsettled(attempt, trail, log, around);
     }
     return tellDelivered(attempt.what, trail.deliveries);
 }

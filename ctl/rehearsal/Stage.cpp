@@ -197,7 +197,8 @@ void Stage::sendAll() {
 
 bool Stage::allSettled() const {
     for (const Attempt& attempt : attempts_) {
-        if (attempt.outcome.accepted && !followMessage(log_.lines(), attempt.messageId).settled) {
+        if (attempt.outcome.accepted &&
+            !followMessage(log_.lines(), marksOf(log_.lines(), attempt)).settled) {
             return false;
         }
     }

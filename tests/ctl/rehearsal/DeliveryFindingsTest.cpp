@@ -292,6 +292,26 @@ TEST(DeliveryFindingsTest, MessageThatCleanupDoesNotTakeIsToldWithItsReason) {
                   "host, this tells nothing about it.");
 }
 
+TEST(DeliveryFindingsTest, MessageThatCleanupHasNotFinishedIsToldSo) {
+    const Finding finding = tellAttempt(accepted("sendmail root"),
+                                        logOf({"postfix/pickup[7]: A: uid=0 from=<root>"}), host);
+    EXPECT_EQ(finding.text, "sendmail root: accepted, but not taken into the queue in time. Log: "
+                            "postfix/pickup[7]: A: uid=0 from=<root>");
+    EXPECT_EQ(finding.advice.substr(0, finding.advice.find(':')),
+              "The service cleanup has it, and waits");
+}
+
+TEST(DeliveryFindingsTest, MessageThatCannotBeFollowedIsToldSo) {
+    Attempt attempt = accepted("from outside to r");
+    attempt.client = "192.0.2.1";
+    attempt.outcome.reply = {250, "250 thanks"};
+    expectFinding(tellAttempt(attempt, logOf({"postfix/pickup[7]: A: uid=0 from=<x>"}), host),
+                  Level::warning,
+                  "from outside to r: accepted: 250 thanks; what became of it is not known, "
+                  "because the reply has no queue id and the log has no such Message-ID.",
+                  "Send a message of your own, and look for its recipient in the log of the host.");
+}
+
 TEST(DeliveryFindingsTest, MissingProgramIsNamedWithItsServices) {
     expectFinding(tellMissing(withoutQueueProgram().missing[0]), Level::warning,
                   "The panel's /usr/lib/torva-9.0/postfix-queue is missing: services "

@@ -42,6 +42,11 @@ class GoodHostTest(RehearsalTest):
         self.assertEqual(tree("/etc/postfix"), before)
         self.assertFalse(Path("/var/log/mail.log").exists())
 
+    def test_message_without_message_id_and_daemons_with_a_blank_in_their_names_are_followed(self):
+        table("header_checks", "/^Message-ID:/ IGNORE\n")
+        postconf("header_checks=regexp:/etc/postfix/header_checks", "syslog_name=my mail")
+        self.assertLevels(rehearse(), "ok ok ok ok")
+
     def test_mail_for_another_host_has_done_its_part(self):
         set_aliases("postmaster: root", "root: admin@example.com")
         rehearsed = self.assertLevels(rehearse(), "ok ok ok ok")
@@ -164,6 +169,20 @@ class BadHostTest(RehearsalTest):
         postconf("header_checks=static:HOLD")
         rehearsed = self.assertLevels(rehearse(), "warning warning warning ok")
         self.assertIn(": accepted, then held: hold: header ", rehearsed.findings[0]["text"])
+
+    def test_each_message_that_a_rule_refuses_is_told_with_its_own_line(self):
+        table("header_checks", "/^Subject: rehearsal/ REJECT no rehearsals\n")
+        postconf("header_checks=regexp:/etc/postfix/header_checks")
+        rehearsed = self.assertLevels(rehearse(), "warning warning warning ok")
+        self.assertIn(": accepted, then bounced: no rehearsals. ", rehearsed.findings[0]["text"])
+        for finding, message in zip(rehearsed.findings[1:3], (LOOPBACK, OUTSIDE)):
+            self.assertIn(f": reject: header Subject: rehearsal: {message} from ", finding["text"])
+
+    def test_message_that_is_discarded_before_its_message_id_is_told(self):
+        table("header_checks", "/^From:/ DISCARD\n")
+        postconf("header_checks=regexp:/etc/postfix/header_checks")
+        for finding in self.assertLevels(rehearse(), "warning warning warning ok").findings[:3]:
+            self.assertIn(": accepted, then discarded: discard: header From: ", finding["text"])
 
     def test_unknown_recipient_is_told(self):
         set_aliases("postmaster: nobody-of-this-name")

@@ -184,6 +184,11 @@ class BadHostTest(RehearsalTest):
         for finding in self.assertLevels(rehearse(), "warning warning warning ok").findings[:3]:
             self.assertIn(": accepted, then discarded: discard: header From: ", finding["text"])
 
+    def test_words_of_sendmail_are_whole_even_if_no_message_may_be_larger_than_a_byte(self):
+        postconf("message_size_limit=1")
+        self.assertIn(": not accepted: sendmail: fatal: root(0): message file too big. ",
+                      rehearse().about(SENDMAIL)[0]["text"])
+
     def test_unknown_recipient_is_told(self):
         set_aliases("postmaster: nobody-of-this-name")
         rehearsed = self.assertLevels(rehearse(), "ok ok warning ok")

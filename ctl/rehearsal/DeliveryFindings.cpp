@@ -21,8 +21,12 @@ std::string withLine(const std::string& text, const LogLine& line) {
     return line.text.empty() ? text + "." : text + ". Log: " + line.whole();
 }
 
-// Advice for the evidence; the rest of the dialogue is searched only if there is none,
-// because most of it is unrelated.
+// A warning that always has an advice.
+Finding warningWithAdvice(const std::string& text, const std::string& advice) {
+    return warning(text, advice.empty() ? adviceForAny(text) : advice);
+}
+
+// Advice for the evidence, if any; the rest of the dialogue is searched only if there is none.
 std::string adviceAbout(const std::string& told, const std::vector<LogLine>& dialogue,
                         const Surroundings& around) {
     std::string advice = adviceFor(told, around);
@@ -42,21 +46,32 @@ Finding tellNoAnswer(const Attempt& attempt, const std::vector<LogLine>& log,
                      const Surroundings& around) {
     const std::vector<LogLine> dialogue = linesOfDialogue(log, attempt);
     LogLine line = worstLine(dialogue);
+    std::string needed;
     for (const ServiceFault& fault : findServiceFaults(log)) {
         if (fault.daemon == "smtpd") {
             line = fault.why;
+        } else if (fault.atStart) {
+            needed = fault.daemon;
         }
     }
     const char* const verdict = attempt.outcome.step.empty() ? ": not sent: " : ": not accepted: ";
     const std::string text = withLine(attempt.what + verdict + attempt.outcome.failure, line);
-    return warning(text, adviceAbout(text, dialogue, around));
+    if (line.text.empty() && !needed.empty()) {
+        return warning(text, "The service program " + needed +
+                                 " could not start; the server may wait for it.");
+    }
+    return warningWithAdvice(text, adviceAbout(text, dialogue, around));
+}
+
+std::string textOfRefusal(const Attempt& attempt, const std::vector<LogLine>& log) {
+    return withLine(attempt.what + ": refused: " + attempt.outcome.reply.text,
+                    lineOfRefusal(log, attempt));
 }
 
 Finding tellRefused(const Attempt& attempt, const std::vector<LogLine>& log,
                     const Surroundings& around) {
-    const std::string text = withLine(attempt.what + ": refused: " + attempt.outcome.reply.text,
-                                      lineOfRefusal(log, attempt));
-    return warning(text, adviceAbout(text, linesOfDialogue(log, attempt), around));
+    const std::string text = textOfRefusal(attempt, log);
+    return warningWithAdvice(text, adviceAbout(text, linesOfDialogue(log, attempt), around));
 }
 
 // What became of a message whose recipient was accepted, although it should not be.
@@ -103,13 +118,15 @@ Finding tellRelaying(const Attempt& attempt, const std::vector<LogLine>& log,
     if (proof == RelayProof::accepted) {
         return tellOpenRelay(attempt, log);
     }
+    if (proof == RelayProof::refused) {
+        return {Level::ok, deliverySubject, textOfRefusal(attempt, log), ""};
+    }
     Finding finding = attempt.outcome.failure.empty() ? tellRefused(attempt, log, around)
                                                       : tellNoAnswer(attempt, log, around);
-    if (proof == RelayProof::refused) {
-        return {Level::ok, deliverySubject, finding.text, ""};
-    }
-    const std::string known = finding.advice.empty() ? "" : " " + finding.advice;
-    finding.advice = whyUnproven(proof) + known;
+    // Where the words are unknown, to look for the relaying is enough.
+    const bool known = finding.advice != adviceForAny(finding.text);
+    const bool more = known || proof == RelayProof::noneByFault;
+    finding.advice = whyUnproven(proof) + (more ? " " + finding.advice : "");
     return finding;
 }
 
@@ -153,10 +170,27 @@ Finding tellUndelivered(const std::string& what, const Delivery& delivery,
     const std::string by = delivery.relay.empty() || delivery.relay == "none"
                                ? std::string()
                                : " at " + delivery.relay;
-    return warning(
+    return warningWithAdvice(
         withLine(what + ": accepted, then " + delivery.status + by + ": " + delivery.reason,
                  delivery.line),
         adviceFor(delivery.line.whole(), around));
+}
+
+// Whether a delivery is none: nobody can read the message afterwards.
+bool isThrownAway(const Delivery& delivery) {
+    return delivery.status == "sent" &&
+           (delivery.reason == "discarded" || delivery.line.daemon() == "discard" ||
+            delivery.reason == "delivered to file: /dev/null");
+}
+
+Finding tellThrownAway(const std::string& what, const std::vector<Delivery>& deliveries) {
+    const bool byAlias = deliveries.back().line.daemon() == "local";
+    return warning(withLine(what + ": accepted, then thrown away: " + stationsOf(deliveries),
+                            deliveries.back().line),
+                   byAlias ? "Nobody can read it: give this address a recipient in the aliases, "
+                             "then run newaliases."
+                           : "Nobody can read it: look for the transport discard in "
+                             "transport_maps and in the settings that name transports.");
 }
 
 // Everything was delivered: only tells where.
@@ -196,7 +230,7 @@ Finding tellUntaken(const Attempt& attempt, const MessageTrail& trail,
     const std::string text = attempt.what + ": accepted, but not taken into the queue";
     const LogLine why = worstBeforeQueue(log);
     if (!why.text.empty()) {
-        return warning(withLine(text, why), adviceFor(why.whole(), around));
+        return warningWithAdvice(withLine(text, why), adviceFor(why.whole(), around));
     }
     if (trail.found) {
         return warning(withLine(text + " in time", trail.last),
@@ -256,6 +290,9 @@ Finding tellAttempt(const Attempt& attempt, const std::vector<LogLine>& log,
     if (!trail.settled || trail.deliveries.empty()) {
         return tellUnsettled(attempt, trail, log, around);
     }
+    if (std::all_of(trail.deliveries.begin(), trail.deliveries.end(), isThrownAway)) {
+        return tellThrownAway(attempt.what, trail.deliveries);
+    }
     return tellDelivered(attempt.what, trail.deliveries);
 }
 
@@ -286,9 +323,7 @@ Finding tellNoStart(const std::string& said, const std::vector<LogLine>& log) {
     all.insert(all.end(), printed.begin(), printed.end());
     const LogLine worst = worstLine(all);
     const std::string text = "Postfix does not start, so no message was sent";
-    const std::string known = adviceForService(worst.text + said);
-    const std::string advice =
-        known.empty() ? "Correct what Postfix complains of, then rehearse again." : known;
+    const std::string advice = adviceForService(worst.text + said);
     const bool isLogged = !worst.text.empty() && worst.whole() == worstLine(log).whole();
     if (isLogged) {
         return warning(withLine(text, worst), advice);

@@ -18,7 +18,8 @@ namespace torva::ctl::rehearsal {
 struct Surroundings {
     std::vector<MissingProgram> missing;
     std::string hostName;
-    std::string myDestination; ///< as main.cf has it, not expanded
+    std::string myDestination;              ///< as main.cf has it, not expanded
+    std::vector<std::string> disabled = {}; ///< services of master.cf that are switched off
 };
 
 /// What happened to a message.

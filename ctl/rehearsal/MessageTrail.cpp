@@ -13,7 +13,7 @@ struct Queued {
     bool removed = false; // from the queue
     bool waits = false;   // for another attempt, for an administrator, or for nothing
     bool ours = false;    // the Message-ID has been seen, or the id was told before
-    bool arrived = false; // more is known than from where it came
+    bool arrived = false; // in a queue, or cleanup(8) has decided about it
     std::vector<Delivery> deliveries;
     LogLine last;
 
@@ -68,21 +68,24 @@ std::string orderedStatus(std::string_view said) {
     return startsWith(said, "hold: ") ? "held" : startsWith(said, "discard: ") ? "discarded" : "";
 }
 
-// smtpd(8) and pickup(8) log from where a message comes, cleanup(8) and the rest that it came.
-bool isOrigin(std::string_view said) {
-    return startsWith(said, "client=") || startsWith(said, "uid=");
+// Before these there are only lines about where a message comes from, and about a milter that
+// cleanup(8) cannot reach.
+bool showsArrival(std::string_view said) {
+    return startsWith(said, "message-id=") || startsWith(said, "from=<") || said == "removed";
 }
 
 void take(Queued& queued, const LogLine& line, std::string_view said) {
     queued.last = line;
-    queued.arrived = queued.arrived || !isOrigin(said);
+    queued.arrived = queued.arrived || showsArrival(said);
     const std::string order = orderedStatus(said);
     if (said == "removed") {
         queued.removed = true;
     } else if (!order.empty()) {
+        queued.arrived = true;
         queued.waits = true;
         queued.deliveries.push_back({"", "none", order, std::string(said), line});
     } else if (std::optional<Delivery> delivery = parseDelivery(line, said)) {
+        queued.arrived = true;
         // What cleanup(8) has refused is in no queue, and is never removed from one.
         queued.waits = queued.waits || delivery->status == "deferred" || line.daemon() == "cleanup";
         queued.deliveries.push_back(*std::move(delivery));

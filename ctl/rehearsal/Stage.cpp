@@ -221,10 +221,11 @@ void Stage::awaitAll() {
 }
 
 void Stage::tell() {
-    const Surroundings around{findMissingPrograms(configuration_.services,
-                                                  configuration_.get("daemon_directory"),
-                                                  isProgram),
-                              hostName_, configuration_.myDestination};
+    const Surroundings around{
+        findMissingPrograms(configuration_.services, configuration_.get("daemon_directory"),
+                            isProgram),
+        hostName_, configuration_.myDestination,
+        findDisabled(configuration_.services, configuration_.get("master_service_disable"))};
     for (const Attempt& attempt : attempts_) {
         report_(encode(tellAttempt(attempt, log_.lines(), around)));
     }

@@ -1,57 +1,13 @@
-#include "ctl/rehearsal/DeliveryFindings.h"
+#include "ctl/rehearsal/attempts.h"
 
 #include <gtest/gtest.h>
 
 using namespace torva::ctl::rehearsal;
+using namespace torva::test::rehearsal;
 using torva::ctl::Finding;
 using torva::ctl::Level;
 
 namespace {
-
-std::vector<LogLine> logOf(const std::vector<const char*>& lines) {
-    std::vector<LogLine> log;
-    for (const char* line : lines) {
-        log.push_back(parseLogLine(line));
-    }
-    return log;
-}
-
-const Surroundings host = {{}, "mail.example.net", "$myhostname, localhost"};
-
-Surroundings withoutQueueProgram() {
-    Surroundings around = host;
-    around.missing = {
-        {"/usr/lib/torva-9.0/postfix-queue", {"127.0.0.1:10025", "127.0.0.1:10027"}, true}};
-    return around;
-}
-
-Attempt accepted(const std::string& what) {
-    Attempt attempt;
-    attempt.what = what;
-    attempt.messageId = "<m@x>";
-    attempt.outcome.accepted = true;
-    attempt.outcome.reply = {250, "250 2.0.0 Ok: queued as A"};
-    return attempt;
-}
-
-Attempt refused(const std::string& what, const SmtpReply& reply, std::size_t lines) {
-    Attempt attempt;
-    attempt.what = what;
-    attempt.client = "192.0.2.1";
-    attempt.message = {"[192.0.2.1]", "sender@[192.0.2.1]", "r", ""};
-    attempt.outcome.step = "RCPT";
-    attempt.outcome.reply = reply;
-    attempt.logEnd = lines;
-    return attempt;
-}
-
-void expectFinding(const Finding& finding, Level level, const std::string& text,
-                   const std::string& advice) {
-    EXPECT_EQ(finding.level, level);
-    EXPECT_EQ(finding.subject, "delivery");
-    EXPECT_EQ(finding.text, text);
-    EXPECT_EQ(finding.advice, advice);
-}
 
 TEST(DeliveryFindingsTest, DeliveredMessageIsToldWithItsPlace) {
     const auto log = logOf({"postfix/cleanup[1]: A: message-id=<m@x>",
@@ -90,6 +46,38 @@ TEST(DeliveryFindingsTest, MailForNobodysHostComesWithTheCommandThatHelps) {
               "Mail for root, postmaster and mailer-daemon goes to localhost.localdomain, which "
               "is no domain of this host: postconf -e 'mydestination=$myhostname, localhost, "
               "localhost.localdomain'");
+}
+
+// The finding for a message that has this line, after which it is removed.
+Finding tellLine(const std::string& line) {
+    return tellAttempt(accepted("sendmail root"),
+                       logOf({"postfix/cleanup[1]: A: message-id=<m@x>", line.c_str(),
+                              "postfix/qmgr[3]: A: removed"}),
+                       host);
+}
+
+TEST(DeliveryFindingsTest, MailThatIsThrownAwayIsAWarning) {
+    const std::string discarded = "postfix/local[2]: A: to=<p@x>, relay=local, status=sent ";
+    expectFinding(tellLine(discarded + "(discarded)"), Level::warning,
+                  "sendmail root: accepted, then thrown away: p@x by local (discarded). Log: " +
+                      discarded + "(discarded)",
+                  "Nobody can read it: give this address a recipient in the aliases, then run "
+                  "newaliases.");
+    EXPECT_EQ(tellLine(discarded + "(delivered to file: /dev/null)").level, Level::warning);
+    EXPECT_EQ(tellLine(discarded + "(delivered to file: /dev/nullable)").level, Level::ok);
+    const Finding finding =
+        tellLine("postfix/discard[2]: A: to=<p@x>, relay=none, status=sent (no reason)");
+    EXPECT_EQ(finding.level, Level::warning);
+    EXPECT_EQ(finding.advice, "Nobody can read it: look for the transport discard in "
+                              "transport_maps and in the settings that name transports.");
+}
+
+TEST(DeliveryFindingsTest, OneRecipientWhoCanReadItIsEnough) {
+    const auto log = logOf({"postfix/cleanup[1]: A: message-id=<m@x>",
+                            "postfix/local[2]: A: to=<a@x>, relay=local, status=sent (ok)",
+                            "postfix/local[2]: A: to=<b@x>, relay=local, status=sent (discarded)",
+                            "postfix/qmgr[3]: A: removed"});
+    EXPECT_EQ(tellAttempt(accepted("sendmail root"), log, host).level, Level::ok);
 }
 
 TEST(DeliveryFindingsTest, MailForAnotherHostHasDoneItsPart) {
@@ -165,84 +153,6 @@ TEST(DeliveryFindingsTest, WhatServersSayAtTheirStartIsNotTheReasonOfAFault) {
     EXPECT_EQ(tellAttempt(attempt, log, host).text,
               "from outside to r: refused: 451 4.7.1 Service unavailable. Log: "
               "postfix/smtpd[2]: warning: connect to Milter service y");
-}
-
-Attempt relaying(const char* step, const SmtpReply& reply) {
-    Attempt attempt = refused("relaying", reply, 0);
-    attempt.relaying = true;
-    attempt.outcome.step = step;
-    return attempt;
-}
-
-const char* const openRelay =
-    "Any stranger may send mail to anybody through this host: look at mynetworks, at "
-    "smtpd_relay_restrictions and smtpd_recipient_restrictions, and at the tables that they name.";
-
-TEST(DeliveryFindingsTest, RefusedRelayingIsFine) {
-    expectFinding(
-        tellAttempt(relaying("RCPT", {554, "554 5.7.1 <r>: Relay access denied"}), {}, host),
-        Level::ok, "relaying: refused: 554 5.7.1 <r>: Relay access denied.", "");
-}
-
-TEST(DeliveryFindingsTest, RelayingThatEndsInAFaultProvesNothing) {
-    expectFinding(tellAttempt(relaying("RCPT", {451, "451 4.3.5 x"}), {}, host), Level::warning,
-                  "relaying: refused: 451 4.3.5 x.",
-                  "The server failed, it did not decide: this proves nothing about relaying.");
-}
-
-TEST(DeliveryFindingsTest, RelayingThatIsRefusedForNowProvesNothing) {
-    const Finding finding = tellAttempt(
-        relaying("RCPT", {450, "450 4.7.1 <o[192.0.2.1]>: Client host rejected: later"}), {}, host);
-    expectFinding(finding, Level::warning,
-                  "relaying: refused: 450 4.7.1 <o[192.0.2.1]>: Client host rejected: later.",
-                  "A refusal for now proves nothing about relaying: look whether "
-                  "smtpd_relay_restrictions or smtpd_recipient_restrictions has "
-                  "reject_unauth_destination, and nothing before it that permits strangers.");
-}
-
-TEST(DeliveryFindingsTest, RefusalOfAStrangersNameProvesNothingAboutRelaying) {
-    const Finding finding =
-        tellAttempt(relaying("RCPT", {550, "550 5.7.1 <x>: Helo command rejected: y"}), {}, host);
-    EXPECT_EQ(finding.level, Level::warning);
-    EXPECT_EQ(finding.advice.substr(0, finding.advice.find(':')),
-              "It was not relaying that was refused, so this proves nothing about it");
-}
-
-TEST(DeliveryFindingsTest, RelayingWithoutAnAnswerProvesNothing) {
-    Attempt attempt = relaying("RCPT", {});
-    attempt.outcome.failure = "port 25 of x: no answer in time";
-    const Finding finding = tellAttempt(attempt, {}, host);
-    EXPECT_EQ(finding.text, "relaying: not accepted: port 25 of x: no answer in time.");
-    EXPECT_EQ(finding.advice.substr(0, finding.advice.find('.')),
-              "The server failed, it did not decide: this proves nothing about relaying");
-}
-
-TEST(DeliveryFindingsTest, AcceptedRelayingIsAWarning) {
-    Attempt attempt = accepted("relaying");
-    attempt.relaying = true;
-    attempt.outcome.step = "message";
-    expectFinding(tellAttempt(attempt, {}, host), Level::warning,
-                  "relaying: accepted: 250 2.0.0 Ok: queued as A.", openRelay);
-}
-
-TEST(DeliveryFindingsTest, RelayingIsOpenWhenOnlyTheMessageIsRefused) {
-    expectFinding(tellAttempt(relaying("message", {550, "550 5.7.1 spam"}), {}, host),
-                  Level::warning,
-                  "relaying: the recipient was accepted; the message was refused at the end of its "
-                  "data: 550 5.7.1 spam.",
-                  openRelay);
-    expectFinding(tellAttempt(relaying("DATA", {550, "550 5.5.3 no"}), {}, host), Level::warning,
-                  "relaying: the recipient was accepted; the message was refused at DATA: 550 "
-                  "5.5.3 no.",
-                  openRelay);
-}
-
-TEST(DeliveryFindingsTest, RelayingIsOpenWhenTheServerFallsSilentAfterTheRecipient) {
-    Attempt attempt = relaying("message", {});
-    attempt.outcome.failure = "port 25 of x: no answer in time";
-    expectFinding(tellAttempt(attempt, {}, host), Level::warning,
-                  "relaying: the recipient was accepted; port 25 of x: no answer in time.",
-                  openRelay);
 }
 
 TEST(DeliveryFindingsTest, MessageThatTookNoStepWasNotSent) {
@@ -325,7 +235,8 @@ TEST(DeliveryFindingsTest, MissingProgramIsNamedWithItsServices) {
 TEST(DeliveryFindingsTest, ServiceThatCouldNotStartIsTold) {
     expectFinding(tellFault({"smtpd", true, parseLogLine("postfix/smtpd[7]: fatal: x")}),
                   Level::warning,
-                  "The service program smtpd could not start. Log: postfix/smtpd[7]: fatal: x", "");
+                  "The service program smtpd could not start. Log: postfix/smtpd[7]: fatal: x",
+                  "Correct what it complains of, then rehearse again.");
 }
 
 TEST(DeliveryFindingsTest, PostfixThatDoesNotStartIsToldInItsOwnWords) {
@@ -333,10 +244,10 @@ TEST(DeliveryFindingsTest, PostfixThatDoesNotStartIsToldInItsOwnWords) {
                   Level::warning,
                   "Postfix does not start, so no message was sent. Log: postfix[6]: fatal: bad "
                   "numerical configuration",
-                  "Correct what Postfix complains of, then rehearse again.");
+                  "Correct what it complains of, then rehearse again.");
     expectFinding(tellNoStart("postconf: fatal: a\nb\n", {}), Level::warning,
                   "Postfix does not start, so no message was sent: postconf: fatal: a b.",
-                  "Correct what Postfix complains of, then rehearse again.");
+                  "Correct what it complains of, then rehearse again.");
 }
 
 TEST(DeliveryFindingsTest, PostfixThatIsStillStartingIsToldWithTheTime) {
@@ -360,7 +271,7 @@ TEST(DeliveryFindingsTest, PostfixThatDoesNotStartIsNotToldInItsWarnings) {
     const auto log = logOf({"postfix/postfix-script[6]: warning: not owned by root: /x"});
     expectFinding(tellNoStart(said, log), Level::warning,
                   "Postfix does not start, so no message was sent: postfix: fatal: a.",
-                  "Correct what Postfix complains of, then rehearse again.");
+                  "Correct what it complains of, then rehearse again.");
 }
 
 TEST(DeliveryFindingsTest, NoTextHoldsALineFeed) {

@@ -145,6 +145,11 @@ TEST(MessageTrailTest, MessageOfWhichOnlyTheOriginIsLoggedIsNotQueued) {
     EXPECT_FALSE(trail.queued);
     EXPECT_FALSE(trail.settled);
     EXPECT_EQ(trail.last.text, "A: uid=0 from=<root>");
+    EXPECT_FALSE(follow({"postfix/pickup[1]: A: uid=0 from=<root>",
+                         "postfix/cleanup[2]: A: milter-reject: CONNECT from localhost[127.0.0.1]: "
+                         "4.7.1 Service unavailable; from=<root@x>"},
+                        "A")
+                     .queued);
 }
 
 TEST(MessageTrailTest, WhatCleanupRefusesIsSettled) {

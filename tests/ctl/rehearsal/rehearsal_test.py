@@ -189,6 +189,21 @@ class BadHostTest(RehearsalTest):
         self.assertIn(": not accepted: sendmail: fatal: root(0): message file too big. ",
                       rehearse().about(SENDMAIL)[0]["text"])
 
+    def test_mail_that_nobody_can_read_is_told(self):
+        set_aliases("postmaster: /dev/null")
+        rehearsed = self.assertLevels(rehearse(), "ok ok warning ok")
+        self.assertIn(": accepted, then thrown away: ", rehearsed.findings[2]["text"])
+        set_aliases("root: root")  # without postmaster, local discards what is for it
+        rehearsed = self.assertLevels(rehearse(), "ok ok warning ok")
+        self.assertIn(" by local (discarded). ", rehearsed.findings[2]["text"])
+        self.assertIn("give this address a recipient in the aliases", rehearsed.findings[2]["advice"])
+
+    def test_service_that_is_switched_off_is_told_as_the_reason(self):
+        postconf("master_service_disable=smtp/inet")
+        for finding in self.assertLevels(rehearse(), "ok warning warning warning").findings[1:]:
+            self.assertTrue(finding["advice"].endswith("The service smtp stands in master.cf, but is switched off: "
+                                                       "postconf -h master_service_disable"), finding)
+
     def test_unknown_recipient_is_told(self):
         set_aliases("postmaster: nobody-of-this-name")
         rehearsed = self.assertLevels(rehearse(), "ok ok warning ok")

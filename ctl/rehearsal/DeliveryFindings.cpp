@@ -228,7 +228,8 @@ LogLine worstBeforeQueue(const std::vector<LogLine>& log) {
 Finding tellUntaken(const Attempt& attempt, const MessageTrail& trail,
                     const std::vector<LogLine>& log, const Surroundings& around) {
     const std::string text = attempt.what + ": accepted, but not taken into the queue";
-    const LogLine why = worstBeforeQueue(log);
+    // What an SMTP server has accepted, cleanup has taken.
+    const LogLine why = attempt.client.empty() ? worstBeforeQueue(log) : LogLine();
     if (!why.text.empty()) {
         return warningWithAdvice(withLine(text, why), adviceFor(why.whole(), around));
     }

@@ -8,6 +8,20 @@
 namespace torva::ctl::rehearsal {
 namespace {
 
+// The part of the log since a message was offered; what becomes of it is logged there. No
+// copy: a message is followed anew whenever something is logged.
+class LinesSince {
+public:
+    LinesSince(const std::vector<LogLine>& log, std::size_t since)
+        : begin_(log.data() + std::min(since, log.size())), end_(log.data() + log.size()) {}
+    const LogLine* begin() const { return begin_; }
+    const LogLine* end() const { return end_; }
+
+private:
+    const LogLine* begin_;
+    const LogLine* end_;
+};
+
 // What is known about one queue id.
 struct Queued {
     bool removed = false; // from the queue
@@ -123,9 +137,10 @@ bool split(const LogLine& line, std::string& id, std::string_view& said) {
     return true;
 }
 
-bool isInLog(const std::vector<LogLine>& log, const std::string& id) {
-    return std::any_of(log.begin(), log.end(), [&id](const LogLine& line) {
-        return line.text.compare(0, id.size() + 2, id + ": ") == 0;
+bool isInLog(const LinesSince& log, const std::string& id) {
+    const std::string start = id + ": ";
+    return std::any_of(log.begin(), log.end(), [&start](const LogLine& line) {
+        return line.text.compare(0, start.size(), start) == 0;
     });
 }
 
@@ -136,7 +151,7 @@ void addOurs(Queues& queues, const std::string& id) {
 }
 
 // Adds the ids to which deliveries lead. True: there were any.
-bool addNextIds(const std::vector<LogLine>& log, Queues& queues) {
+bool addNextIds(const LinesSince& log, Queues& queues) {
     const std::size_t before = queues.size();
     std::string id;
     std::string_view said;
@@ -155,7 +170,7 @@ bool addNextIds(const std::vector<LogLine>& log, Queues& queues) {
 }
 
 // The queue ids that a message has had.
-Queues findQueues(const std::vector<LogLine>& log, const MessageMarks& marks) {
+Queues findQueues(const LinesSince& log, const MessageMarks& marks) {
     Queues queues;
     std::string id;
     std::string_view said;
@@ -172,12 +187,6 @@ Queues findQueues(const std::vector<LogLine>& log, const MessageMarks& marks) {
     return queues;
 }
 
-// What becomes of a message is logged after it was offered.
-std::vector<LogLine> linesSince(const std::vector<LogLine>& log, std::size_t since) {
-    using Offset = std::vector<LogLine>::difference_type;
-    return {log.begin() + static_cast<Offset>(std::min(since, log.size())), log.end()};
-}
-
 } // namespace
 
 MessageMarks marksOf(const std::vector<LogLine>& log, const Attempt& attempt) {
@@ -188,7 +197,7 @@ MessageMarks marksOf(const std::vector<LogLine>& log, const Attempt& attempt) {
         const auto isPickup = [&](const LogLine& line) {
             return line.daemon() == "pickup" && split(line, id, said) && startsWith(said, "uid=");
         };
-        const std::vector<LogLine> since = linesSince(log, attempt.logBegin);
+        const LinesSince since(log, attempt.logBegin);
         const auto found = std::find_if(since.begin(), since.end(), isPickup);
         marks.queueId = found == since.end() ? std::string() : id;
     }
@@ -196,7 +205,7 @@ MessageMarks marksOf(const std::vector<LogLine>& log, const Attempt& attempt) {
 }
 
 MessageTrail followMessage(const std::vector<LogLine>& wholeLog, const MessageMarks& marks) {
-    const std::vector<LogLine> log = linesSince(wholeLog, marks.since);
+    const LinesSince log(wholeLog, marks.since);
     MessageTrail trail;
     Queues queues = findQueues(log, marks);
     std::string id;

@@ -1,6 +1,5 @@
 #include "ctl/rehearsal/RelayProof.h"
 
-#include <algorithm>
 #include <string>
 #include <string_view>
 
@@ -31,25 +30,14 @@ std::string_view verdictOf(const SmtpReply& reply) {
     return rest.substr(end + mark.size());
 }
 
-// Whether a recipient is refused for what it is: another one may be accepted.
-bool isAboutThisRecipient(std::string_view verdict) {
-    const auto marks = {"User unknown",   "Domain not found",   "need fully-qualified",
-                        "undeliverable",  "unverified address", "does not accept mail",
-                        "Malformed DNS",  "Invalid name",       "blocked using",
-                        "Multi-recipient"};
-    return std::any_of(marks.begin(), marks.end(), [verdict](const char* mark) {
-        return verdict.find(mark) != std::string_view::npos;
-    });
-}
-
 // "454 4.7.1 <r>: Relay access denied" of defer_unauth_destination is a refusal, although it
-// looks temporary. Of others only a permanent one is: "450 4.2.0 <r>: Recipient address
-// rejected: Greylisted" is none.
+// looks temporary. "Recipient address rejected" is what is said of everything that is decided
+// at RCPT: an unknown user, the verdict of a policy server about the sender. With "Access
+// denied", which "reject" says, strangers may send to nobody.
 bool refusesRelaying(const SmtpReply& reply) {
     const std::string_view verdict = verdictOf(reply);
     return beginsWith(verdict, "Relay access denied") ||
-           (reply.code >= 500 && beginsWith(verdict, "Recipient address rejected: ") &&
-            !isAboutThisRecipient(verdict));
+           (reply.code >= 500 && beginsWith(verdict, "Recipient address rejected: Access denied"));
 }
 
 } // namespace

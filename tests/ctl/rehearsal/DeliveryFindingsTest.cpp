@@ -215,8 +215,9 @@ TEST(DeliveryFindingsTest, MessageThatCannotBeFollowedIsToldSo) {
     Attempt attempt = accepted("from outside to r");
     attempt.client = "192.0.2.1";
     attempt.outcome.reply = {250, "250 thanks"};
-    expectFinding(tellAttempt(attempt, logOf({"postfix/pickup[7]: A: uid=0 from=<x>"}), host),
-                  Level::warning,
+    const auto log =
+        logOf({"postfix/pickup[7]: A: uid=0 from=<x>", "postfix/cleanup[7]: warning: of another"});
+    expectFinding(tellAttempt(attempt, log, host), Level::warning,
                   "from outside to r: accepted: 250 thanks; what became of it is not known, "
                   "because the reply has no queue id and the log has no such Message-ID.",
                   "Send a message of your own, and look for its recipient in the log of the host.");

@@ -41,6 +41,7 @@ void makeWorldSane() {
     ::sigaction(SIGPIPE, &action, nullptr);
     ::setenv("PATH", "/usr/local/sbin:/usr/sbin:/sbin:/usr/local/bin:/usr/bin:/bin", 1);
     ::setenv("LC_ALL", "C", 1);
+    ::unsetenv("BASH_ENV"); // scripts/sandbox would begin with it
     ::umask(022);
 }
 

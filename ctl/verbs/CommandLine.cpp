@@ -6,7 +6,9 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 namespace torva::ctl {
 
@@ -30,6 +32,32 @@ std::string refusalOfStamp(const std::string& text) {
 /// An unset variable of a script.
 std::string refusalOfDirectory(const std::string& text) {
     return text.empty() ? "the name of a directory is empty" : std::string();
+}
+
+/// CLI11 would take other notations, too.
+std::string refusalOfNumber(const std::string& text) {
+    const bool isNumber = !text.empty() && text.size() <= 6 &&
+                          text.find_first_not_of("0123456789") == std::string::npos;
+    return isNumber ? std::string() : text + " is not a number from 0 to 999999";
+}
+
+/// Why the arguments are not understood.
+std::string reasonOf(const CLI::ParseError& error, int count, char** arguments) {
+    for (int index = 1; error.get_name() == "RequiredError" && index < count; ++index) {
+        if (arguments[index][0] != '-') {
+            return std::string("there is no verb ") + arguments[index];
+        }
+    }
+    return error.what();
+}
+
+/// \return the exit status
+int printed(const std::string& text) {
+    if (std::fputs(text.c_str(), stdout) >= 0 && std::fflush(stdout) == 0) {
+        return 0;
+    }
+    complain(std::string("standard output: ") + std::strerror(errno));
+    return 1;
 }
 
 CLI::App* addVerb(CLI::App& app, Request& request, const char* name) {
@@ -59,9 +87,7 @@ void addVerbs(CLI::App& app, Request& request) {
     addReload(rollback, request);
     rollback->add_flag("--force", request.force);
     rollback->add_option("STAMP", request.stamp)->check(refusalOfStamp);
-    addVerb(app, request, "backups")
-        ->add_option("--prune", request.prune)
-        ->check(CLI::Range(0, 1000000));
+    addVerb(app, request, "backups")->add_option("--prune", request.prune)->check(refusalOfNumber);
 }
 
 } // namespace
@@ -81,13 +107,13 @@ Request readCommandLine(int count, char** arguments) {
         app.parse(count, arguments);
     } catch (const CLI::CallForHelp&) {
         const auto verbs = app.get_subcommands();
-        std::fputs(helpFor(verbs.empty() ? "" : verbs.front()->get_name()).c_str(), stdout);
+        request.status = printed(helpFor(verbs.empty() ? "" : verbs.front()->get_name()));
         request.verb.clear();
     } catch (const CLI::CallForVersion&) {
-        std::fputs(version, stdout);
+        request.status = printed(version);
         request.verb.clear();
     } catch (const CLI::ParseError& error) {
-        complain(std::string(error.what()) + " (see --help)");
+        complain(reasonOf(error, count, arguments) + " (see --help)");
         request.verb.clear();
         request.status = statusOfFailure(app.got_subcommand("diff") ? "diff" : "");
     }

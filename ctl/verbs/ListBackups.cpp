@@ -3,6 +3,7 @@
 #include "ctl/verbs/Verbs.h"
 
 #include <cstdio>
+#include <cstring>
 #include <set>
 
 namespace torva::ctl {
@@ -27,7 +28,9 @@ std::string lineFor(const Backup& backup) {
     char head[128];
     std::snprintf(head, sizeof(head), "%s  %s  %9llu bytes  ", backup.stamp.c_str(),
                   dateOf(backup.made).c_str(), static_cast<unsigned long long>(backup.bytes));
-    std::string line = head + backup.manifest.reason + "\n    " + stateOf(backup);
+    const bool fits = std::strlen(head) + backup.manifest.reason.size() <= 80;
+    std::string line = head + (fits ? std::string() : "\n    ") + backup.manifest.reason +
+                       "\n    " + stateOf(backup);
     if (backup.whole) {
         line += std::string(", ") + backup.manifest.configuration +
                 (backup.manifest.configured ? ", configured already" : ", not configured yet");

@@ -67,6 +67,11 @@ class PreviewTest(CtlTest):
         outcome = ctl("preview", "--inside", "a", "b", "c", argv=["env", "-u", "TORVA_SANDBOX"])
         self.assertStatus(1, outcome)
 
+    def test_shell_of_the_private_world_starts_with_no_file_of_the_caller(self):
+        write("/run/started-with", "touch /run/tmp/was-read\n")
+        self.assertStatus(0, ctl("preview", argv=("env", "BASH_ENV=/run/started-with")))
+        self.assertFalse(Path("/run/tmp/was-read").exists())
+
     def test_leaves_no_process_and_no_mount(self):
         program(TOOL, "#!/bin/sh\nsetsid sleep 1000 </dev/null >/dev/null 2>&1 &\n")
         mounts = Path("/proc/self/mountinfo").read_text()
@@ -102,6 +107,24 @@ class CommandLineTest(CtlTest):
             self.assertEqual(outcome.out, "")
             self.assertNotEqual(outcome.err, "")
         self.assertFalse(BACKUPS.exists())
+
+    def test_what_is_not_understood_is_named(self):
+        for words, named in ((["nonsense"], "nonsense"), (["backups", "--prune", "0x10"], "0x10"),
+                             (["backups", "--prune", " 1"], " 1")):
+            self.assertIn(named, self.assertStatus(1, ctl(*words)).err)
+
+    def test_help_that_cannot_be_written_is_a_failure(self):
+        for words in (["--help"], ["--version"], ["check", "-h"]):
+            outcome = self.assertStatus(1, ctl(*words, argv=["sh", "-c", 'exec "$@" >/dev/full', "sh"]))
+            self.assertIn("No space left on device", outcome.err)
+
+    def test_backups_fit_on_80_columns(self):
+        for _ in range(2):
+            self.assertStatus(0, ctl("apply"))
+            self.assertStatus(0, ctl("rollback"))
+        out = self.assertStatus(0, ctl("backups")).out
+        self.assertIn("before rollback to", out)
+        self.assertLessEqual(max(map(len, out.splitlines())), 80)
 
     def test_every_failure_is_an_object_with_advice(self):
         BACKUPS.mkdir(parents=True)

@@ -152,6 +152,34 @@ TEST_F(SnapshotTest, ManifestKeepsIt) {
     EXPECT_TRUE(sameSnapshot(read.entries, manifest.entries));
 }
 
+TEST_F(SnapshotTest, LeftStateKeepsManyRecords) {
+    constexpr int many = 20000;
+    LeftState state;
+    state.settings["relayhost"] = "[relay.example.net]";
+    state.services["smtp/inet"] = "smtp inet n - y - - smtpd\n  -o a=b";
+    for (int number = 0; number < many; ++number) {
+        state.records["virtual"]["user" + std::to_string(number) + "@\xff"] = "value";
+    }
+    state.entries = describe({makeTree()});
+    const LeftState read = parseLeftState(textOf(state));
+    EXPECT_EQ(read.settings, state.settings);
+    EXPECT_EQ(read.services, state.services);
+    EXPECT_EQ(read.records, state.records);
+    EXPECT_TRUE(sameSnapshot(read.entries, state.entries));
+}
+
+TEST_F(SnapshotTest, OrderOfTheKeysInAManifestDoesNotMatter) {
+    const Manifest read =
+        parseManifest(R"({"reason": "before apply", "configuration": "/etc/postfix",
+                          "queue": "/var/spool/postfix", "configured": false, "running": true,
+                          "paths": ["/b", "/a"], "present": [],
+                          "entries": {"/b": {"mode": "0"}, "/a": {"mode": "0"}}})");
+    EXPECT_EQ(read.reason, "before apply");
+    EXPECT_TRUE(read.running);
+    EXPECT_EQ(read.paths, (std::vector<std::string>{"/b", "/a"}));
+    EXPECT_EQ(read.entries.size(), 2U);
+}
+
 TEST_F(SnapshotTest, ReplacementBringsBackWhatTheArchiveHolds) {
     const std::string tree = makeTree();
     const process::Descriptor archive(::memfd_create("archive", MFD_CLOEXEC));

@@ -268,6 +268,25 @@ class BackupsTest(AroundARunTest):
         self.assertStatus(0, ctl("rollback"))
         self.assertEqual(MASTER_CF.read_bytes(), (ctlworld.KEPT / "postfix/master.cf").read_bytes())
 
+    def test_those_of_a_clock_that_was_ahead_are_not_the_newest(self):
+        self.assertStatus(0, ctl("apply"))
+        self.assertStatus(0, ctl("rollback"))
+        for number, stamp in enumerate(stamps()):
+            os.rename(BACKUPS / stamp, BACKUPS / f"20991231T23595{8 + number}Z")
+        run("postconf", "-e", "relayhost = [relay.example.net]")
+        settle(MAIN_CF)
+        before = tree()
+        self.assertStatus(0, ctl("apply"))
+        self.assertEqual(stamps()[-1], "21000101T000000Z")
+        self.assertEqual(self.assertStatus(0, ctl("diff")).out, "")
+        run("postconf", "-e", "relayhost = [other.example.net]")
+        self.assertIn("[other.example.net]", self.assertStatus(1, ctl("diff")).out)
+        self.assertStatus(1, ctl("rollback"))
+        self.assertStatus(0, ctl("rollback", "--force"))
+        self.assertSame(before, "after rollback")
+        self.assertStatus(0, ctl("backups", "--prune", "1"))
+        self.assertEqual(stamps(), ["21000101T000000Z", "21000101T000001Z"])
+
     def test_damaged_one_is_told_and_never_the_default(self):
         self.assertStatus(0, ctl("apply"))
         self.assertStatus(0, ctl("apply"))

@@ -13,7 +13,9 @@
 
 #include <memory>
 #include <optional>
+#include <string>
 #include <unistd.h>
+#include <vector>
 
 namespace torva::ctl {
 
@@ -175,17 +177,23 @@ bool Apply::keepForeignChanges() {
     }
 }
 
-/// \return whether the backup must be kept: somebody else changed something meanwhile
+/// \return whether the backup must be kept: it holds what somebody else has made meanwhile
 bool Apply::restoreBackup() {
     const RunLock lock; // a killed run may have left a child at work
     const Backup backup = backups_.find(stamp_).value();
     const bool isForeign = keepForeignChanges();
     restore(backups_, backup);
-    setScratchAside(backups_, backup);
+    const std::vector<std::string> uncertain = setScratchAside(backups_, backup);
+    for (const std::string& name : uncertain) {
+        report_.finding({Level::warning, "backup",
+                         name + ", which was new, is now set-aside." + name + " in backup " +
+                             stamp_,
+                         "if it is not of the run, move it back"});
+    }
     if (masterProcess(host_.postfix) == 0) { // a running Postfix needs them
         removeQueueDirectories(backup);
     }
-    return isForeign;
+    return isForeign || !uncertain.empty();
 }
 
 /// Makes Postfix use the restored files, if it has been made to use the others.

@@ -10,7 +10,7 @@ from pathlib import Path
 import ctlworld
 import pairs
 from ctlworld import (BACKUPS, CTL, MAIN_CF, MARKER, MASTER_CF, POSTFIX, TABLES, TOOL, AroundARunTest, CtlTest, ctl,
-                      postconf, program, remove, run, start, tree, wait_until, write)
+                      kill_group, postconf, program, remove, run, start, tree, wait_until, write)
 
 LOCK = Path("/run/lock/torva-postfix/lock")
 
@@ -61,6 +61,39 @@ class ApplyFailsTest(CtlTest):
     def test_run_that_is_killed_and_leaves_its_scratch_file(self):
         self.wrap_tool("$real; echo half >/etc/postfix/master.cf.aB3dE6; kill -KILL $$")
         self.assertTakenBack(ctl("apply", "--json"), "run: torva-postfix-setup ended with status 137")
+
+    def test_what_somebody_else_has_put_beside_master_cf_stays(self):
+        own = {f"{MASTER_CF}.{name}": mode for name, mode in
+               {"backup": 0o644, "221126": 0o600, "aB3dE7": 0o640, "aB3dE8": 0o644}.items()}
+        self.wrap_tool("$real\n" + "".join(f"cp {MASTER_CF} {path}; chmod {mode:o} {path}\n" for path, mode in own.items())
+                       + f"touch -d '1 hour ago' {MASTER_CF}.aB3dE8; exit 1")
+        self.assertStatus(1, ctl("apply"))
+        self.assertEqual({path: os.stat(path).st_mode & 0o7777 for path in own}, own)
+        for path in own:
+            remove(path)
+        self.assertSame(self.before, "taken back")
+
+    def test_file_that_may_be_of_the_run_is_kept_in_the_backup(self):
+        self.wrap_tool(f"$real; echo mine >{MASTER_CF}.Backup; exit 1")
+        told = self.assertStatus(1, ctl("apply", "--json")).findings("warning")
+        self.assertSame(self.before, "taken back")
+        backup, = (path for path in BACKUPS.iterdir() if path.is_dir())
+        self.assertIn(f"master.cf.Backup, which was new, is now set-aside.master.cf.Backup in backup {backup.name}",
+                      [finding["text"] for finding in told])
+        self.assertEqual((backup / "set-aside.master.cf.Backup").read_text(), "mine\n")
+
+    def test_what_somebody_else_has_put_beside_master_cf_stays_when_an_apply_was_killed(self):
+        self.wrap_tool("$real; touch /run/changed; exec sleep 60")
+        remove("/run/changed")
+        process = start("apply")
+        wait_until(lambda: os.path.exists("/run/changed"), "the run")
+        kill_group(process)
+        write(f"{MASTER_CF}.broken", "mine\n")
+        os.utime(f"{MASTER_CF}.broken")
+        self.assertStatus(0, ctl("rollback"))
+        self.assertEqual(Path(f"{MASTER_CF}.broken").read_text(), "mine\n")
+        remove(f"{MASTER_CF}.broken")
+        self.assertSame(self.before, "after rollback")
 
     def test_run_that_dies_before_a_program_that_it_started(self):
         # What it left behind would write into the files that are restored.

@@ -53,6 +53,13 @@ bool isOutOfReach(const std::string& directory) {
 const char scratchPrefix[] = "master.cf.";
 constexpr std::size_t scratchLetters = 6; ///< at the end of a name of mkstemp(3)
 
+/// The directories that Postfix has in the queue directory, see "postfix set-permissions", and
+/// those of its chroot.
+const char* const queueDirectories[] = {
+    "active",   "bounce", "corrupt", "defer", "deferred", "flush", "hold", "incoming",
+    "maildrop", "pid",    "private", "public", "saved",   "trace", "dev",  "etc",
+    "lib",      "usr",    "var"};
+
 /// Whether this can be a file that a run made while it wrote master.cf, after the backup.
 ///
 /// \param made  the time of the backup
@@ -175,10 +182,10 @@ void removeQueueDirectories(const Backup& backup) {
     if (!queue) {
         return;
     }
-    for (const std::string& name : namesIn(queue.get())) {
+    for (const char* name : queueDirectories) {
         if (!wasPresent(backup, backup.manifest.queue + "/" + name)) {
             // Fails, as intended, unless it is an empty directory.
-            static_cast<void>(::unlinkat(queue.get(), name.c_str(), AT_REMOVEDIR));
+            static_cast<void>(::unlinkat(queue.get(), name, AT_REMOVEDIR));
         }
     }
 }

@@ -21,8 +21,9 @@ namespace torva::ctl {
 /// \throws std::exception  not everything was restored; call it again
 void restore(const Backups& backups, const Backup& backup);
 
-/// Removes empty directories of the queue that did not exist when the backup was made:
-/// "postfix check" creates them.
+/// Removes directories that Postfix and Debian's scripts create in the queue directory, those
+/// that are empty and did not exist when the backup was made: "postfix check" creates them.
+/// Other programs' directories stay.
 void removeQueueDirectories(const Backup& backup);
 
 /// How sure it is that a run has made the file next to master.cf with a name.

@@ -123,6 +123,22 @@ class EditsTest(AroundARunTest):
         self.assertIn("everything is as it was", self.assertStatus(0, ctl("rollback", "--force")).out)
         self.assertSame(before, "after rollback")
 
+    def test_directory_of_another_program_in_the_queue_stays(self):
+        own, queue = Path("/var/spool/postfix/opendkim"), Path("/var/spool/postfix/corrupt")
+        self.addCleanup(remove, own)
+        queue.rmdir() if queue.is_dir() else None
+        before = tree()
+        self.assertStatus(0, ctl("apply"))
+        queue.mkdir()
+        self.assertStatus(0, ctl("rollback"))
+        self.assertSame(before, "empty directories of Postfix are gone")
+        self.assertStatus(0, ctl("apply"))
+        own.mkdir(0o750)
+        self.assertStatus(0, ctl("rollback"))
+        self.assertTrue(own.is_dir())
+        own.rmdir()
+        self.assertSame(before, "after rollback")
+
     def test_backup_of_a_failed_apply_is_kept_when_somebody_else_changed_a_file(self):
         real = TOOL.with_suffix(".real")
         os.rename(TOOL, real)

@@ -200,6 +200,48 @@ TEST_F(SnapshotTest, ReplacementBringsBackWhatTheArchiveHolds) {
     EXPECT_EQ(namesIn(openDirectory(top_).get()).size(), 1U);
 }
 
+TEST_F(SnapshotTest, ReplacementWithoutTheRightContentsIsNotComplete) {
+    const std::string tree = makeTree();
+    const Snapshot before = describe({tree});
+    const auto give = [&](Replacement& replacement, const std::string& name,
+                          const std::string& text) {
+        const ContentsConsumer consumer = replacement.contentsOf(path(name));
+        if (!text.empty()) {
+            consumer(text.data(), text.size());
+        }
+        consumer("", 0);
+    };
+    const auto giveAllBut = [&](Replacement& replacement, const std::string& left) {
+        for (const auto& [name, text] : std::map<std::string, std::string>{
+                 {"tree/file", std::string(200000, 'x')},
+                 {"tree/empty", ""},
+                 {"tree/a name\nof two lines", "text"},
+                 {"tree/inner/file", "inside"}}) {
+            if (name != left) {
+                give(replacement, name, text);
+            }
+        }
+    };
+    for (const char* left : {"tree/file", "tree/empty", "tree/inner/file"}) {
+        Replacement replacement(tree, before);
+        giveAllBut(replacement, left);
+        EXPECT_THROW(replacement.complete(), std::runtime_error) << left;
+    }
+    {
+        Replacement replacement(tree, before);
+        giveAllBut(replacement, "tree/inner/file");
+        give(replacement, "tree/inner/file", "INSIDE");
+        EXPECT_THROW(replacement.complete(), std::runtime_error);
+    }
+    {
+        Replacement replacement(tree, before);
+        giveAllBut(replacement, "");
+        EXPECT_THROW(replacement.contentsOf(path("tree/file")), std::runtime_error) << "twice";
+        replacement.complete();
+    }
+    EXPECT_TRUE(sameSnapshot(before, describe({tree})));
+}
+
 TEST_F(SnapshotTest, ReplacementThatIsNotMovedLeavesNothing) {
     const std::string tree = makeTree();
     const Snapshot before = describe({tree});

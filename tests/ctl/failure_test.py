@@ -309,6 +309,27 @@ class RollbackTest(AroundARunTest):
                 run("cp", "-a", kept, backup)
         self.assertStatus(0, ctl("rollback"))
 
+    def test_file_that_is_missing_in_the_archive_changes_nothing(self):
+        self.assertStatus(0, ctl("apply"))
+        applied = tree()
+        backup = BACKUPS / self.stamps()[0]
+        kept = (backup / "files.tar").read_bytes()
+        changes = {
+            "gone": "tar --delete -f files.tar etc/postfix/main.cf",
+            "other": "tar --delete -f files.tar etc/postfix/main.cf; tar -C / -rf files.tar etc/postfix/main.cf",
+            "twice": "tar -C / -rf files.tar etc/postfix/main.cf",
+            "cut": "truncate -s 5000 files.tar",
+            "empty": "truncate -s 0 files.tar",
+        }
+        for name, change in changes.items():
+            with self.subTest(name):
+                run("sh", "-ec", f"cd {backup}; {change}; sha256sum files.tar manifest left >sums")
+                self.assertIn("could not be restored whole", self.assertStatus(1, ctl("rollback")).out)
+                self.assertSame(applied, name)
+                (backup / "files.tar").write_bytes(kept)
+        run("sh", "-ec", f"cd {backup}; sha256sum files.tar manifest left >sums")
+        self.assertStatus(0, ctl("rollback"))
+
     def test_backup_is_for_root_alone(self):
         self.assertStatus(0, ctl("apply"))
         for path in (BACKUPS, BACKUPS / self.stamps()[0]):

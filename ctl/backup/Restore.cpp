@@ -50,15 +50,14 @@ bool isOutOfReach(const std::string& directory) {
     return !opened && (errno == ENOENT || errno == ENOTDIR || errno == ELOOP);
 }
 
-const char scratchPrefix[] = "master.cf.";
 constexpr std::size_t scratchLetters = 6; ///< at the end of a name of mkstemp(3)
 
 /// The directories that Postfix has in the queue directory, see "postfix set-permissions", and
 /// those of its chroot.
-const char* const queueDirectories[] = {
-    "active",   "bounce", "corrupt", "defer", "deferred", "flush", "hold", "incoming",
-    "maildrop", "pid",    "private", "public", "saved",   "trace", "dev",  "etc",
-    "lib",      "usr",    "var"};
+const char* const queueDirectories[] = {"active",  "bounce", "corrupt",  "defer",    "deferred",
+                                        "flush",   "hold",   "incoming", "maildrop", "pid",
+                                        "private", "public", "saved",    "trace",    "dev",
+                                        "etc",     "lib",    "usr",      "var"};
 
 /// Whether this can be a file that a run made while it wrote master.cf, after the backup.
 ///
@@ -67,8 +66,7 @@ bool isAsRunsMakeIt(const struct stat& status, std::time_t made) {
     const mode_t access = status.st_mode & 07777;
     return S_ISREG(status.st_mode) && status.st_uid == ::geteuid() && status.st_nlink == 1 &&
            // The second when it is written: it only has to be renamed then.
-           (access == 0600 || access == 0644) && status.st_mtime >= made &&
-           status.st_ctime >= made;
+           (access == 0600 || access == 0644) && status.st_mtime >= made && status.st_ctime >= made;
 }
 
 /// Moves a temporary file of a killed run into the backup.
@@ -132,8 +130,8 @@ void restore(const Backups& backups, const Backup& backup) {
     }
 }
 
-ScratchName judgeScratchName(const std::string& name) {
-    const std::string prefix = scratchPrefix;
+ScratchName judgeScratchName(const std::string& name, const std::string& other) {
+    const std::string prefix = other + ".";
     if (name.size() != prefix.size() + scratchLetters || name.compare(0, prefix.size(), prefix)) {
         return ScratchName::no;
     }
@@ -166,7 +164,7 @@ std::vector<std::string> setScratchAside(const Backups& backups, const Backup& b
     }
     std::vector<std::string> uncertain;
     for (const std::string& name : namesIn(directory.get())) {
-        const ScratchName judged = judgeScratchName(name);
+        const ScratchName judged = judgeScratchName(name, "master.cf");
         if (judged != ScratchName::no && !wasPresent(backup, configuration + "/" + name) &&
             setAside(directory.get(), name, kept.get(), backup.made) &&
             judged == ScratchName::possible) {

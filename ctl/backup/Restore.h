@@ -26,15 +26,17 @@ void restore(const Backups& backups, const Backup& backup);
 /// Other programs' directories stay.
 void removeQueueDirectories(const Backup& backup);
 
-/// How sure it is that a run has made the file next to master.cf with a name.
+/// How sure it is that a run has made the file next to another one, such as master.cf, with a
+/// name.
 enum class ScratchName {
     no,       ///< "master.cf.backup", "master.cf.221126": somebody else has
     possible, ///< "master.cf.Backup", "master.cf.jun221": it may have
     certain,  ///< "master.cf.aB3dE6": nobody would think of it
 };
 
-/// Judges a name as those that mkstemp(3) makes: six letters and digits at random.
-ScratchName judgeScratchName(const std::string& name);
+/// Judges a name as those that mkstemp(3) makes: that of the other file, a dot, six letters
+/// and digits at random.
+ScratchName judgeScratchName(const std::string& name, const std::string& other);
 
 /// Moves temporary files that a killed run has left next to master.cf into the backup, under
 /// the name "set-aside.NAME": files of root with a possible name and the access that a run

@@ -212,11 +212,11 @@ TEST_F(SnapshotTest, ReplacementWithoutTheRightContentsIsNotComplete) {
         consumer("", 0);
     };
     const auto giveAllBut = [&](Replacement& replacement, const std::string& left) {
-        for (const auto& [name, text] : std::map<std::string, std::string>{
-                 {"tree/file", std::string(200000, 'x')},
-                 {"tree/empty", ""},
-                 {"tree/a name\nof two lines", "text"},
-                 {"tree/inner/file", "inside"}}) {
+        for (const auto& [name, text] :
+             std::map<std::string, std::string>{{"tree/file", std::string(200000, 'x')},
+                                                {"tree/empty", ""},
+                                                {"tree/a name\nof two lines", "text"},
+                                                {"tree/inner/file", "inside"}}) {
             if (name != left) {
                 give(replacement, name, text);
             }

@@ -97,7 +97,7 @@ class ApplyFailsTest(CtlTest):
 
     def test_run_that_dies_before_a_program_that_it_started(self):
         # What it left behind would write into the files that are restored.
-        self.wrap_tool("(sleep 1; echo late >>/etc/postfix/main.cf) & exit 3")
+        self.wrap_tool("(sleep 1; postconf -e virtual_transport=late) & exit 3")
         self.assertTakenBack(ctl("apply", "--json"), "run: torva-postfix-setup ended with status 3")
 
     def test_run_that_loses_a_sheltered_line(self):

@@ -1,7 +1,10 @@
 // torva-postfixctl: checks the host, previews a run of torva-postfix-setup, does it with a
 // backup, rolls it back.
+#include "ctl/backup/Directory.h"
+#include "ctl/host/Program.h"
 #include "ctl/verbs/CommandLine.h"
 #include "ctl/verbs/Failure.h"
+#include "ctl/verbs/Signals.h"
 #include "ctl/verbs/Verbs.h"
 
 #include <array>
@@ -17,6 +20,7 @@
 namespace {
 
 using torva::ctl::Call;
+using torva::ctl::Level;
 
 /// A reader that is gone must not end us half-way. A handler and not SIG_IGN, which
 /// children would inherit.
@@ -67,8 +71,8 @@ int perform(Call& call) {
 int performAsRoot(Call& call) {
     const bool isRoot = ::geteuid() == 0;
     if (!isRoot && call.request.verb != "check") {
-        torva::ctl::complain(call.request.verb + " must run as root");
-        return torva::ctl::statusOfFailure(call.request.verb);
+        throw torva::ctl::Refusal("root", call.request.verb + " must run as root",
+                                  "sudo torva-postfixctl " + call.request.verb);
     }
     if (isRoot && call.request.inside.empty()) {
         torva::ctl::noteUnfinished(call.report);
@@ -76,13 +80,29 @@ int performAsRoot(Call& call) {
     return perform(call);
 }
 
+/// On standard error, for people; for programs as an object, too.
+void tellTrouble(Call& call, const torva::ctl::Finding& trouble) {
+    torva::ctl::complain(trouble.text + ": " + trouble.advice);
+    if (call.request.json) {
+        call.report.finding(trouble);
+    }
+}
+
 int performReporting(Call& call) {
     try {
         return performAsRoot(call);
+    } catch (const torva::ctl::Interrupted& interrupted) {
+        torva::ctl::obeySignals();
+        ::raise(interrupted.signal);
+    } catch (const torva::ctl::Refusal& refusal) {
+        tellTrouble(call, refusal.finding());
     } catch (const torva::ctl::Failure& failure) {
         call.report.finding(failure.finding());
+    } catch (const torva::ctl::Untrusted& untrusted) {
+        tellTrouble(call, {Level::failed, "directory", untrusted.what(), untrusted.advice()});
     } catch (const std::exception& error) {
-        torva::ctl::complain(error.what());
+        tellTrouble(call, {Level::failed, call.request.verb, error.what(),
+                           "remove the cause, then torva-postfixctl " + call.request.verb});
     }
     return torva::ctl::statusOfFailure(call.request.verb);
 }
@@ -95,6 +115,28 @@ int statusOfLoss(const Call& call, int status) {
     return changesHost ? status : torva::ctl::statusOfFailure(call.request.verb);
 }
 
+/// A path as seen from the working directory; empty stays empty.
+std::string absolute(const std::string& path) {
+    if (path.empty() || path[0] == '/') {
+        return path;
+    }
+    char directory[4096];
+    return std::string(::getcwd(directory, sizeof(directory)) == nullptr ? "" : directory) + "/" +
+           path;
+}
+
+/// The configuration directory that the environment names, made absolute there, for the
+/// programs that we start; empty: the usual one.
+std::string chosenInstance() {
+    const char* const chosen = std::getenv("MAIL_CONFIG");
+    if (chosen == nullptr || *chosen == '\0') {
+        return std::string();
+    }
+    const std::string directory = absolute(chosen);
+    ::setenv("MAIL_CONFIG", directory.c_str(), 1);
+    return directory == "/etc/postfix" ? std::string() : directory;
+}
+
 } // namespace
 
 int main(int count, char** arguments) {
@@ -103,17 +145,14 @@ int main(int count, char** arguments) {
     if (request.verb.empty()) {
         return request.status;
     }
-    if (!request.keep.empty() && request.keep[0] != '/') {
-        char directory[4096];
-        request.keep =
-            std::string(::getcwd(directory, sizeof(directory)) == nullptr ? "" : directory) + "/" +
-            request.keep;
-    }
+    request.keep = absolute(request.keep);
+    const std::string instance = chosenInstance();
     // Relative paths in main.cf begin here, for the run.
     static_cast<void>(::chdir("/"));
     const torva::ctl::OwnPrograms programs = torva::ctl::ownPrograms(arguments[0]);
-    torva::ctl::Report report(request.verb, request.json);
+    torva::ctl::Report report(request.verb, request.json, instance);
     Call call{request, programs, report};
+    torva::ctl::announceWaits();
     const int status = performReporting(call);
     return report.lostBy() == 0 ? status : statusOfLoss(call, status);
 }

@@ -31,14 +31,10 @@ void makeDirectories(const std::string& path, mode_t mode) {
     static_cast<void>(::mkdir(path.c_str(), mode));
 }
 
-[[noreturn]] void refuse(const std::string& path) {
-    throw std::runtime_error(path + " is not root's alone: remove it");
-}
-
 /// Throws the error for a directory of our own that could not be opened.
 [[noreturn]] void throwUnopened(const std::string& path, int code) {
     if (code == ELOOP || code == ENOTDIR) {
-        refuse(path); // a link or a file in its place
+        throw Untrusted(path, "rm " + path); // a link or a file in its place
     }
     throwSystemError("open " + path, code);
 }
@@ -49,7 +45,9 @@ void judge(const Descriptor& directory, const std::string& path) {
         throwSystemError("fstat " + path, errno);
     }
     if (status.st_uid != ::geteuid() || (status.st_mode & 0022) != 0) {
-        refuse(path);
+        // It may hold what is still needed.
+        throw Untrusted(path, "see who has written into it, then chown -R root: " + path +
+                                  " && chmod 700 " + path);
     }
     if ((status.st_mode & 07777) != 0700 && ::fchmod(directory.get(), 0700) != 0) {
         throwSystemError("fchmod " + path, errno);

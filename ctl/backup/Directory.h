@@ -4,10 +4,23 @@
 
 #include "torva/process/Descriptor.h"
 
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace torva::ctl {
+
+/// A directory of our own that another account could have filled.
+class Untrusted : public std::runtime_error {
+public:
+    Untrusted(const std::string& path, std::string advice)
+        : std::runtime_error(path + " is not root's alone"), advice_(std::move(advice)) {}
+
+    const std::string& advice() const { return advice_; }
+
+private:
+    std::string advice_;
+};
 
 /// Opens a directory, unless the last component of the path is a link.
 ///
@@ -18,8 +31,8 @@ process::Descriptor openDirectory(const std::string& path);
 /// parents with 0755), opens it once, and checks the open directory. A wider mode becomes
 /// 0700, unless others could already write.
 ///
-/// \throws std::runtime_error "PATH is not root's alone: remove it": it is a link or a
-///         file, belongs to another user, or is writable by others; SystemError by errno
+/// \throws Untrusted  it is a link or a file, belongs to another user, or is writable by others
+/// \throws SystemError  by errno
 process::Descriptor openOwnDirectory(const std::string& path);
 
 /// The same without creating it; closed when it does not exist.

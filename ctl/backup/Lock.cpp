@@ -2,11 +2,13 @@
 
 #include "ctl/backup/Directory.h"
 #include "ctl/host/Files.h"
+#include "ctl/host/Program.h"
 #include "torva/util/SystemError.h"
 
 #include <cerrno>
 #include <ctime>
 #include <fcntl.h>
+#include <functional>
 #include <stdexcept>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -19,7 +21,9 @@ using process::Descriptor;
 namespace {
 
 const char directoryPath[] = "/run/lock/torva-postfix";
+constexpr int second = 10;  ///< in tenths of a second
 constexpr int minute = 600; ///< in tenths of a second
+const char earlierRun[] = "what an earlier run has started";
 
 /// The directory is root's alone now, but somebody else may have made it, with files in it.
 bool isOwn(int fd) {
@@ -43,14 +47,18 @@ Descriptor openLockFile(const char* name, int extra) {
     return file;
 }
 
+/// \param whom  tells for whom it waits
 /// \return whether it was taken in time
-bool take(const Descriptor& file, int patience) {
-    while (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
+bool take(const Descriptor& file, int patience, const std::function<std::string()>& whom) {
+    for (int waited = 0; ::flock(file.get(), LOCK_EX | LOCK_NB) != 0; ++waited) {
         if (errno != EWOULDBLOCK && errno != EINTR) {
             throwSystemError("flock", errno);
         }
-        if (patience-- == 0) {
+        if (waited == patience) {
             return false;
+        }
+        if (waited == second) {
+            announceWait(whom());
         }
         ::usleep(100000);
     }
@@ -75,7 +83,7 @@ std::string ownMark() {
 } // namespace
 
 HostLock::HostLock(int patience) : lock_(openLockFile("lock", O_CLOEXEC)) {
-    if (!take(lock_, patience)) {
+    if (!take(lock_, patience, [this] { return heldBy(lock_); })) {
         throw Locked(heldBy(lock_) + " is at work; nothing was done");
     }
     if (::ftruncate(lock_.get(), 0) != 0) {
@@ -102,8 +110,8 @@ std::string HostLock::holder() {
 }
 
 RunLock::RunLock() : lock_(openLockFile("run", 0)) {
-    if (!take(lock_, minute)) {
-        throw std::runtime_error("what an earlier run has started is still at work");
+    if (!take(lock_, minute, [] { return earlierRun; })) {
+        throw Locked(std::string(earlierRun) + " is still at work; nothing was done");
     }
 }
 

@@ -18,7 +18,8 @@ public:
 /// Held during its lifetime: only one apply or rollback at a time.
 class HostLock {
 public:
-    /// \param patience  how long to wait for another holder, in tenths of a second
+    /// \param patience  how long to wait for another holder, in tenths of a second; after one
+    ///        second, standard error tells for whom
     /// \throws Locked  "... is at work; nothing was done": who holds it
     /// \throws std::runtime_error  the directory cannot be trusted, see
     ///         openOwnDirectory(); SystemError
@@ -35,9 +36,9 @@ private:
 /// free only when the last of them has ended, even if we were killed.
 class RunLock {
 public:
-    /// Waits up to a minute for the children of an earlier run.
+    /// Waits up to a minute for the children of an earlier run, and says so after a second.
     ///
-    /// \throws std::runtime_error  they are still at work
+    /// \throws Locked  they are still at work
     RunLock();
 
 private:

@@ -10,6 +10,7 @@ namespace torva::ctl {
 namespace {
 
 const char markerName[] = "unfinished";
+const char runningWord[] = "running";
 
 } // namespace
 
@@ -18,13 +19,17 @@ Marker readMarker() {
     if (Backups::exist()) {
         const process::Descriptor directory = openOwnDirectory(Backups::path);
         std::istringstream text(readOwnFile(directory.get(), markerName));
-        text >> marker.verb >> marker.stamp;
+        std::string running;
+        text >> marker.verb >> marker.stamp >> running;
+        marker.running = running == runningWord;
     }
     return marker;
 }
 
 void setMarker(Backups& backups, const Marker& marker) {
-    writeOwnFile(backups.directory(), markerName, marker.verb + " " + marker.stamp + "\n");
+    const std::string running = marker.running ? std::string(" ") + runningWord : "";
+    writeOwnFile(backups.directory(), markerName,
+                 marker.verb + " " + marker.stamp + running + "\n");
 }
 
 void clearMarker(Backups& backups) {

@@ -9,8 +9,9 @@
 namespace torva::ctl {
 
 struct Marker {
-    std::string verb;  ///< "apply" or "rollback"; empty: there is no marker
-    std::string stamp; ///< of the backup to restore; "-": nothing has been changed yet
+    std::string verb;     ///< "apply" or "rollback"; empty: there is no marker
+    std::string stamp;    ///< of the backup to restore; "-": nothing has been changed yet
+    bool running = false; ///< whether Postfix was running when the verb began
 
     bool isSet() const { return !verb.empty(); }
     bool beforeAnyChange() const { return stamp == "-"; }

@@ -43,7 +43,8 @@ bool findDirectories(const Postfix& postfix, Findings& findings) {
     return !findings.stopped();
 }
 
-/// Whether Postfix reads its own files; if not, why.
+} // namespace
+
 bool findReadable(const Host& host, Findings& findings) {
     const Postfix& postfix = host.postfix;
     const bool isCreatedByRun = postfix.directory == "/etc/postfix" && exists(postfix.directory);
@@ -77,8 +78,6 @@ bool findReadable(const Host& host, Findings& findings) {
     }
     return findDirectories(postfix, findings);
 }
-
-} // namespace
 
 void findPrograms(const OwnPrograms& programs, Findings& findings) {
     if (::geteuid() != 0) {
@@ -119,7 +118,7 @@ Findings checkHost(const OwnPrograms& programs, Host& host) {
     findMainCf(host, findings);
     findMasterCf(host, findings);
     findDatabase(findings);
-    findOutcome(host.postfix, host.masterCf, findings);
+    findOutcome(host.postfix, host.masterCf, host.mapTypes, findings);
     return findings;
 }
 

@@ -6,6 +6,9 @@
 #include "ctl/findings/Findings.h"
 #include "ctl/host/Host.h"
 
+#include <string>
+#include <vector>
+
 namespace torva::ctl {
 
 /// Everything. If a Postfix tool fails, the reason is one finding, and findings that depend
@@ -13,6 +16,11 @@ namespace torva::ctl {
 ///
 /// \param host  receives the facts
 Findings checkHost(const OwnPrograms& programs, Host& host);
+
+/// "main.cf", "master.cf": whether Postfix reads its own files, and has its directories.
+///
+/// \return false: nothing else can be looked at
+bool findReadable(const Host& host, Findings& findings);
 
 /// "root", "program".
 void findPrograms(const OwnPrograms& programs, Findings& findings);
@@ -37,6 +45,23 @@ void findMasterCf(const Host& host, Findings& findings);
 void findDatabase(Findings& findings);
 
 /// "service", "map", "mydestination": of the configuration after a run.
-void findOutcome(const Postfix& postfix, const MasterCfText& masterCf, Findings& findings);
+///
+/// \param mapTypes  see Host
+void findOutcome(const Postfix& postfix, const MasterCfText& masterCf,
+                 const std::vector<std::string>& mapTypes, Findings& findings);
+
+/// "service": what an operator's entry does when the run keeps it in place of the panel's, or
+/// next to it on its port.
+void findKeptServices(const MasterCfText& masterCf, Findings& findings);
+
+/// "map".
+///
+/// \param mapTypes  see Host; none: they are not known
+void findMaps(const Postfix& postfix, const MasterCfText& masterCf,
+              const std::vector<std::string>& mapTypes, Findings& findings);
+
+/// "mydestination": where the run leads mail to the host itself. Nothing is added when a table
+/// that would have to be asked gives no answer.
+void findHostMail(const Postfix& postfix, Findings& findings);
 
 } // namespace torva::ctl

@@ -1,6 +1,7 @@
 #include "ctl/findings/HostFindings.h"
 #include "ctl/host/Files.h"
 #include "ctl/host/Lists.h"
+#include "ctl/host/OpenIndex.h"
 #include "ctl/host/Records.h"
 #include "ctl/host/TouchedPaths.h"
 #include "torva/postfix/params/ListValue.h"
@@ -49,13 +50,16 @@ void findHardLinks(const std::string& path, const std::string& subject, Findings
 }
 
 void findRecords(const Postfix& postfix, Findings& findings) {
+    const std::string trouble = "a table of the panel cannot be read: ";
     RecordsByTable others;
     try {
         others = readRecords(postfix);
+    } catch (const LockedIndex& error) {
+        findings.stop("records", trouble + error.what(),
+                      "wait until that process has ended, or end it");
+        return;
     } catch (const std::runtime_error& error) {
-        findings.stop("records",
-                      std::string("a table of the panel cannot be read: ") + error.what(),
-                      "have the panel write it again");
+        findings.stop("records", trouble + error.what(), "have the panel write it again");
         return;
     }
     // Records of the host's own name are from an earlier run.

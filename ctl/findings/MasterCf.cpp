@@ -36,9 +36,10 @@ void findMasterCf(const Host& host, Findings& findings) {
     const std::string path = host.postfix.masterCf();
     const Sheltered sheltered = shelter(host.masterCf.text());
     if (!sheltered.refusal.empty()) {
-        findings.stop("master.cf",
-                      "torva-postfix-setup does not parse " + path + ": " + sheltered.refusal,
-                      "correct it, or comment the entry out for the run");
+        findings.stop(
+            "master.cf", "torva-postfix-setup does not parse " + path + ": " + sheltered.refusal,
+            host.masterCf.entries().empty() ? "reinstall Postfix's configuration"
+                                            : "correct it, or comment the entry out for the run");
     }
     findStore(findings);
     findings.fine("master.cf", path);

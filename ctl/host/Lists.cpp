@@ -1,5 +1,8 @@
 #include "ctl/host/Lists.h"
 
+#include <boost/algorithm/string/case_conv.hpp>
+#include <boost/algorithm/string/predicate.hpp>
+
 #include <algorithm>
 #include <iterator>
 
@@ -13,10 +16,23 @@ struct MapType {
     bool indexed;
 };
 
-const MapType mapTypes[] = {{"hash", ".db", true},  {"btree", ".db", true}, {"lmdb", ".lmdb", true},
-                            {"cdb", ".cdb", true},  {"dbm", ".dir", true},  {"sdbm", ".dir", true},
-                            {"pcre", "", false},    {"regexp", "", false},  {"cidr", "", false},
-                            {"texthash", "", false}};
+const MapType mapTypes[] = {{"hash", ".db", true},
+                            {"btree", ".db", true},
+                            {"lmdb", ".lmdb", true},
+                            {"cdb", ".cdb", true},
+                            {"dbm", ".dir", true},
+                            {"sdbm", ".dir", true},
+                            {"pcre", "", false},
+                            {"regexp", "", false},
+                            {"cidr", "", false},
+                            {"texthash", "", false},
+                            // Their files tell where to ask.
+                            {"mysql", "", false},
+                            {"pgsql", "", false},
+                            {"sqlite", "", false},
+                            {"ldap", "", false},
+                            {"mongodb", "", false},
+                            {"memcache", "", false}};
 
 const MapType* typeNamed(const std::string& name) {
     const auto* found = std::find_if(std::begin(mapTypes), std::end(mapTypes),
@@ -30,7 +46,7 @@ bool isSeparator(char character) {
 }
 
 bool isTypeCharacter(char character) {
-    return character >= 'a' && character <= 'z';
+    return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z');
 }
 
 } // namespace
@@ -67,8 +83,23 @@ std::vector<MapReference> mapReferences(const std::string& value) {
         const std::string type = value.substr(begin, colon - begin);
         const std::string::size_type end =
             std::min(value.find_first_of(" \t\r\n,}", colon), value.size());
-        if (typeNamed(type) != nullptr) {
+        if (typeNamed(boost::algorithm::to_lower_copy(type)) != nullptr) {
             found.push_back({type, value.substr(colon + 1, end - colon - 1)});
+        }
+    }
+    return found;
+}
+
+std::vector<MapReference> tableElements(const std::string& value) {
+    std::vector<MapReference> found;
+    for (std::string element : listElements(value)) {
+        while (boost::algorithm::starts_with(element, "proxy:")) {
+            element.erase(0, element.find(':') + 1);
+        }
+        const std::string::size_type colon = element.find(':');
+        const std::string type = element.substr(0, colon);
+        if (colon != std::string::npos && type.find_first_of("{/") == std::string::npos) {
+            found.push_back({type, element.substr(colon + 1)});
         }
     }
     return found;

@@ -18,9 +18,13 @@ struct MapReference {
     std::string text() const { return type + ":" + file; }
 };
 
-/// Every table with a type that uses files, anywhere in a value: among restrictions, after
-/// "proxy:", in braces.
+/// Every table with a type that uses files, whatever its case, anywhere in a value: among
+/// restrictions, after "proxy:", in braces.
 std::vector<MapReference> mapReferences(const std::string& value);
+
+/// The elements of a list that has nothing but tables, of any type, without "proxy:"; elements
+/// in braces are left out. What stands behind the type need not be a file.
+std::vector<MapReference> tableElements(const std::string& value);
 
 /// The file that Postfix opens for a table: the index for an indexed type.
 std::string openedFile(const MapReference& map);

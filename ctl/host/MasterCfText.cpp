@@ -77,6 +77,14 @@ std::string MasterCfTextEntry::key() const {
     return name() + "/" + type();
 }
 
+std::string MasterCfTextEntry::commandLine() const {
+    std::string line = command();
+    for (std::size_t at = 8; at < fields.size(); ++at) {
+        line += " " + fields[at];
+    }
+    return line;
+}
+
 std::vector<std::string> MasterCfTextEntry::options() const {
     std::vector<std::string> found;
     for (std::size_t at = 8; at < fields.size(); ++at) {

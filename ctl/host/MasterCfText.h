@@ -20,6 +20,8 @@ struct MasterCfTextEntry {
     std::string name() const { return fields.at(0); }
     std::string type() const { return fields.size() > 1 ? fields[1] : std::string(); }
     std::string command() const { return fields.size() > 7 ? fields[7] : std::string(); }
+    /// The command and its arguments, with one blank between two.
+    std::string commandLine() const;
     /// "y", "n", or "-".
     std::string isPrivate() const { return fields.size() > 2 ? fields[2] : std::string("-"); }
     /// The values of its options "-o NAME=VALUE", as "NAME = VALUE".

@@ -48,7 +48,7 @@ void takeLock(const process::Descriptor& file, const std::string& path) {
             throwSystemError("flock " + path, errno);
         }
         if (turn == lockPatience) {
-            throw std::runtime_error(path + " is locked by another process (fuser " + path + ")");
+            throw LockedIndex(path + " is locked by another process (fuser " + path + ")");
         }
         ::usleep(100000);
     }

@@ -5,17 +5,24 @@
 
 #include "torva/process/Descriptor.h"
 
+#include <stdexcept>
 #include <string>
 
 namespace torva::ctl {
+
+/// Another process holds the lock of an index.
+class LockedIndex : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
 
 class OpenIndex {
 public:
     /// Opens an index and takes Postfix's lock on it, shared, until the destruction.
     ///
     /// \throws std::runtime_error  it is not a regular file, or may have been planted by
-    ///         another account (see torva/postfix/tables/TableFiles.h); it is locked by another
-    ///         process, and still is after ten seconds
+    ///         another account (see torva/postfix/tables/TableFiles.h)
+    /// \throws LockedIndex  it is locked by another process, and still is after ten seconds
     /// \throws SystemError "open PATH"
     explicit OpenIndex(const std::string& path);
 

@@ -8,15 +8,21 @@ const char* const tablesDirectory = "/var/spool/postfix/torva";
 
 const std::vector<PanelService>& panelServices() {
     static const std::vector<PanelService> services{
-        {"torva_virtual/unix", "-", "pipe", true},
-        {"mailman/unix", "-", "pipe", true},
-        {"smtp/inet", "n", "smtpd", true},
-        {"127.0.0.1:10025/inet", "n", "spawn", false},
-        {"127.0.0.1:10026/inet", "n", "smtpd", false},
-        {"127.0.0.1:10027/inet", "n", "spawn", false},
-        {"pickup/fifo", "n", "pickup", true},
-        {"torva_saslauthd/unix", "y", "torva_saslauthd", false},
-        {"tlsmgr/unix", "-", "tlsmgr", false},
+        {"torva_virtual/unix", "-", "pipe", true, ""},
+        {"mailman/unix", "-", "pipe", true, ""},
+        {"smtp/inet", "n", "smtpd", true, ""},
+        {"127.0.0.1:10025/inet", "n", "spawn", false,
+         "user=mhandlers-user argv=/usr/lib/torva-9.0/postfix-queue 127.0.0.1 10027 before-queue"},
+        {"127.0.0.1:10026/inet", "n", "smtpd", false,
+         "-o smtpd_client_restrictions= -o smtpd_helo_restrictions= -o smtpd_sender_restrictions= "
+         "-o smtpd_recipient_restrictions=permit_mynetworks,reject -o smtpd_data_restrictions= "
+         "-o receive_override_options=no_unknown_recipient_checks"},
+        {"127.0.0.1:10027/inet", "n", "spawn", false,
+         "user=mhandlers-user argv=/usr/lib/torva-9.0/postfix-queue 127.0.0.1 10026 before-remote"},
+        {"pickup/fifo", "n", "pickup", true, ""},
+        {"torva_saslauthd/unix", "y", "torva_saslauthd", false,
+         "status=5 listen=6 dbpath=/torva/passwd.db"},
+        {"tlsmgr/unix", "-", "tlsmgr", false, ""},
     };
     return services;
 }

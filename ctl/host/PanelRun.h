@@ -12,7 +12,8 @@ struct PanelService {
     const char* key;       ///< NAME/TYPE
     const char* isPrivate; ///< "y", "n" or "-"
     const char* command;
-    bool replaces; ///< true: an existing entry is replaced; false: it stays
+    bool replaces;         ///< true: an existing entry is replaced; false: it stays
+    const char* arguments; ///< of the command, for one that does not replace
 };
 
 const std::vector<PanelService>& panelServices();

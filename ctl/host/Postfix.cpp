@@ -8,6 +8,7 @@
 #include <boost/algorithm/string/replace.hpp>
 #include <boost/algorithm/string/trim.hpp>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fcntl.h>
 #include <set>
@@ -152,6 +153,25 @@ std::string Postfix::readAs(const std::string& type) const {
 std::string Postfix::value(const std::string& name) const {
     const auto found = values.find(name);
     return found == values.end() ? std::string() : found->second;
+}
+
+std::string Postfix::expanded(const std::string& text) const {
+    std::string result;
+    for (std::string::size_type at = 0; at < text.size(); ++at) {
+        if (text[at] != '$') {
+            result += text[at];
+            continue;
+        }
+        const std::string::size_type begin = text.find_first_not_of("({", at + 1);
+        const std::string::size_type end = std::min(
+            text.find_first_not_of("abcdefghijklmnopqrstuvwxyz_0123456789", begin), text.size());
+        if (begin == std::string::npos) {
+            break;
+        }
+        result += value(text.substr(begin, end - begin));
+        at = end < text.size() && (text[end] == ')' || text[end] == '}') ? end : end - 1;
+    }
+    return result;
 }
 
 Postfix askPostfix() {

@@ -25,6 +25,9 @@ struct Postfix {
     /// The value of a parameter, with references expanded; empty: unknown or set to nothing.
     std::string value(const std::string& name) const;
 
+    /// A text with $NAME and ${NAME} replaced by those values.
+    std::string expanded(const std::string& text) const;
+
     /// The type that Postfix reads tables of a type as: itself, unless it is redirected.
     std::string readAs(const std::string& type) const;
 

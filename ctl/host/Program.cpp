@@ -22,6 +22,10 @@ void writeAnnouncement(int) {
     static_cast<void>(ignored);
 }
 
+std::string noticeOf(const std::string& purpose) {
+    return "torva-postfixctl: waiting for " + purpose + "\n";
+}
+
 void setTimer(long seconds) {
     itimerval timer{};
     timer.it_value.tv_sec = seconds;
@@ -32,20 +36,24 @@ void setTimer(long seconds) {
 /// timer.
 class WaitNotice {
 public:
-    explicit WaitNotice(const std::vector<std::string>& words) {
-        if (announces) {
+    explicit WaitNotice(const Program& program) : isSet_(announces && program.error == -1) {
+        if (isSet_) {
             announcement =
-                "torva-postfixctl: waiting for " + boost::algorithm::join(words, " ") + "\n";
+                noticeOf(program.purpose.empty() ? boost::algorithm::join(program.words, " ")
+                                                 : program.purpose);
             setTimer(1);
         }
     }
     ~WaitNotice() {
-        if (announces) {
+        if (isSet_) {
             setTimer(0);
         }
     }
     WaitNotice(const WaitNotice&) = delete;
     WaitNotice& operator=(const WaitNotice&) = delete;
+
+private:
+    bool isSet_;
 };
 
 void append(std::string& text, const std::vector<char>& chunk) {
@@ -71,11 +79,12 @@ process::CommonFlags flagsFor(const Program& program, ToolResult& result) {
 }
 
 constexpr int notStarted = 127;
+std::function<void()> atEnd; ///< see afterEachProgram()
 
 } // namespace
 
 ToolResult run(const Program& program) {
-    const WaitNotice notice(program.words);
+    const WaitNotice notice(program);
     ToolResult result;
     process::Pipe pipe;
     try {
@@ -85,6 +94,9 @@ ToolResult run(const Program& program) {
     } catch (const SystemError& error) {
         result.status = W_EXITCODE(notStarted, 0);
         result.error = program.words.at(0) + ": " + error.what();
+    }
+    if (atEnd) {
+        atEnd();
     }
     return result;
 }
@@ -111,11 +123,20 @@ int exitStatus(const ToolResult& result) {
     return result.signaled() ? 128 + WTERMSIG(result.status) : WEXITSTATUS(result.status);
 }
 
+void afterEachProgram(std::function<void()> function) {
+    atEnd = std::move(function);
+}
+
 void announceWaits() {
     struct sigaction action {};
     action.sa_handler = &writeAnnouncement;
     action.sa_flags = SA_RESTART;
     announces = ::sigaction(SIGALRM, &action, nullptr) == 0;
+}
+
+void announceWait(const std::string& purpose) {
+    announcement = noticeOf(purpose);
+    writeAnnouncement(0);
 }
 
 } // namespace torva::ctl

@@ -3,6 +3,7 @@
 
 #include "torva/postfix/params/PostfixTool.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,7 @@ struct Program {
     std::string input;              ///< its standard input
     int output = -1;                ///< descriptor for its standard output; -1: captured
     int error = -1;                 ///< descriptor for its standard error; -1: captured
+    std::string purpose;            ///< what announceWaits() calls it; empty: its words
 };
 
 /// Runs a program to its end, without a shell.
@@ -33,8 +35,14 @@ std::string wordsOf(const ToolResult& result);
 /// The exit status, or 128 plus the number of the signal that ended it, as in a shell.
 int exitStatus(const ToolResult& result);
 
-/// From now on, a program that takes longer than a second is named on standard error,
-/// once.
+/// From now on, run() ends with a call of this function, which may throw.
+void afterEachProgram(std::function<void()> function);
+
+/// From now on, a program that takes longer than a second is named on standard error, once,
+/// unless it shows its own output there.
 void announceWaits();
+
+/// Names something else on standard error that a verb has begun to wait for.
+void announceWait(const std::string& purpose);
 
 } // namespace torva::ctl

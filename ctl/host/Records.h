@@ -19,6 +19,7 @@ using RecordsByTable = std::map<std::string, Records>; ///< by name of the table
 /// \throws std::runtime_error  Postfix does not read main.cf, or postmap failed, with the
 ///         message; or Postfix reads the tables as another type now, and a table exists in the
 ///         former type only: a run would drop its records unseen
+/// \throws LockedIndex  another process holds the lock of a table, see OpenIndex.h
 RecordsByTable readRecords(const Postfix& postfix);
 
 /// The records of `before` whose keys are not in `now`.

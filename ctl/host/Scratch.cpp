@@ -19,24 +19,29 @@ namespace {
 
 const char standardPlace[] = "/tmp";
 
-/// \return its path
+/// \return its path; empty, with errno: it could not be made
 std::string makeIn(const std::string& place) {
     std::string path = place + "/torva-postfixctl.XXXXXX";
-    if (::mkdtemp(path.data()) == nullptr) {
-        throwSystemError("mkdtemp " + path, errno);
-    }
-    return path;
+    return ::mkdtemp(path.data()) == nullptr ? std::string() : path;
 }
 
 } // namespace
 
 ScratchDirectory::ScratchDirectory() {
     const char* wanted = std::getenv("TMPDIR");
-    path_ = makeIn(wanted == nullptr || *wanted == '\0' ? standardPlace : wanted);
+    if (wanted != nullptr && *wanted != '\0') {
+        path_ = makeIn(wanted);
+    }
     // su(1) leaves the TMPDIR of the user, who could put another directory in place of ours.
-    if (writableByOthers(path_)) {
+    if (!path_.empty() && writableByOthers(path_)) {
         ::rmdir(path_.c_str());
+        path_.clear();
+    }
+    if (path_.empty()) {
         path_ = makeIn(standardPlace);
+    }
+    if (path_.empty()) {
+        throwSystemError(std::string("mkdtemp in ") + standardPlace, errno);
     }
 }
 

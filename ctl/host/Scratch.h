@@ -7,8 +7,8 @@ namespace torva::ctl {
 
 class ScratchDirectory {
 public:
-    /// Creates it with mode 0700 in $TMPDIR, or in /tmp if another account could replace it
-    /// there.
+    /// Creates it with mode 0700 in $TMPDIR, or in /tmp if it cannot be made there, or another
+    /// account could replace it there.
     ///
     /// \throws SystemError "mkdtemp"
     ScratchDirectory();

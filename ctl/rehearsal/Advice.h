@@ -13,7 +13,13 @@ namespace torva::ctl::rehearsal {
 /// \param evidence  the reply, the reason and the lines of the log about it
 std::string adviceFor(const std::string& evidence, const Surroundings& around);
 
-/// The part of it that is also for services: problems of the host itself.
+/// The same for a service: the problems of the host itself among these, otherwise to correct
+/// what it says.
 std::string adviceForService(const std::string& evidence);
+
+/// Advice that is right for any message that was not delivered.
+///
+/// \param text  what was seen, with the line of the log
+std::string adviceForAny(const std::string& text);
 
 } // namespace torva::ctl::rehearsal

@@ -67,7 +67,7 @@ Configuration readConfiguration(MailLog& log, const std::string& directory,
         requireOutput(log,
                       {postconf, "-c", directory, "-x", "queue_directory", "daemon_directory",
                        "command_directory", "mail_spool_directory", "sendmail_path", "maillog_file",
-                       "myhostname", "mynetworks"},
+                       "myhostname", "mynetworks", "master_service_disable"},
                       deadline));
     configuration.myDestination = parseSettings(requireOutput(
         log, {postconf, "-c", directory, "mydestination"}, deadline))["mydestination"];

@@ -1,6 +1,9 @@
 #include "ctl/rehearsal/DeliveryFindings.h"
 
 #include "ctl/rehearsal/Advice.h"
+#include "ctl/rehearsal/DialogueLines.h"
+#include "ctl/rehearsal/MessageTrail.h"
+#include "ctl/rehearsal/RelayProof.h"
 
 #include <algorithm>
 #include <iterator>
@@ -18,49 +21,12 @@ std::string withLine(const std::string& text, const LogLine& line) {
     return line.text.empty() ? text + "." : text + ". Log: " + line.whole();
 }
 
-// The part of the log that was written while the message was offered.
-std::vector<LogLine> dialogueOf(const Attempt& attempt, const std::vector<LogLine>& log) {
-    const std::size_t end = std::min(attempt.logEnd, log.size());
-    const std::size_t begin = std::min(attempt.logBegin, end);
-    using Offset = std::vector<LogLine>::difference_type;
-    return {log.begin() + static_cast<Offset>(begin), log.begin() + static_cast<Offset>(end)};
+// A warning that always has an advice.
+Finding warningWithAdvice(const std::string& text, const std::string& advice) {
+    return warning(text, advice.empty() ? adviceForAny(text) : advice);
 }
 
-// A reply such as "451 4.3.5 Server configuration error": the server failed, it did not
-// decide.
-bool isServerFault(const SmtpReply& reply) {
-    return reply.code == 0 || reply.text.compare(0, 5, "451 4") == 0 || reply.code == 421;
-}
-
-// The worst line of the smtpd(8) that took the connection, from its "connect from" on: what it
-// logs before that is about its start, and other processes that start meanwhile log about
-// theirs. If it has logged nothing bad, the worst line of all.
-LogLine worstOfConnection(const std::vector<LogLine>& dialogue) {
-    const auto connected = std::find_if(dialogue.begin(), dialogue.end(), [](const LogLine& line) {
-        return line.text.compare(0, 13, "connect from ") == 0;
-    });
-    std::vector<LogLine> own;
-    std::copy_if(connected, dialogue.end(), std::back_inserter(own), [&](const LogLine& line) {
-        return line.program == connected->program && line.pid == connected->pid;
-    });
-    LogLine worst = worstLine(own);
-    return worst.text.empty() ? worstLine(dialogue) : worst;
-}
-
-// The line in which smtpd(8) logs its refusal; after a fault, the one with the cause.
-LogLine lineOfRefusal(const std::vector<LogLine>& dialogue, const SmtpReply& reply) {
-    LogLine worst = worstOfConnection(dialogue);
-    if (isServerFault(reply) && !worst.text.empty()) {
-        return worst;
-    }
-    const auto reject = std::find_if(dialogue.begin(), dialogue.end(), [](const LogLine& line) {
-        return line.text.find("reject: ") != std::string::npos;
-    });
-    return reject == dialogue.end() ? worst : *reject;
-}
-
-// Advice for the evidence; the rest of the dialogue is searched only if there is none,
-// because most of it is unrelated.
+// Advice for the evidence, if any; the rest of the dialogue is searched only if there is none.
 std::string adviceAbout(const std::string& told, const std::vector<LogLine>& dialogue,
                         const Surroundings& around) {
     std::string advice = adviceFor(told, around);
@@ -78,35 +44,90 @@ std::string adviceAbout(const std::string& told, const std::vector<LogLine>& dia
 // message was sent.
 Finding tellNoAnswer(const Attempt& attempt, const std::vector<LogLine>& log,
                      const Surroundings& around) {
-    const std::vector<LogLine> dialogue = dialogueOf(attempt, log);
+    const std::vector<LogLine> dialogue = linesOfDialogue(log, attempt);
     LogLine line = worstLine(dialogue);
+    std::string needed;
     for (const ServiceFault& fault : findServiceFaults(log)) {
         if (fault.daemon == "smtpd") {
             line = fault.why;
+        } else if (fault.atStart) {
+            needed = fault.daemon;
         }
     }
     const char* const verdict = attempt.outcome.step.empty() ? ": not sent: " : ": not accepted: ";
     const std::string text = withLine(attempt.what + verdict + attempt.outcome.failure, line);
-    return warning(text, adviceAbout(text, dialogue, around));
+    if (line.text.empty() && !needed.empty()) {
+        return warning(text, "The service program " + needed +
+                                 " could not start; the server may wait for it.");
+    }
+    return warningWithAdvice(text, adviceAbout(text, dialogue, around));
+}
+
+std::string textOfRefusal(const Attempt& attempt, const std::vector<LogLine>& log) {
+    return withLine(attempt.what + ": refused: " + attempt.outcome.reply.text,
+                    lineOfRefusal(log, attempt));
 }
 
 Finding tellRefused(const Attempt& attempt, const std::vector<LogLine>& log,
                     const Surroundings& around) {
-    const std::vector<LogLine> dialogue = dialogueOf(attempt, log);
-    const SmtpReply& reply = attempt.outcome.reply;
-    const std::string text =
-        withLine(attempt.what + ": refused: " + reply.text, lineOfRefusal(dialogue, reply));
-    const bool fault = isServerFault(reply);
-    if (attempt.relaying && !fault) {
-        return {Level::ok, deliverySubject, text, ""};
+    const std::string text = textOfRefusal(attempt, log);
+    return warningWithAdvice(text, adviceAbout(text, linesOfDialogue(log, attempt), around));
+}
+
+// What became of a message whose recipient was accepted, although it should not be.
+std::string endOfOpenRelaying(const SmtpOutcome& outcome) {
+    if (outcome.accepted) {
+        return "accepted: " + outcome.reply.text;
     }
-    const std::string advice = adviceAbout(text, dialogue, around);
-    if (attempt.relaying) {
-        return warning(text, "The server failed, it did not decide: this proves nothing about "
-                             "relaying." +
-                                 (advice.empty() ? "" : " " + advice));
+    const std::string accepted = "the recipient was accepted; ";
+    if (!outcome.failure.empty()) {
+        return accepted + outcome.failure;
     }
-    return warning(text, advice);
+    const char* const where = outcome.step == "DATA" ? "at DATA: " : "at the end of its data: ";
+    return accepted + "the message was refused " + where + outcome.reply.text;
+}
+
+Finding tellOpenRelay(const Attempt& attempt, const std::vector<LogLine>& log) {
+    const LogLine line = attempt.outcome.accepted ? followMessage(log, marksOf(log, attempt)).last
+                                                  : lineOfRefusal(log, attempt);
+    return warning(withLine(attempt.what + ": " + endOfOpenRelaying(attempt.outcome), line),
+                   "Any stranger may send mail to anybody through this host: look at mynetworks, "
+                   "at smtpd_relay_restrictions and smtpd_recipient_restrictions, and at the "
+                   "tables that they name.");
+}
+
+// What a refusal that proves nothing tells about relaying.
+std::string whyUnproven(RelayProof proof) {
+    const std::string look =
+        "look whether smtpd_relay_restrictions or smtpd_recipient_restrictions "
+        "has reject_unauth_destination, and nothing before it that permits "
+        "strangers.";
+    switch (proof) {
+    case RelayProof::noneByFault:
+        return "The server failed, it did not decide: this proves nothing about relaying.";
+    case RelayProof::noneForNow:
+        return "A refusal for now proves nothing about relaying: " + look;
+    default:
+        return "It was not relaying that was refused, so this proves nothing about it: " + look;
+    }
+}
+
+Finding tellRelaying(const Attempt& attempt, const std::vector<LogLine>& log,
+                     const Surroundings& around) {
+    const RelayProof proof = judgeRelaying(attempt.outcome);
+    if (proof == RelayProof::accepted) {
+        return tellOpenRelay(attempt, log);
+    }
+    if (proof == RelayProof::refused) {
+        return {Level::ok, deliverySubject, textOfRefusal(attempt, log), ""};
+    }
+    Finding finding = attempt.outcome.failure.empty() ? tellRefused(attempt, log, around)
+                                                      : tellNoAnswer(attempt, log, around);
+    // Where the words are unknown, to look for the relaying is enough.
+    const bool known = finding.advice != adviceForAny(finding.text);
+    const bool more = known || proof == RelayProof::noneByFault;
+    finding.advice = whyUnproven(proof) + (more ? " " + finding.advice : "");
+    return finding;
 }
 
 std::string stationsOf(const std::vector<Delivery>& deliveries) {
@@ -149,10 +170,27 @@ Finding tellUndelivered(const std::string& what, const Delivery& delivery,
     const std::string by = delivery.relay.empty() || delivery.relay == "none"
                                ? std::string()
                                : " at " + delivery.relay;
-    return warning(
+    return warningWithAdvice(
         withLine(what + ": accepted, then " + delivery.status + by + ": " + delivery.reason,
                  delivery.line),
         adviceFor(delivery.line.whole(), around));
+}
+
+// Whether a delivery is none: nobody can read the message afterwards.
+bool isThrownAway(const Delivery& delivery) {
+    return delivery.status == "sent" &&
+           (delivery.reason == "discarded" || delivery.line.daemon() == "discard" ||
+            delivery.reason == "delivered to file: /dev/null");
+}
+
+Finding tellThrownAway(const std::string& what, const std::vector<Delivery>& deliveries) {
+    const bool byAlias = deliveries.back().line.daemon() == "local";
+    return warning(withLine(what + ": accepted, then thrown away: " + stationsOf(deliveries),
+                            deliveries.back().line),
+                   byAlias ? "Nobody can read it: give this address a recipient in the aliases, "
+                             "then run newaliases."
+                           : "Nobody can read it: look for the transport discard in "
+                             "transport_maps and in the settings that name transports.");
 }
 
 // Everything was delivered: only tells where.
@@ -186,23 +224,44 @@ LogLine worstBeforeQueue(const std::vector<LogLine>& log) {
     return worstLine(own);
 }
 
-Finding tellUnsettled(const std::string& what, const MessageTrail& trail,
+// Accepted, but there is no trace of it in any queue.
+Finding tellUntaken(const Attempt& attempt, const MessageTrail& trail,
+                    const std::vector<LogLine>& log, const Surroundings& around) {
+    const std::string text = attempt.what + ": accepted, but not taken into the queue";
+    // What an SMTP server has accepted, cleanup has taken.
+    const LogLine why = attempt.client.empty() ? worstBeforeQueue(log) : LogLine();
+    if (!why.text.empty()) {
+        return warningWithAdvice(withLine(text, why), adviceFor(why.whole(), around));
+    }
+    if (trail.found) {
+        return warning(withLine(text + " in time", trail.last),
+                       "The service cleanup has it, and waits: look at the milters and the tables "
+                       "that it asks (non_smtpd_milters, smtpd_milters, virtual_alias_maps).");
+    }
+    if (attempt.client.empty()) {
+        return warning(text + ".", "The service pickup takes what sendmail has left, cleanup puts "
+                                   "it into the queue: look at both in master.cf.");
+    }
+    return warning(attempt.what + ": accepted: " + attempt.outcome.reply.text +
+                       "; what became of it is not known, because the reply has no queue id and "
+                       "the log has no such Message-ID.",
+                   "Send a message of your own, and look for its recipient in the log of the "
+                   "host.");
+}
+
+Finding tellUnsettled(const Attempt& attempt, const MessageTrail& trail,
                       const std::vector<LogLine>& log, const Surroundings& around) {
-    const std::string text = trail.queued ? what + ": accepted, but not delivered in time"
-                                          : what + ": accepted, but not taken into the queue";
+    const std::string text =
+        attempt.what + (trail.queued ? ": accepted, but not delivered in time"
+                                     : ": accepted, but not taken into the queue");
     for (const ServiceFault& fault : findServiceFaults(log)) {
         if (fault.atStart) {
             return warning(withLine(text + ": " + fault.daemon + " could not start", fault.why),
                            adviceForService(fault.why.text));
         }
     }
-    const LogLine why = trail.queued ? LogLine() : worstBeforeQueue(log);
-    if (!why.text.empty()) {
-        return warning(withLine(text, why), adviceFor(why.whole(), around));
-    }
     if (!trail.queued) {
-        return warning(text + ".", "The service pickup takes what sendmail has left, cleanup puts "
-                                   "it into the queue: look at both in master.cf.");
+        return tellUntaken(attempt, trail, log, around);
     }
     return warning(withLine(text, trail.last),
                    "It waits for another program or host, or takes longer than this.");
@@ -212,19 +271,16 @@ Finding tellUnsettled(const std::string& what, const MessageTrail& trail,
 
 Finding tellAttempt(const Attempt& attempt, const std::vector<LogLine>& log,
                     const Surroundings& around) {
+    if (attempt.relaying && !attempt.outcome.step.empty()) {
+        return tellRelaying(attempt, log, around);
+    }
     if (!attempt.outcome.failure.empty()) {
         return tellNoAnswer(attempt, log, around);
     }
     if (!attempt.outcome.accepted) {
         return tellRefused(attempt, log, around);
     }
-    const MessageTrail trail = followMessage(log, attempt.messageId);
-    if (attempt.relaying) {
-        return warning(
-            withLine(attempt.what + ": accepted: " + attempt.outcome.reply.text, trail.last),
-            "Any stranger may send mail to anybody through this host: look at "
-            "mynetworks and smtpd_recipient_restrictions.");
-    }
+    const MessageTrail trail = followMessage(log, marksOf(log, attempt));
     const auto undelivered = std::find_if(
         trail.deliveries.begin(), trail.deliveries.end(), [&around](const Delivery& delivery) {
             return delivery.status != "sent" && !leavesHost(delivery, around);
@@ -233,7 +289,10 @@ Finding tellAttempt(const Attempt& attempt, const std::vector<LogLine>& log,
         return tellUndelivered(attempt.what, *undelivered, around);
     }
     if (!trail.settled || trail.deliveries.empty()) {
-        return tellUnsettled(attempt.what, trail, log, around);
+        return tellUnsettled(attempt, trail, log, around);
+    }
+    if (std::all_of(trail.deliveries.begin(), trail.deliveries.end(), isThrownAway)) {
+        return tellThrownAway(attempt.what, trail.deliveries);
     }
     return tellDelivered(attempt.what, trail.deliveries);
 }
@@ -265,9 +324,7 @@ Finding tellNoStart(const std::string& said, const std::vector<LogLine>& log) {
     all.insert(all.end(), printed.begin(), printed.end());
     const LogLine worst = worstLine(all);
     const std::string text = "Postfix does not start, so no message was sent";
-    const std::string known = adviceForService(worst.text + said);
-    const std::string advice =
-        known.empty() ? "Correct what Postfix complains of, then rehearse again." : known;
+    const std::string advice = adviceForService(worst.text + said);
     const bool isLogged = !worst.text.empty() && worst.whole() == worstLine(log).whole();
     if (isLogged) {
         return warning(withLine(text, worst), advice);

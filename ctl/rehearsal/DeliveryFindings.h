@@ -2,36 +2,24 @@
 // service that could not start. Pure; the facts come from Stage.cpp.
 #pragma once
 
+#include "ctl/rehearsal/Attempt.h"
 #include "ctl/rehearsal/LogLine.h"
-#include "ctl/rehearsal/MessageTrail.h"
 #include "ctl/rehearsal/ServiceFaults.h"
 #include "ctl/rehearsal/ServicePrograms.h"
-#include "ctl/rehearsal/SmtpDialogue.h"
 #include "ctl/report/Finding.h"
 
 #include <chrono>
-#include <cstddef>
 #include <string>
 #include <vector>
 
 namespace torva::ctl::rehearsal {
 
-/// One message, and the result of offering it.
-struct Attempt {
-    std::string what;         ///< for the reader: "from outside to postmaster@example.net"
-    bool relaying = false;    ///< to a domain that this host does not serve: must be refused
-    std::string messageId;    ///< with angle brackets
-    SmtpOutcome outcome;      ///< of sendmail(1): step "sendmail", its message as failure;
-                              ///< without a step nothing was sent, the failure tells why
-    std::size_t logBegin = 0; ///< index of the first line of the log for its dialogue
-    std::size_t logEnd = 0;   ///< index after the last
-};
-
 /// Facts that advice may refer to.
 struct Surroundings {
     std::vector<MissingProgram> missing;
     std::string hostName;
-    std::string myDestination; ///< as main.cf has it, not expanded
+    std::string myDestination;              ///< as main.cf has it, not expanded
+    std::vector<std::string> disabled = {}; ///< services of master.cf that are switched off
 };
 
 /// What happened to a message.

@@ -42,29 +42,35 @@ void skipTime(std::string_view& rest) {
     rest.remove_prefix(shape.size());
 }
 
+// The number of "PROGRAM[PID]", whose name may have blanks, as "syslog_name" may. False: it
+// does not end with one.
+bool takePid(std::string_view& program, long& pid) {
+    const std::size_t bracket = program.rfind('[');
+    if (bracket == std::string_view::npos || bracket == 0 || program.back() != ']') {
+        return false;
+    }
+    const std::string_view number = program.substr(bracket + 1, program.size() - bracket - 2);
+    // A process id has fewer digits; a longer number might not fit.
+    if (number.empty() || number.size() > 10 || countDigits(number) != number.size()) {
+        return false;
+    }
+    pid = std::stol(std::string(number));
+    program = program.substr(0, bracket);
+    return true;
+}
+
 // "PROGRAM[PID]: " or "PROGRAM: ".
 void takeProgram(std::string_view& rest, LogLine& line) {
-    const std::size_t end = rest.find_first_of(" [:");
-    if (end == std::string_view::npos || end == 0) {
+    const std::size_t end = rest.find(": ");
+    if (end == std::string_view::npos || end == 0 || rest[0] == '<') {
         return;
     }
-    std::size_t next = end;
-    long pid = 0;
-    if (rest[end] == '[') {
-        const std::string_view number = rest.substr(end + 1);
-        const std::size_t digits = countDigits(number);
-        // A process id has fewer digits; a longer number might not fit.
-        if (digits == 0 || digits > 10 || number.substr(digits, 1) != "]") {
-            return;
-        }
-        pid = std::stol(std::string(number.substr(0, digits)));
-        next = end + digits + 2;
+    std::string_view program = rest.substr(0, end);
+    if (!takePid(program, line.pid) && program.find_first_of(" [:") != std::string_view::npos) {
+        return;
     }
-    if (rest.substr(next, 2) == ": ") {
-        line.program = rest.substr(0, end);
-        line.pid = pid;
-        rest.remove_prefix(next + 2);
-    }
+    line.program = program;
+    rest.remove_prefix(end + 2);
 }
 
 } // namespace

@@ -2,8 +2,10 @@
 // The replies to the client before that are SmtpDialogue.h.
 #pragma once
 
+#include "ctl/rehearsal/Attempt.h"
 #include "ctl/rehearsal/LogLine.h"
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -24,16 +26,28 @@ struct MessageTrail {
     /// Only final ones, not those to a filter that returned the message to Postfix, and not
     /// forwards within this host.
     std::vector<Delivery> deliveries;
-    bool queued = false;  ///< whether it was in any queue
+    bool found = false;   ///< whether the log has a queue id of it
+    bool queued = false;  ///< whether it was in any queue, and not only on the way there
     bool settled = false; ///< whether nothing more happens without a new attempt
     LogLine last;         ///< last line about a part of it that is not settled, otherwise
                           ///< about any; empty: none
 };
 
-/// Follows a message through the log, even if a filter or an alias queues it again: it then
-/// keeps its Message-ID, with which cleanup(8) logs each new queue id.
-///
-/// \param messageId  with its angle brackets
-MessageTrail followMessage(const std::vector<LogLine>& log, const std::string& messageId);
+/// By what a message is recognised.
+struct MessageMarks {
+    std::string messageId;    ///< with its angle brackets
+    std::string queueId = {}; ///< its first, if known: header checks may remove a Message-ID, or
+                              ///< discard the message before it is logged
+    std::size_t since = 0;    ///< index of the first line of the log that may be about it
+};
+
+/// The marks of an offered message. Its queue id is in the reply of an SMTP server, "queued as
+/// ID"; what sendmail(1) has left is the first message that pickup(8) takes.
+MessageMarks marksOf(const std::vector<LogLine>& log, const Attempt& attempt);
+
+/// Follows a message through the log, even if a filter or an alias queues it again: its new
+/// queue id is in the reason of the delivery, and it keeps its Message-ID, with which
+/// cleanup(8) logs each new queue id.
+MessageTrail followMessage(const std::vector<LogLine>& log, const MessageMarks& marks);
 
 } // namespace torva::ctl::rehearsal

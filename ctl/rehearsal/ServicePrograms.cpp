@@ -1,6 +1,7 @@
 #include "ctl/rehearsal/ServicePrograms.h"
 
 #include <algorithm>
+#include <cctype>
 #include <iterator>
 #include <sstream>
 #include <sys/stat.h>
@@ -34,6 +35,33 @@ void add(std::vector<MissingProgram>& missing, const std::string& path,
     }
 }
 
+std::string lowered(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
+    return text;
+}
+
+// Patterns were "NAME.TYPE" once, which Postfix still takes.
+bool fits(const std::string& pattern, const ServiceEntry& service) {
+    const std::string wanted = lowered(pattern);
+    const std::string name = lowered(service.name);
+    return wanted == service.type || wanted == name + "/" + service.type ||
+           wanted == name + "." + service.type;
+}
+
+bool isDisabled(const ServiceEntry& service, const std::string& setting) {
+    std::string patterns = setting;
+    std::replace(patterns.begin(), patterns.end(), ',', ' ');
+    std::istringstream words(patterns);
+    for (std::string pattern; words >> pattern;) {
+        const bool negated = pattern.front() == '!';
+        if (fits(negated ? pattern.substr(1) : pattern, service)) {
+            return !negated;
+        }
+    }
+    return false;
+}
+
 } // namespace
 
 std::string MissingProgram::name() const {
@@ -50,7 +78,7 @@ std::vector<ServiceEntry> parseServices(const std::string& text) {
         if (words.size() <= commandColumn) {
             continue;
         }
-        ServiceEntry entry{words[0], words[commandColumn], ""};
+        ServiceEntry entry{words[0], words[commandColumn], "", words[1]};
         for (std::size_t i = commandColumn + 1; i < words.size(); ++i) {
             if (entry.program.empty() && words[i].compare(0, 5, "argv=") == 0) {
                 entry.program = words[i].substr(5);
@@ -75,6 +103,17 @@ findMissingPrograms(const std::vector<ServiceEntry>& services, const std::string
         }
     }
     return missing;
+}
+
+std::vector<std::string> findDisabled(const std::vector<ServiceEntry>& services,
+                                      const std::string& setting) {
+    std::vector<std::string> names;
+    for (const ServiceEntry& service : services) {
+        if (service.type == "inet" && isDisabled(service, setting)) {
+            names.push_back(service.name);
+        }
+    }
+    return names;
 }
 
 bool isProgram(const std::string& path) {

@@ -13,10 +13,18 @@ struct ServiceEntry {
     std::string name;    ///< first column, for example "127.0.0.1:10025"
     std::string command; ///< eighth column, for example "spawn"
     std::string program; ///< the program in "argv="; empty: none
+    std::string type;    ///< second column, for example "inet"
 };
 
 /// Reads the output of "postconf -M". Lines with fewer than eight columns are ignored.
 std::vector<ServiceEntry> parseServices(const std::string& text);
+
+/// The names of the services for clients of the network that master(8) does not start.
+///
+/// \param setting  value of "master_service_disable": services as "NAME/TYPE" or "TYPE", with
+///                 "!" for those that are started all the same; the first that fits counts
+std::vector<std::string> findDisabled(const std::vector<ServiceEntry>& services,
+                                      const std::string& setting);
 
 /// A missing program.
 struct MissingProgram {

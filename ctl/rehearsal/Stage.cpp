@@ -155,14 +155,11 @@ void Stage::sendBySendmail() {
 void Stage::sendBySmtp(Attempt attempt, process::Descriptor socket, const std::string& server,
                        const std::string& client, const std::string& recipient) {
     step("sending " + attempt.what);
-    SmtpMessage message;
     // Address literals: Postfix may look a name up, and there are no name servers.
-    message.helo = "[" + client + "]";
-    message.sender = "sender@[" + client + "]";
-    message.recipient = recipient;
-    message.text = textOf(attempt);
+    attempt.client = client;
+    attempt.message = {"[" + client + "]", "sender@[" + client + "]", recipient, textOf(attempt)};
     SmtpConnection connection(log_, std::move(socket), server, deadline_.within(dialogueTime));
-    attempt.outcome = offerMessage(connection, message);
+    attempt.outcome = offerMessage(connection, attempt.message);
     if (!attempt.outcome.failure.empty()) {
         // A server that died has logged why; master(8) logs its end a moment later.
         const Deadline lastWords = deadline_.within(lastWordsTime);
@@ -200,7 +197,8 @@ void Stage::sendAll() {
 
 bool Stage::allSettled() const {
     for (const Attempt& attempt : attempts_) {
-        if (attempt.outcome.accepted && !followMessage(log_.lines(), attempt.messageId).settled) {
+        if (attempt.outcome.accepted &&
+            !followMessage(log_.lines(), marksOf(log_.lines(), attempt)).settled) {
             return false;
         }
     }
@@ -223,10 +221,11 @@ void Stage::awaitAll() {
 }
 
 void Stage::tell() {
-    const Surroundings around{findMissingPrograms(configuration_.services,
-                                                  configuration_.get("daemon_directory"),
-                                                  isProgram),
-                              hostName_, configuration_.myDestination};
+    const Surroundings around{
+        findMissingPrograms(configuration_.services, configuration_.get("daemon_directory"),
+                            isProgram),
+        hostName_, configuration_.myDestination,
+        findDisabled(configuration_.services, configuration_.get("master_service_disable"))};
     for (const Attempt& attempt : attempts_) {
         report_(encode(tellAttempt(attempt, log_.lines(), around)));
     }

@@ -29,7 +29,7 @@ struct ToolOutcome {
 /// \param command  path of the program, or its name in PATH, then its arguments
 /// \param input    its standard input
 /// \throws SystemError  it could not be started: "execvp" and others of launch();
-///         "memfd_create", "write", "read", "pread", "pidfd_open". When waiting for the
+///         "memfd_create", "write", "pipe", "read", "epoll_ctl", "pidfd_open". When waiting for the
 ///         program fails, it and its children are killed.
 ToolOutcome runWatched(MailLog& log, const std::vector<std::string>& command,
                        const Deadline& deadline, const std::string& input = {});

@@ -1,5 +1,6 @@
 #include "ctl/report/Report.h"
 
+#include "ctl/report/InstanceAdvice.h"
 #include "ctl/report/JsonText.h"
 #include "ctl/report/Printable.h"
 #include "ctl/report/Wrap.h"
@@ -91,16 +92,21 @@ std::string padded(std::string text, std::size_t width) {
 
 } // namespace
 
-Report::Report(std::string verb, bool json)
-    : verb_(std::move(verb)), json_(json), coloured_(wantsColour()), width_(widthOfOutput()) {}
+Report::Report(std::string verb, bool json, std::string instance)
+    : verb_(std::move(verb)),
+      json_(json),
+      instance_(std::move(instance)),
+      coloured_(wantsColour()),
+      width_(widthOfOutput()) {}
 
 void Report::finding(const Finding& finding) {
     stopped_ = stopped_ || finding.level == Level::stop;
     const LevelStyle style = styleOf(finding.level);
     const std::string text = inOneLine(finding.text);
     std::vector<Field> fields{{"level", style.name}, {"subject", finding.subject}, {"text", text}};
-    if (!finding.advice.empty()) {
-        fields.emplace_back("action", finding.advice);
+    const std::string advice = adviceFor(instance_, finding.advice);
+    if (!advice.empty()) {
+        fields.emplace_back("action", advice);
     }
     std::string line = padded(style.name, 8);
     if (coloured_) {
@@ -108,9 +114,9 @@ void Report::finding(const Finding& finding) {
     }
     line +=
         padded(oneLine(finding.subject), 11) + wrapped(oneLine(text), width_, textColumn) + '\n';
-    if (!finding.advice.empty()) {
+    if (!advice.empty()) {
         line += std::string(textColumn, ' ') + "-> " +
-                wrapped(oneLine(finding.advice), width_, textColumn + 3) + '\n';
+                wrapped(oneLine(advice), width_, textColumn + 3) + '\n';
     }
     emit(fields, line);
 }

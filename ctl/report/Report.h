@@ -27,9 +27,11 @@ public:
         bool isNumber = false;
     };
 
-    /// \param verb  the current verb, which is part of every object
-    /// \param json  true: objects; false: lines
-    Report(std::string verb, bool json);
+    /// \param verb      the current verb, which is part of every object
+    /// \param json      true: objects; false: lines
+    /// \param instance  configuration directory of an instance of Postfix that is not the
+    ///                  usual one, for advice; else empty
+    Report(std::string verb, bool json, std::string instance = "");
 
     /// Prints a finding: "LEVEL SUBJECT TEXT" and below it the advice after an arrow; or an
     /// object of level, subject, text, and action if there is advice.
@@ -57,6 +59,7 @@ private:
 
     std::string verb_;
     bool json_;
+    std::string instance_;
     bool coloured_;
     std::size_t width_;
     bool stopped_ = false;

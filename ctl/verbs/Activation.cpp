@@ -40,12 +40,14 @@ std::string unitOf(int process) {
 /// has started the daemon and ended counts as active. Empty: systemd does not start it.
 std::string unitToStart(const Postfix& postfix) {
     const std::string unit = "postfix.service";
-    const bool isThere =
-        exists("/etc/systemd/system/" + unit) || exists("/lib/systemd/system/" + unit);
+    const std::string own = "/etc/systemd/system/" + unit;
+    const bool isMasked = resolved(own) == "/dev/null"; // systemd would refuse to start it
+    const bool isThere = !isMasked && (exists(own) || exists("/lib/systemd/system/" + unit));
     return systemdRunsHost() && isThere && postfix.directory == "/etc/postfix" ? unit
                                                                                : std::string();
 }
 
+const char longest[] = "300"; ///< seconds that a service manager gets
 const char noteDirectory[] = "/run/lock/torva-postfix";
 
 /// The note that a daemon needs a restart, by its process id.
@@ -71,9 +73,27 @@ bool needsRestartSinceBefore(int process) {
     return !note.empty() && note == startOf(process);
 }
 
-/// What failed; empty after success.
-std::string failureOf(const ToolResult& result) {
-    return result.succeeded() ? std::string() : wordsOf(result);
+constexpr int outOfTime = 124; ///< exit status of timeout(1)
+
+/// Runs a command that stops or starts Postfix. An interrupt from the terminal does not reach
+/// it, because timeout(1) makes a process group of its own: Postfix would be left stopped. A
+/// service manager that never answers is not waited for without end.
+///
+/// \return what failed; empty after success
+std::string failureOf(const std::vector<std::string>& command) {
+    Program program;
+    program.words = {"timeout", longest};
+    program.words.insert(program.words.end(), command.begin(), command.end());
+    program.purpose = boost::algorithm::join(command, " ");
+    const ToolResult result = run(program);
+    if (exitStatus(result) == outOfTime) {
+        return program.purpose + " did not end within " + longest + " seconds";
+    }
+    const std::string words = result.succeeded() ? std::string() : wordsOf(result);
+    if (boost::algorithm::starts_with(words, "timeout: ")) { // it could not run the command
+        return command.front() + ": " + words.substr(words.rfind(": ") + 2);
+    }
+    return words;
 }
 
 } // namespace
@@ -119,12 +139,16 @@ std::string Activation::command(const FixedAtStart& now) const {
     return needsRestart(now) ? "postfix stop && postfix start" : "postfix reload";
 }
 
+std::string Activation::whereToLook() const {
+    return unit_.empty() ? "see the mail log" : "systemctl status " + unit_ + ", and the mail log";
+}
+
 std::string Activation::activate(const FixedAtStart& now) {
     if (!wasRunning_) {
         return std::string();
     }
     tried_ = true;
-    std::string failure = unit_.empty() ? activateItself(now) : failureOf(run(unitCommand(now)));
+    std::string failure = unit_.empty() ? activateItself(now) : failureOf(unitCommand(now));
     if (failure.empty()) {
         before_ = now; // the settings of the daemon from now on
         inDoubt_ = false;
@@ -154,15 +178,14 @@ std::optional<Finding> Activation::leaveRunning(const FixedAtStart& now) const {
 std::string Activation::activateItself(const FixedAtStart& now) const {
     const bool runs = masterProcess(postfix_) != 0;
     if (runs && !needsRestart(now)) {
-        return failureOf(run({"/usr/sbin/postfix", "reload"}));
+        return failureOf({"/usr/sbin/postfix", "reload"});
     }
     const std::string unit = runs ? std::string() : unitToStart(postfix_);
     if (!unit.empty()) {
-        return failureOf(run({"systemctl", "restart", unit}));
+        return failureOf({"systemctl", "restart", unit});
     }
-    const std::string failure =
-        runs ? failureOf(run({"/usr/sbin/postfix", "stop"})) : std::string();
-    return failure.empty() ? failureOf(run({"/usr/sbin/postfix", "start"})) : failure;
+    const std::string failure = runs ? failureOf({"/usr/sbin/postfix", "stop"}) : std::string();
+    return failure.empty() ? failureOf({"/usr/sbin/postfix", "start"}) : failure;
 }
 
 } // namespace torva::ctl

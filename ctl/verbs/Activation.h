@@ -46,6 +46,9 @@ public:
     /// The command that makes Postfix use what has changed.
     std::string command(const FixedAtStart& now) const;
 
+    /// What tells more about an activation that failed.
+    std::string whereToLook() const;
+
     /// Does that, if Postfix was running; starts it if it has stopped meanwhile. May be
     /// called again, to go back; a restart that failed is followed by another.
     ///

@@ -52,7 +52,7 @@ private:
     void finish();
     int takeBack();
     bool restoreBackup();
-    void activateAgain();
+    std::string activateAgain();
     std::string foreignWork(const Manifest& manifest) const;
     bool keepForeignChanges(const Manifest& manifest);
     FixedAtStart fixedNow() const;
@@ -71,7 +71,7 @@ FixedAtStart Apply::fixedNow() const {
 }
 
 void Apply::backUp() {
-    setMarker(backups_, {"apply", "-"});
+    setMarker(backups_, {"apply", "-", false});
     activation_ =
         std::make_unique<Activation>(host_.postfix, fixedAtStart(host_.postfix, host_.masterCf));
     std::string stamp;
@@ -81,9 +81,9 @@ void Apply::backUp() {
         stamp = backups_.take(manifest);
     } catch (const std::exception& error) {
         throw Failure("backup", std::string("it cannot be made: ") + error.what(),
-                      std::string("is there room in ") + Backups::path + "?");
+                      cureOfBackup(error));
     }
-    setMarker(backups_, {"apply", stamp});
+    setMarker(backups_, {"apply", stamp, activation_->wasRunning()});
     stamp_ = stamp;
     report_.finding({Level::done, "backup", std::string(Backups::path) + "/" + stamp_,
                      "to take the run back: torva-postfixctl rollback"});
@@ -124,7 +124,7 @@ void Apply::activate() {
     }
     const std::string failure = activation_->activate(fixedNow());
     if (!failure.empty()) {
-        throw Failure("reload", "failed: " + failure, "see the mail log");
+        throw Failure("reload", "failed: " + failure, activation_->whereToLook());
     }
     throwIfSignalled();
 }
@@ -142,7 +142,7 @@ void Apply::finish() {
     ::sync();
     clearMarker(backups_);
     Findings findings;
-    findOutcome(after, readMasterCf(after), findings);
+    findOutcome(after, readMasterCf(after), host_.mapTypes, findings);
     report_.findings(findings.all());
     const std::vector<Change> foreign = foreignChanges(manifest, before_.value(), left);
     if (!foreign.empty()) {
@@ -211,23 +211,19 @@ bool Apply::restoreBackup() {
 }
 
 /// Makes Postfix use the restored files, if it has been made to use the others.
-void Apply::activateAgain() {
-    if (!activation_ || !activation_->tried()) {
-        return;
-    }
-    const std::string failure = activation_->activate(fixedNow());
-    if (!failure.empty()) {
-        report_.finding(
-            {Level::failed, "reload", "failed: " + failure, activation_->command(fixedNow())});
-    }
+///
+/// \return why that failed; empty: it succeeded, or there was nothing to do
+std::string Apply::activateAgain() {
+    return activation_ && activation_->tried() ? activation_->activate(fixedNow()) : std::string();
 }
 
 /// The end of a failed apply.
 int Apply::takeBack() {
     ignoreSignals();
+    std::string failure; // of the activation
     try {
         const bool isKept = stamp_.empty() || restoreBackup();
-        activateAgain();
+        failure = activateAgain();
         clearMarker(backups_); // not before: if killed until here, Postfix may be stopped
         if (!isKept) {
             backups_.remove(stamp_); // it is identical to the host
@@ -235,7 +231,17 @@ int Apply::takeBack() {
     } catch (const std::exception& error) {
         report_.finding({Level::failed, "rollback",
                          "the backup " + stamp_ + " could not be restored whole: " + error.what(),
-                         "make room, then torva-postfixctl rollback"});
+                         cureOf(error) + ", then torva-postfixctl rollback"});
+        return 2;
+    }
+    if (!failure.empty()) {
+        report_.finding(
+            {Level::failed, "reload", "failed: " + failure, activation_->command(fixedNow())});
+    }
+    if (!failure.empty() && masterProcess(host_.postfix) == 0) {
+        report_.finding({Level::failed, "apply",
+                         "the files are as they were before, but Postfix is not running",
+                         activation_->command(fixedNow())});
         return 2;
     }
     report_.finding({Level::failed, "apply", "everything is as it was before",
@@ -251,6 +257,7 @@ int apply(Call& call) {
     if (marker.isSet() && !marker.beforeAnyChange()) {
         return 2; // already reported
     }
+    awaitEarlierRun();
     Host host;
     call.report.findings(checkHost(call.programs, host).all());
     if (call.report.stopped()) {

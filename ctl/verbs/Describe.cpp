@@ -4,6 +4,9 @@
 #include "ctl/host/Files.h"
 #include "ctl/host/TouchedPaths.h"
 #include "ctl/report/Printable.h"
+#include "torva/util/SystemError.h"
+
+#include <cerrno>
 
 namespace torva::ctl {
 
@@ -51,6 +54,25 @@ Manifest manifestOf(const Postfix& postfix, const std::string& reason,
     appendPresent(manifest.configuration, manifest.present);
     appendPresent(manifest.queue, manifest.present);
     return manifest;
+}
+
+std::string cureOf(const std::exception& error) {
+    const auto* failed = dynamic_cast<const SystemError*>(&error);
+    const int code = failed == nullptr ? 0 : failed->code();
+    if (code == ENOSPC || code == EDQUOT) {
+        return "make room";
+    }
+    if (code == EPERM || code == EACCES || code == EROFS) {
+        return "make it writable (see mount, lsattr)";
+    }
+    return "remove the cause";
+}
+
+std::string cureOfBackup(const std::exception& error) {
+    const std::string cure = cureOf(error);
+    const bool isOfRoom = dynamic_cast<const SystemError*>(&error) == nullptr;
+    return isOfRoom || cure == "make room" ? std::string("is there room in ") + Backups::path + "?"
+                                           : cure;
 }
 
 Finding otherInstance(const std::string& verb, const Backup& backup) {

@@ -20,6 +20,12 @@ Manifest manifestOf(const Postfix& postfix, const std::string& reason,
                     const std::vector<std::string>& more = {});
 
 /// What a verb tells that was given a backup of another instance of Postfix.
+/// What to do about an error of the host: "make room" where that is the reason.
+std::string cureOf(const std::exception& error);
+
+/// The same about a backup that could not be made.
+std::string cureOfBackup(const std::exception& error);
+
 Finding otherInstance(const std::string& verb, const Backup& backup);
 
 /// Prints changes, each as a line or an object.

@@ -1,6 +1,7 @@
 #include "ctl/backup/Backups.h"
 #include "ctl/backup/Changes.h"
 #include "ctl/verbs/Describe.h"
+#include "ctl/verbs/Signals.h"
 #include "ctl/verbs/Verbs.h"
 
 #include <optional>
@@ -23,6 +24,7 @@ std::optional<Backup> chosenBackup(const std::string& stamp, const Postfix& post
 } // namespace
 
 int diff(Call& call) {
+    endAtSignals();
     const Postfix postfix = askPostfix();
     const std::optional<Backup> backup = chosenBackup(call.request.stamp, postfix);
     if (!backup || !backup->hasLeftState) {

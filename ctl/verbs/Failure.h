@@ -23,4 +23,10 @@ private:
     Finding finding_;
 };
 
+/// A failure before a verb has begun: for people it is told on standard error.
+class Refusal : public Failure {
+public:
+    using Failure::Failure;
+};
+
 } // namespace torva::ctl

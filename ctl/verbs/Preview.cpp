@@ -5,6 +5,7 @@
 #include "ctl/host/Program.h"
 #include "ctl/host/TouchedPaths.h"
 #include "ctl/verbs/Failure.h"
+#include "ctl/verbs/Signals.h"
 #include "ctl/verbs/Verbs.h"
 #include "torva/util/SystemError.h"
 
@@ -21,8 +22,6 @@ namespace torva::ctl {
 
 namespace {
 
-constexpr int refused = 1;
-
 /// Creates the directory for the resulting files, or checks that it is empty and root's
 /// alone: another account could put links into it, and so have files of the host replaced.
 ///
@@ -35,10 +34,10 @@ process::Descriptor prepareKept(std::string path) {
     process::Descriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     struct stat status {};
     if (!directory || ::fstat(directory.get(), &status) != 0 || !namesIn(directory.get()).empty()) {
-        throw Failure("preview", path + " is not empty, or cannot be made", "name another");
+        throw Refusal("preview", path + " is not empty, or cannot be made", "name another");
     }
     if (status.st_uid != ::geteuid() || (status.st_mode & 0022) != 0) {
-        throw Failure("preview", path + " is not root's alone", "name another");
+        throw Refusal("preview", path + " is not root's alone", "name another");
     }
     return directory;
 }
@@ -114,9 +113,10 @@ void keepFiles(int archive, const process::Descriptor& directory) {
 
 int preview(Call& call) {
     if (::access(call.programs.tool.c_str(), X_OK) != 0) {
-        complain("there is no " + call.programs.tool + ": build it, or install the package");
-        return refused;
+        throw Refusal("program", "there is no " + call.programs.tool,
+                      "build it, or install the package");
     }
+    endAtSignals();
     try {
         const process::Descriptor kept =
             call.request.keep.empty() ? process::Descriptor() : prepareKept(call.request.keep);
@@ -126,17 +126,18 @@ int preview(Call& call) {
         program.words = commandFor(call, archive.get());
         program.output = STDOUT_FILENO;
         program.error = STDERR_FILENO;
+        obeySignals(); // the end of this process ends the private world
         const int status = exitStatus(run(program));
         if (kept) {
             keepFiles(archive.get(), kept);
         }
         return status;
-    } catch (const Failure& failure) {
-        complain(failure.what());
+    } catch (const Failure&) {
+        throw;
     } catch (const std::exception& error) {
-        complain(std::string("no preview: ") + error.what());
+        throw Refusal("preview", std::string("no preview: ") + error.what(),
+                      "remove the cause, then torva-postfixctl preview");
     }
-    return refused;
 }
 
 } // namespace torva::ctl

@@ -7,6 +7,7 @@
 #include "ctl/rehearsal/Rehearsal.h"
 #include "ctl/report/Printable.h"
 #include "ctl/verbs/Describe.h"
+#include "ctl/verbs/Failure.h"
 #include "ctl/verbs/Run.h"
 #include "ctl/verbs/Verbs.h"
 
@@ -146,13 +147,31 @@ void showVerdict(Report& report, const Host& before, const Postfix& postfix) {
 void showOutcome(Report& report, const Host& before, const Postfix& after) {
     Findings findings;
     findSupport(before, findings);
-    findOutcome(after, readMasterCf(after), findings);
+    findOutcome(after, readMasterCf(after), before.mapTypes, findings);
     report.findings(findings.all());
 }
 
 void showDelivery(Report& report, const Postfix& after) {
     report.heading("delivery");
     report.findings(rehearse({after.directory, after.value("myhostname"), hasNamespaces()}));
+}
+
+/// What an apply would not begin for. A run can nevertheless show what it would do to a
+/// master.cf that Postfix refuses.
+///
+/// \return whether there is something
+/// \throws Failure  Postfix does not read main.cf
+bool tellUnreadable(const Host& host, Report& report) {
+    Findings findings;
+    if (findReadable(host, findings) || !findings.stopped()) {
+        return false;
+    }
+    report.findings(findings.all());
+    if (host.masterFailure.empty()) {
+        throw Failure("preview", "an apply would change nothing on this host",
+                      "follow the lines above that say stop");
+    }
+    return true;
 }
 
 HostNames namesIn(const std::vector<std::string>& texts) {
@@ -174,6 +193,7 @@ int previewInside(Call& call) {
     if (hasNamespaces()) {
         coverRest(host.postfix);
     }
+    const bool isUnreadable = tellUnreadable(host, report);
     const Before before = lookBefore(host);
     report.heading("torva-postfix-setup");
     const int progress = report.json() ? STDERR_FILENO : STDOUT_FILENO;
@@ -195,7 +215,7 @@ int previewInside(Call& call) {
     report.object({{"change", "exit"}, {"status", result.status}},
                   "\n=== exit status of torva-postfix-setup: " + std::to_string(result.status) +
                       "\n");
-    return result.status;
+    return result.status == 0 && isUnreadable ? 1 : result.status;
 }
 
 } // namespace torva::ctl

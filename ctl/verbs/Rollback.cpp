@@ -3,6 +3,8 @@
 #include "ctl/backup/Lock.h"
 #include "ctl/backup/Marker.h"
 #include "ctl/backup/Restore.h"
+#include "ctl/host/Files.h"
+#include "ctl/host/PanelRun.h"
 #include "ctl/host/TouchedPaths.h"
 #include "ctl/verbs/Activation.h"
 #include "ctl/verbs/Describe.h"
@@ -11,12 +13,25 @@
 #include "ctl/verbs/Verbs.h"
 
 #include <optional>
+#include <sstream>
 
 namespace torva::ctl {
 
 namespace {
 
 constexpr int rollbackPatience = 600; ///< in tenths of a second
+
+/// Whether the settings of another instance of Postfix name the panel's tables.
+bool usesPanelTables(const std::string& configuration) {
+    std::istringstream lines(readFile(configuration + "/main.cf").value_or(""));
+    std::string line;
+    while (std::getline(lines, line)) {
+        if (line[0] != '#' && line.find(tablesDirectory) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
 
 class Rollback {
 public:
@@ -32,24 +47,28 @@ public:
             return;
         }
         const Backup backup = chosenBackup();
+        stopAtOtherInstance(backup);
         stopAtChanges(backup);
         backUpFirst(backup);
         Activation activation(postfix_, fixedAtStart(postfix_, readMasterCf(postfix_)));
         if (finishesWhatWasKilled()) {
-            activation.resumeAfterKill(backup.manifest.running);
+            activation.resumeAfterKill(marker_.running);
         }
-        restoreBackup(backup);
+        restoreBackup(backup, activation.wasRunning());
         takeUp(activation);
+        keepLeftState();
     }
 
 private:
     bool finishesWhatWasKilled() const { return marker_.isSet() && !marker_.beforeAnyChange(); }
     Backup chosenBackup() const;
     std::vector<Change> changesSince(const Backup& applied) const;
+    void stopAtOtherInstance(const Backup& backup) const;
     void stopAtChanges(const Backup& backup);
     void backUpFirst(const Backup& backup);
-    void restoreBackup(const Backup& backup);
+    void restoreBackup(const Backup& backup, bool running);
     void takeUp(Activation& activation);
+    void keepLeftState();
 
     Call& call_;
     Report& report_;
@@ -76,7 +95,12 @@ Backup Rollback::chosenBackup() const {
         throw Failure("rollback",
                       "no backup " + (stamp.empty() ? "of an apply" : stamp) +
                           ", or not what its manifest says; nothing was done",
-                      "torva-postfixctl backups");
+                      finishesWhatWasKilled()
+                          ? std::string("torva-postfixctl rollback STAMP, with one that "
+                                        "torva-postfixctl backups calls whole; if there is none, "
+                                        "correct the files, then rm ") +
+                                Backups::path + "/unfinished"
+                          : "torva-postfixctl backups");
     }
     if (!backup->ofInstance(postfix_.directory)) {
         throw Failure(otherInstance("rollback", *backup));
@@ -97,6 +121,26 @@ std::vector<Change> Rollback::changesSince(const Backup& applied) const {
     }
 }
 
+/// Stops if another instance of Postfix would lose the panel's tables, which are in one place
+/// for all.
+void Rollback::stopAtOtherInstance(const Backup& backup) const {
+    if (call_.request.force || partOf(backup.manifest.entries, tablesDirectory).size() > 1) {
+        return;
+    }
+    for (const Backup& other : backups_.list()) {
+        const std::string& configuration = other.manifest.configuration;
+        if (other.ofApply() && !other.ofInstance(postfix_.directory) &&
+            usesPanelTables(configuration)) {
+            throw Failure("rollback",
+                          "the tables of the panel would be removed, which " + configuration +
+                              " uses; nothing was done",
+                          "MAIL_CONFIG=" + configuration +
+                              " torva-postfixctl rollback, then this again; or "
+                              "torva-postfixctl rollback --force");
+        }
+    }
+}
+
 /// Stops if edits since the apply would be lost.
 void Rollback::stopAtChanges(const Backup& backup) {
     if (finishesWhatWasKilled() || call_.request.force) {
@@ -104,22 +148,25 @@ void Rollback::stopAtChanges(const Backup& backup) {
     }
     const std::vector<Backup> all = backups_.listOf(postfix_.directory);
     if (all.empty() || !all.back().hasLeftState) {
-        return; // the last verb was not an apply
+        return; // the last verb did not end, or was of an earlier version
     }
     const std::vector<Change> changes = changesSince(all.back());
     if (!changes.empty() && !matchesHost(backup)) {
         printChanges(report_, changes);
         throw Failure("rollback",
-                      std::to_string(changes.size()) +
-                          " changes since the apply would be lost; nothing was done",
+                      std::to_string(changes.size()) + " changes since the " +
+                          (all.back().ofApply() ? "apply" : "last rollback") +
+                          " would be lost; nothing was done",
                       "torva-postfixctl rollback --force");
     }
 }
 
 void Rollback::backUpFirst(const Backup& backup) {
-    if (finishesWhatWasKilled()) {
-        return; // the current state is half changed
+    const bool isSame = finishesWhatWasKilled() && matchesHost(backup);
+    if (isSame || (finishesWhatWasKilled() && call_.request.force)) {
+        return;
     }
+    // What is half changed, too: somebody may have gone on working since the kill.
     try {
         made_ = backups_.take(
             manifestOf(postfix_, "before rollback to " + backup.stamp, backup.manifest.paths));
@@ -127,15 +174,18 @@ void Rollback::backUpFirst(const Backup& backup) {
         throw Failure("rollback",
                       std::string("what there is now cannot be backed up: ") + error.what() +
                           "; nothing was done",
-                      std::string("is there room in ") + Backups::path + "?");
+                      cureOfBackup(error) +
+                          (finishesWhatWasKilled()
+                               ? " If not: torva-postfixctl rollback --force, which keeps no copy"
+                               : ""));
     }
 }
 
-void Rollback::restoreBackup(const Backup& backup) {
+void Rollback::restoreBackup(const Backup& backup, bool running) {
     stamp_ = backup.stamp;
     const std::string verb = finishesWhatWasKilled() ? marker_.verb : "rollback";
     try {
-        setMarker(backups_, {verb, backup.stamp});
+        setMarker(backups_, {verb, backup.stamp, running});
         const RunLock lock; // a killed run may have left a child at work
         restore(backups_, backup);
         if (verb == "apply") {
@@ -144,18 +194,22 @@ void Rollback::restoreBackup(const Backup& backup) {
         if (masterProcess(postfix_) == 0) { // a running Postfix needs them
             removeQueueDirectories(backup);
         }
+    } catch (const Locked& locked) { // before the first change
+        if (!finishesWhatWasKilled()) {
+            clearMarker(backups_);
+        }
+        throw Failure("lock", locked.what(), "wait for its end, or end it");
     } catch (const std::exception& error) {
         throw Failure("rollback",
                       "the backup " + backup.stamp +
                           " could not be restored whole: " + error.what(),
-                      "make room, then torva-postfixctl rollback");
+                      cureOf(error) + ", then torva-postfixctl rollback");
     }
 }
 
 void Rollback::takeUp(Activation& activation) {
     const Postfix now = askPostfix();
     const FixedAtStart fixed = fixedAtStart(now, readMasterCf(now));
-    std::string advice = activation.command(fixed);
     std::string failure;
     if (call_.request.reload) {
         failure = activation.activate(fixed);
@@ -164,15 +218,29 @@ void Rollback::takeUp(Activation& activation) {
     }
     clearMarker(backups_); // not before: if killed until here, Postfix may be stopped
     if (!failure.empty()) {
-        throw Failure("reload", "failed: " + failure, advice);
+        const std::string state = masterProcess(now) == 0 ? "; Postfix is not running" : "";
+        throw Failure("reload", "failed: " + failure + state, activation.command(fixed));
     }
-    if (call_.request.reload && activation.wasRunning()) {
-        advice.clear();
-    }
+    const bool isUp = call_.request.reload && activation.wasRunning();
     report_.finding({Level::done, "rollback",
                      "everything is as it was at " + stamp_ +
                          (made_.empty() ? "" : "; what was there is backup " + made_),
-                     advice});
+                     isUp ? "" : activation.command(fixed)});
+}
+
+/// For the next rollback: what somebody changes from now on.
+void Rollback::keepLeftState() {
+    if (made_.empty()) {
+        return;
+    }
+    try {
+        const Backup made = backups_.find(made_).value();
+        backups_.keepLeftState(made_, captureState(askPostfix(), made.manifest.paths));
+    } catch (const std::exception& error) {
+        report_.finding({Level::warning, "backup",
+                         std::string("a next rollback will not see later changes: ") + error.what(),
+                         "before it, look at torva-postfixctl diff " + stamp_});
+    }
 }
 
 } // namespace

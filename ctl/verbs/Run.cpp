@@ -244,7 +244,10 @@ Verdict postfixCheck() {
     }
     std::vector<std::string> words = withoutChrootHook();
     words.insert(words.end(), command.begin(), command.end());
-    const ToolResult result = run(words);
+    Program program;
+    program.words = std::move(words);
+    program.purpose = "/usr/sbin/postfix check";
+    const ToolResult result = run(program);
     Verdict verdict;
     verdict.status = exitStatus(result);
     std::set<std::string> seen;

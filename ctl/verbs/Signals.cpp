@@ -1,5 +1,6 @@
 #include "ctl/verbs/Signals.h"
 
+#include "ctl/host/Program.h"
 #include "ctl/verbs/Failure.h"
 
 #include <csignal>
@@ -40,6 +41,20 @@ void throwIfSignalled() {
 
 void ignoreSignals() {
     handle(&forget);
+}
+
+void endAtSignals() {
+    holdSignals();
+    afterEachProgram([] {
+        if (received != 0) {
+            throw Interrupted{received};
+        }
+    });
+}
+
+void obeySignals() {
+    afterEachProgram(nullptr);
+    handle(SIG_DFL);
 }
 
 } // namespace torva::ctl

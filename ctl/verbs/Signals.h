@@ -1,5 +1,5 @@
 // Signals that ask the companion to end. A verb that changes the host goes on until it can
-// end safely.
+// end safely; one that only tells removes its temporary files.
 #pragma once
 
 namespace torva::ctl {
@@ -13,5 +13,16 @@ void throwIfSignalled();
 
 /// From now on they are ignored.
 void ignoreSignals();
+
+/// A verb that only tells was asked to end.
+struct Interrupted {
+    int signal;
+};
+
+/// From now on, run() ends with Interrupted when one has arrived, so that temporary files go.
+void endAtSignals();
+
+/// From now on they have their usual effect.
+void obeySignals();
 
 } // namespace torva::ctl

@@ -34,4 +34,9 @@ void noteUnfinished(Report& report);
 /// \throws Failure  another verb is at work; as HostLock
 HostLock lockHost(int patience);
 
+/// Waits for what a killed verb may have started, see RunLock.
+///
+/// \throws Failure  it is still at work; as RunLock
+void awaitEarlierRun();
+
 } // namespace torva::ctl

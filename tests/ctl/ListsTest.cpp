@@ -35,6 +35,28 @@ TEST(ListsTest, TablesAreFoundWhereverTheyStand) {
     EXPECT_THAT(mapsIn("static:/x unix:/run/socket inline:{a=b} $alias_maps"), IsEmpty());
 }
 
+TEST(ListsTest, TablesOfDatabasesHaveFilesToo) {
+    EXPECT_THAT(mapsIn("mysql:/etc/a, proxy:ldap:/etc/b pgsql:c sqlite:/etc/d memcache:/etc/e"),
+                ElementsAre("mysql:/etc/a", "ldap:/etc/b", "sqlite:/etc/d", "memcache:/etc/e"));
+    EXPECT_EQ(openedFile({"mysql", "/etc/a"}), "/etc/a");
+}
+
+TEST(ListsTest, TypeInCapitalsIsFoundAsItIsWritten) {
+    EXPECT_THAT(mapsIn("HASH:/etc/a Proxy:Btree:/etc/b"),
+                ElementsAre("HASH:/etc/a", "Btree:/etc/b"));
+}
+
+TEST(ListsTest, ListOfTablesHasTypesOfAllKinds) {
+    std::vector<std::string> texts;
+    for (const MapReference& map :
+         tableElements("hsah:/etc/a proxy:ldap:b, unix:passwd.byname proxy:proxy:hash:c, /d e "
+                       "{inline:{x=y}} unionmap:{hash:/f, hash:/g} proxy:")) {
+        texts.push_back(map.text());
+    }
+    EXPECT_THAT(texts, ElementsAre("hsah:/etc/a", "ldap:b", "unix:passwd.byname", "hash:c",
+                                   "unionmap:{hash:/f, hash:/g}"));
+}
+
 TEST(ListsTest, OpenedFileIsTheIndexWhereThereIsOne) {
     EXPECT_EQ(openedFile({"hash", "/a"}), "/a.db");
     EXPECT_EQ(openedFile({"lmdb", "/a"}), "/a.lmdb");

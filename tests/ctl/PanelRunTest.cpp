@@ -1,10 +1,13 @@
 // What the companion knows of a run, compared with the golden files of the run itself.
 #include "ctl/host/PanelRun.h"
 
+#include "ctl/host/MasterCfText.h"
+
 #include <gmock/gmock.h>
 
 #include <fstream>
 #include <set>
+#include <sstream>
 #include <string>
 
 using namespace torva::ctl;
@@ -36,6 +39,24 @@ TEST(PanelRunTest, EveryParameterThatARunSetsIsOneOfItsParameters) {
     for (const std::string& name : names) {
         EXPECT_THAT(panelParameters(), Contains(name));
     }
+}
+
+TEST(PanelRunTest, WhatItInstallsWhereNothingIsAreItsOwnCommandLines) {
+    std::ifstream file(TORVA_SOURCE_DIR "/tests/run/fake/golden/master.cf.after");
+    std::ostringstream text;
+    text << file.rdbuf();
+    const MasterCfText masterCf(text.str());
+    int compared = 0;
+    for (const MasterCfTextEntry& entry : masterCf.entries()) {
+        const PanelService* own = panelServiceOf(entry.key());
+        if (own != nullptr && !own->replaces) {
+            const std::string arguments = own->arguments;
+            const std::string command = own->command;
+            EXPECT_EQ(entry.commandLine(), command + (arguments.empty() ? "" : " " + arguments));
+            ++compared;
+        }
+    }
+    EXPECT_EQ(compared, 5);
 }
 
 } // namespace

@@ -1,3 +1,4 @@
+#include "ctl/report/InstanceAdvice.h"
 #include "ctl/report/JsonText.h"
 #include "ctl/report/Printable.h"
 #include "ctl/report/Wrap.h"
@@ -43,6 +44,34 @@ TEST(ReportTextTest, OtherCharactersStay) {
 
 TEST(ReportTextTest, OneLineHasNoLineFeed) {
     EXPECT_EQ(oneLine("a\nb\tc"), "a\\x0ab\tc");
+}
+
+TEST(ReportTextTest, AdviceForAnInstanceNamesIt) {
+    const std::string directory = "/etc/postfix-out";
+    const struct {
+        const char* advice;
+        const char* wanted;
+    } cases[] = {
+        {"postfix reload", "MAIL_CONFIG=/etc/postfix-out postfix reload"},
+        {"postfix stop && postfix start",
+         "MAIL_CONFIG=/etc/postfix-out postfix stop && MAIL_CONFIG=/etc/postfix-out postfix start"},
+        {"correct it: postconf -X queue_directory restores the built-in one",
+         "correct it: MAIL_CONFIG=/etc/postfix-out postconf -X queue_directory restores the "
+         "built-in "
+         "one"},
+        {"make room, then torva-postfixctl rollback",
+         "make room, then MAIL_CONFIG=/etc/postfix-out torva-postfixctl rollback"},
+        {"apt-get install postfix postfix-pcre", "apt-get install postfix postfix-pcre"},
+        {"MAIL_CONFIG=/etc/postfix torva-postfixctl rollback",
+         "MAIL_CONFIG=/etc/postfix torva-postfixctl rollback"},
+        {"reinstall Postfix's configuration", "reinstall Postfix's configuration"},
+        {"", ""},
+    };
+    for (const auto& one : cases) {
+        EXPECT_EQ(adviceFor(directory, one.advice), one.wanted);
+        EXPECT_EQ(adviceFor("", one.advice), one.advice);
+    }
+    EXPECT_EQ(adviceFor("/etc/it's", "postfix start"), "MAIL_CONFIG='/etc/it'\\''s' postfix start");
 }
 
 TEST(ReportTextTest, OtherTextIsRefused) {

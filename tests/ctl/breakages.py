@@ -1,10 +1,11 @@
 """How hosts get their defects: functions that make one, or that answer a function that does."""
 
 import os
+import subprocess
 from pathlib import Path
 
 import pairs
-from ctlworld import BACKUPS, MAIN_CF, MARKER, MASTER_CF, POSTFIX, TABLES, program, remove, run, write
+from ctlworld import BACKUPS, MAIN_CF, MARKER, MASTER_CF, POSTFIX, TABLES, kill_group, program, remove, run, wait_until, write
 
 DAEMONS = Path("/usr/lib/postfix/sbin")
 SOCKET = "/run/mysqld/mysqld.sock"
@@ -179,6 +180,21 @@ def damaged_table():
     write(TABLES / "virtual.db", "no index\n")
 
 
+LOCK_HOLDERS = []
+
+
+def locked_table():
+    filled_table()
+    LOCK_HOLDERS.append(subprocess.Popen(["flock", TABLES / "virtual.db", "sleep", "1000"], start_new_session=True))
+    wait_until(lambda: subprocess.call(["flock", "--nonblock", TABLES / "virtual.db", "true"]) != 0, "the lock is held")
+    return end_lock_holder
+
+
+def end_lock_holder(_=None):
+    while LOCK_HOLDERS:
+        kill_group(LOCK_HOLDERS.pop())
+
+
 def small_backups():
     BACKUPS.mkdir(parents=True)
     run("mount", "-t", "tmpfs", "-o", "size=64k,mode=700", "none", BACKUPS)
@@ -189,9 +205,40 @@ def ordinary_host_with_a_domain():
     pairs.both(pairs.MAIN, pairs.SMTP + pairs.SERVICES)
 
 
+def destinations(element, text):
+    """A file or a table of the domains that are the host's own."""
+    def change():
+        write("/etc/postfix/dests", text)
+        if "hash:" in element:
+            run("postmap", "hash:/etc/postfix/dests")
+        main_cf(f"mydestination = {element}")()
+    return change
+
+
 def map_without_index():
     write("/etc/postfix/virtual", "a@example.com b@example.com\n")
     main_cf("virtual_alias_maps = hash:/etc/postfix/virtual")()
+
+
+def backups_of_a_group():
+    BACKUPS.mkdir(parents=True)
+    BACKUPS.chmod(0o770)
+
+
+def mysql_table(has_type, has_file):
+    """As if the package postfix-mysql were installed, and before it is."""
+    def change():
+        main_cf("virtual_alias_maps = proxy:mysql:/etc/postfix/users.cf")()
+        if has_file:
+            write("/etc/postfix/users.cf", "dbname = mail\n")
+        real = "/usr/sbin/postconf.without"
+        os.rename("/usr/sbin/postconf", real)
+        head = f'#!/bin/sh\ncase $1 in -m) {real} -m | grep -vx mysql'
+        tail = f' ;; *) exec {real} "$@" ;; esac\n'
+        program("/usr/sbin/postconf.replaced", f"{head}; echo mysql{tail}")
+        program("/usr/sbin/postconf", f"{head}; echo mysql{tail}" if has_type else head + tail)
+        return lambda: (remove("/usr/sbin/postconf.replaced"), os.replace(real, "/usr/sbin/postconf"))
+    return change
 
 
 def lock_directory_of_nobody():

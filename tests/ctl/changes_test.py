@@ -332,6 +332,28 @@ class InstancesTest(QuietCheckTest):
                              f"MAIL_CONFIG=/etc/postfix-out torva-postfixctl {verb} {stamp}")
         self.assertSame(now, "nothing was done")
 
+    def test_tables_that_the_other_uses_are_not_removed(self):
+        self.assertStatus(0, ctl("rollback", argv=self.OTHER))
+        self.assertStatus(0, ctl("apply"))
+        self.assertStatus(0, ctl("apply", argv=self.OTHER))
+        now = tree()
+        outcome = self.assertStatus(1, ctl("rollback", "--json"))
+        self.assertIn("would be removed, which /etc/postfix-out uses", outcome.findings("failed")[-1]["text"])
+        self.assertSame(now, "nothing was done")
+        run("sh", "-c", outcome.findings("failed")[-1]["action"].split(", then")[0])
+        self.assertStatus(0, ctl("rollback"))
+        self.assertSame(self.before, "after both rollbacks")
+
+    def test_advice_names_the_instance(self):
+        outcome = self.assertStatus(0, ctl("apply", "--json", argv=self.OTHER))
+        self.assertEqual([f["action"] for f in outcome.findings("done") if f["subject"] in ("backup", "apply")],
+                         ["to take the run back: MAIL_CONFIG=/etc/postfix-out torva-postfixctl rollback",
+                          "MAIL_CONFIG=/etc/postfix-out postfix start"])
+
+    def test_relative_name_of_the_instance(self):
+        outcome = self.assertStatus(0, ctl("diff", "--json", argv=("env", "-C", "/etc", "MAIL_CONFIG=postfix-out")))
+        self.assertEqual(outcome.out, "")
+
     def test_killed_apply_to_one_is_finished_by_a_rollback_of_that(self):
         stamp = self.newest_stamp()
         MARKER.write_text(f"apply {stamp}\n")

@@ -98,6 +98,13 @@ class CheckTest(CtlTest):
             run("sh", "-c", stops[0]["action"])
             self.assertStatus(0, ctl("check"))
 
+    def test_says_nothing_of_mail_to_the_host_when_a_table_gives_no_answer(self):
+        write("/etc/postfix/mc", "memcache = inet:localhost:11211\n")
+        for value in ("memcache:/etc/postfix/mc", "/no/such/file"):
+            write(MAIN_CF, MAIN_CF.read_text() + f"mydestination = {value}\n")
+            outcome = self.assertStatus(0, ctl("check", "--json"))
+            self.assertNotIn("mydestination", {f["subject"] for f in outcome.objects()})
+
     def test_bytes_that_are_not_text_stay_valid_json(self):
         write(MAIN_CF, MAIN_CF.read_bytes() + b"virtual_alias_maps = hash:/no/\"\\\x07\xff\xc3\xa9\n")
         outcome = self.assertStatus(0, ctl("check", "--json"))

@@ -30,6 +30,27 @@ class FindingsTest(CtlTest):
         self.assertStatus(0, ctl("apply"))
         self.assertEqual(self.found("mydestination"), [])
 
+    def test_filter_on_the_port_of_the_panel_is_told_until_it_has_another(self):
+        add(MASTER_CF, "127.0.0.1:10025 inet n - n - - smtpd\n  -o content_filter=\n")
+        told = set()
+        for verb in ("check", "preview", "apply", "check"):
+            found = [f for f in ctl(verb, "--json").findings("warning") if "127.0.0.1:10025/inet" in f["text"]]
+            told.update((f["text"], f["action"]) for f in found)
+            self.assertTrue(found, verb)
+            self.assertEqual(len(told), 1, verb)
+        run("sh", "-c", found[0]["action"].split("; ")[0])
+        self.assertStatus(0, ctl("apply"))
+        self.assertEqual(self.found("service"), [])
+        self.assertEqual(run("postconf", "-M", "127.0.0.1:10025/inet").split()[7], "spawn")
+        self.assertIn("content_filter=", run("postconf", "-M", "127.0.0.1:10125/inet"))
+
+    def test_check_names_the_host_as_preview_does(self):
+        pairs.both(pairs.MAIN.replace("mail.example.net", "mail"), pairs.SMTP + pairs.SERVICES)
+        texts = {tuple(f["text"] for f in ctl(verb, "--json").findings("warning") if f["subject"] == "mydestination")
+                 for verb in ("check", "preview")}
+        self.assertEqual(len(texts), 1, texts)
+        self.assertIn("mailer-daemon@sandbox.example.net goes to", *texts.pop())
+
     def test_master_cf_that_postfix_refuses_is_told_in_its_words(self):
         add(MASTER_CF, "a unix - - y\n")
         before = tree()
@@ -249,7 +270,9 @@ exec $REAL "$@"
 
     def test_preview_tells_what_postfix_refuses_among_many_services(self):
         add(MASTER_CF, "".join(f"svc{number} unix - - y - - smtp\n" for number in range(260)) + "bad unix - - y - -\n")
-        verdict = [o for o in ctl("--json", "preview").objects() if o.get("change") == "postfix-check"]
+        outcome = self.assertStatus(1, ctl("--json", "preview"))
+        self.assertEqual([f["subject"] for f in outcome.findings("stop")], ["master.cf"])
+        verdict = [o for o in outcome.objects() if o.get("change") == "postfix-check"]
         self.assertNotEqual(verdict[0]["status"], 0)
         self.assertIn("bad", verdict[0]["text"])
 

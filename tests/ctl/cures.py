@@ -19,6 +19,11 @@ def behind(words):
     return lambda action: shell(action.split(words)[1].split(", or ")[0])
 
 
+def before(words):
+    """The command with which the advice begins."""
+    return lambda action: shell(action.split(words)[0])
+
+
 def built_in_one(action):
     shell(action.split(": ")[1].split(" restores ")[0])
 

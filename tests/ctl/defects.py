@@ -3,13 +3,14 @@ and how the advice is carried out."""
 
 from typing import Callable, NamedTuple, Optional
 
-from breakages import (DAEMONS, PASSWORD, SHADOW, SOCKET, advice_without_hash, append, damaged_table, directory,
-                       empty_store, fifo, fifo_among_the_aliases, filled_table, hard_link, killed_apply, link,
-                       linked_main_cf, lock_directory_of_nobody, main_cf, map_without_index, master_cf,
-                       mounted_aliases, mounted_below_tables, mounted_file, mounted_index, mounted_tables,
-                       no_database, ordinary_host_with_a_domain, read_only, replace_program, small_backups, with_hash,
-                       without, without_account, without_addresses, without_hash, without_map_type, wrong_password)
-from cures import (as_it_stands, behind, built_in_one, by_apt_get, by_hand, installed, stock, stock_main_cf,
+from breakages import (DAEMONS, PASSWORD, SHADOW, SOCKET, advice_without_hash, append, backups_of_a_group,
+                       damaged_table, destinations, directory, empty_store, end_lock_holder, fifo,
+                       fifo_among_the_aliases, filled_table, hard_link, killed_apply, link, linked_main_cf,
+                       lock_directory_of_nobody, locked_table, main_cf, map_without_index, master_cf, mounted_aliases,
+                       mounted_below_tables, mounted_file, mounted_index, mounted_tables, mysql_table, no_database,
+                       ordinary_host_with_a_domain, read_only, replace_program, small_backups, with_hash, without,
+                       without_account, without_addresses, without_hash, without_map_type, wrong_password)
+from cures import (as_it_stands, before, behind, built_in_one, by_apt_get, by_hand, installed, stock, stock_main_cf,
                    without_its_last_line, written)
 from ctlworld import BACKUPS, MAIN_CF, MASTER_CF, PANEL, POSTFIX, TABLES, TOOL, program, remove, run, write
 
@@ -32,6 +33,7 @@ NOTHING_ELSE = "correct it; nothing else was looked at"
 WRITE_TABLE = "have the panel write it; an empty one will do"
 INSTALL_DAEMON = "install it; until then the service fails"
 TAKE_OUT = ", or take it out of the configuration"
+THEN_APPLY = "; then apply, which adds the panel's"
 ALIAS_RULES = ("correct alias_maps and alias_database: a type of postconf -m, a directory that is there, plain "
                "characters")
 ALIASES_SET_RIGHT = by_hand("postconf", "-e", "alias_maps=hash:/etc/aliases", "alias_database=hash:/etc/aliases")
@@ -128,7 +130,7 @@ DEFECTS = [
     Defect("unknown_type", master_cf("smtpd tcp - - y - - smtpd"), "stop", "master.cf", 'invalid type field "tcp"',
            NOTHING_ELSE, without_its_last_line(MASTER_CF)),
     Defect("empty_master_cf", lambda: write(MASTER_CF, ""), "stop", "master.cf", "the file is empty",
-           "correct it, or comment the entry out for the run", stock("master.cf")),
+           "reinstall Postfix's configuration", stock("master.cf")),
     Defect("empty_store", empty_store, "stop", "master.cf", "master.cf.disabled is not parsed",
            "correct it, or move it away", by_hand("mv", TABLES / "master.cf.disabled", "/run/tmp")),
     Defect("upper_case_name", master_cf("SMTPS inet n - y - - smtpd"),
@@ -145,6 +147,30 @@ DEFECTS = [
     Defect("address_and_port_twice",
            master_cf("127.0.0.1:smtp inet n - y - - smtpd\n127.0.0.1:25 inet n - y - - smtpd"),
            "warning", "service", "one endpoint", "postconf -MX 127.0.0.1:smtp/inet", as_it_stands),
+    Defect("only_the_newer_protocol", main_cf("inet_protocols = ipv6"), "warning", "service",
+           "inet_protocols = ipv6, but 127.0.0.1:10025/inet, 127.0.0.1:10026/inet, 127.0.0.1:10027/inet are IPv4 addresses: "
+           "Postfix will not start", "postconf -e inet_protocols=all", as_it_stands),
+    # What returns from amavis, as amavis describes it.
+    Defect("filter_on_the_port_of_the_panel",
+           master_cf("127.0.0.1:10025 inet n - n - - smtpd\n  -o content_filter=\n  -o mynetworks=127.0.0.0/8"),
+           "warning", "service", "127.0.0.1:10025/inet is not the panel's, but runs smtpd -o content_filter= "
+           "-o mynetworks=127.0.0.0/8: the run keeps it; all mail that comes by SMTP goes there, not to the panel's queue program",
+           "postconf -F 127.0.0.1:10025/inet/service=127.0.0.1:10125; have what sends mail to port 10025 (amavis by "
+           f"$forward_method, a content_filter) use that port{THEN_APPLY}", before("; ")),
+    *(Defect(f"operators_service_on_port_{port}", master_cf(f"127.0.0.1:{port} inet n - n - - smtpd"), "warning",
+             "service", f"127.0.0.1:{port}/inet is not the panel's, but runs smtpd: the run keeps it; {text}",
+             cure=before("; "))
+      for port, text in ((10026, "all mail that leaves the panel's queue program goes there"),
+                         (10027, "mail of programs on this host, and what has come by SMTP, goes there"))),
+    *(Defect(f"port_of_the_panel_{where}", master_cf(f"{host}10025 inet n - n - - smtpd -o content_filter="), "warning",
+             "service", text, f"postconf -F {host}10025/inet/service={host}10125; have what sends mail to port 10025 (amavis "
+             f"by $forward_method, a content_filter) use that port{THEN_APPLY}", before("; "))
+      for where, host, text in (("in_brackets", "[127.0.0.1]:", "Postfix, which starts only one of them"),
+                                ("by_name", "localhost:", "each gets a part of what comes"),
+                                ("everywhere", "", "which gets what comes to it"))),
+    Defect("operators_sasl_service", master_cf("torva_saslauthd unix n n n - - pipe user=nobody argv=/bin/true"), "warning",
+           "service", "the run keeps it; the passwords of SMTP clients are not checked by the panel's program",
+           f"postconf -MX torva_saslauthd/unix{THEN_APPLY}", before("; ")),
     Defect("no_daemon", master_cf("a unix - - y - - no-such-daemon"),
            "warning", "service", f"no {DAEMONS}/no-such-daemon",
            INSTALL_DAEMON, installed(DAEMONS / "no-such-daemon")),
@@ -166,6 +192,25 @@ DEFECTS = [
     Defect("no_map_of_a_service", master_cf("587 inet n - y - - smtpd -o smtpd_client_restrictions=cidr:/etc/no.cidr"),
            "warning", "map", "no /etc/no.cidr",
            f"write /etc/no.cidr{TAKE_OUT}", by_hand("postconf", "-PX", "587/inet/smtpd_client_restrictions")),
+    Defect("no_file_of_a_cache", main_cf("virtual_alias_maps = proxy:memcache:/etc/postfix/cache.cf"), "warning", "map",
+           "memcache:/etc/postfix/cache.cf: there is no /etc/postfix/cache.cf",
+           f"write /etc/postfix/cache.cf{TAKE_OUT}", written("/etc/postfix/cache.cf", "memcache = inet:localhost:11211\n")),
+    Defect("no_file_of_a_database_table", mysql_table(has_type=True, has_file=False), "warning", "map",
+           "mysql:/etc/postfix/users.cf: there is no /etc/postfix/users.cf",
+           f"write /etc/postfix/users.cf{TAKE_OUT}", written("/etc/postfix/users.cf", "dbname = mail\n")),
+    Defect("no_type_of_a_database_table", mysql_table(has_type=False, has_file=True), "warning", "map",
+           "mysql:/etc/postfix/users.cf: Postfix has no type mysql",
+           f"apt-get install postfix-mysql{TAKE_OUT}", by_apt_get("postfix-mysql")),
+    Defect("type_in_capitals", main_cf("smtpd_client_restrictions = check_client_access CIDR:/etc/aliases"), "warning", "map",
+           "CIDR:/etc/aliases: Postfix has no type CIDR", f"name it cidr:/etc/aliases{TAKE_OUT}",
+           by_hand("postconf", "-e", "smtpd_client_restrictions=check_client_access cidr:/etc/aliases")),
+    Defect("no_such_type", main_cf("virtual_alias_maps = hsah:/etc/postfix/virtual"), "warning", "map",
+           "hsah:/etc/postfix/virtual: Postfix has no type hsah", "take it out of the configuration",
+           by_hand("postconf", "-X", "virtual_alias_maps")),
+    Defect("type_of_old_that_postmap_cannot_build",
+           master_cf("587 inet n - y - - smtpd -o smtpd_sender_login_maps=sdbm:/etc/postfix/logins"), "warning", "map",
+           "sdbm:/etc/postfix/logins: Postfix has no type sdbm", "take it out of the configuration",
+           by_hand("postconf", "-PX", "587/inet/smtpd_sender_login_maps")),
     Defect("aliases_as_recipients", main_cf("local_recipient_maps = unix:passwd.byname $alias_maps"), "ok", "map",
            "the files of all maps"),
     Defect("no_alias_file_that_the_run_leaves_alone", main_cf("alias_maps = hash:/etc/aliases, texthash:/etc/no-lists"),
@@ -192,10 +237,29 @@ DEFECTS = [
            "root@, postmaster@ and mailer-daemon@mail.example.net goes to localhost.localdomain",
            "postconf -e 'mydestination=$myhostname, localhost.example.net, localhost, localhost.localdomain'",
            as_it_stands),
+    Defect("root_is_led_into_a_file_of_domains", destinations("/etc/postfix/dests", "# ours\nlocalhost.localdomain\n"), "ok",
+           "mydestination", "mail to root@"),
+    Defect("root_is_led_into_a_table_of_domains", destinations("proxy:hash:/etc/postfix/dests", "LocalHost.localdomain -\n"),
+           "ok", "mydestination", "mail to root@"),
+    Defect("file_of_other_domains", destinations("/etc/postfix/dests", "# localhost.localdomain\nexample.net\n"), "warning",
+           "mydestination", "localhost.localdomain, which is in no domain class",
+           "postconf -e 'mydestination=/etc/postfix/dests, localhost.localdomain'", as_it_stands),
+    Defect("table_of_other_domains", destinations("hash:/etc/postfix/dests", "example.net -\n"), "warning",
+           "mydestination", "localhost.localdomain, which is in no domain class",
+           "postconf -e 'mydestination=hash:/etc/postfix/dests, localhost.localdomain'", as_it_stands),
+    Defect("root_is_led_to_an_exception", main_cf("mydestination = !localhost.localdomain, localhost"), "warning",
+           "mydestination", "localhost.localdomain, which is in no domain class",
+           "postconf -e 'mydestination=localhost.localdomain, !localhost.localdomain, localhost'", as_it_stands),
+    # The run gives it that of the host.
+    Defect("name_without_a_domain", main_cf("myhostname = vm\nmydomain = localdomain\nmydestination = localhost.$mydomain"),
+           "warning", "mydestination", "root@, postmaster@ and mailer-daemon@sandbox.example.net goes to",
+           "postconf -e 'mydestination=localhost.$mydomain, localhost.localdomain'", as_it_stands),
     Defect("records", filled_table, "ok", "records", "1 in virtual: the run drops them, apply puts them back"),
     Defect("damaged_table", damaged_table, "stop", "records", "cannot be read: ",
            "have the panel write it again",
            lambda _: (write(TABLES / "virtual", ""), run("postmap", f"hash:{TABLES}/virtual"))),
+    Defect("locked_table", locked_table, "stop", "records", "virtual.db is locked by another process (fuser ",
+           "wait until that process has ended, or end it", end_lock_holder),
     Defect("no_database", no_database,
            "warning", "database", "kra does not answer: there is no /run/mysqld/mysqld.sock",
            "start the panel's database before the run", by_hand("mv", f"{SOCKET}.away", SOCKET)),
@@ -204,6 +268,8 @@ DEFECTS = [
            "have the panel write it before the run", lambda _: write(SHADOW, PASSWORD[0], 0o600)),
     Defect("wrong_database_password", wrong_password, "warning", "database", "Access denied for user 'admin'",
            f"set that right before the run; the password is in {SHADOW}", lambda _: write(SHADOW, PASSWORD[0], 0o600)),
+    Defect("backups_of_a_group", backups_of_a_group, "stop", "backup", f"{BACKUPS} is not root's alone",
+           "see who has written into it, then chown -R root: {0} && chmod 700 {0}".format(BACKUPS), behind("then ")),
     Defect("lock_of_somebody_else", lock_directory_of_nobody, "stop", "lock", "is not root's alone",
            "see who made it", by_hand("rm", "-r", "/run/lock/torva-postfix")),
     Defect("killed_before_it_changed_anything", killed_apply, "warning", "unfinished",

@@ -6,7 +6,7 @@ import shutil
 from pathlib import Path
 
 import ctlworld
-from ctlworld import BACKUPS, CTL, INSTALLED, TOOL, CtlTest, ctl, program, remove, run, tree
+from ctlworld import BACKUPS, CTL, INSTALLED, MAIN_CF, TOOL, CtlTest, ctl, program, remove, run, tree, write
 
 STAMP = r"\d{8}T\d{6}Z"
 
@@ -102,6 +102,31 @@ class CommandLineTest(CtlTest):
             self.assertEqual(outcome.out, "")
             self.assertNotEqual(outcome.err, "")
         self.assertFalse(BACKUPS.exists())
+
+    def test_every_failure_is_an_object_with_advice(self):
+        BACKUPS.mkdir(parents=True)
+        BACKUPS.chmod(0o770)
+        cases = {
+            ("preview", "--keep", "/etc"): "/etc is not empty, or cannot be made",
+            ("apply",): f"{BACKUPS} is not root's alone",
+            ("diff",): f"{BACKUPS} is not root's alone",
+            ("backups",): f"{BACKUPS} is not root's alone",
+        }
+        for words, text in cases.items():
+            outcome = ctl("--json", *words)
+            failed = outcome.findings("failed")
+            self.assertEqual([f["text"] for f in failed], [text], outcome)
+            self.assertTrue(failed[0]["action"])
+            self.assertIn(text, outcome.err)
+        outcome = ctl("--json", "backups", argv=["setpriv", "--reuid=nobody", "--clear-groups"])
+        self.assertEqual([(f["subject"], f["action"]) for f in outcome.findings("failed")],
+                         [("root", "sudo torva-postfixctl backups")])
+
+    def test_preview_of_what_postfix_does_not_read_says_what_to_do(self):
+        write(MAIN_CF, "inet_interfaces\n")
+        outcome = self.assertStatus(1, ctl("--json", "preview"))
+        self.assertEqual([(f["level"], f["subject"]) for f in outcome.findings("stop", "failed")],
+                         [("stop", "main.cf"), ("failed", "preview")])
 
     def test_diff_that_cannot_compare_does_not_end_as_if_something_had_changed(self):
         self.assertIn("is not the name of a backup", self.assertStatus(2, ctl("diff", "yesterday")).err)

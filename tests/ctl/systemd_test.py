@@ -134,6 +134,13 @@ class SystemdTest(SystemdWorld):
         self.assertEqual(self.asked(), [])
         self.assertRuns()
 
+    def test_masked_unit_is_not_told_to_be_started(self):
+        unit = Path("/etc/systemd/system/postfix.service")
+        unit.symlink_to("/dev/null")
+        self.addCleanup(remove, unit)
+        run("postfix", "stop")
+        self.assertIn("-> postfix start", self.assertStatus(0, ctl("apply")).out)
+
     def test_postfix_that_was_stopped_by_an_apply_that_was_killed_is_started_by_its_unit(self):
         write("/etc/systemd/system/postfix.service", "[Service]\n")
         self.addCleanup(remove, "/etc/systemd/system/postfix.service")

@@ -8,12 +8,16 @@ namespace {
 
 const char* const messageId = "<rehearsal-1@example.net>";
 
-MessageTrail follow(const std::vector<const char*>& lines) {
+std::vector<LogLine> linesFrom(const std::vector<const char*>& texts) {
     std::vector<LogLine> log;
-    for (const char* line : lines) {
-        log.push_back(parseLogLine(line));
+    for (const char* text : texts) {
+        log.push_back(parseLogLine(text));
     }
-    return followMessage(log, messageId);
+    return log;
+}
+
+MessageTrail follow(const std::vector<const char*>& lines, const char* queueId = "") {
+    return followMessage(linesFrom(lines), {messageId, queueId});
 }
 
 TEST(MessageTrailTest, MessageThatNobodyLoggedIsNotQueued) {
@@ -106,6 +110,80 @@ TEST(MessageTrailTest, DiscardByAMilterIsSeen) {
                 "postfix/cleanup[1]: A: milter-discard: END-OF-MESSAGE from x: triggers DISCARD"});
     EXPECT_TRUE(trail.settled);
     EXPECT_EQ(trail.deliveries.at(0).status, "discarded");
+}
+
+TEST(MessageTrailTest, MessageWithoutMessageIdIsFollowedByItsQueueIds) {
+    const MessageTrail trail =
+        follow({"postfix/pickup[1]: A: uid=0 from=<root>", "postfix/cleanup[1]: A: message-id=<>",
+                "postfix/smtp[2]: A: to=<a@x>, relay=127.0.0.1[127.0.0.1]:10027, status=sent (250 "
+                "2.0.0 Ok: queued as B)",
+                "postfix/qmgr[3]: A: removed", "postfix/cleanup[1]: B: message-id=<>",
+                "postfix/local[4]: B: to=<a@x>, relay=local, status=sent (forwarded as C)",
+                "postfix/cleanup[1]: C: message-id=<>", "postfix/cleanup[1]: D: message-id=<>",
+                "postfix/qmgr[3]: B: removed",
+                "postfix/local[4]: C: to=<b@x>, relay=local, status=sent (delivered to mailbox)",
+                "postfix/qmgr[3]: C: removed"},
+               "A");
+    EXPECT_TRUE(trail.queued);
+    EXPECT_TRUE(trail.settled);
+    ASSERT_EQ(trail.deliveries.size(), 1U);
+    EXPECT_EQ(trail.deliveries[0].recipient, "b@x");
+}
+
+TEST(MessageTrailTest, DiscardBeforeTheMessageIdIsSeen) {
+    const MessageTrail trail =
+        follow({"postfix/smtpd[1]: A: client=localhost[127.0.0.1]",
+                "postfix/cleanup[1]: A: discard: header From: x from localhost[127.0.0.1]"},
+               "A");
+    EXPECT_TRUE(trail.settled);
+    EXPECT_EQ(trail.deliveries.at(0).status, "discarded");
+}
+
+TEST(MessageTrailTest, MessageOfWhichOnlyTheOriginIsLoggedIsNotQueued) {
+    const MessageTrail trail = follow({"postfix/pickup[1]: A: uid=0 from=<root>"}, "A");
+    EXPECT_TRUE(trail.found);
+    EXPECT_FALSE(trail.queued);
+    EXPECT_FALSE(trail.settled);
+    EXPECT_EQ(trail.last.text, "A: uid=0 from=<root>");
+    EXPECT_FALSE(follow({"postfix/pickup[1]: A: uid=0 from=<root>",
+                         "postfix/cleanup[2]: A: milter-reject: CONNECT from localhost[127.0.0.1]: "
+                         "4.7.1 Service unavailable; from=<root@x>"},
+                        "A")
+                     .queued);
+}
+
+TEST(MessageTrailTest, WhatCleanupRefusesIsSettled) {
+    EXPECT_TRUE(follow({"postfix/pickup[1]: A: uid=0 from=<root>",
+                        "postfix/cleanup[2]: A: to=<root@x>, relay=none, delay=0, dsn=5.7.1, "
+                        "status=bounced (no)"},
+                       "A")
+                    .settled);
+}
+
+TEST(MessageTrailTest, LinesFromBeforeTheMessageAreNotAboutIt) {
+    const auto log = linesFrom({"postfix/local[2]: A: to=<o@x>, relay=local, status=bounced (no)",
+                                "postfix/qmgr[3]: A: removed",
+                                "postfix/smtpd[1]: A: client=localhost[127.0.0.1]"});
+    const MessageTrail trail = followMessage(log, {messageId, "A", 2});
+    EXPECT_TRUE(trail.deliveries.empty());
+    EXPECT_FALSE(trail.settled);
+}
+
+TEST(MessageTrailTest, MarksAreInTheReplyOrInTheLineOfPickup) {
+    Attempt attempt;
+    attempt.messageId = messageId;
+    attempt.logBegin = 1;
+    const auto log = linesFrom({"postfix/pickup[1]: Z: uid=5 from=<before>",
+                                "postfix/smtpd[1]: Y: client=localhost[127.0.0.1]",
+                                "postfix/pickup[1]: A: uid=0 from=<root>",
+                                "postfix/pickup[1]: B: uid=5 from=<panel>"});
+    EXPECT_EQ(marksOf(log, attempt).queueId, "A");
+    attempt.client = "127.0.0.1";
+    EXPECT_EQ(marksOf(log, attempt).queueId, "");
+    attempt.outcome.reply = {250, "250 2.0.0 Ok: queued as 4D7B2"};
+    EXPECT_EQ(marksOf(log, attempt).queueId, "4D7B2");
+    EXPECT_EQ(marksOf(log, attempt).messageId, messageId);
+    EXPECT_EQ(marksOf(log, attempt).since, 1U);
 }
 
 } // namespace

@@ -39,6 +39,17 @@ TEST(ServiceProgramsTest, NameCommandAndProgramAreRead) {
     EXPECT_EQ(entries[1].program, "/usr/lib/torva-9.0/postfix-queue");
 }
 
+TEST(ServiceProgramsTest, DisabledServicesAreThoseThatTheSettingFits) {
+    const std::vector<ServiceEntry> entries = parseServices(services);
+    const Texts all = {"smtp", "127.0.0.1:10025", "127.0.0.1:10027"};
+    EXPECT_EQ(findDisabled(entries, ""), Texts{});
+    EXPECT_EQ(findDisabled(entries, "inet"), all);
+    EXPECT_EQ(findDisabled(entries, "smtp/inet"), Texts{"smtp"});
+    EXPECT_EQ(findDisabled(entries, "uucp.unix, SMTP.inet"), Texts{"smtp"});
+    EXPECT_EQ(findDisabled(entries, "!smtp/inet inet"), (Texts{all[1], all[2]}));
+    EXPECT_EQ(findDisabled(entries, "unix smtp"), Texts{});
+}
+
 TEST(ServiceProgramsTest, NothingIsMissingWhereAllIsThere) {
     EXPECT_EQ(missingWithout("/nothing"), Texts{});
 }

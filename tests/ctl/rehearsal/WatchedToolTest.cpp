@@ -84,6 +84,39 @@ TEST_F(WatchedToolTest, ProgramThatEndsWhileAChildHoldsItsOutputHasEnded) {
     EXPECT_EQ(WEXITSTATUS(outcome.status), 5);
 }
 
+TEST_F(WatchedToolTest, LimitOfTheSizeOfFilesDoesNotCutWhatIsSaid) {
+    const ToolOutcome outcome =
+        runScript("ulimit -f 0; echo complaint >&2; echo output; exit 3", minute);
+    EXPECT_EQ(outcome.error, "complaint\n");
+    EXPECT_EQ(outcome.output, "output\n");
+    EXPECT_EQ(WEXITSTATUS(outcome.status), 3);
+}
+
+TEST_F(WatchedToolTest, ManyComplaintsDoNotBlockTheProgram) {
+    const ToolOutcome outcome = runScript(
+        "head -c 1000000 /dev/zero >&2; echo output; head -c 100000 /dev/zero >&2", minute);
+    EXPECT_TRUE(outcome.succeeded());
+    EXPECT_EQ(outcome.error.size(), 1100000U);
+    EXPECT_EQ(outcome.output, "output\n");
+}
+
+TEST_F(WatchedToolTest, ChildThatHoldsTheComplaintsOpenIsNotWaitedFor) {
+    const auto begin = std::chrono::steady_clock::now();
+    const ToolOutcome outcome = runScript("sleep 3 >&- & echo no >&2; exit 5", minute);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(3));
+    EXPECT_TRUE(outcome.ended);
+    EXPECT_EQ(outcome.error, "no\n");
+}
+
+TEST_F(WatchedToolTest, ProgramThatNeverStopsTalkingIsCutOff) {
+    for (const char* const stream : {"1", "2"}) {
+        const ToolOutcome outcome = runScript(std::string("exec cat /dev/zero >&") + stream,
+                                              std::chrono::milliseconds(300));
+        EXPECT_FALSE(outcome.ended);
+        EXPECT_EQ(WTERMSIG(outcome.status), SIGKILL);
+    }
+}
+
 TEST_F(WatchedToolTest, ProgramIsKilledWhenItCannotBeWaitedFor) {
     const auto outcome = inChild([this] {
         if (!torva::test::failSyscall(SYS_pidfd_open, EPERM)) {

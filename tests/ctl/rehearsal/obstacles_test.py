@@ -121,7 +121,7 @@ class NothingIsLeftTest(RehearsalTest):
         Path("/srv").chmod(0o777)
         Path("/srv/mbox").write_text("before\n")
         Path("/srv/mbox").chmod(0o666)
-        set_aliases("postmaster: root", "root: /srv/mbox, \"|/bin/sh -c 'cat >/srv/copy && test -s /srv/copy'\"")
+        set_aliases("postmaster: root", "root: /srv/mbox, \"|/bin/sh -c 'cat >/srv/copy.$$ && test -s /srv/copy.$$'\"")
         before = tree("/srv")
         rehearsed = self.assertLevels(rehearse(), "ok ok ok ok")
         self.assertIn("(delivered to file: /srv/mbox)", rehearsed.findings[0]["text"])

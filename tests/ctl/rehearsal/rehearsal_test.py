@@ -9,7 +9,7 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "run"))
 import rehearsalworld as world
 from newerwords import VERSIONS, postconf_words
 from rehearsalworld import (LOOPBACK, OUTSIDE, PANEL, POSTFIX, RELAYING, SENDMAIL, TABLES, RehearsalTest, main,
-                            postconf, program, rehearse, remove, run, set_aliases, tree)
+                            postconf, program, rehearse, remove, run, set_aliases, table, tree)
 
 
 class GoodHostTest(RehearsalTest):
@@ -41,6 +41,11 @@ class GoodHostTest(RehearsalTest):
         self.assertLevels(rehearse(), "ok ok ok ok")
         self.assertEqual(tree("/etc/postfix"), before)
         self.assertFalse(Path("/var/log/mail.log").exists())
+
+    def test_message_without_message_id_and_daemons_with_a_blank_in_their_names_are_followed(self):
+        table("header_checks", "/^Message-ID:/ IGNORE\n")
+        postconf("header_checks=regexp:/etc/postfix/header_checks", "syslog_name=my mail")
+        self.assertLevels(rehearse(), "ok ok ok ok")
 
     def test_mail_for_another_host_has_done_its_part(self):
         set_aliases("postmaster: root", "root: admin@example.com")
@@ -135,10 +140,69 @@ class BadHostTest(RehearsalTest):
         rehearsed = self.assertLevels(rehearse(), "ok ok ok warning")
         self.assertIn(": accepted: 250 ", rehearsed.findings[3]["text"])
 
+    def test_open_relay_is_told_even_if_it_refuses_for_another_reason(self):
+        (TABLES / "no_relay.re").write_text("/./ OK\n")
+        relaying = "smtpd_relay_restrictions=permit"
+        table("header_checks", "/^Subject: .*relaying/ REJECT no rehearsals\n")
+        table("clients", "/^203/ 450 4.7.1 greylisted\n")
+        for setting, text, advice in (
+                ("header_checks=regexp:/etc/postfix/header_checks",
+                 "the recipient was accepted; the message was refused at the end of its data: 550 5.7.1 no rehearsals. ",
+                 "Any stranger may send mail to anybody through this host: "),
+                ("smtpd_client_restrictions=check_client_access regexp:/etc/postfix/clients",
+                 "refused: 450 4.7.1 <outside.example[203.0.113.25]>: Client host rejected: greylisted. ",
+                 "A refusal for now proves nothing about relaying: "),
+                ("smtpd_helo_restrictions=permit_mynetworks, reject",
+                 "refused: 554 5.7.1 <[203.0.113.25]>: Helo command rejected: Access denied. ",
+                 "It was not relaying that was refused, so this proves nothing about it: "),
+                ("queue_minfree=999999999999", "refused: 452 4.3.1 Insufficient system storage. ",
+                 "A refusal for now proves nothing about relaying: ")):
+            with self.subTest(setting):
+                postconf(relaying, setting)
+                finding = rehearse().about(RELAYING)[0]
+                self.assertEqual(finding["level"], "warning", finding)
+                self.assertTrue(finding["text"].startswith(f"{RELAYING}: {text}"), finding)
+                self.assertTrue(finding["advice"].startswith(advice), finding)
+                run("postconf", "-X", setting.split("=")[0])
+
     def test_message_that_a_rule_holds_is_told(self):
         postconf("header_checks=static:HOLD")
         rehearsed = self.assertLevels(rehearse(), "warning warning warning ok")
         self.assertIn(": accepted, then held: hold: header ", rehearsed.findings[0]["text"])
+
+    def test_each_message_that_a_rule_refuses_is_told_with_its_own_line(self):
+        table("header_checks", "/^Subject: rehearsal/ REJECT no rehearsals\n")
+        postconf("header_checks=regexp:/etc/postfix/header_checks")
+        rehearsed = self.assertLevels(rehearse(), "warning warning warning ok")
+        self.assertIn(": accepted, then bounced: no rehearsals. ", rehearsed.findings[0]["text"])
+        for finding, message in zip(rehearsed.findings[1:3], (LOOPBACK, OUTSIDE)):
+            self.assertIn(f": reject: header Subject: rehearsal: {message} from ", finding["text"])
+
+    def test_message_that_is_discarded_before_its_message_id_is_told(self):
+        table("header_checks", "/^From:/ DISCARD\n")
+        postconf("header_checks=regexp:/etc/postfix/header_checks")
+        for finding in self.assertLevels(rehearse(), "warning warning warning ok").findings[:3]:
+            self.assertIn(": accepted, then discarded: discard: header From: ", finding["text"])
+
+    def test_words_of_sendmail_are_whole_even_if_no_message_may_be_larger_than_a_byte(self):
+        postconf("message_size_limit=1")
+        self.assertIn(": not accepted: sendmail: fatal: root(0): message file too big. ",
+                      rehearse().about(SENDMAIL)[0]["text"])
+
+    def test_mail_that_nobody_can_read_is_told(self):
+        set_aliases("postmaster: /dev/null")
+        rehearsed = self.assertLevels(rehearse(), "ok ok warning ok")
+        self.assertIn(": accepted, then thrown away: ", rehearsed.findings[2]["text"])
+        set_aliases("root: root")  # without postmaster, local discards what is for it
+        rehearsed = self.assertLevels(rehearse(), "ok ok warning ok")
+        self.assertIn(" by local (discarded). ", rehearsed.findings[2]["text"])
+        self.assertIn("give this address a recipient in the aliases", rehearsed.findings[2]["advice"])
+
+    def test_service_that_is_switched_off_is_told_as_the_reason(self):
+        postconf("master_service_disable=smtp/inet")
+        for finding in self.assertLevels(rehearse(), "ok warning warning warning").findings[1:]:
+            self.assertTrue(finding["advice"].endswith("The service smtp stands in master.cf, but is switched off: "
+                                                       "postconf -h master_service_disable"), finding)
 
     def test_unknown_recipient_is_told(self):
         set_aliases("postmaster: nobody-of-this-name")

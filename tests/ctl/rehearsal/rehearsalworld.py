@@ -67,6 +67,12 @@ def postconf(*settings):
     settle(POSTFIX / "main.cf")
 
 
+def table(name, text):
+    """A table that needs no index, in Postfix's directory."""
+    (POSTFIX / name).write_text(text)
+    settle(POSTFIX / name)
+
+
 def program(path, text):
     path = Path(path)
     path.parent.mkdir(parents=True, exist_ok=True)

@@ -27,13 +27,25 @@ const char manifestName[] = "manifest";
 const char leftName[] = "left";
 const char sumsName[] = "sums";
 
-std::string stampOfNow() {
-    const std::time_t now = std::time(nullptr);
+std::string stampOf(std::time_t moment) {
     std::tm parts{};
-    ::gmtime_r(&now, &parts);
+    ::gmtime_r(&moment, &parts);
     char text[32];
     std::strftime(text, sizeof(text), "%Y%m%dT%H%M%SZ", &parts);
     return text;
+}
+
+/// The moment of a stamp; nothing when it is no date, or no stamp can follow it.
+std::optional<std::time_t> momentOf(const std::string& stamp) {
+    std::tm parts{};
+    if (!isStamp(stamp) || ::strptime(stamp.c_str(), "%Y%m%dT%H%M%SZ", &parts) == nullptr) {
+        return std::nullopt;
+    }
+    const std::time_t moment = ::timegm(&parts);
+    if (stampOf(moment) != stamp || !isStamp(stampOf(moment + 1))) {
+        return std::nullopt;
+    }
+    return moment;
 }
 
 Descriptor openAt(int directory, const std::string& name, int flags) {
@@ -216,7 +228,7 @@ std::string Backups::takePartial(Manifest manifest) {
         throw std::runtime_error("somebody changed a file meanwhile");
     }
     for (;;) {
-        std::string stamp = stampOfNow();
+        std::string stamp = stampAfter(namesIn(directory()), std::time(nullptr));
         if (::renameat2(directory(), partial, directory(), stamp.c_str(), RENAME_NOREPLACE) == 0) {
             ::fsync(directory());
             return stamp;
@@ -224,7 +236,7 @@ std::string Backups::takePartial(Manifest manifest) {
         if (errno != EEXIST) {
             throwSystemError("rename " + stamp, errno);
         }
-        ::usleep(50000); // two in one second: wait for another name
+        ::usleep(50000); // somebody has just made something of this name
     }
 }
 
@@ -299,6 +311,16 @@ void Backups::remove(const std::string& stamp) {
 
 void Backups::removePartial() {
     removeAll(directory(), partial);
+}
+
+std::string stampAfter(const std::vector<std::string>& names, std::time_t now) {
+    std::time_t moment = now;
+    for (const std::string& name : names) {
+        if (const std::optional<std::time_t> taken = momentOf(name)) {
+            moment = std::max(moment, *taken + 1);
+        }
+    }
+    return stampOf(moment);
 }
 
 bool isStamp(const std::string& text) {

@@ -94,6 +94,13 @@ private:
     process::Descriptor directory_;
 };
 
+/// The name of a new backup, the current date and time in UTC. If the clock has been ahead,
+/// and one of the names is not earlier than that: one second after the latest of them. So the
+/// newest backup is always that with the last name.
+///
+/// \param names  what the directory of the backups holds; others than stamps do not matter
+std::string stampAfter(const std::vector<std::string>& names, std::time_t now);
+
 /// Whether a text is the name of a backup.
 bool isStamp(const std::string& text);
 

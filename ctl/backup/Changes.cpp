@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <set>
 
 namespace torva::ctl {
 
@@ -114,29 +113,6 @@ Settings servicesOf(const Postfix& postfix) {
     return services;
 }
 
-/// Whether a run writes this file, according to its name.
-bool isWrittenByRun(const std::string& path, const Manifest& backup) {
-    const std::string tables = resolved(tablesDirectory);
-    const std::string configuration = resolved(backup.configuration);
-    if (path.compare(0, tables.size() + 1, tables + "/") == 0) {
-        const std::string name = nameOf(path);
-        return std::any_of(tableNames().begin(), tableNames().end(),
-                           [&](const std::string& table) {
-                               return name.find(table) != std::string::npos;
-                           }) ||
-               name.find("master.cf.disabled") != std::string::npos;
-    }
-    // Links may lead to files with any name.
-    if (path == resolved(configuration + "/main.cf") ||
-        path == resolved(configuration + "/master.cf")) {
-        return true;
-    }
-    // The name of a half-made index has further letters after it.
-    return path == tables || isIndexName(path) || path.find(".db") != std::string::npos ||
-           nameOf(path).find(".cf") != std::string::npos ||
-           path.compare(0, configuration.size() + 1, configuration + "/") == 0;
-}
-
 } // namespace
 
 LeftState captureState(const Postfix& postfix, const std::vector<std::string>& paths) {
@@ -145,6 +121,8 @@ LeftState captureState(const Postfix& postfix, const std::vector<std::string>& p
     state.services = servicesOf(postfix);
     state.records = readRecords(postfix);
     state.entries = describe(paths);
+    state.mainCf = readFile(postfix.mainCf()).value_or("");
+    state.masterCf = readFile(postfix.masterCf()).value_or("");
     return state;
 }
 
@@ -163,24 +141,6 @@ std::vector<Change> changesBetween(const LeftState& left, const LeftState& now) 
     }
     compareFiles(left.entries, now.entries, changes);
     return changes;
-}
-
-std::vector<Change> foreignChanges(const Manifest& backup, const LeftState& before,
-                                   const LeftState& now) {
-    const std::set<std::string> own(panelParameters().begin(), panelParameters().end());
-    std::vector<Change> foreign;
-    for (Change& change : changesBetween(before, now)) {
-        const bool byRun = (change.kind == "setting" && own.count(change.name) != 0) ||
-                           (change.kind == "service" && (panelServiceOf(change.name) != nullptr ||
-                                                         change.name == "pickup/unix")) ||
-                           change.kind == "record" ||
-                           (change.kind == "file" && isWrittenByRun(change.name, backup)) ||
-                           (change.kind == "file" && change.before.empty());
-        if (!byRun) {
-            foreign.push_back(std::move(change));
-        }
-    }
-    return foreign;
 }
 
 } // namespace torva::ctl

@@ -1,4 +1,5 @@
-// What has changed on the host since an apply.
+// What has changed on the host since an apply. Which of that a run has not done itself:
+// ForeignChanges.h.
 #pragma once
 
 #include "ctl/backup/Manifest.h"
@@ -27,10 +28,5 @@ struct Change {
 /// modification time alone, and not in the index of a table whose records are listed. If
 /// main.cf cannot be read now, its settings are not compared, but the file is.
 std::vector<Change> changesBetween(const LeftState& left, const LeftState& now);
-
-/// Of the changes between the host before a run and after one that failed, those that
-/// somebody else must have made, because a run does not write there.
-std::vector<Change> foreignChanges(const Manifest& backup, const LeftState& before,
-                                   const LeftState& now);
 
 } // namespace torva::ctl

@@ -10,7 +10,9 @@ namespace torva::ctl {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
+// The one that keeps the order of its keys looks for each key from the beginning: with many
+// records, that takes a time that grows with the square of their number.
+using Json = nlohmann::json;
 
 constexpr int jsonIndent = 1;
 

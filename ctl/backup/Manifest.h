@@ -34,6 +34,8 @@ struct LeftState {
     Settings settings; ///< of main.cf, see Postfix.h
     Settings services; ///< texts, by NAME/TYPE
     RecordsByTable records;
+    std::string mainCf;   ///< its text; not stored, and so empty in a state that was read
+    std::string masterCf; ///< the same
 };
 
 std::string textOf(const LeftState& state);

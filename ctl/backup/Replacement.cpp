@@ -208,21 +208,37 @@ bool Replacement::holds(const std::string& path) const {
 }
 
 ContentsConsumer Replacement::contentsOf(const std::string& path) {
+    if (!checksums_.emplace(path, std::string()).second) {
+        throw std::runtime_error("the archive has " + path + " twice");
+    }
     const Entry& entry = wanted_.at(path);
     const auto file = std::make_shared<Descriptor>();
     if (path != path_) {
         *file = reopened(top_.get(), inside(path), entry);
     }
     const int fd = path == path_ ? top_.get() : file->get();
-    return [file, fd](const char* bytes, std::size_t size) {
+    const auto sum = std::make_shared<Checksum>();
+    return [this, path, file, fd, sum](const char* bytes, std::size_t size) {
         writeAll(fd, std::string(bytes, size));
+        sum->add(bytes, size);
         if (size == 0) {
             require(::fsync(fd), "fsync");
+            checksums_[path] = sum->result();
         }
     };
 }
 
+void Replacement::requireContents() const {
+    for (const auto& [path, entry] : wanted_) {
+        const auto given = checksums_.find(path);
+        if (entry.isFile() && (given == checksums_.end() || given->second != entry.checksum)) {
+            throw std::runtime_error("the archive does not have the contents of " + path);
+        }
+    }
+}
+
 void Replacement::complete() {
+    requireContents();
     for (auto one = wanted_.rbegin(); one != wanted_.rend(); ++one) {
         if (one->second.isThere()) {
             completeOne(one->first, one->second);

@@ -5,6 +5,7 @@
 #include "ctl/backup/Archive.h"
 #include "ctl/backup/Snapshot.h"
 
+#include <map>
 #include <string>
 
 namespace torva::ctl {
@@ -37,12 +38,15 @@ public:
     /// Whether it has a regular file with this path.
     bool holds(const std::string& path) const;
 
-    /// Takes the contents of such a file.
+    /// Takes the contents of such a file, once.
+    ///
+    /// \throws std::runtime_error  they have been taken already
     ContentsConsumer contentsOf(const std::string& path);
 
     /// Sets the mode, owner, times and attributes of everything, from the inside out.
     ///
-    /// \throws SystemError
+    /// \throws SystemError; std::runtime_error: the contents of a file were not given, or are
+    ///         not those that are wanted
     void complete();
 
     /// What was there is beside it afterwards.
@@ -58,6 +62,7 @@ public:
 private:
     void makeTop(const Entry& entry);
     void makeInside(const std::string& path, const Entry& entry);
+    void requireContents() const;
     void completeOne(const std::string& path, const Entry& entry);
     std::string inside(const std::string& path) const;
 
@@ -67,6 +72,7 @@ private:
     process::Descriptor top_;    ///< the new file or directory; not open for links and nodes
     std::string name_;           ///< last component of the path
     std::string newName_;        ///< name of the replacement, in the same directory
+    std::map<std::string, std::string> checksums_; ///< of the contents that were given, by path
 };
 
 } // namespace torva::ctl

@@ -50,19 +50,42 @@ bool isOutOfReach(const std::string& directory) {
     return !opened && (errno == ENOENT || errno == ENOTDIR || errno == ELOOP);
 }
 
-bool isScratchOfMasterCf(const std::string& name) {
-    return name.size() == 16 && name.compare(0, 10, "master.cf.") == 0;
+constexpr std::size_t scratchLetters = 6; ///< at the end of a name of mkstemp(3)
+
+/// The directories that Postfix has in the queue directory, see "postfix set-permissions", and
+/// those of its chroot.
+const char* const queueDirectories[] = {"active",  "bounce", "corrupt",  "defer",    "deferred",
+                                        "flush",   "hold",   "incoming", "maildrop", "pid",
+                                        "private", "public", "saved",    "trace",    "dev",
+                                        "etc",     "lib",    "usr",      "var"};
+
+/// Whether this can be a file that a run made while it wrote master.cf, after the backup.
+///
+/// \param made  the time of the backup
+bool isAsRunsMakeIt(const struct stat& status, std::time_t made) {
+    const mode_t access = status.st_mode & 07777;
+    return S_ISREG(status.st_mode) && status.st_uid == ::geteuid() && status.st_nlink == 1 &&
+           // The second when it is written: it only has to be renamed then.
+           (access == 0600 || access == 0644) && status.st_mtime >= made && status.st_ctime >= made;
 }
 
 /// Moves a temporary file of a killed run into the backup.
-void setAside(int configuration, const std::string& name, int backup) {
+///
+/// \return false: it is no such file, and stays
+bool setAside(int configuration, const std::string& name, int backup, std::time_t made) {
     const Descriptor file(
         ::openat(configuration, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    const std::optional<std::string> text = file ? readAll(file.get()) : std::nullopt;
-    if (text) {
-        writeOwnFile(backup, "set-aside." + name, *text);
-        removeAll(configuration, name);
+    struct stat status {};
+    if (!file || ::fstat(file.get(), &status) != 0 || !isAsRunsMakeIt(status, made)) {
+        return false;
     }
+    const std::optional<std::string> text = readAll(file.get());
+    if (!text) {
+        return false;
+    }
+    writeOwnFile(backup, "set-aside." + name, *text);
+    removeAll(configuration, name);
+    return true;
 }
 
 bool wasPresent(const Backup& backup, const std::string& path) {
@@ -107,7 +130,31 @@ void restore(const Backups& backups, const Backup& backup) {
     }
 }
 
-void setScratchAside(const Backups& backups, const Backup& backup) {
+ScratchName judgeScratchName(const std::string& name, const std::string& other) {
+    const std::string prefix = other + ".";
+    if (name.size() != prefix.size() + scratchLetters || name.compare(0, prefix.size(), prefix)) {
+        return ScratchName::no;
+    }
+    const std::string letters = name.substr(prefix.size());
+    const auto all = [&](bool (*isOne)(char)) {
+        return std::all_of(letters.begin(), letters.end(), isOne);
+    };
+    const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
+    const auto isSmall = [](char c) { return c >= 'a' && c <= 'z'; };
+    const auto isCapital = [](char c) { return c >= 'A' && c <= 'Z'; };
+    const bool isRandom = std::all_of(letters.begin(), letters.end(), [=](char c) {
+        return isDigit(c) || isSmall(c) || isCapital(c);
+    });
+    if (!isRandom || all(isDigit) || all(isSmall) || all(isCapital)) {
+        return ScratchName::no;
+    }
+    // A word may have a capital at its beginning.
+    const bool hasSmall = std::any_of(letters.begin(), letters.end(), isSmall);
+    const bool hasInnerCapital = std::any_of(letters.begin() + 1, letters.end(), isCapital);
+    return hasSmall && hasInnerCapital ? ScratchName::certain : ScratchName::possible;
+}
+
+std::vector<std::string> setScratchAside(const Backups& backups, const Backup& backup) {
     const std::string& configuration = backup.manifest.configuration;
     const Descriptor kept(::openat(backups.directory(), backup.stamp.c_str(),
                                    O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -115,11 +162,16 @@ void setScratchAside(const Backups& backups, const Backup& backup) {
     if (!kept || !directory) {
         throwSystemError("open " + configuration, errno);
     }
+    std::vector<std::string> uncertain;
     for (const std::string& name : namesIn(directory.get())) {
-        if (isScratchOfMasterCf(name) && !wasPresent(backup, configuration + "/" + name)) {
-            setAside(directory.get(), name, kept.get());
+        const ScratchName judged = judgeScratchName(name, "master.cf");
+        if (judged != ScratchName::no && !wasPresent(backup, configuration + "/" + name) &&
+            setAside(directory.get(), name, kept.get(), backup.made) &&
+            judged == ScratchName::possible) {
+            uncertain.push_back(name);
         }
     }
+    return uncertain;
 }
 
 void removeQueueDirectories(const Backup& backup) {
@@ -128,10 +180,10 @@ void removeQueueDirectories(const Backup& backup) {
     if (!queue) {
         return;
     }
-    for (const std::string& name : namesIn(queue.get())) {
+    for (const char* name : queueDirectories) {
         if (!wasPresent(backup, backup.manifest.queue + "/" + name)) {
             // Fails, as intended, unless it is an empty directory.
-            static_cast<void>(::unlinkat(queue.get(), name.c_str(), AT_REMOVEDIR));
+            static_cast<void>(::unlinkat(queue.get(), name, AT_REMOVEDIR));
         }
     }
 }

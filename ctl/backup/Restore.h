@@ -4,6 +4,9 @@
 
 #include "ctl/backup/Backups.h"
 
+#include <string>
+#include <vector>
+
 namespace torva::ctl {
 
 /// Makes the paths of a backup what its manifest says. What is right already is left
@@ -18,14 +21,31 @@ namespace torva::ctl {
 /// \throws std::exception  not everything was restored; call it again
 void restore(const Backups& backups, const Backup& backup);
 
-/// Removes empty directories of the queue that did not exist when the backup was made:
-/// "postfix check" creates them.
+/// Removes directories that Postfix and Debian's scripts create in the queue directory, those
+/// that are empty and did not exist when the backup was made: "postfix check" creates them.
+/// Other programs' directories stay.
 void removeQueueDirectories(const Backup& backup);
 
-/// Moves temporary files that a killed run has left next to master.cf into the backup.
+/// How sure it is that a run has made the file next to another one, such as master.cf, with a
+/// name.
+enum class ScratchName {
+    no,       ///< "master.cf.backup", "master.cf.221126": somebody else has
+    possible, ///< "master.cf.Backup", "master.cf.jun221": it may have
+    certain,  ///< "master.cf.aB3dE6": nobody would think of it
+};
+
+/// Judges a name as those that mkstemp(3) makes: that of the other file, a dot, six letters
+/// and digits at random.
+ScratchName judgeScratchName(const std::string& name, const std::string& other);
+
+/// Moves temporary files that a killed run has left next to master.cf into the backup, under
+/// the name "set-aside.NAME": files of root with a possible name and the access that a run
+/// gives them, which have been made since the backup was. All others stay.
 ///
+/// \return the names, without "set-aside.", of those that are not certainly a run's: the
+///         backup must not be removed
 /// \throws std::exception
-void setScratchAside(const Backups& backups, const Backup& backup);
+std::vector<std::string> setScratchAside(const Backups& backups, const Backup& backup);
 
 /// Whether the host is what the backup's manifest says.
 bool matchesHost(const Backup& backup);

@@ -1,5 +1,6 @@
 #include "ctl/backup/Backups.h"
 #include "ctl/backup/Changes.h"
+#include "ctl/backup/ForeignChanges.h"
 #include "ctl/backup/Lock.h"
 #include "ctl/backup/Marker.h"
 #include "ctl/backup/Restore.h"
@@ -13,7 +14,9 @@
 
 #include <memory>
 #include <optional>
+#include <string>
 #include <unistd.h>
+#include <vector>
 
 namespace torva::ctl {
 
@@ -50,7 +53,8 @@ private:
     int takeBack();
     bool restoreBackup();
     std::string activateAgain();
-    bool keepForeignChanges();
+    std::string foreignWork(const Manifest& manifest) const;
+    bool keepForeignChanges(const Manifest& manifest);
     FixedAtStart fixedNow() const;
 
     Call& call_;
@@ -152,40 +156,58 @@ void Apply::finish() {
                      isUp ? "" : activation_->command(fixedNow())});
 }
 
-/// Backs up changes that somebody else has made meanwhile: the restoration would lose them.
-///
-/// \return whether there were any
-bool Apply::keepForeignChanges() {
+/// What somebody else has changed meanwhile, in words; empty: nothing.
+std::string Apply::foreignWork(const Manifest& manifest) const {
     try {
-        const Backup backup = backups_.find(stamp_).value();
-        const LeftState now = captureState(askPostfix(), backup.manifest.paths);
-        const auto changes = foreignChanges(backup.manifest, before_.value(), now);
-        if (changes.empty()) {
-            return false;
-        }
-        const std::string kept = backups_.take(manifestOf(
-            host_.postfix, "before taking back the apply of " + stamp_, backup.manifest.paths));
-        report_.finding({Level::warning, "backup",
-                         "somebody else changed " + changes.front().name +
-                             " meanwhile; what was there is backup " + kept,
-                         "torva-postfixctl rollback " + kept + ", or change it again"});
-        return true;
-    } catch (const std::exception&) {
-        return false; // the host may be unreadable now; the restoration is more important
+        const LeftState now = captureState(askPostfix(), manifest.paths);
+        const auto changes = foreignChanges(manifest, before_.value(), now);
+        return changes.empty() ? ""
+                               : "somebody else changed " + changes.front().name + " meanwhile";
+    } catch (const std::exception& error) {
+        return std::string("somebody else may have changed something meanwhile, which cannot be "
+                           "told: ") +
+               error.what();
     }
 }
 
-/// \return whether the backup must be kept: somebody else changed something meanwhile
+/// Backs up changes that somebody else has made meanwhile: the restoration would lose them.
+///
+/// \return whether there were any, or that could not be told
+bool Apply::keepForeignChanges(const Manifest& manifest) {
+    const std::string work = foreignWork(manifest);
+    if (work.empty()) {
+        return false;
+    }
+    try {
+        const std::string kept = backups_.take(
+            manifestOf(host_.postfix, "before taking back the apply of " + stamp_, manifest.paths));
+        report_.finding({Level::warning, "backup", work + "; what was there is backup " + kept,
+                         "torva-postfixctl rollback " + kept + ", or change it again"});
+    } catch (const std::exception& error) { // the restoration is more important
+        report_.finding({Level::warning, "backup",
+                         work + "; what was there could not be backed up: " + error.what(),
+                         "change it again"});
+    }
+    return true;
+}
+
+/// \return whether the backup must be kept: it holds what somebody else has made meanwhile
 bool Apply::restoreBackup() {
     const RunLock lock; // a killed run may have left a child at work
     const Backup backup = backups_.find(stamp_).value();
-    const bool isForeign = keepForeignChanges();
+    const bool isForeign = keepForeignChanges(backup.manifest);
     restore(backups_, backup);
-    setScratchAside(backups_, backup);
+    const std::vector<std::string> uncertain = setScratchAside(backups_, backup);
+    for (const std::string& name : uncertain) {
+        report_.finding(
+            {Level::warning, "backup",
+             name + ", which was new, is now set-aside." + name + " in backup " + stamp_,
+             "if it is not of the run, move it back"});
+    }
     if (masterProcess(host_.postfix) == 0) { // a running Postfix needs them
         removeQueueDirectories(backup);
     }
-    return isForeign;
+    return isForeign || !uncertain.empty();
 }
 
 /// Makes Postfix use the restored files, if it has been made to use the others.

@@ -152,6 +152,34 @@ TEST_F(SnapshotTest, ManifestKeepsIt) {
     EXPECT_TRUE(sameSnapshot(read.entries, manifest.entries));
 }
 
+TEST_F(SnapshotTest, LeftStateKeepsManyRecords) {
+    constexpr int many = 20000;
+    LeftState state;
+    state.settings["relayhost"] = "[relay.example.net]";
+    state.services["smtp/inet"] = "smtp inet n - y - - smtpd\n  -o a=b";
+    for (int number = 0; number < many; ++number) {
+        state.records["virtual"]["user" + std::to_string(number) + "@\xff"] = "value";
+    }
+    state.entries = describe({makeTree()});
+    const LeftState read = parseLeftState(textOf(state));
+    EXPECT_EQ(read.settings, state.settings);
+    EXPECT_EQ(read.services, state.services);
+    EXPECT_EQ(read.records, state.records);
+    EXPECT_TRUE(sameSnapshot(read.entries, state.entries));
+}
+
+TEST_F(SnapshotTest, OrderOfTheKeysInAManifestDoesNotMatter) {
+    const Manifest read =
+        parseManifest(R"({"reason": "before apply", "configuration": "/etc/postfix",
+                          "queue": "/var/spool/postfix", "configured": false, "running": true,
+                          "paths": ["/b", "/a"], "present": [],
+                          "entries": {"/b": {"mode": "0"}, "/a": {"mode": "0"}}})");
+    EXPECT_EQ(read.reason, "before apply");
+    EXPECT_TRUE(read.running);
+    EXPECT_EQ(read.paths, (std::vector<std::string>{"/b", "/a"}));
+    EXPECT_EQ(read.entries.size(), 2U);
+}
+
 TEST_F(SnapshotTest, ReplacementBringsBackWhatTheArchiveHolds) {
     const std::string tree = makeTree();
     const process::Descriptor archive(::memfd_create("archive", MFD_CLOEXEC));
@@ -170,6 +198,48 @@ TEST_F(SnapshotTest, ReplacementBringsBackWhatTheArchiveHolds) {
     EXPECT_TRUE(sameSnapshot(before, describe({tree})));
     replacement.removeOld();
     EXPECT_EQ(namesIn(openDirectory(top_).get()).size(), 1U);
+}
+
+TEST_F(SnapshotTest, ReplacementWithoutTheRightContentsIsNotComplete) {
+    const std::string tree = makeTree();
+    const Snapshot before = describe({tree});
+    const auto give = [&](Replacement& replacement, const std::string& name,
+                          const std::string& text) {
+        const ContentsConsumer consumer = replacement.contentsOf(path(name));
+        if (!text.empty()) {
+            consumer(text.data(), text.size());
+        }
+        consumer("", 0);
+    };
+    const auto giveAllBut = [&](Replacement& replacement, const std::string& left) {
+        for (const auto& [name, text] :
+             std::map<std::string, std::string>{{"tree/file", std::string(200000, 'x')},
+                                                {"tree/empty", ""},
+                                                {"tree/a name\nof two lines", "text"},
+                                                {"tree/inner/file", "inside"}}) {
+            if (name != left) {
+                give(replacement, name, text);
+            }
+        }
+    };
+    for (const char* left : {"tree/file", "tree/empty", "tree/inner/file"}) {
+        Replacement replacement(tree, before);
+        giveAllBut(replacement, left);
+        EXPECT_THROW(replacement.complete(), std::runtime_error) << left;
+    }
+    {
+        Replacement replacement(tree, before);
+        giveAllBut(replacement, "tree/inner/file");
+        give(replacement, "tree/inner/file", "INSIDE");
+        EXPECT_THROW(replacement.complete(), std::runtime_error);
+    }
+    {
+        Replacement replacement(tree, before);
+        giveAllBut(replacement, "");
+        EXPECT_THROW(replacement.contentsOf(path("tree/file")), std::runtime_error) << "twice";
+        replacement.complete();
+    }
+    EXPECT_TRUE(sameSnapshot(before, describe({tree})));
 }
 
 TEST_F(SnapshotTest, ReplacementThatIsNotMovedLeavesNothing) {

@@ -19,6 +19,11 @@ def records(table):
     return "".join(line for line in said.splitlines(True) if not line.startswith("postmap: warning: "))
 
 
+def warnings_of(outcome):
+    """Those about backups."""
+    return [finding["text"] for finding in outcome.findings("warning") if finding["subject"] == "backup"]
+
+
 class ChrootFilesTest(CtlTest):
     def test_apply_leaves_the_files_of_the_chroot_as_they_are(self):
         # From Debian 13 on, Postfix's own check runs a hook that refreshes them.
@@ -123,6 +128,22 @@ class EditsTest(AroundARunTest):
         self.assertIn("everything is as it was", self.assertStatus(0, ctl("rollback", "--force")).out)
         self.assertSame(before, "after rollback")
 
+    def test_directory_of_another_program_in_the_queue_stays(self):
+        own, queue = Path("/var/spool/postfix/opendkim"), Path("/var/spool/postfix/corrupt")
+        self.addCleanup(remove, own)
+        queue.rmdir() if queue.is_dir() else None
+        before = tree()
+        self.assertStatus(0, ctl("apply"))
+        queue.mkdir()
+        self.assertStatus(0, ctl("rollback"))
+        self.assertSame(before, "empty directories of Postfix are gone")
+        self.assertStatus(0, ctl("apply"))
+        own.mkdir(0o750)
+        self.assertStatus(0, ctl("rollback"))
+        self.assertTrue(own.is_dir())
+        own.rmdir()
+        self.assertSame(before, "after rollback")
+
     def test_backup_of_a_failed_apply_is_kept_when_somebody_else_changed_a_file(self):
         real = TOOL.with_suffix(".real")
         os.rename(TOOL, real)
@@ -135,6 +156,73 @@ class EditsTest(AroundARunTest):
         self.assertEqual(len(stamps()), 2)
         self.assertStatus(0, ctl("rollback", stamps()[1]))
         self.assertIn("relayhost = [relay.example.net]", postconf("-n"))
+
+
+class FailedApplyTest(AroundARunTest):
+    """Somebody else works on the host during an apply that fails."""
+
+    def setUp(self):
+        super().setUp()
+        pairs.lay_out_tables()
+        write(TABLES / "customer_transport.cidr", "192.0.2.0/24 old:\n")
+
+    def assertKept(self, work, name, kept):
+        """The work is taken back, but not lost."""
+        self.replace_program(TOOL, f"#!/bin/sh\n$REAL\n{work}\nexit 1\n")
+        before = tree()
+        outcome = self.assertStatus(1, ctl("apply", "--json"))
+        told = " ".join(warnings_of(outcome))
+        self.assertIn(name, told)
+        self.assertSame(before, "taken back")
+        self.assertEqual(len(stamps()), 2, told)
+        self.assertIn(f"what was there is backup {stamps()[1]}", told)
+        kept(run("tar", "-xOf", str(BACKUPS / stamps()[1] / "files.tar"), check=False))
+        return stamps()[1]
+
+    def test_new_file_of_the_panel(self):
+        self.assertKept(f"echo /x/ REJECT >{TABLES}/no_relay.re", f"somebody else changed {TABLES}/no_relay.re",
+                        lambda files: self.assertIn("/x/ REJECT\n", files))
+
+    def test_file_whose_name_contains_that_of_a_table(self):
+        self.assertKept(f"echo 203.0.113.0/24 new: >>{TABLES}/customer_transport.cidr", "customer_transport.cidr",
+                        lambda files: self.assertIn("203.0.113.0/24 new:\n", files))
+
+    def test_new_record(self):
+        stamp = self.assertKept(f"echo a@b.example c | postmap -i hash:{TABLES}/poplock", "poplock: a@b.example",
+                                lambda files: None)
+        self.assertStatus(0, ctl("rollback", stamp))
+        self.assertEqual(records("poplock"), "a@b.example\tc\n")
+
+    def test_comment_in_main_cf(self):
+        self.assertKept(f"sed -i '1i # call Bob' {MAIN_CF}", f"somebody else changed {MAIN_CF}",
+                        lambda files: self.assertIn("# call Bob\n", files))
+
+    def test_comment_in_master_cf(self):
+        self.assertKept(f"echo '# call Bob' >>{MASTER_CF}", f"somebody else changed {MASTER_CF}",
+                        lambda files: self.assertIn("# call Bob\n", files))
+
+    def test_main_cf_that_postfix_does_not_read_any_more(self):
+        self.assertKept(f"printf 'relayhost = [smart.example]\\nno setting\\n' >>{MAIN_CF}",
+                        "somebody else may have changed something meanwhile, which cannot be told: ",
+                        lambda files: self.assertIn("relayhost = [smart.example]\nno setting\n", files))
+
+    def test_what_cannot_be_backed_up_is_told(self):
+        self.replace_program(TOOL, f"#!/bin/sh\n$REAL\ntruncate -s 2G {TABLES}/holes\nexit 1\n")
+        before = tree()
+        outcome = self.assertStatus(1, ctl("apply", "--json"))
+        self.assertRegex(" ".join(warnings_of(outcome)),
+                         "somebody else may have changed something meanwhile, which cannot be told: read .*/holes: "
+                         "File too large; what was there could not be backed up: read .*/holes: File too large")
+        self.assertSame(before, "taken back")
+
+    def test_nobody_else(self):
+        self.replace_program(TOOL, "#!/bin/sh\n$REAL\nexit 1\n")
+        for name in ("main.cf", "master.cf"):
+            write(ctlworld.POSTFIX / name, (ctlworld.POSTFIX / name).read_text() + "# the last line\n")
+        before = tree()
+        self.assertEqual(warnings_of(self.assertStatus(1, ctl("apply", "--json"))), [])
+        self.assertSame(before, "taken back")
+        self.assertEqual(stamps(), [])
 
 
 class SecondApplyTest(QuietCheckTest):
@@ -289,6 +377,25 @@ class BackupsTest(AroundARunTest):
         self.assertEqual(stamps(), [first, third])
         self.assertStatus(0, ctl("rollback"))
         self.assertEqual(MASTER_CF.read_bytes(), (ctlworld.KEPT / "postfix/master.cf").read_bytes())
+
+    def test_those_of_a_clock_that_was_ahead_are_not_the_newest(self):
+        self.assertStatus(0, ctl("apply"))
+        self.assertStatus(0, ctl("rollback"))
+        for number, stamp in enumerate(stamps()):
+            os.rename(BACKUPS / stamp, BACKUPS / f"20991231T23595{8 + number}Z")
+        run("postconf", "-e", "relayhost = [relay.example.net]")
+        settle(MAIN_CF)
+        before = tree()
+        self.assertStatus(0, ctl("apply"))
+        self.assertEqual(stamps()[-1], "21000101T000000Z")
+        self.assertEqual(self.assertStatus(0, ctl("diff")).out, "")
+        run("postconf", "-e", "relayhost = [other.example.net]")
+        self.assertIn("[other.example.net]", self.assertStatus(1, ctl("diff")).out)
+        self.assertStatus(1, ctl("rollback"))
+        self.assertStatus(0, ctl("rollback", "--force"))
+        self.assertSame(before, "after rollback")
+        self.assertStatus(0, ctl("backups", "--prune", "1"))
+        self.assertEqual(stamps(), ["21000101T000000Z", "21000101T000001Z"])
 
     def test_damaged_one_is_told_and_never_the_default(self):
         self.assertStatus(0, ctl("apply"))

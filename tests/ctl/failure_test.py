@@ -10,7 +10,7 @@ from pathlib import Path
 import ctlworld
 import pairs
 from ctlworld import (BACKUPS, CTL, MAIN_CF, MARKER, MASTER_CF, POSTFIX, TABLES, TOOL, AroundARunTest, CtlTest, ctl,
-                      postconf, program, remove, run, start, tree, wait_until, write)
+                      kill_group, postconf, program, remove, run, start, tree, wait_until, write)
 
 LOCK = Path("/run/lock/torva-postfix/lock")
 
@@ -62,9 +62,42 @@ class ApplyFailsTest(CtlTest):
         self.wrap_tool("$real; echo half >/etc/postfix/master.cf.aB3dE6; kill -KILL $$")
         self.assertTakenBack(ctl("apply", "--json"), "run: torva-postfix-setup ended with status 137")
 
+    def test_what_somebody_else_has_put_beside_master_cf_stays(self):
+        own = {f"{MASTER_CF}.{name}": mode for name, mode in
+               {"backup": 0o644, "221126": 0o600, "aB3dE7": 0o640, "aB3dE8": 0o644}.items()}
+        self.wrap_tool("$real\n" + "".join(f"cp {MASTER_CF} {path}; chmod {mode:o} {path}\n" for path, mode in own.items())
+                       + f"touch -d '1 hour ago' {MASTER_CF}.aB3dE8; exit 1")
+        self.assertStatus(1, ctl("apply"))
+        self.assertEqual({path: os.stat(path).st_mode & 0o7777 for path in own}, own)
+        for path in own:
+            remove(path)
+        self.assertSame(self.before, "taken back")
+
+    def test_file_that_may_be_of_the_run_is_kept_in_the_backup(self):
+        self.wrap_tool(f"$real; echo mine >{MASTER_CF}.Backup; exit 1")
+        told = self.assertStatus(1, ctl("apply", "--json")).findings("warning")
+        self.assertSame(self.before, "taken back")
+        backup, = (path for path in BACKUPS.iterdir() if path.is_dir())
+        self.assertIn(f"master.cf.Backup, which was new, is now set-aside.master.cf.Backup in backup {backup.name}",
+                      [finding["text"] for finding in told])
+        self.assertEqual((backup / "set-aside.master.cf.Backup").read_text(), "mine\n")
+
+    def test_what_somebody_else_has_put_beside_master_cf_stays_when_an_apply_was_killed(self):
+        self.wrap_tool("$real; touch /run/changed; exec sleep 60")
+        remove("/run/changed")
+        process = start("apply")
+        wait_until(lambda: os.path.exists("/run/changed"), "the run")
+        kill_group(process)
+        write(f"{MASTER_CF}.broken", "mine\n")
+        os.utime(f"{MASTER_CF}.broken")
+        self.assertStatus(0, ctl("rollback"))
+        self.assertEqual(Path(f"{MASTER_CF}.broken").read_text(), "mine\n")
+        remove(f"{MASTER_CF}.broken")
+        self.assertSame(self.before, "after rollback")
+
     def test_run_that_dies_before_a_program_that_it_started(self):
         # What it left behind would write into the files that are restored.
-        self.wrap_tool("(sleep 1; echo late >>/etc/postfix/main.cf) & exit 3")
+        self.wrap_tool("(sleep 1; postconf -e virtual_transport=late) & exit 3")
         self.assertTakenBack(ctl("apply", "--json"), "run: torva-postfix-setup ended with status 3")
 
     def test_run_that_loses_a_sheltered_line(self):
@@ -274,6 +307,27 @@ class RollbackTest(AroundARunTest):
                 self.assertSame(applied, name)
                 remove(backup)
                 run("cp", "-a", kept, backup)
+        self.assertStatus(0, ctl("rollback"))
+
+    def test_file_that_is_missing_in_the_archive_changes_nothing(self):
+        self.assertStatus(0, ctl("apply"))
+        applied = tree()
+        backup = BACKUPS / self.stamps()[0]
+        kept = (backup / "files.tar").read_bytes()
+        changes = {
+            "gone": "tar --delete -f files.tar etc/postfix/main.cf",
+            "other": "tar --delete -f files.tar etc/postfix/main.cf; tar -C / -rf files.tar etc/postfix/main.cf",
+            "twice": "tar -C / -rf files.tar etc/postfix/main.cf",
+            "cut": "truncate -s 5000 files.tar",
+            "empty": "truncate -s 0 files.tar",
+        }
+        for name, change in changes.items():
+            with self.subTest(name):
+                run("sh", "-ec", f"cd {backup}; {change}; sha256sum files.tar manifest left >sums")
+                self.assertIn("could not be restored whole", self.assertStatus(1, ctl("rollback")).out)
+                self.assertSame(applied, name)
+                (backup / "files.tar").write_bytes(kept)
+        run("sh", "-ec", f"cd {backup}; sha256sum files.tar manifest left >sums")
         self.assertStatus(0, ctl("rollback"))
 
     def test_backup_is_for_root_alone(self):

@@ -1,0 +1,36 @@
+#include "ctl/backup/Restore.h"
+
+#include <gtest/gtest.h>
+
+namespace torva::ctl {
+namespace {
+
+TEST(RestoreTest, NameThatPeopleGiveIsNotThatOfAScratchFile) {
+    for (const char* letters : {"backup", "broken", "before", "221126", "BACKUP", "aB3dE",
+                                "aB3dE67", "aB.dE6", "aB-dE6"}) {
+        EXPECT_EQ(judgeScratchName(std::string("master.cf.") + letters, "master.cf"),
+                  ScratchName::no)
+            << letters;
+    }
+    EXPECT_EQ(judgeScratchName("main.cf.xyaB3dE6", "master.cf"), ScratchName::no);
+    EXPECT_EQ(judgeScratchName("master.cf", "master.cf"), ScratchName::no);
+}
+
+TEST(RestoreTest, NameThatMkstempMakesIsThatOfAScratchFile) {
+    for (const char* letters : {"aB3dE6", "ZqZZZZ", "00a0A0", "abcdeF"}) {
+        EXPECT_EQ(judgeScratchName(std::string("master.cf.") + letters, "master.cf"),
+                  ScratchName::certain)
+            << letters;
+    }
+}
+
+TEST(RestoreTest, NameThatBothMayGiveIsPossible) {
+    for (const char* letters : {"Backup", "jun221", "Nov221", "OLD123"}) {
+        EXPECT_EQ(judgeScratchName(std::string("master.cf.") + letters, "master.cf"),
+                  ScratchName::possible)
+            << letters;
+    }
+}
+
+} // namespace
+} // namespace torva::ctl

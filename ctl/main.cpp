@@ -1,8 +1,8 @@
 // torva-postfixctl: checks the host, previews a run of torva-postfix-setup, does it with a
 // backup, rolls it back.
-#include "ctl/backup/Directory.h"
 #include "ctl/host/Program.h"
 #include "ctl/verbs/CommandLine.h"
+#include "ctl/verbs/Describe.h"
 #include "ctl/verbs/Failure.h"
 #include "ctl/verbs/Signals.h"
 #include "ctl/verbs/Verbs.h"
@@ -20,7 +20,6 @@
 namespace {
 
 using torva::ctl::Call;
-using torva::ctl::Level;
 
 /// A reader that is gone must not end us half-way. A handler and not SIG_IGN, which
 /// children would inherit.
@@ -99,11 +98,8 @@ int performReporting(Call& call) {
         tellTrouble(call, refusal.finding());
     } catch (const torva::ctl::Failure& failure) {
         call.report.finding(failure.finding());
-    } catch (const torva::ctl::Untrusted& untrusted) {
-        tellTrouble(call, {Level::failed, "directory", untrusted.what(), untrusted.advice()});
     } catch (const std::exception& error) {
-        tellTrouble(call, {Level::failed, call.request.verb, error.what(),
-                           "remove the cause, then torva-postfixctl " + call.request.verb});
+        tellTrouble(call, torva::ctl::troubleOf(error, call.request.verb));
     }
     return torva::ctl::statusOfFailure(call.request.verb);
 }

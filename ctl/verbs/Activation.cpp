@@ -89,7 +89,7 @@ std::string failureOf(const std::vector<std::string>& command) {
     if (exitStatus(result) == outOfTime) {
         return program.purpose + " did not end within " + longest + " seconds";
     }
-    const std::string words = result.succeeded() ? std::string() : wordsOf(result);
+    std::string words = result.succeeded() ? std::string() : wordsOf(result);
     if (boost::algorithm::starts_with(words, "timeout: ")) { // it could not run the command
         return command.front() + ": " + words.substr(words.rfind(": ") + 2);
     }

@@ -198,12 +198,7 @@ bool Apply::restoreBackup() {
     const bool isForeign = keepForeignChanges(backup.manifest);
     restore(backups_, backup);
     const std::vector<std::string> uncertain = setScratchAside(backups_, backup);
-    for (const std::string& name : uncertain) {
-        report_.finding(
-            {Level::warning, "backup",
-             name + ", which was new, is now set-aside." + name + " in backup " + stamp_,
-             "if it is not of the run, move it back"});
-    }
+    printSetAside(report_, uncertain, stamp_);
     if (masterProcess(host_.postfix) == 0) { // a running Postfix needs them
         removeQueueDirectories(backup);
     }

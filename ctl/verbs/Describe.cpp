@@ -56,6 +56,22 @@ Manifest manifestOf(const Postfix& postfix, const std::string& reason,
     return manifest;
 }
 
+Finding troubleOf(const std::exception& error, const std::string& verb) {
+    if (const auto* untrusted = dynamic_cast<const Untrusted*>(&error)) {
+        return {Level::failed, "directory", untrusted->what(), untrusted->advice()};
+    }
+    return {Level::failed, verb, error.what(), "remove the cause, then torva-postfixctl " + verb};
+}
+
+void printSetAside(Report& report, const std::vector<std::string>& names,
+                   const std::string& stamp) {
+    for (const std::string& name : names) {
+        report.finding({Level::warning, "backup",
+                        name + ", which was new, is now set-aside." + name + " in backup " + stamp,
+                        "if it is not of the run, move it back"});
+    }
+}
+
 std::string cureOf(const std::exception& error) {
     const auto* failed = dynamic_cast<const SystemError*>(&error);
     const int code = failed == nullptr ? 0 : failed->code();

@@ -20,6 +20,12 @@ Manifest manifestOf(const Postfix& postfix, const std::string& reason,
                     const std::vector<std::string>& more = {});
 
 /// What a verb tells that was given a backup of another instance of Postfix.
+/// What to tell of an error that has ended a verb.
+Finding troubleOf(const std::exception& error, const std::string& verb);
+
+/// Tells of files that setScratchAside() has moved, and that may be somebody else's.
+void printSetAside(Report& report, const std::vector<std::string>& names, const std::string& stamp);
+
 /// What to do about an error of the host: "make room" where that is the reason.
 std::string cureOf(const std::exception& error);
 

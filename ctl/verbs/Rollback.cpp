@@ -162,6 +162,9 @@ void Rollback::stopAtChanges(const Backup& backup) {
 }
 
 void Rollback::backUpFirst(const Backup& backup) {
+    if (finishesWhatWasKilled()) {
+        awaitEarlierRun(); // what it is still changing cannot be kept
+    }
     const bool isSame = finishesWhatWasKilled() && matchesHost(backup);
     if (isSame || (finishesWhatWasKilled() && call_.request.force)) {
         return;
@@ -189,7 +192,7 @@ void Rollback::restoreBackup(const Backup& backup, bool running) {
         const RunLock lock; // a killed run may have left a child at work
         restore(backups_, backup);
         if (verb == "apply") {
-            setScratchAside(backups_, backup);
+            printSetAside(report_, setScratchAside(backups_, backup), backup.stamp);
         }
         if (masterProcess(postfix_) == 0) { // a running Postfix needs them
             removeQueueDirectories(backup);

@@ -212,6 +212,10 @@ def difference(before, after):
             for path in sorted(before.keys() | after.keys()) if before.get(path) != after.get(path)}
 
 
+def stamps():
+    return sorted(path.name for path in BACKUPS.glob("[0-9]*"))
+
+
 def scratch_files():
     return list(Path(os.environ["TMPDIR"]).glob("torva-postfixctl.*"))
 

@@ -12,7 +12,7 @@ from breakages import (DAEMONS, PASSWORD, SHADOW, SOCKET, advice_without_hash, a
                        without_account, without_addresses, without_hash, without_map_type, wrong_password)
 from cures import (as_it_stands, before, behind, built_in_one, by_apt_get, by_hand, installed, stock, stock_main_cf,
                    without_its_last_line, written)
-from ctlworld import BACKUPS, MAIN_CF, MASTER_CF, PANEL, POSTFIX, TABLES, TOOL, program, remove, run, write
+from ctlworld import BACKUPS, MAIN_CF, MASTER_CF, PANEL, POSTFIX, TABLES, TOOL, remove, run, write
 
 
 class Defect(NamedTuple):

@@ -1,6 +1,5 @@
 """torva-postfixctl apply and rollback when something goes wrong."""
 
-import fcntl
 import os
 import re
 import shutil
@@ -10,9 +9,7 @@ from pathlib import Path
 import ctlworld
 import pairs
 from ctlworld import (BACKUPS, CTL, MAIN_CF, MARKER, MASTER_CF, POSTFIX, TABLES, TOOL, AroundARunTest, CtlTest, ctl,
-                      kill_group, postconf, program, remove, run, start, tree, wait_until, write)
-
-LOCK = Path("/run/lock/torva-postfix/lock")
+                      kill_group, postconf, program, remove, run, stamps, start, tree, wait_until, write)
 
 
 def flip(path, offset):
@@ -173,84 +170,7 @@ class ApplyFailsTest(CtlTest):
         self.assertSame(self.before, "after rollback")
 
 
-class LockTest(AroundARunTest):
-    def wait_in_the_run(self):
-        """A run waits at its beginning until the file that is returned is there."""
-        go_on = Path("/run/go-on")
-        self.addCleanup(remove, go_on)
-        self.replace_program(TOOL, f"#!/bin/sh\nuntil [ -e {go_on} ]; do sleep 0.05; done\nexec $REAL\n")
-        return go_on
-
-    def test_second_apply_says_who_is_at_work(self):
-        go_on = self.wait_in_the_run()
-        first = start("apply")
-        wait_until(MARKER.exists, "the first apply")
-        for verb in ("apply", "check"):
-            found = [f for f in ctl(verb, "--json").objects() if f["subject"] == "lock"]
-            self.assertRegex(found[-1]["text"], rf"process {first.pid}, since \d{{4}}-\d\d-\d\d \d\d:\d\d:\d\d, is at work")
-            self.assertEqual(found[-1]["action"], "wait for its end")
-        go_on.touch()
-        self.assertEqual(first.wait(), 0)
-        self.assertIn("torva_virtual", postconf("-h", "virtual_transport"))
-        self.assertEqual([f for f in ctl("check", "--json").objects() if f["subject"] == "lock"], [])
-
-    def test_only_one_of_several_applies_works_at_a_time(self):
-        go_on = self.wait_in_the_run()
-        processes = [start("apply") for _ in range(3)]
-        wait_until(lambda: sum(p.poll() is not None for p in processes) == 2, "the end of two")
-        go_on.touch()
-        self.assertEqual(sorted(p.wait() for p in processes), [0, 1, 1])
-
-    def test_refused_apply_ends_with_status_1_and_changes_nothing(self):
-        LOCK.parent.mkdir(parents=True)
-        with open(LOCK, "w") as held:
-            held.write("process 4711, since yesterday,\n")
-            held.flush()
-            fcntl.flock(held, fcntl.LOCK_EX)
-            before = tree()
-            outcome = self.assertStatus(1, ctl("apply", "--json"))
-            self.assertIn("process 4711, since yesterday, is at work", outcome.findings("failed")[0]["text"])
-            self.assertSame(before, "refused")
-            self.assertFalse(BACKUPS.exists())
-
-    def test_lock_directory_of_somebody_else_is_refused(self):
-        directory = LOCK.parent
-        hostile = {
-            "made by somebody else": lambda: (directory.mkdir(0o700), shutil.chown(directory, "nobody")),
-            "writable by others": lambda: (directory.mkdir(), directory.chmod(0o1777)),
-            "writable by its group": lambda: (directory.mkdir(), directory.chmod(0o770)),
-            "a link": lambda: directory.symlink_to("/run/tmp"),
-            "a dangling link": lambda: directory.symlink_to("/run/missing"),
-            "a file": directory.touch,
-        }
-        for what, make in hostile.items():
-            with self.subTest(what):
-                make()
-                before = tree()
-                outcome = self.assertStatus(1, ctl("apply"))
-                self.assertIn("is not root's alone", outcome.err)
-                self.assertSame(before, what)
-                self.assertFalse(Path("/run/missing").exists())
-                remove(directory)
-
-    def test_what_lies_in_a_refused_lock_directory_is_not_opened(self):
-        LOCK.parent.mkdir()
-        shutil.chown(LOCK.parent, "nobody")
-        os.mkfifo(LOCK)
-        self.assertNotIn("is at work", ctl("check").err)
-
-    def test_lock_directory_is_closed_to_others(self):
-        self.assertStatus(0, ctl("apply"))
-        self.assertEqual(LOCK.parent.stat().st_mode & 0o7777, 0o700)
-        LOCK.parent.chmod(0o755)
-        self.assertStatus(0, ctl("rollback"))
-        self.assertEqual(LOCK.parent.stat().st_mode & 0o7777, 0o700)
-
-
 class RollbackTest(AroundARunTest):
-    def stamps(self):
-        return sorted(path.name for path in BACKUPS.glob("[0-9]*"))
-
     def test_without_any_backup(self):
         before = tree()
         outcome = self.assertStatus(1, ctl("rollback", "--json"))
@@ -263,7 +183,7 @@ class RollbackTest(AroundARunTest):
         write(MAIN_CF, MAIN_CF.read_text() + "relayhost = [relay.example.net]\n")
         second = tree()
         self.assertStatus(0, ctl("apply"))
-        oldest, newest = self.stamps()
+        oldest, newest = stamps()
         self.assertStatus(0, ctl("rollback", newest))
         self.assertSame(second, "named")
         self.assertStatus(0, ctl("rollback"))
@@ -284,7 +204,7 @@ class RollbackTest(AroundARunTest):
 
     def test_backup_that_does_not_match_its_manifest_is_refused(self):
         self.assertStatus(0, ctl("apply"))
-        backup = BACKUPS / self.stamps()[0]
+        backup = BACKUPS / stamps()[0]
         applied = tree()
         kept = Path("/run/backup")
         shutil.copytree(backup, kept, symlinks=True)
@@ -312,7 +232,7 @@ class RollbackTest(AroundARunTest):
     def test_file_that_is_missing_in_the_archive_changes_nothing(self):
         self.assertStatus(0, ctl("apply"))
         applied = tree()
-        backup = BACKUPS / self.stamps()[0]
+        backup = BACKUPS / stamps()[0]
         kept = (backup / "files.tar").read_bytes()
         changes = {
             "gone": "tar --delete -f files.tar etc/postfix/main.cf",
@@ -332,7 +252,7 @@ class RollbackTest(AroundARunTest):
 
     def test_backup_is_for_root_alone(self):
         self.assertStatus(0, ctl("apply"))
-        for path in (BACKUPS, BACKUPS / self.stamps()[0]):
+        for path in (BACKUPS, BACKUPS / stamps()[0]):
             self.assertEqual((path.stat().st_mode & 0o7777, path.stat().st_uid), (0o700, 0))
 
     def test_works_when_the_configuration_has_been_broken_since(self):

@@ -8,14 +8,10 @@ import subprocess
 from pathlib import Path
 
 import ctlworld
-from ctlworld import (BACKUPS, MAIN_CF, MARKER, TABLES, TOOL, AroundARunTest, QuietCheckTest, ctl, kill_group, postconf,
-                      program, remove, run, settle, start, tree, wait_until, write)
+from ctlworld import (BACKUPS, MAIN_CF, MARKER, TABLES, TOOL, AroundARunTest, QuietCheckTest, ctl, kill_group,
+                      postconf, program, remove, run, settle, stamps, start, tree, wait_until, write)
 
 MOMENT = Path("/run/moment")  # a stand-in touches it when it has been reached
-
-
-def stamps():
-    return sorted(path.name for path in BACKUPS.glob("[0-9]*"))
 
 
 def is_running():

@@ -281,8 +281,9 @@ std::optional<Backup> Backups::beforeNewestRow(const std::string& configuration)
 
 std::optional<Backup> Backups::newestWithLeftState(const std::string& configuration) const {
     const std::vector<Backup> backups = listOf(configuration);
-    const auto found = std::find_if(backups.rbegin(), backups.rend(),
-                                    [](const Backup& one) { return one.hasLeftState; });
+    const auto found = std::find_if(backups.rbegin(), backups.rend(), [](const Backup& one) {
+        return one.ofApply() && one.hasLeftState;
+    });
     return found == backups.rend() ? std::nullopt : std::optional<Backup>(*found);
 }
 

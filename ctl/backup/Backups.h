@@ -66,7 +66,7 @@ public:
     /// the newest applies in a row; see rollback in the manual. Damaged ones are ignored.
     std::optional<Backup> beforeNewestRow(const std::string& configuration) const;
 
-    /// The newest backup that has the state that its apply left.
+    /// The newest backup of an apply that has the state that it left.
     std::optional<Backup> newestWithLeftState(const std::string& configuration) const;
 
     /// Stores the state that an apply left with its backup.

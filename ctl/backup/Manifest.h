@@ -1,4 +1,4 @@
-// The contents of a backup, and the state that an apply left, as the JSON documents in the
+// The contents of a backup, and the state that an apply or rollback left, as the JSON documents in the
 // directory of the backup. Reading and writing those files is Backups.h.
 #pragma once
 
@@ -28,7 +28,7 @@ std::string textOf(const Manifest& manifest);
 /// \throws std::exception  the text is not a manifest
 Manifest parseManifest(const std::string& text);
 
-/// The state of the host after an apply, with which later states are compared.
+/// The state of the host after an apply or rollback, with which later states are compared.
 struct LeftState {
     Snapshot entries;
     Settings settings; ///< of main.cf, see Postfix.h

@@ -109,6 +109,13 @@ class EditsTest(AroundARunTest):
             self.assertStatus(0, ctl("rollback", "--force"))
             self.assertSame(before, "after rollback")
 
+    def test_diff_compares_with_the_apply_even_after_a_rollback(self):
+        self.assertStatus(0, ctl("apply"))
+        self.assertStatus(0, ctl("rollback"))
+        outcome = self.assertStatus(1, ctl("diff", "--json"))
+        self.assertIn("virtual_transport", [o["name"] for o in outcome.objects()])
+        self.assertEqual(self.assertStatus(0, ctl("diff", stamps()[-1])).out, "")
+
     def test_diff_without_an_apply_is_trouble(self):
         self.assertStatus(2, ctl("diff"))
         self.assertFalse(BACKUPS.exists())

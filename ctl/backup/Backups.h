@@ -20,7 +20,7 @@ struct Backup {
     bool whole = false;        ///< unchanged since it was made
     bool earlier = false;      ///< made by an earlier version, in a format that is not read
     Manifest manifest;         ///< if it is whole; otherwise only the reason, if it has one
-    bool hasLeftState = false; ///< it has the state that the apply left
+    bool hasLeftState = false; ///< it has the state that its verb left
     std::time_t made = 0;
     std::uint64_t bytes = 0; ///< of all files
 
@@ -69,7 +69,7 @@ public:
     /// The newest backup of an apply that has the state that it left.
     std::optional<Backup> newestWithLeftState(const std::string& configuration) const;
 
-    /// Stores the state that an apply left with its backup.
+    /// Stores the state that a verb left with its backup.
     ///
     /// \throws SystemError  it is not stored
     void keepLeftState(const std::string& stamp, const LeftState& state);

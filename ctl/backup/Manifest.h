@@ -1,5 +1,5 @@
-// The contents of a backup, and the state that an apply or rollback left, as the JSON documents in the
-// directory of the backup. Reading and writing those files is Backups.h.
+// The contents of a backup, and the state that an apply or rollback left, as the JSON documents
+// in the directory of the backup. Reading and writing those files is Backups.h.
 #pragma once
 
 #include "ctl/backup/Snapshot.h"

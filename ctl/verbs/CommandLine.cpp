@@ -51,9 +51,12 @@ std::string reasonOf(const CLI::ParseError& error, int count, char** arguments) 
     return error.what();
 }
 
-/// \return the exit status
+/// \return the exit status; a reader that is gone is no failure
 int printed(const std::string& text) {
     if (std::fputs(text.c_str(), stdout) >= 0 && std::fflush(stdout) == 0) {
+        return 0;
+    }
+    if (errno == EPIPE) {
         return 0;
     }
     complain(std::string("standard output: ") + std::strerror(errno));

@@ -162,25 +162,27 @@ void Rollback::stopAtChanges(const Backup& backup) {
 }
 
 void Rollback::backUpFirst(const Backup& backup) {
+    if (finishesWhatWasKilled() && call_.request.force) {
+        return;
+    }
     if (finishesWhatWasKilled()) {
         awaitEarlierRun(); // what it is still changing cannot be kept
     }
-    const bool isSame = finishesWhatWasKilled() && matchesHost(backup);
-    if (isSame || (finishesWhatWasKilled() && call_.request.force)) {
-        return;
-    }
-    // What is half changed, too: somebody may have gone on working since the kill.
     try {
+        if (finishesWhatWasKilled() && matchesHost(backup)) {
+            return; // it had changed nothing
+        }
+        // What is half changed, too: somebody may have gone on working since the kill.
         made_ = backups_.take(
             manifestOf(postfix_, "before rollback to " + backup.stamp, backup.manifest.paths));
     } catch (const std::exception& error) {
         throw Failure("rollback",
                       std::string("what there is now cannot be backed up: ") + error.what() +
                           "; nothing was done",
-                      cureOfBackup(error) +
-                          (finishesWhatWasKilled()
-                               ? " If not: torva-postfixctl rollback --force, which keeps no copy"
-                               : ""));
+                      finishesWhatWasKilled()
+                          ? cureOf(error) +
+                                ", or torva-postfixctl rollback --force, which keeps no copy"
+                          : cureOfBackup(error));
     }
 }
 

@@ -106,6 +106,17 @@ class KilledTest(AroundARunTest):
         self.assertEqual(postconf("-h", "relayhost"), "[later.example]\n")
         self.assertEqual((TABLES / "of-somebody").read_text(), "later\n")
 
+    def test_what_cannot_be_backed_up_is_no_end_of_the_way(self):
+        before = self.killed_apply()
+        with open(TABLES / "of-holes", "wb") as holes:
+            holes.truncate(1 << 40)
+        outcome = self.assertStatus(1, ctl("rollback", "--json"))
+        self.assertIn("what there is now cannot be backed up", outcome.findings("failed")[-1]["text"])
+        self.assertEqual(outcome.findings("failed")[-1]["action"],
+                         "remove the cause, or torva-postfixctl rollback --force, which keeps no copy")
+        self.assertStatus(0, ctl("rollback", "--force"))
+        self.assertSame(before, "after rollback")
+
     def test_way_out_is_told_when_the_backup_is_damaged(self):
         self.assertStatus(0, ctl("apply"))
         whole = stamps()[0]

@@ -121,6 +121,19 @@ class SystemdTest(SystemdWorld):
                          ("reload", "failed: no restart today", f"systemctl restart {self.UNIT}"))
         self.assertConfigurationIs(before)
 
+    def test_systemctl_that_never_answers_is_not_waited_for_without_end(self):
+        """With a timeout(1) that is faster."""
+        before = tree()
+        ANSWER.write_text("sleep 60\n")
+        self.put_in_place("/usr/local/sbin/timeout",
+                          f"#!/bin/sh\nif [ \"$2\" = systemctl ]; then\necho \"timeout $1\" >>{ASKED}\nshift\n"
+                          "exec /usr/bin/timeout 0.5 \"$@\"\nfi\nexec /usr/bin/timeout \"$@\"\n")
+        outcome = self.assertStatus(1, ctl("apply", "--reload", "--json"))
+        self.assertEqual(outcome.findings("failed")[0]["text"],
+                         f"failed: systemctl restart {self.UNIT} did not end within 300 seconds")
+        self.assertEqual(set(self.asked()), {"timeout 300", f"restart {self.UNIT}"})
+        self.assertConfigurationIs(before)
+
     def test_missing_systemctl_is_told(self):
         remove("/usr/bin/systemctl")
         program("/usr/bin/systemctl", "#!/no/such/interpreter\n")

@@ -82,7 +82,7 @@ int performAsRoot(Call& call) {
 
 /// On standard error, for people; for programs as an object, too.
 void tellTrouble(Call& call, const torva::ctl::Finding& trouble) {
-    torva::ctl::complain(trouble.text + ": " + trouble.advice);
+    torva::ctl::complain(trouble.text + ": " + call.report.adviceOf(trouble));
     if (call.request.json) {
         call.report.finding(trouble);
     }

@@ -143,7 +143,7 @@ bool FilesOfRun::isScratch(const std::string& path) const {
     const std::string other = path.substr(0, path.rfind('.'));
     return !entryIn(before_, path).isThere() &&
            (written_.count(other) != 0 || emptied_.count(other) != 0) &&
-           judgeScratchName(nameOf(path), nameOf(other)) == ScratchName::certain;
+           judgeScratchName(nameOf(path), nameOf(other)) == ScratchName::likely;
 }
 
 /// Whether nothing is lost with this index, because what it was made from is as before: the

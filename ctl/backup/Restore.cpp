@@ -148,10 +148,13 @@ ScratchName judgeScratchName(const std::string& name, const std::string& other) 
     if (!isRandom || all(isDigit) || all(isSmall) || all(isCapital)) {
         return ScratchName::no;
     }
-    // A word may have a capital at its beginning.
+    // People begin words with a capital, join them ("preTLS"), and put a number behind them.
     const bool hasSmall = std::any_of(letters.begin(), letters.end(), isSmall);
     const bool hasInnerCapital = std::any_of(letters.begin() + 1, letters.end(), isCapital);
-    return hasSmall && hasInnerCapital ? ScratchName::certain : ScratchName::possible;
+    const auto digit = std::find_if(letters.begin(), letters.end(), isDigit);
+    const bool hasInnerDigit = !std::all_of(digit, letters.end(), isDigit);
+    return hasSmall && hasInnerCapital && hasInnerDigit ? ScratchName::likely
+                                                        : ScratchName::possible;
 }
 
 std::vector<std::string> setScratchAside(const Backups& backups, const Backup& backup) {

@@ -30,8 +30,8 @@ void removeQueueDirectories(const Backup& backup);
 /// name.
 enum class ScratchName {
     no,       ///< "master.cf.backup", "master.cf.221126": somebody else has
-    possible, ///< "master.cf.Backup", "master.cf.jun221": it may have
-    certain,  ///< "master.cf.aB3dE6": nobody would think of it
+    possible, ///< "master.cf.Backup", "master.cf.preTLS": it may have
+    likely,   ///< "master.cf.aB3dE6": hardly anybody would think of it
 };
 
 /// Judges a name as those that mkstemp(3) makes: that of the other file, a dot, six letters
@@ -42,7 +42,7 @@ ScratchName judgeScratchName(const std::string& name, const std::string& other);
 /// the name "set-aside.NAME": files of root with a possible name and the access that a run
 /// gives them, which have been made since the backup was. All others stay.
 ///
-/// \return the names, without "set-aside.", of those that are not certainly a run's: the
+/// \return the names, without "set-aside.", of those that somebody else may have made: the
 ///         backup must not be removed
 /// \throws std::exception
 std::vector<std::string> setScratchAside(const Backups& backups, const Backup& backup);

@@ -56,7 +56,9 @@ bool hasType(const MapReference& map, const Postfix& postfix,
 std::vector<MapReference> mapsIn(const Value& value, const Postfix& postfix,
                                  const std::vector<std::string>& types) {
     std::vector<MapReference> maps = mapReferences(value.text);
-    if (boost::algorithm::ends_with(value.name, "_maps")) {
+    // What proxymap(8) may read can be any list, such as mynetworks.
+    const bool isOfProxy = value.name == "proxy_read_maps" || value.name == "proxy_write_maps";
+    if (!isOfProxy && boost::algorithm::ends_with(value.name, "_maps")) {
         for (const MapReference& map : tableElements(value.text)) {
             if (!hasType(map, postfix, types)) {
                 maps.push_back(map);
@@ -66,25 +68,27 @@ std::vector<MapReference> mapsIn(const Value& value, const Postfix& postfix,
     return maps;
 }
 
-/// Whether postalias(1) builds its index, in place of postmap(1).
-bool isOfAliases(const MapReference& map, const Postfix& postfix) {
+/// Tables "TYPE:PATH" of a kind.
+using Tables = std::set<std::string>;
+
+/// Those of which postalias(1) builds the index, in place of postmap(1).
+Tables tablesOfAliases(const Postfix& postfix) {
+    Tables tables;
     for (const char* name : {"alias_maps", "alias_database"}) {
-        for (const MapReference& one : mapReferences(postfix.value(name))) {
-            if (one.text() == map.text()) {
-                return true;
-            }
+        for (const MapReference& map : mapReferences(postfix.value(name))) {
+            tables.insert(map.text());
         }
     }
-    return false;
+    return tables;
 }
 
-/// The tables that the run itself builds: the panel's and alias databases.
-bool isBuiltByRun(const MapReference& map, const Postfix& postfix) {
-    const std::vector<AliasDatabase> databases = aliasDatabases(postfix);
-    return isAtOrBelow(map.file, tablesDirectory) ||
-           std::any_of(databases.begin(), databases.end(), [&](const AliasDatabase& database) {
-               return database.type == map.type && database.path == map.file;
-           });
+/// The alias databases that the run itself builds.
+Tables aliasesOfRun(const Postfix& postfix) {
+    Tables tables;
+    for (const AliasDatabase& database : aliasDatabases(postfix)) {
+        tables.insert(database.type + ":" + database.path);
+    }
+    return tables;
 }
 
 /// Types that Debian has in packages of their own.
@@ -104,13 +108,15 @@ std::string adviceOnType(const MapReference& map, const std::vector<std::string>
                       : "take it out of the configuration";
 }
 
-void findMap(const MapReference& map, const Postfix& postfix, Findings& findings) {
+void findMap(const MapReference& map, const Postfix& postfix, const Tables& aliases,
+             Findings& findings) {
     const std::string file = openedFile({postfix.readAs(map.type), map.file});
     if (::access(file.c_str(), F_OK) == 0) {
         return;
     }
     const bool hasSource = exists(map.file);
-    const std::string build = (isOfAliases(map, postfix) ? "postalias " : "postmap ") + map.text();
+    const std::string build =
+        (aliases.count(map.text()) != 0 ? "postalias " : "postmap ") + map.text();
     const std::string advice = !isIndexed(map.type) ? "write " + map.file
                                : hasSource          ? build
                                                     : "write " + map.file + " and run " + build;
@@ -121,10 +127,15 @@ void findMap(const MapReference& map, const Postfix& postfix, Findings& findings
 
 void findMaps(const Postfix& postfix, const MasterCfText& masterCf,
               const std::vector<std::string>& mapTypes, Findings& findings) {
-    std::set<std::string> seen;
+    const Tables aliases = tablesOfAliases(postfix);
+    const Tables builtByRun = aliasesOfRun(postfix);
+    Tables seen;
     for (const Value& value : valuesWithMaps(postfix, masterCf)) {
         for (const MapReference& map : mapsIn(value, postfix, mapTypes)) {
-            if (isBuiltByRun(map, postfix) || !seen.insert(map.text()).second) {
+            const bool isNew = seen.insert(map.text()).second;
+            // The run builds the panel's tables, too.
+            if (!isNew || builtByRun.count(map.text()) != 0 ||
+                isAtOrBelow(map.file, tablesDirectory)) {
                 continue;
             }
             if (!hasType(map, postfix, mapTypes)) {
@@ -132,7 +143,7 @@ void findMaps(const Postfix& postfix, const MasterCfText& masterCf,
                                  adviceOnType(map, mapTypes));
             } else if (!isAtOrBelow(map.file, postfix.value("data_directory"))) {
                 // Postfix's daemons create those in the data directory.
-                findMap(map, postfix, findings);
+                findMap(map, postfix, aliases, findings);
             }
         }
     }

@@ -98,7 +98,11 @@ std::vector<MapReference> tableElements(const std::string& value) {
         }
         const std::string::size_type colon = element.find(':');
         const std::string type = element.substr(0, colon);
-        if (colon != std::string::npos && type.find_first_of("{/") == std::string::npos) {
+        const bool isType = std::all_of(type.begin(), type.end(), [](char character) {
+            return isTypeCharacter(character) || character == '_' || character == '-' ||
+                   (character >= '0' && character <= '9');
+        });
+        if (colon != std::string::npos && !type.empty() && isType) {
             found.push_back({type, element.substr(colon + 1)});
         }
     }

@@ -4,6 +4,7 @@
 #include "ctl/rehearsal/DeliveryFindings.h"
 #include "ctl/rehearsal/FindingWire.h"
 #include "ctl/rehearsal/InnerWorld.h"
+#include "ctl/rehearsal/MessageTrail.h"
 #include "ctl/rehearsal/OutsideNetwork.h"
 #include "ctl/rehearsal/SmtpConnection.h"
 #include "ctl/rehearsal/WatchedTool.h"

@@ -15,7 +15,7 @@ using boost::algorithm::starts_with;
 
 const char* const instancePrograms[] = {"postconf ", "postfix ", "postmap ", "postalias ",
                                         "torva-postfixctl "};
-const char* const separators[] = {": ", "; ", "&& ", "then ", "or "};
+const char* const separators[] = {": ", "; ", "&& ", "then ", "or ", "run ", "sudo "};
 
 bool isCommand(std::string_view before, std::string_view rest) {
     const auto starts = [&rest](const char* program) { return starts_with(rest, program); };

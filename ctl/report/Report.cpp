@@ -104,7 +104,7 @@ void Report::finding(const Finding& finding) {
     const LevelStyle style = styleOf(finding.level);
     const std::string text = inOneLine(finding.text);
     std::vector<Field> fields{{"level", style.name}, {"subject", finding.subject}, {"text", text}};
-    const std::string advice = adviceFor(instance_, finding.advice);
+    const std::string advice = adviceOf(finding);
     if (!advice.empty()) {
         fields.emplace_back("action", advice);
     }
@@ -119,6 +119,10 @@ void Report::finding(const Finding& finding) {
                 wrapped(oneLine(advice), width_, textColumn + 3) + '\n';
     }
     emit(fields, line);
+}
+
+std::string Report::adviceOf(const Finding& finding) const {
+    return adviceFor(instance_, finding.advice);
 }
 
 void Report::findings(const std::vector<Finding>& findings) {

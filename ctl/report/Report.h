@@ -38,6 +38,9 @@ public:
     void finding(const Finding& finding);
     void findings(const std::vector<Finding>& findings);
 
+    /// The advice of a finding for this instance of Postfix, see InstanceAdvice.h.
+    std::string adviceOf(const Finding& finding) const;
+
     /// Prints a heading above a part of a longer report; nothing for programs.
     void heading(const std::string& text);
 

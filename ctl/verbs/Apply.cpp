@@ -55,6 +55,7 @@ private:
     std::string activateAgain();
     std::string foreignWork(const Manifest& manifest) const;
     bool keepForeignChanges(const Manifest& manifest);
+    void keepRestoredState();
     FixedAtStart fixedNow() const;
 
     Call& call_;
@@ -212,6 +213,18 @@ std::string Apply::activateAgain() {
     return activation_ && activation_->tried() ? activation_->activate(fixedNow()) : std::string();
 }
 
+/// For the next rollback: what somebody changes from now on.
+void Apply::keepRestoredState() {
+    try {
+        const Manifest manifest = backups_.find(stamp_).value().manifest;
+        backups_.keepLeftState(stamp_, captureState(askPostfix(), manifest.paths));
+    } catch (const std::exception& error) {
+        report_.finding({Level::warning, "backup",
+                         std::string("a next rollback will not see later changes: ") + error.what(),
+                         "keep a copy of what you change"});
+    }
+}
+
 /// The end of a failed apply.
 int Apply::takeBack() {
     ignoreSignals();
@@ -219,6 +232,9 @@ int Apply::takeBack() {
     try {
         const bool isKept = stamp_.empty() || restoreBackup();
         failure = activateAgain();
+        if (isKept && !stamp_.empty()) {
+            keepRestoredState();
+        }
         clearMarker(backups_); // not before: if killed until here, Postfix may be stopped
         if (!isKept) {
             backups_.remove(stamp_); // it is identical to the host

@@ -19,7 +19,6 @@ namespace torva::ctl {
 Manifest manifestOf(const Postfix& postfix, const std::string& reason,
                     const std::vector<std::string>& more = {});
 
-/// What a verb tells that was given a backup of another instance of Postfix.
 /// What to tell of an error that has ended a verb.
 Finding troubleOf(const std::exception& error, const std::string& verb);
 
@@ -32,6 +31,7 @@ std::string cureOf(const std::exception& error);
 /// The same about a backup that could not be made.
 std::string cureOfBackup(const std::exception& error);
 
+/// What a verb tells that was given a backup of another instance of Postfix.
 Finding otherInstance(const std::string& verb, const Backup& backup);
 
 /// Prints changes, each as a line or an object.

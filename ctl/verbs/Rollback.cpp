@@ -4,6 +4,7 @@
 #include "ctl/backup/Marker.h"
 #include "ctl/backup/Restore.h"
 #include "ctl/host/Files.h"
+#include "ctl/host/Lists.h"
 #include "ctl/host/PanelRun.h"
 #include "ctl/host/TouchedPaths.h"
 #include "ctl/verbs/Activation.h"
@@ -12,7 +13,9 @@
 #include "ctl/verbs/Signals.h"
 #include "ctl/verbs/Verbs.h"
 
+#include <algorithm>
 #include <optional>
+#include <set>
 #include <sstream>
 
 namespace torva::ctl {
@@ -56,13 +59,13 @@ public:
         }
         restoreBackup(backup, activation.wasRunning());
         takeUp(activation);
-        keepLeftState();
     }
 
 private:
     bool finishesWhatWasKilled() const { return marker_.isSet() && !marker_.beforeAnyChange(); }
     Backup chosenBackup() const;
     std::vector<Change> changesSince(const Backup& applied) const;
+    std::set<std::string> otherInstances() const;
     void stopAtOtherInstance(const Backup& backup) const;
     void stopAtChanges(const Backup& backup);
     void backUpFirst(const Backup& backup);
@@ -121,16 +124,32 @@ std::vector<Change> Rollback::changesSince(const Backup& applied) const {
     }
 }
 
+/// The configuration directories of all instances but this one, as far as they are known.
+std::set<std::string> Rollback::otherInstances() const {
+    std::set<std::string> directories{"/etc/postfix"};
+    for (const char* name : {"multi_instance_directories", "alternate_config_directories"}) {
+        for (const std::string& directory : listElements(postfix_.value(name))) {
+            directories.insert(directory);
+        }
+    }
+    for (const Backup& backup : backups_.list()) {
+        directories.insert(backup.manifest.configuration);
+    }
+    const std::string own = resolved(postfix_.directory);
+    for (auto one = directories.begin(); one != directories.end();) {
+        one = resolved(*one) == own ? directories.erase(one) : std::next(one);
+    }
+    return directories;
+}
+
 /// Stops if another instance of Postfix would lose the panel's tables, which are in one place
 /// for all.
 void Rollback::stopAtOtherInstance(const Backup& backup) const {
     if (call_.request.force || partOf(backup.manifest.entries, tablesDirectory).size() > 1) {
         return;
     }
-    for (const Backup& other : backups_.list()) {
-        const std::string& configuration = other.manifest.configuration;
-        if (other.ofApply() && !other.ofInstance(postfix_.directory) &&
-            usesPanelTables(configuration)) {
+    for (const std::string& configuration : otherInstances()) {
+        if (usesPanelTables(configuration)) {
             throw Failure("rollback",
                           "the tables of the panel would be removed, which " + configuration +
                               " uses; nothing was done",
@@ -147,15 +166,18 @@ void Rollback::stopAtChanges(const Backup& backup) {
         return;
     }
     const std::vector<Backup> all = backups_.listOf(postfix_.directory);
-    if (all.empty() || !all.back().hasLeftState) {
-        return; // the last verb did not end, or was of an earlier version
+    // Later ones are of verbs that have changed nothing in the end.
+    const auto last =
+        std::find_if(all.rbegin(), all.rend(), [](const Backup& one) { return one.hasLeftState; });
+    if (last == all.rend()) {
+        return; // all are of an earlier version
     }
-    const std::vector<Change> changes = changesSince(all.back());
+    const std::vector<Change> changes = changesSince(*last);
     if (!changes.empty() && !matchesHost(backup)) {
         printChanges(report_, changes);
         throw Failure("rollback",
                       std::to_string(changes.size()) + " changes since the " +
-                          (all.back().ofApply() ? "apply" : "last rollback") +
+                          (last->ofApply() ? "apply" : "last rollback") +
                           " would be lost; nothing was done",
                       "torva-postfixctl rollback --force");
     }
@@ -202,6 +224,7 @@ void Rollback::restoreBackup(const Backup& backup, bool running) {
     } catch (const Locked& locked) { // before the first change
         if (!finishesWhatWasKilled()) {
             clearMarker(backups_);
+            backups_.remove(made_);
         }
         throw Failure("lock", locked.what(), "wait for its end, or end it");
     } catch (const std::exception& error) {
@@ -221,6 +244,7 @@ void Rollback::takeUp(Activation& activation) {
     } else if (const auto warning = activation.leaveRunning(fixed)) {
         report_.finding(*warning);
     }
+    keepLeftState();
     clearMarker(backups_); // not before: if killed until here, Postfix may be stopped
     if (!failure.empty()) {
         const std::string state = masterProcess(now) == 0 ? "; Postfix is not running" : "";
@@ -244,7 +268,7 @@ void Rollback::keepLeftState() {
     } catch (const std::exception& error) {
         report_.finding({Level::warning, "backup",
                          std::string("a next rollback will not see later changes: ") + error.what(),
-                         "before it, look at torva-postfixctl diff " + stamp_});
+                         "keep a copy of what you change"});
     }
 }
 

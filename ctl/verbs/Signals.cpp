@@ -23,6 +23,11 @@ void handle(void (*handler)(int)) {
     action.sa_handler = handler;
     action.sa_flags = SA_RESTART;
     for (const int signal : {SIGHUP, SIGINT, SIGTERM}) {
+        struct sigaction present {};
+        if (signal == SIGHUP && ::sigaction(signal, nullptr, &present) == 0 &&
+            present.sa_handler == SIG_IGN) {
+            continue; // nohup(1): for us, and for the programs that we start
+        }
         ::sigaction(signal, &action, nullptr);
     }
 }

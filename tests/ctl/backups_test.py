@@ -1,6 +1,7 @@
 """Backups: of several instances of Postfix, pruned, damaged, of other versions and clocks."""
 
 import os
+import shutil
 from pathlib import Path
 
 import ctlworld
@@ -68,6 +69,13 @@ class InstancesTest(QuietCheckTest):
         run("sh", "-c", outcome.findings("failed")[-1]["action"].split(", then")[0])
         self.assertStatus(0, ctl("rollback"))
         self.assertSame(self.before, "after both rollbacks")
+
+    def test_tables_that_an_instance_uses_which_no_apply_has_configured_are_not_removed(self):
+        self.assertStatus(0, ctl("rollback", argv=self.OTHER))
+        shutil.rmtree(BACKUPS)
+        self.assertStatus(0, ctl("apply"))
+        run("cp", "-a", "/etc/postfix/main.cf", "/etc/postfix/master.cf", "/etc/postfix-out/")
+        self.assertIn("which /etc/postfix-out uses", self.assertStatus(1, ctl("rollback", "--json")).out)
 
     def test_advice_names_the_instance(self):
         outcome = self.assertStatus(0, ctl("apply", "--json", argv=self.OTHER))

@@ -8,7 +8,7 @@ import subprocess
 from pathlib import Path
 
 import ctlworld
-from ctlworld import (BACKUPS, MAIN_CF, MARKER, TABLES, TOOL, AroundARunTest, QuietCheckTest, ctl, kill_group,
+from ctlworld import (BACKUPS, CTL, MAIN_CF, MARKER, TABLES, TOOL, AroundARunTest, QuietCheckTest, ctl, kill_group,
                       postconf, program, remove, run, settle, stamps, start, tree, wait_until, write)
 
 MOMENT = Path("/run/moment")  # a stand-in touches it when it has been reached
@@ -156,6 +156,45 @@ class EditsTest(AroundARunTest):
         self.assertSame(now, "nothing was done")
         self.assertStatus(0, ctl("rollback", "--force"))
         self.assertEqual(postconf("-h", "relayhost"), "\n")
+
+
+    def test_edits_are_listed_after_a_rollback_whose_reload_failed(self):
+        run("postfix", "start")
+        self.addCleanup(run, "/usr/sbin/postfix.real", "stop", check=False)
+        self.assertStatus(0, ctl("apply", "--reload"))
+        program("/usr/sbin/postfix", "#!/bin/sh\ncase \"$*\" in reload | stop) exit 1 ;; esac\n"
+                "exec /usr/sbin/postfix.real \"$@\"\n")
+        self.assertStatus(1, ctl("rollback", "--reload"))
+        self.assertEditStops()
+
+    def test_edits_are_listed_after_an_apply_that_failed_while_somebody_else_was_at_work(self):
+        self.replace_program(TOOL, "#!/bin/sh\n$REAL\npostconf -e 'relayhost = [mine.example]'\nexit 1\n")
+        self.assertStatus(1, ctl("apply"))
+        self.assertEqual(len(stamps()), 2)
+        self.assertEditStops()
+
+    def test_edits_are_listed_when_the_newest_backup_is_damaged(self):
+        self.assertStatus(0, ctl("apply"))
+        self.assertStatus(0, ctl("apply"))
+        write(BACKUPS / stamps()[-1] / "sums", "nothing\n", 0o600)
+        self.assertEditStops()
+
+    def assertEditStops(self):
+        run("postconf", "-e", "smtpd_banner=mine")
+        outcome = self.assertStatus(1, ctl("rollback", "--json"))
+        self.assertIn("smtpd_banner", [o["name"] for o in outcome.objects() if "change" in o])
+        self.assertEqual(postconf("-h", "smtpd_banner"), "mine\n")
+
+
+class HangUpTest(AroundARunTest):
+    def test_verbs_under_nohup_go_on(self):
+        self.addCleanup(remove, MOMENT)
+        self.replace_program(TOOL, f"#!/bin/sh\n$REAL\ntouch {MOMENT}; sleep 0.3\n")
+        process = subprocess.Popen(["nohup", CTL, "apply"], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                   stderr=subprocess.DEVNULL, start_new_session=True)
+        wait_until(MOMENT.exists, "the end of the run")
+        os.killpg(process.pid, signal.SIGHUP)
+        self.assertEqual(process.wait(), 0)
 
 
 class TemporaryFilesTest(QuietCheckTest):

@@ -136,8 +136,9 @@ class KilledTest(AroundARunTest):
                 fcntl.flock(held, fcntl.LOCK_EX)
                 process = subprocess.Popen([ctlworld.CTL, verb], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                            stderr=subprocess.PIPE, text=True)
-                self.assertEqual(process.stderr.readline(),
-                                 "torva-postfixctl: waiting for what an earlier run has started\n")
+                # On a busy machine there may be others before it.
+                self.assertIn("torva-postfixctl: waiting for what an earlier run has started\n",
+                              iter(process.stderr.readline, ""))
             process.communicate()
             self.assertEqual(process.returncode, 0, verb)
 

@@ -131,7 +131,7 @@ class SystemdTest(SystemdWorld):
         outcome = self.assertStatus(1, ctl("apply", "--reload", "--json"))
         self.assertEqual(outcome.findings("failed")[0]["text"],
                          f"failed: systemctl restart {self.UNIT} did not end within 300 seconds")
-        self.assertEqual(set(self.asked()), {"timeout 300", f"restart {self.UNIT}"})
+        self.assertIn("timeout 300", self.asked())
         self.assertConfigurationIs(before)
 
     def test_missing_systemctl_is_told(self):

@@ -114,6 +114,9 @@ TEST_F(PipeTest, SeveralProcessesRunAtOnceWithTheirOwnStreamsAndStatuses) {
 
 TEST_F(PipeTest, LaunchOfANestedPipeIsRefusedAndTheOuterGoesOn) {
     Pipe outer;
+    // The child ends when this is closed: its end between two censuses would be a difference.
+    PipeEnds go = openPipe("pipe");
+    outer.inputFd = go.read.get();
     std::string refusal;
     std::string output;
     outer.output = [&](const std::vector<char>& chunk) {
@@ -123,8 +126,9 @@ TEST_F(PipeTest, LaunchOfANestedPipeIsRefusedAndTheOuterGoesOn) {
         refusal = thrownBy([&] { inner.launch(); });
         EXPECT_EQ(before, census());
         output.append(chunk.begin(), chunk.end());
+        go.write.closeQuietly();
     };
-    outer.addProcess("/bin/sh", shell("echo on; exit 5"));
+    outer.addProcess("/bin/sh", shell("echo on; read word; exit 5"));
     outer.launch();
     EXPECT_EQ("logic_error ProcessSetCatcher instance has been installed already", refusal);
     EXPECT_EQ("on\n", output);

@@ -44,11 +44,12 @@ bool isOneOf(const std::string& type, const std::vector<std::string>& types) {
     return std::find(types.begin(), types.end(), type) != types.end();
 }
 
-/// Whether Postfix has the type of a table. A missing "hash" is a finding of its own, see
+/// Whether Postfix has the type of a table. Missing Berkeley DB is a finding of its own, see
 /// findSupport().
 bool hasType(const MapReference& map, const Postfix& postfix,
              const std::vector<std::string>& types) {
-    return types.empty() || map.type == "hash" || isOneOf(postfix.readAs(map.type), types);
+    return types.empty() || map.type == "hash" || map.type == "btree" ||
+           isOneOf(postfix.readAs(map.type), types);
 }
 
 /// The tables in a value. Where nothing but tables can stand, a type that Postfix never had is

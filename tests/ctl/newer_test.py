@@ -191,7 +191,8 @@ esac
 
     def test_redirect_is_told_and_maps_are_looked_for_under_the_type_that_is_read(self):
         self.redirect_to("lmdb", f"case $last in hash:*) say {quoted(redirect_words('postmap', '/t', 'lmdb'))} ;; esac\n")
-        write(MAIN_CF, MAIN_CF.read_text() + "virtual_alias_maps = hash:/etc/postfix/virtual\n")
+        write(MAIN_CF, MAIN_CF.read_text() + "virtual_alias_maps = hash:/etc/postfix/virtual\n"
+              "smtp_tls_session_cache_database = btree:${data_directory}/smtp_scache\n")
         write(POSTFIX / "virtual", "")
         write(POSTFIX / "virtual.db", "")
         outcome = self.assertStatus(0, ctl("check", "--json"))
